@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
+# Installs what is needed, builds, checks formatting and runs every test: unit and component tests
+# directly, desktop tests inside the headless rig, then unit and component tests again under
+# AddressSanitizer + UndefinedBehaviorSanitizer.
+#   QUILLVOX_SKIP_SANITIZERS=1  skip the sanitizer build (quicker local runs)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+jobs=$(nproc 2>/dev/null || echo 2)
+
+step() { printf '\n==> %s\n' "$*"; }
+
+step "Installing dependencies"
+scripts/install-deps.sh </dev/null
+
+step "Building"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build -j "$jobs"
+
+step "Checking formatting"
+cmake --build build --target check-format
+
+step "Unit and component tests"
+ctest --test-dir build -L 'unit|component' --output-on-failure -j "$jobs" </dev/null
+
+step "Desktop tests (headless rig)"
+mkdir -p build/rig
+RIG_DIR=$(mktemp -d "$root/build/rig/run.XXXXXX") \
+    scripts/rig.sh -- ctest --test-dir build -L desktop --output-on-failure </dev/null
+
+if [ "${QUILLVOX_SKIP_SANITIZERS:-0}" != 1 ]; then
+    step "Unit and component tests under ASan + UBSan"
+    cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUILLVOX_SANITIZE=ON
+    cmake --build build-asan -j "$jobs"
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest --test-dir build-asan -L 'unit|component' --output-on-failure -j "$jobs" </dev/null
+fi
+
+step "All tests passed"
