@@ -28,14 +28,14 @@ QUrl originFrom(const QProcessEnvironment &env, const QString &name, const QStri
 DeploymentConfig DeploymentConfig::fromEnvironment(const QProcessEnvironment &env)
 {
     DeploymentConfig c;
-    c.serviceOrigin = originFrom(env, QStringLiteral("QUILLVOX_SERVICE_ORIGIN"),
-                                 QStringLiteral("https://quillvox.app"));
-    c.authOrigin = originFrom(env, QStringLiteral("QUILLVOX_AUTH_ORIGIN"),
-                              QStringLiteral("https://auth.quillvox.app"));
+    c.serviceOrigin =
+        originFrom(env, QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), QStringLiteral("https://quillvox.app"));
+    c.authOrigin =
+        originFrom(env, QStringLiteral("QUILLVOX_AUTH_ORIGIN"), QStringLiteral("https://auth.quillvox.app"));
     c.authAnonKey = env.value(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"));
     c.openAIOriginFromEnvironment = !env.value(QStringLiteral("QUILLVOX_OPENAI_ORIGIN")).isEmpty();
-    c.openAIOrigin = originFrom(env, QStringLiteral("QUILLVOX_OPENAI_ORIGIN"),
-                                QStringLiteral("https://api.openai.com"));
+    c.openAIOrigin =
+        originFrom(env, QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), QStringLiteral("https://api.openai.com"));
     c.appcastUrl = originFrom(env, QStringLiteral("QUILLVOX_APPCAST_URL"),
                               QStringLiteral("https://quillvox.app/appcast.xml"));
     const QString output = env.value(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"));

@@ -20,8 +20,8 @@ struct DeploymentConfig
     AudioOutput audioOutput = AudioOutput::Pulse;
     QString keychainService;
 
-    static DeploymentConfig fromEnvironment(
-        const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
+    static DeploymentConfig
+    fromEnvironment(const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
     // The configuration of this process, read once.
     static const DeploymentConfig &current();
 };

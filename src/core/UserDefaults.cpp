@@ -64,8 +64,7 @@ std::optional<quint64> unsignedValue(const QVariant &v, quint64 max)
 
 UserDefaults::UserDefaults(const QString &filePath)
     : m_settings(std::make_unique<QSettings>(filePath, QSettings::IniFormat))
-{
-}
+{}
 
 UserDefaults::~UserDefaults() = default;
 

@@ -14,7 +14,9 @@ class VoiceStyle
 public:
     enum Case { Standard, Calm, Friendly, Professional, BedtimeStory, Dramatic, Cheerful };
 
-    constexpr VoiceStyle(Case c = Standard) : m_case(c) {}
+    constexpr VoiceStyle(Case c = Standard)
+        : m_case(c)
+    {}
 
     // The case whose raw value equals text exactly (case-sensitive), or nothing.
     static std::optional<VoiceStyle> fromRawValue(const QString &text);

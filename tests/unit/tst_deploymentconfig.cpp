@@ -30,16 +30,20 @@ private Q_SLOTS:
         const QString svc = QStringLiteral("https://quillvox.app");
         const QString oai = QStringLiteral("https://api.openai.com");
         const QString kc = QStringLiteral("com.vantor.quillvox");
-        QTest::newRow("service origin") << "QUILLVOX_SERVICE_ORIGIN" << "http://127.0.0.1:8080"
+        QTest::newRow("service origin") << "QUILLVOX_SERVICE_ORIGIN"
+                                        << "http://127.0.0.1:8080"
                                         << "http://127.0.0.1:8080" << oai << kc << false;
-        QTest::newRow("trailing slashes dropped") << "QUILLVOX_OPENAI_ORIGIN" << "http://localhost:9/v//"
-                                                  << svc << "http://localhost:9/v" << kc << false;
-        QTest::newRow("not a URL falls back") << "QUILLVOX_SERVICE_ORIGIN" << "not a url" << svc << oai << kc
-                                              << false;
-        QTest::newRow("keychain service") << "QUILLVOX_KEYCHAIN_SERVICE" << "demo" << svc << oai << "demo"
-                                          << false;
-        QTest::newRow("null output") << "QUILLVOX_AUDIO_OUTPUT" << "null" << svc << oai << kc << true;
-        QTest::newRow("unknown output") << "QUILLVOX_AUDIO_OUTPUT" << "alsa" << svc << oai << kc << false;
+        QTest::newRow("trailing slashes dropped")
+            << "QUILLVOX_OPENAI_ORIGIN"
+            << "http://localhost:9/v//" << svc << "http://localhost:9/v" << kc << false;
+        QTest::newRow("not a URL falls back") << "QUILLVOX_SERVICE_ORIGIN"
+                                              << "not a url" << svc << oai << kc << false;
+        QTest::newRow("keychain service") << "QUILLVOX_KEYCHAIN_SERVICE"
+                                          << "demo" << svc << oai << "demo" << false;
+        QTest::newRow("null output") << "QUILLVOX_AUDIO_OUTPUT"
+                                     << "null" << svc << oai << kc << true;
+        QTest::newRow("unknown output") << "QUILLVOX_AUDIO_OUTPUT"
+                                        << "alsa" << svc << oai << kc << false;
     }
 
     void overrides()

@@ -144,10 +144,11 @@ private Q_SLOTS:
         QTest::newRow("JSON as text") << QByteArray("\"[1,2]\"") << true << false << false << false;
         QTest::newRow("true") << QByteArray("true") << true << true << false << false;
         QTest::newRow("bytes") << QByteArray("@ByteArray([1])") << false << false << true << false;
-        QTest::newRow("date") << QByteArray("@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8c\\x9a\\0\\x1bw@\\x1)")
+        QTest::newRow("date") << QByteArray(
+                                     "@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8c\\x9a\\0\\x1bw@\\x1)")
                               << false << false << false << true;
-        QTest::newRow("broken variant") << QByteArray("@Variant(\\0\\0\\0\\x7f)") << false << false << false
-                                        << false;
+        QTest::newRow("broken variant")
+            << QByteArray("@Variant(\\0\\0\\0\\x7f)") << false << false << false << false;
         QTest::newRow("list") << QByteArray("a, b") << false << false << false << false;
     }
 

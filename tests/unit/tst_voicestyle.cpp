@@ -51,8 +51,8 @@ private Q_SLOTS:
         QStringList raw;
         for (VoiceStyle s : VoiceStyle::allCases())
             raw << s.rawValue();
-        QCOMPARE(raw, QStringList({"Standard", "Calm", "Friendly", "Professional", "Bedtime Story", "Dramatic",
-                                   "Cheerful"}));
+        QCOMPARE(raw, QStringList({"Standard", "Calm", "Friendly", "Professional", "Bedtime Story",
+                                   "Dramatic", "Cheerful"}));
         QCOMPARE(availableVoices(),
                  QStringList({"marin", "cedar", "alloy", "echo", "fable", "nova", "onyx", "shimmer"}));
         QCOMPARE(defaultVoice(), QStringLiteral("marin"));

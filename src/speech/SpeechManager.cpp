@@ -1,0 +1,819 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "speech/SpeechManager.h"
+
+#include "account/KeychainHelper.h"
+#include "core/Logging.h"
+#include "core/UserDefaults.h"
+#include "platform/AudioSink.h"
+#include "speech/AudioEngine.h"
+#include "speech/NarrationServices.h"
+#include "speech/NarrationText.h"
+#include "speech/SpeechStream.h"
+
+#include <QFile>
+#include <QNetworkAccessManager>
+
+#include <algorithm>
+
+namespace {
+
+const QString kSelectedVoiceKey = QStringLiteral("selectedVoice");
+const QString kSelectedVoiceStyleKey = QStringLiteral("selectedVoiceStyle");
+const QString kWidgetAppearanceKey = QStringLiteral("widgetAppearance");
+const QString kWidgetThemeKey = QStringLiteral("widgetTheme");
+
+constexpr qsizetype kPrebufferBytes =
+    qsizetype(SpeechManager::kPrebufferDurationSeconds * SpeechManager::kSampleRateHz * 2);
+
+double secondsForBytes(qint64 bytes)
+{
+    return double(bytes) * 0.5 / SpeechManager::kSampleRateHz;
+}
+
+SpeechManager *g_shared = nullptr;
+
+} // namespace
+
+SpeechManager::SpeechManager(Services services, QObject *parent)
+    : QObject(parent)
+    , m_services(std::move(services))
+{
+    Q_ASSERT(m_services.defaults && m_services.keychain && m_services.account && m_services.selection);
+    if (m_services.network) {
+        m_network = m_services.network;
+    } else {
+        m_ownNetwork = std::make_unique<QNetworkAccessManager>();
+        m_network = m_ownNetwork.get();
+    }
+
+    UserDefaults &d = *m_services.defaults;
+    m_selectedVoice = d.string(kSelectedVoiceKey).value_or(defaultVoice());
+    m_selectedVoiceStyle = VoiceStyle::fromRawValue(d.string(kSelectedVoiceStyleKey).value_or(QString()))
+                               .value_or(VoiceStyle::Standard);
+    m_widgetAppearance = widgetAppearanceFromRawValue(d.string(kWidgetAppearanceKey).value_or(QString()));
+    m_widgetTheme = widgetThemeFromRawValue(d.string(kWidgetThemeKey).value_or(QString()));
+
+    m_seekDebounce.setSingleShot(true);
+    m_seekDebounce.setInterval(50);
+    connect(&m_seekDebounce, &QTimer::timeout, this, &SpeechManager::performPendingSeek);
+    m_progressTimer.setInterval(200);
+    connect(&m_progressTimer, &QTimer::timeout, this, &SpeechManager::updateProgress);
+
+    setupAudioEngine();
+}
+
+SpeechManager::~SpeechManager()
+{
+    cancelCurrentTask();
+    if (g_shared == this)
+        g_shared = nullptr;
+}
+
+void SpeechManager::installShared(SpeechManager *manager)
+{
+    g_shared = manager;
+}
+
+SpeechManager &SpeechManager::shared()
+{
+    Q_ASSERT_X(g_shared, "SpeechManager::shared", "the application installs the shared instance at start");
+    return *g_shared;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Narration
+
+bool SpeechManager::isNewText(const QString &text) const
+{
+    const QString n = NarrationText::normalizedText(text);
+    if (n.isEmpty())
+        return false;
+    const QString c = NarrationText::comparableText(text);
+    if (m_lastSpokenTextNormalized && *m_lastSpokenTextNormalized == n)
+        return false;
+    if (m_lastSpokenTextComparable && *m_lastSpokenTextComparable == c)
+        return false;
+    return true;
+}
+
+void SpeechManager::handleNarrationTrigger()
+{
+    if (!m_services.selection->isProcessTrusted(false)) {
+        setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+        return;
+    }
+    const std::optional<QString> captured = m_services.selection->captureSelectedText();
+    const QString trimmed = captured ? captured->trimmed() : QString();
+    if (!trimmed.isEmpty() && isNewText(trimmed)) {
+        QTimer::singleShot(0, this, [this, trimmed] { speak(trimmed); });
+        return;
+    }
+    if (m_hasContent) {
+        togglePlayPause();
+        return;
+    }
+    if (trimmed.isEmpty())
+        setCurrentError(SpeechError::make(SpeechError::noTextSelected));
+}
+
+double SpeechManager::estimatedDuration(const QString &text) const
+{
+    return NarrationText::estimatedDuration(text, m_playbackSpeed);
+}
+
+void SpeechManager::speak(const QString &text)
+{
+    if (text.isEmpty())
+        return;
+    const QString n = NarrationText::normalizedText(text);
+    if (n.isEmpty())
+        return;
+    m_lastSpokenTextNormalized = n;
+    m_lastSpokenTextComparable = NarrationText::comparableText(text);
+    m_currentNarrationText = text;
+    m_currentNarrationVoice = m_selectedVoice;
+    m_isVoicePreview = false;
+
+    stop();
+    const quint64 generation = m_speakGeneration;
+
+    // The backend follows the presence of an access token; there is no separate setting for it.
+    if (m_services.keychain->load(KeychainKey::accessToken)) {
+        startServiceNarration(text, generation);
+        return;
+    }
+    const std::optional<QString> key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    if (!key || key->isEmpty()) {
+        setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+        return;
+    }
+    setCurrentError(std::nullopt);
+    streamSpeech(SpeechBackend::OpenAI, *key, text, estimatedDuration(text));
+}
+
+void SpeechManager::startServiceNarration(const QString &text, quint64 speakGeneration)
+{
+    AccountGate &account = *m_services.account;
+    if (!account.isSignedIn()) {
+        setCurrentError(SpeechError::make(SpeechError::notSignedIn));
+        return;
+    }
+    if (account.balanceSeconds() < 60) {
+        setCurrentError(SpeechError::makeInsufficientBalance(account.minutesRemaining()));
+        return;
+    }
+    account.getValidAccessToken(this, [this, text, speakGeneration](std::optional<QString> token) {
+        // A stop or a newer narration while the token was fetched abandons this one.
+        if (speakGeneration != m_speakGeneration)
+            return;
+        if (!token) {
+            setCurrentError(SpeechError::make(SpeechError::notSignedIn));
+            return;
+        }
+        setCurrentError(std::nullopt);
+        streamSpeech(SpeechBackend::Service, *token, text, estimatedDuration(text));
+    });
+}
+
+void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credential, const QString &text,
+                                 double estimate)
+{
+    setIsProcessing(true);
+    withState([](StreamState &s) { s.isStreamActive = true; });
+    setHasContent(true);
+    setIsPlaying(false);
+    withState([](StreamState &s) { s.hasStartedPlayback = false; });
+    setDisplayedTotalTime(estimate <= 0.1 ? 0.1 : estimate);
+
+    if (!ensureAudioEngine())
+        return;
+    // Wake the device now: an idle output swallows the first word.
+    m_engine->prepare();
+
+    TTSRequest body;
+    body.model = speechModel(backend);
+    body.input = text;
+    body.voice = m_selectedVoice;
+    body.instructions = m_selectedVoiceStyle.instructions();
+    const QUrl origin =
+        backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
+
+    auto *stream =
+        new SpeechStream(m_network, buildSpeechRequest(backend, origin, credential), body.toJson(), this);
+    m_currentTask = stream;
+    m_currentTaskViaService = backend == SpeechBackend::Service;
+    m_pendingBytes.clear();
+    connect(stream, &SpeechStream::headReceived, this, &SpeechManager::onStreamHead);
+    connect(stream, &SpeechStream::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
+    connect(stream, &SpeechStream::dataReceived, this, &SpeechManager::appendStreamBytes);
+    connect(stream, &SpeechStream::bodyFinished, this, [this] { recordNarration(m_currentTaskViaService); });
+    stream->start();
+}
+
+void SpeechManager::onStreamHead(int status)
+{
+    if (status == 200)
+        return;
+    cancelCurrentTask();
+    if (status == 402)
+        setCurrentError(SpeechError::makeInsufficientBalance(m_services.account->minutesRemaining()));
+    else
+        setCurrentError(SpeechError::makeApiError(status, httpReasonPhrase(status)));
+    setIsProcessing(false);
+    if (m_engine && !m_isPlaying)
+        m_engine->stop(); // let the device idle again
+}
+
+void SpeechManager::onStreamFailedBeforeHead()
+{
+    cancelCurrentTask();
+    setCurrentError(SpeechError::make(SpeechError::invalidResponse));
+    setIsProcessing(false);
+    if (m_engine && !m_isPlaying)
+        m_engine->stop();
+}
+
+void SpeechManager::cancelCurrentTask()
+{
+    if (SpeechStream *stream = m_currentTask) {
+        m_currentTask = nullptr;
+        stream->disconnect(this);
+        stream->cancel();
+        stream->deleteLater();
+    }
+}
+
+void SpeechManager::recordNarration(bool viaService)
+{
+    withState([](StreamState &s) { s.isStreamActive = false; });
+    finishStream();
+    cancelCurrentTask();
+
+    const QByteArray audio = m_isVoicePreview
+                                 ? QByteArray()
+                                 : withState([](StreamState &s) { return s.accumulatedData.joined(); });
+    if (!m_isVoicePreview && m_currentNarrationText && m_currentNarrationVoice && !audio.isEmpty()) {
+        const double duration = double(audio.size() / 2) / kSampleRateHz;
+        if (m_services.records) {
+            m_services.records->addSession(*m_currentNarrationText, *m_currentNarrationVoice, duration,
+                                           audio);
+            m_services.records->recordUsage(NarrationText::characterCount(*m_currentNarrationText));
+        }
+        if (viaService)
+            m_services.account->deductSeconds(duration);
+    }
+    if (withState([](StreamState &s) { return s.activeBuffersCount; }) == 0)
+        endOfPlayback();
+}
+
+void SpeechManager::playVoicePreview(const QString &voice)
+{
+    stop();
+    m_isVoicePreview = true;
+    m_currentNarrationText.reset();
+    const QString path = m_services.voiceSampleFolder + u'/' + voice + QStringLiteral(".mp3");
+    if (!QFile::exists(path))
+        return;
+    QTimer::singleShot(0, this, [this, path, generation = m_speakGeneration] {
+        if (generation != m_speakGeneration)
+            return;
+        const Conversion converted = convertAudioFileToPCM(path);
+        if (converted.error) {
+            qCInfo(lcSpeech) << "voice sample not playable:" << converted.error->description();
+            return;
+        }
+        replayStoredAudio(converted.pcm);
+    });
+}
+
+void SpeechManager::playFromHistory(const QUuid &sessionId)
+{
+    stop();
+    m_isVoicePreview = true;
+    m_currentNarrationText.reset();
+    setCurrentPlayingSessionId(sessionId);
+    QFile file(m_services.records ? m_services.records->audioFile(sessionId) : QString());
+    if (!file.open(QIODevice::ReadOnly)) {
+        setCurrentPlayingSessionId(std::nullopt);
+        return;
+    }
+    const QByteArray audio = file.readAll();
+    replayStoredAudio(audio);
+    setCurrentPlayingSessionId(sessionId); // the replay's own stop() cleared it
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Stream and playback
+
+void SpeechManager::appendStreamBytes(const QByteArray &piece)
+{
+    m_pendingBytes.append(piece);
+    qsizetype consumed = 0;
+    while (m_pendingBytes.size() - consumed >= kAudioChunkSize) {
+        acceptChunk(m_pendingBytes.mid(consumed, kAudioChunkSize));
+        consumed += kAudioChunkSize;
+        publishTotals();
+        startCheck(false);
+    }
+    if (consumed > 0)
+        m_pendingBytes.remove(0, consumed);
+}
+
+void SpeechManager::acceptChunk(const QByteArray &chunk)
+{
+    withState([&](StreamState &s) { s.accumulatedData.append(chunk); });
+    scheduleChunk(chunk, 0, chunk.size());
+    withState([&](StreamState &s) { s.receivedByteCount += chunk.size(); });
+}
+
+void SpeechManager::publishTotals()
+{
+    setTotalTime(secondsForBytes(withState([](StreamState &s) { return s.receivedByteCount; })));
+    raiseDisplayedTotalTime();
+}
+
+void SpeechManager::startCheck(bool streamEnded)
+{
+    const auto [started, held] =
+        withState([](StreamState &s) { return std::pair(s.hasStartedPlayback, s.accumulatedData.size()); });
+    if (started)
+        return;
+    // A stream that ended short of the prebuffer is played anyway: people select single words.
+    if (held >= kPrebufferBytes || (streamEnded && held > 0))
+        startPlayback();
+}
+
+void SpeechManager::finishStream()
+{
+    if (!m_pendingBytes.isEmpty()) {
+        const QByteArray remainder = m_pendingBytes;
+        m_pendingBytes.clear();
+        acceptChunk(remainder);
+    }
+    withState([](StreamState &s) { s.isStreamActive = false; });
+    publishTotals();
+    startCheck(true);
+    if (m_engine)
+        m_engine->markEndOfInput();
+}
+
+void SpeechManager::scheduleChunk(const QByteArray &storage, qsizetype offset, qsizetype bytes)
+{
+    if (!m_engine || bytes / 2 == 0)
+        return;
+    withState([](StreamState &s) { ++s.activeBuffersCount; });
+    m_engine->scheduleBuffer(storage, offset, bytes, m_bufferGeneration);
+}
+
+void SpeechManager::scheduleAllFrom(qsizetype fromByte)
+{
+    AccumulatedAudio audio;
+    bool streamActive = false;
+    withState([&](StreamState &s) {
+        audio = s.accumulatedData;
+        streamActive = s.isStreamActive;
+    });
+    audio.forEachRange(fromByte, kAudioChunkSize,
+                       [this](const QByteArray &storage, qsizetype offset, qsizetype bytes) {
+                           scheduleChunk(storage, offset, bytes);
+                       });
+    if (!streamActive && m_engine)
+        m_engine->markEndOfInput();
+}
+
+void SpeechManager::startPlayback()
+{
+    if (!m_engine)
+        return;
+    m_engine->play();
+    setIsPlaying(true);
+    startProgressTimer();
+    if (!m_isTapInstalled)
+        installLevelTap();
+    setCurrentError(std::nullopt);
+    withState([](StreamState &s) { s.hasStartedPlayback = true; });
+    raiseDisplayedTotalTime();
+    setIsProcessing(false);
+}
+
+void SpeechManager::endOfPlayback()
+{
+    setIsPlaying(false);
+    m_progressTimer.stop();
+    removeLevelTap();
+    if (m_engine)
+        m_engine->stop();
+    withState([](StreamState &s) { s.hasStartedPlayback = false; });
+    setCurrentTime(m_totalTime);
+    raiseDisplayedTotalTime();
+    Q_EMIT playbackEnded();
+}
+
+void SpeechManager::onBufferCompleted(quint64 generation)
+{
+    if (generation != m_bufferGeneration)
+        return; // scheduled before a stop or seek
+    const bool finished = withState(
+        [](StreamState &s) { return --s.activeBuffersCount == 0 && !s.isStreamActive && !s.isSeeking; });
+    if (finished)
+        endOfPlayback();
+}
+
+void SpeechManager::togglePlayPause()
+{
+    if (m_seekDebounce.isActive()) {
+        m_seekDebounce.stop();
+        performPendingSeek();
+    }
+    if (!m_engine)
+        return;
+    if (m_isPlaying) {
+        m_engine->pause();
+        setIsPlaying(false);
+        m_progressTimer.stop();
+        return;
+    }
+    const auto [active, held] =
+        withState([](StreamState &s) { return std::pair(s.activeBuffersCount, s.accumulatedData.size()); });
+    if (m_hasContent && active == 0 && held > 0) {
+        // Played to the end: start again from the beginning.
+        if (!ensureAudioEngine())
+            return;
+        m_engine->stop();
+        m_currentFrameOffset = 0;
+        setCurrentTime(0);
+        scheduleAllFrom(0);
+    }
+    if (!ensureAudioEngine())
+        return;
+    m_engine->play();
+    setIsPlaying(true);
+    startProgressTimer();
+    if (!m_isTapInstalled)
+        installLevelTap();
+    setCurrentError(std::nullopt);
+}
+
+void SpeechManager::stop()
+{
+    ++m_speakGeneration;
+    m_seekDebounce.stop();
+    m_pendingSeekFrame.reset();
+    cancelCurrentTask();
+    withState([](StreamState &s) { s.isSeeking = false; });
+    ++m_bufferGeneration;
+    withState([](StreamState &s) { s.activeBuffersCount = 0; });
+    if (m_engine)
+        m_engine->stop();
+    m_progressTimer.stop();
+    removeLevelTap();
+    m_pendingBytes.clear();
+    withState([](StreamState &s) {
+        s.accumulatedData.clear();
+        s.receivedByteCount = 0;
+        s.hasStartedPlayback = false;
+    });
+    m_currentFrameOffset = 0;
+    setCurrentTime(0);
+    setTotalTime(0);
+    setDisplayedTotalTime(0);
+    withState([](StreamState &s) { s.isStreamActive = false; });
+    setIsPlaying(false);
+    setIsProcessing(false);
+    setHasContent(false);
+    setCurrentPlayingSessionId(std::nullopt);
+}
+
+void SpeechManager::seekToFrame(qint64 frame)
+{
+    m_pendingSeekFrame = frame;
+    const qint64 frames = accumulatedByteCount() / 2;
+    setCurrentTime(double(std::clamp<qint64>(frame, 0, frames)) / kSampleRateHz);
+    m_seekDebounce.start();
+}
+
+void SpeechManager::seekToProgress(double fraction)
+{
+    performSeek(qint64(double(accumulatedByteCount()) * 0.5 * fraction));
+}
+
+void SpeechManager::performPendingSeek()
+{
+    if (const std::optional<qint64> frame = std::exchange(m_pendingSeekFrame, std::nullopt))
+        performSeek(*frame);
+}
+
+void SpeechManager::performSeek(qint64 frame)
+{
+    withState([](StreamState &s) { s.isSeeking = true; });
+    const qint64 frames = accumulatedByteCount() / 2;
+    const qint64 target = std::clamp<qint64>(frame, 0, frames);
+    ++m_bufferGeneration;
+    withState([](StreamState &s) { s.activeBuffersCount = 0; });
+    if (m_engine)
+        m_engine->stop();
+    m_currentFrameOffset = target;
+    setCurrentTime(double(target) / kSampleRateHz);
+    if (target < frames) {
+        scheduleAllFrom(target * 2);
+        if (m_isPlaying && m_engine)
+            m_engine->play(); // a paused narration stays paused at the new place
+    } else {
+        endOfPlayback();
+    }
+    withState([](StreamState &s) { s.isSeeking = false; });
+    Q_EMIT seekPerformed(target);
+}
+
+void SpeechManager::cyclePlaybackSpeed()
+{
+    setPlaybackSpeed(nextPlaybackSpeed(m_playbackSpeed));
+}
+
+void SpeechManager::replayStoredAudio(const QByteArray &audio)
+{
+    stop();
+    if (!ensureAudioEngine())
+        return;
+    withState([&](StreamState &s) {
+        s.accumulatedData.assign(audio);
+        s.receivedByteCount = audio.size();
+    });
+    const double total = double(audio.size() / 2) / kSampleRateHz;
+    setTotalTime(total);
+    setDisplayedTotalTime(total);
+    setCurrentTime(0);
+    m_currentFrameOffset = 0;
+    setHasContent(true);
+    scheduleAllFrom(0);
+    m_engine->play();
+    setIsPlaying(true);
+    startProgressTimer();
+    installLevelTap();
+    setCurrentError(std::nullopt);
+}
+
+qint64 SpeechManager::currentPlaybackFrame() const
+{
+    const std::optional<qint64> heard = m_engine ? m_engine->sampleTime() : std::nullopt;
+    return m_currentFrameOffset + heard.value_or(0);
+}
+
+void SpeechManager::skipBackward()
+{
+    seekToFrame(currentPlaybackFrame() - kSkipFrames);
+}
+
+void SpeechManager::skipForward()
+{
+    seekToFrame(currentPlaybackFrame() + kSkipFrames);
+}
+
+qsizetype SpeechManager::accumulatedByteCount() const
+{
+    return withState([](const StreamState &s) { return s.accumulatedData.size(); });
+}
+
+void SpeechManager::startProgressTimer()
+{
+    m_progressTimer.start();
+}
+
+void SpeechManager::updateProgress()
+{
+    setCurrentTime(double(currentPlaybackFrame()) / kSampleRateHz);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Audio engine and levels
+
+void SpeechManager::setupAudioEngine()
+{
+    m_engine = std::make_unique<AudioEngine>(std::move(m_services.audioSink));
+    m_engine->setRate(m_playbackSpeed);
+    connect(m_engine.get(), &AudioEngine::bufferCompleted, this, &SpeechManager::onBufferCompleted);
+    connect(m_engine.get(), &AudioEngine::levelMeasured, this, &SpeechManager::onLevelMeasured);
+    connect(m_engine.get(), &AudioEngine::failed, this, &SpeechManager::onEngineFailed);
+    QString error;
+    if (!m_engine->start(&error))
+        setCurrentError(SpeechError::makeAudioEngineFailure(error));
+}
+
+bool SpeechManager::ensureAudioEngine()
+{
+    if (m_engine->isRunning())
+        return true;
+    QString error;
+    if (m_engine->start(&error))
+        return true;
+    stop();
+    setCurrentError(SpeechError::makeAudioEngineFailure(error));
+    return false;
+}
+
+void SpeechManager::onEngineFailed(const QString &reason)
+{
+    qCWarning(lcSpeech) << "audio output lost:" << reason;
+    // The narration ends as if stopped; the next one reconnects.
+    stop();
+    setCurrentError(SpeechError::makeAudioEngineFailure(reason));
+}
+
+void SpeechManager::installLevelTap()
+{
+    m_engine->setTapEnabled(true);
+    m_isTapInstalled = true;
+}
+
+void SpeechManager::removeLevelTap()
+{
+    if (!m_isTapInstalled)
+        return;
+    m_engine->setTapEnabled(false);
+    m_isTapInstalled = false;
+}
+
+void SpeechManager::onLevelMeasured(float level, double timestamp)
+{
+    if (m_rawAudioLevel != level) {
+        m_rawAudioLevel = level;
+        Q_EMIT rawAudioLevelChanged();
+    }
+    if (m_lastLevelTimestamp != timestamp) {
+        m_lastLevelTimestamp = timestamp;
+        Q_EMIT lastLevelTimestampChanged();
+    }
+    if (m_isPlaying) {
+        const float smoothed = level * 0.3f + m_currentAudioLevel * 0.7f;
+        if (smoothed != m_currentAudioLevel) {
+            m_currentAudioLevel = smoothed;
+            Q_EMIT currentAudioLevelChanged();
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Published values
+
+template<typename T> static bool assign(T &field, const T &value)
+{
+    if (field == value)
+        return false;
+    field = value;
+    return true;
+}
+
+void SpeechManager::setIsProcessing(bool v)
+{
+    if (assign(m_isProcessing, v))
+        Q_EMIT isProcessingChanged();
+}
+
+void SpeechManager::setIsPlaying(bool v)
+{
+    if (assign(m_isPlaying, v))
+        Q_EMIT isPlayingChanged();
+}
+
+void SpeechManager::setHasContent(bool v)
+{
+    if (assign(m_hasContent, v))
+        Q_EMIT hasContentChanged();
+}
+
+void SpeechManager::setCurrentTime(double v)
+{
+    if (assign(m_currentTime, v))
+        Q_EMIT currentTimeChanged();
+}
+
+void SpeechManager::setTotalTime(double v)
+{
+    if (assign(m_totalTime, v))
+        Q_EMIT totalTimeChanged();
+}
+
+void SpeechManager::setDisplayedTotalTime(double v)
+{
+    if (assign(m_displayedTotalTime, v))
+        Q_EMIT displayedTotalTimeChanged();
+}
+
+void SpeechManager::raiseDisplayedTotalTime()
+{
+    setDisplayedTotalTime(std::max(m_displayedTotalTime, m_totalTime));
+}
+
+void SpeechManager::setCurrentPlayingSessionId(const std::optional<QUuid> &id)
+{
+    if (m_currentPlayingSessionId == id)
+        return;
+    m_currentPlayingSessionId = id;
+    Q_EMIT currentPlayingSessionIdChanged();
+}
+
+QString SpeechManager::currentPlayingSessionIdText() const
+{
+    return m_currentPlayingSessionId ? m_currentPlayingSessionId->toString(QUuid::WithoutBraces).toUpper()
+                                     : QString();
+}
+
+void SpeechManager::setCurrentError(const std::optional<SpeechError> &error)
+{
+    if (m_currentError == error)
+        return;
+    m_currentError = error;
+    Q_EMIT currentErrorChanged();
+}
+
+QString SpeechManager::currentErrorDescription() const
+{
+    return m_currentError ? m_currentError->description() : QString();
+}
+
+QString SpeechManager::currentErrorId() const
+{
+    return m_currentError ? m_currentError->id() : QString();
+}
+
+void SpeechManager::setPlaybackSpeed(float speed)
+{
+    if (m_engine)
+        m_engine->setRate(speed);
+    if (m_playbackSpeed == speed)
+        return;
+    m_playbackSpeed = speed;
+    Q_EMIT playbackSpeedChanged();
+}
+
+void SpeechManager::setSelectedVoice(const QString &voice)
+{
+    if (m_persistChoices)
+        m_services.defaults->setString(kSelectedVoiceKey, voice);
+    if (m_selectedVoice == voice)
+        return;
+    m_selectedVoice = voice;
+    Q_EMIT selectedVoiceChanged();
+}
+
+void SpeechManager::setSelectedVoiceStyle(VoiceStyle style)
+{
+    if (m_persistChoices)
+        m_services.defaults->setString(kSelectedVoiceStyleKey, style.rawValue());
+    if (m_selectedVoiceStyle == style)
+        return;
+    m_selectedVoiceStyle = style;
+    Q_EMIT selectedVoiceStyleChanged();
+}
+
+void SpeechManager::setSelectedVoiceStyleRawValue(const QString &raw)
+{
+    setSelectedVoiceStyle(VoiceStyle::fromRawValue(raw).value_or(VoiceStyle::Standard));
+}
+
+void SpeechManager::setWidgetAppearance(WidgetAppearance appearance)
+{
+    m_services.defaults->setString(kWidgetAppearanceKey, rawValue(appearance));
+    if (m_widgetAppearance == appearance)
+        return;
+    m_widgetAppearance = appearance;
+    Q_EMIT widgetAppearanceChanged();
+}
+
+void SpeechManager::setWidgetAppearanceRawValue(const QString &raw)
+{
+    setWidgetAppearance(widgetAppearanceFromRawValue(raw));
+}
+
+void SpeechManager::setWidgetTheme(WidgetTheme theme)
+{
+    m_services.defaults->setString(kWidgetThemeKey, rawValue(theme));
+    if (m_widgetTheme == theme)
+        return;
+    m_widgetTheme = theme;
+    Q_EMIT widgetThemeChanged();
+}
+
+void SpeechManager::setWidgetThemeRawValue(const QString &raw)
+{
+    setWidgetTheme(widgetThemeFromRawValue(raw));
+}
+
+QStringList SpeechManager::availableVoices() const
+{
+    return ::availableVoices();
+}
+
+void SpeechManager::useVoiceForThisRun(const QString &voice)
+{
+    const bool persist = std::exchange(m_persistChoices, false);
+    setSelectedVoice(voice);
+    m_persistChoices = persist;
+}
+
+void SpeechManager::useStyleForThisRun(VoiceStyle style)
+{
+    const bool persist = std::exchange(m_persistChoices, false);
+    setSelectedVoiceStyle(style);
+    m_persistChoices = persist;
+}

@@ -1,0 +1,285 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "speech/AccumulatedAudio.h"
+#include "speech/SpeechError.h"
+#include "speech/TTSRequest.h"
+#include "speech/VoiceStyle.h"
+#include "speech/WidgetStyle.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+#include <QTimer>
+#include <QUrl>
+#include <QUuid>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class AccountGate;
+class AudioEngine;
+class AudioSink;
+class KeychainHelper;
+class NarrationRecords;
+class QNetworkAccessManager;
+class SelectionSource;
+class SpeechStream;
+class UserDefaults;
+
+// The one long-lived object that turns text into a spoken narration: the checks before a request,
+// the request and its stream, playback with speed and seeking, levels, and the records at the end.
+// Everything here lives on the GUI thread.
+class SpeechManager : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(bool isProcessing READ isProcessing NOTIFY isProcessingChanged)
+    Q_PROPERTY(bool isPlaying READ isPlaying NOTIFY isPlayingChanged)
+    Q_PROPERTY(bool hasContent READ hasContent NOTIFY hasContentChanged)
+    Q_PROPERTY(QString currentPlayingSessionId READ currentPlayingSessionIdText NOTIFY
+                   currentPlayingSessionIdChanged)
+    Q_PROPERTY(bool hasError READ hasError NOTIFY currentErrorChanged)
+    Q_PROPERTY(QString currentErrorDescription READ currentErrorDescription NOTIFY currentErrorChanged)
+    Q_PROPERTY(QString currentErrorId READ currentErrorId NOTIFY currentErrorChanged)
+    Q_PROPERTY(float playbackSpeed READ playbackSpeed WRITE setPlaybackSpeed NOTIFY playbackSpeedChanged)
+    Q_PROPERTY(QString selectedVoice READ selectedVoice WRITE setSelectedVoice NOTIFY selectedVoiceChanged)
+    Q_PROPERTY(QString selectedVoiceStyle READ selectedVoiceStyleRawValue WRITE setSelectedVoiceStyleRawValue
+                   NOTIFY selectedVoiceStyleChanged)
+    Q_PROPERTY(QString widgetAppearance READ widgetAppearanceRawValue WRITE setWidgetAppearanceRawValue NOTIFY
+                   widgetAppearanceChanged)
+    Q_PROPERTY(
+        QString widgetTheme READ widgetThemeRawValue WRITE setWidgetThemeRawValue NOTIFY widgetThemeChanged)
+    Q_PROPERTY(double currentTime READ currentTime NOTIFY currentTimeChanged)
+    Q_PROPERTY(double totalTime READ totalTime NOTIFY totalTimeChanged)
+    Q_PROPERTY(double displayedTotalTime READ displayedTotalTime NOTIFY displayedTotalTimeChanged)
+    Q_PROPERTY(float currentAudioLevel READ currentAudioLevel NOTIFY currentAudioLevelChanged)
+    Q_PROPERTY(float rawAudioLevel READ rawAudioLevel NOTIFY rawAudioLevelChanged)
+    Q_PROPERTY(double lastLevelTimestamp READ lastLevelTimestamp NOTIFY lastLevelTimestampChanged)
+    Q_PROPERTY(QStringList availableVoices READ availableVoices CONSTANT)
+
+public:
+    static constexpr int kSampleRateHz = 24000;
+    static constexpr qsizetype kAudioChunkSize = 9600;
+    static constexpr double kPrebufferDurationSeconds = 0.5;
+    static constexpr qint64 kSkipFrames = 120000;
+
+    struct Services
+    {
+        UserDefaults *defaults = nullptr;
+        KeychainHelper *keychain = nullptr;
+        AccountGate *account = nullptr;
+        NarrationRecords *records = nullptr; // none: nothing is recorded
+        SelectionSource *selection = nullptr;
+        std::unique_ptr<AudioSink> audioSink;
+        QNetworkAccessManager *network = nullptr; // none: one of its own
+        QUrl serviceOrigin;
+        QUrl openAIOrigin;
+        QString voiceSampleFolder = QStringLiteral(":/voices");
+    };
+
+    explicit SpeechManager(Services services, QObject *parent = nullptr);
+    ~SpeechManager() override;
+
+    // The process-wide instance, set up by the application (installShared) or else created on first
+    // use with the production services.
+    static SpeechManager &shared();
+    static void installShared(SpeechManager *manager);
+
+    // Narration.
+    Q_INVOKABLE void speak(const QString &text);
+    Q_INVOKABLE void handleNarrationTrigger();
+    bool isNewText(const QString &text) const;
+    Q_INVOKABLE void playVoicePreview(const QString &voice);
+    Q_INVOKABLE void playFromHistory(const QUuid &sessionId);
+    void recordNarration(bool viaService);
+
+    // Playback.
+    Q_INVOKABLE void togglePlayPause();
+    Q_INVOKABLE void stop();
+    Q_INVOKABLE void seekToFrame(qint64 frame);
+    Q_INVOKABLE void seekToProgress(double fraction);
+    Q_INVOKABLE void cyclePlaybackSpeed();
+    // Plays audio that is already complete (a preview or a history entry); nothing is recorded.
+    void replayStoredAudio(const QByteArray &audio);
+    // The narration frame being heard now: the frame the clock last restarted at plus what was heard since.
+    qint64 currentPlaybackFrame() const;
+    Q_INVOKABLE void skipBackward();
+    Q_INVOKABLE void skipForward();
+
+    // Published values.
+    bool isProcessing() const { return m_isProcessing; }
+    bool isPlaying() const { return m_isPlaying; }
+    bool hasContent() const { return m_hasContent; }
+    std::optional<QUuid> currentPlayingSessionId() const { return m_currentPlayingSessionId; }
+    QString currentPlayingSessionIdText() const;
+    const std::optional<SpeechError> &currentError() const { return m_currentError; }
+    void setCurrentError(const std::optional<SpeechError> &error);
+    bool hasError() const { return m_currentError.has_value(); }
+    QString currentErrorDescription() const;
+    QString currentErrorId() const;
+    float playbackSpeed() const { return m_playbackSpeed; }
+    void setPlaybackSpeed(float speed);
+    QString selectedVoice() const { return m_selectedVoice; }
+    void setSelectedVoice(const QString &voice);
+    VoiceStyle selectedVoiceStyle() const { return m_selectedVoiceStyle; }
+    void setSelectedVoiceStyle(VoiceStyle style);
+    QString selectedVoiceStyleRawValue() const { return m_selectedVoiceStyle.rawValue(); }
+    void setSelectedVoiceStyleRawValue(const QString &raw);
+    WidgetAppearance widgetAppearance() const { return m_widgetAppearance; }
+    void setWidgetAppearance(WidgetAppearance appearance);
+    QString widgetAppearanceRawValue() const { return rawValue(m_widgetAppearance); }
+    void setWidgetAppearanceRawValue(const QString &raw);
+    WidgetTheme widgetTheme() const { return m_widgetTheme; }
+    void setWidgetTheme(WidgetTheme theme);
+    QString widgetThemeRawValue() const { return rawValue(m_widgetTheme); }
+    void setWidgetThemeRawValue(const QString &raw);
+    double currentTime() const { return m_currentTime; }
+    double totalTime() const { return m_totalTime; }
+    double displayedTotalTime() const { return m_displayedTotalTime; }
+    float currentAudioLevel() const { return m_currentAudioLevel; }
+    float rawAudioLevel() const { return m_rawAudioLevel; }
+    double lastLevelTimestamp() const { return m_lastLevelTimestamp; }
+    QStringList availableVoices() const;
+
+    // Voice and style for this process only, not persisted (the command line's per-run choices).
+    void useVoiceForThisRun(const QString &voice);
+    void useStyleForThisRun(VoiceStyle style);
+
+    // Seconds a text is expected to take at the current speed.
+    double estimatedDuration(const QString &text) const;
+
+    AudioEngine *audioEngine() const { return m_engine.get(); }
+    bool isTapInstalled() const { return m_isTapInstalled; }
+    // Received audio bytes of the current narration.
+    qsizetype accumulatedByteCount() const;
+
+    // Converts an audio file (a path or a resource) to raw 16-bit mono 24 kHz; nothing and the reason on
+    // failure.
+    struct Conversion
+    {
+        QByteArray pcm;
+        std::optional<SpeechError> error;
+    };
+    static Conversion convertAudioFileToPCM(const QString &path);
+
+Q_SIGNALS:
+    void isProcessingChanged();
+    void isPlayingChanged();
+    void hasContentChanged();
+    void currentPlayingSessionIdChanged();
+    void currentErrorChanged();
+    void playbackSpeedChanged();
+    void selectedVoiceChanged();
+    void selectedVoiceStyleChanged();
+    void widgetAppearanceChanged();
+    void widgetThemeChanged();
+    void currentTimeChanged();
+    void totalTimeChanged();
+    void displayedTotalTimeChanged();
+    void currentAudioLevelChanged();
+    void rawAudioLevelChanged();
+    void lastLevelTimestampChanged();
+    // The end-of-playback step ran (the narration was heard to its end).
+    void playbackEnded();
+    // A seek was carried out (after its debounce), at this frame.
+    void seekPerformed(qint64 frame);
+
+private:
+    // Guarded stream state: touched from the network side, the audio completions and the GUI; every
+    // access is one short critical section.
+    struct StreamState
+    {
+        AccumulatedAudio accumulatedData;
+        qint64 activeBuffersCount = 0;
+        qint64 receivedByteCount = 0;
+        bool isStreamActive = false;
+        bool hasStartedPlayback = false;
+        bool isSeeking = false;
+    };
+    template<typename F> auto withState(F &&f) const
+    {
+        std::lock_guard lock(m_stateMutex);
+        return f(m_state);
+    }
+
+    void setupAudioEngine();
+    bool ensureAudioEngine();
+    void startServiceNarration(const QString &text, quint64 speakGeneration);
+    void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
+    void onStreamHead(int status);
+    void onStreamFailedBeforeHead();
+    void cancelCurrentTask();
+
+    void appendStreamBytes(const QByteArray &piece);
+    void acceptChunk(const QByteArray &chunk);
+    void finishStream();
+    void publishTotals();
+    void startCheck(bool streamEnded);
+    void scheduleChunk(const QByteArray &storage, qsizetype offset, qsizetype bytes);
+    void scheduleAllFrom(qsizetype fromByte);
+    void startPlayback();
+    void endOfPlayback();
+    void onBufferCompleted(quint64 generation);
+    void performSeek(qint64 frame);
+    void performPendingSeek();
+    void startProgressTimer();
+    void updateProgress();
+    void installLevelTap();
+    void removeLevelTap();
+    void onLevelMeasured(float level, double timestamp);
+    void onEngineFailed(const QString &reason);
+
+    void setIsProcessing(bool v);
+    void setIsPlaying(bool v);
+    void setHasContent(bool v);
+    void setCurrentPlayingSessionId(const std::optional<QUuid> &id);
+    void setCurrentTime(double v);
+    void setTotalTime(double v);
+    void setDisplayedTotalTime(double v);
+    void raiseDisplayedTotalTime();
+
+    Services m_services;
+    std::unique_ptr<QNetworkAccessManager> m_ownNetwork;
+    QNetworkAccessManager *m_network = nullptr;
+    std::unique_ptr<AudioEngine> m_engine;
+
+    // Published.
+    bool m_isProcessing = false;
+    bool m_isPlaying = false;
+    bool m_hasContent = false;
+    std::optional<QUuid> m_currentPlayingSessionId;
+    std::optional<SpeechError> m_currentError;
+    float m_playbackSpeed = 1.0f;
+    QString m_selectedVoice;
+    VoiceStyle m_selectedVoiceStyle;
+    WidgetAppearance m_widgetAppearance = WidgetAppearance::Dark;
+    WidgetTheme m_widgetTheme = WidgetTheme::Default;
+    double m_currentTime = 0;
+    double m_totalTime = 0;
+    double m_displayedTotalTime = 0;
+    float m_currentAudioLevel = 0;
+    float m_rawAudioLevel = 0;
+    double m_lastLevelTimestamp = 0;
+
+    // Private.
+    bool m_isTapInstalled = false;
+    std::optional<qint64> m_pendingSeekFrame;
+    QTimer m_seekDebounce;
+    quint64 m_bufferGeneration = 0;
+    QTimer m_progressTimer;
+    QPointer<SpeechStream> m_currentTask;
+    bool m_currentTaskViaService = false;
+    quint64 m_speakGeneration = 0; // a stop() or a newer speak() abandons a pending token wait
+    QByteArray m_pendingBytes;
+    qint64 m_currentFrameOffset = 0;
+    std::optional<QString> m_lastSpokenTextNormalized;
+    std::optional<QString> m_lastSpokenTextComparable;
+    std::optional<QString> m_currentNarrationText;
+    std::optional<QString> m_currentNarrationVoice;
+    bool m_isVoicePreview = false;
+    bool m_persistChoices = true;
+
+    mutable std::mutex m_stateMutex;
+    mutable StreamState m_state; // guarded by m_stateMutex
+};

@@ -1,0 +1,686 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The narration controller end to end: real HTTP to the dev server on loopback, the audio engine on the
+// null sink's virtual clock, secrets in an in-memory store.
+#include "DevServer.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "speech/AudioEngine.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QString kService = QStringLiteral("com.vantor.quillvox.test.speech");
+
+class FakeAccount final : public AccountGate
+{
+public:
+    bool signedIn = false;
+    qint64 balance = 3600;
+    int minutes = 60;
+    std::optional<QString> token = QStringLiteral("service-token");
+    QList<double> deducted;
+
+    bool isSignedIn() const override { return signedIn; }
+    qint64 balanceSeconds() const override { return balance; }
+    int minutesRemaining() const override { return minutes; }
+    void getValidAccessToken(QObject *context, std::function<void(std::optional<QString>)> done) override
+    {
+        // Answer in a later turn of the event loop, as a real refresh would.
+        QTimer::singleShot(0, context, [done, t = token] { done(t); });
+    }
+    void deductSeconds(double seconds) override { deducted << seconds; }
+};
+
+class FakeRecords final : public NarrationRecords
+{
+public:
+    struct Session
+    {
+        QString text, voice;
+        double duration;
+        qsizetype bytes;
+    };
+    QList<Session> sessions;
+    QList<qint64> usage;
+    QString folder;
+
+    void addSession(const QString &text, const QString &voice, double durationSeconds,
+                    const QByteArray &audioData) override
+    {
+        sessions << Session{text, voice, durationSeconds, audioData.size()};
+    }
+    QString audioFile(const QUuid &id) const override
+    {
+        return folder + u'/' + id.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".pcm");
+    }
+    void recordUsage(qint64 characters) override { usage << characters; }
+};
+
+class FakeSelection final : public SelectionSource
+{
+public:
+    bool trusted = true;
+    std::optional<QString> selection;
+    bool isProcessTrusted(bool) override { return trusted; }
+    std::optional<QString> captureSelectedText() override { return selection; }
+};
+
+QString sentence(int words)
+{
+    QStringList w;
+    for (int i = 0; i < words; ++i)
+        w << QStringLiteral("word");
+    return w.join(u' ') + u'.';
+}
+
+} // namespace
+
+class TestSpeechManager : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<DevServer> m_server;
+    std::unique_ptr<UserDefaults> m_defaults;
+    MemorySecretStore *m_secrets = nullptr;
+    std::unique_ptr<KeychainHelper> m_keychain;
+    FakeAccount m_account;
+    FakeRecords m_records;
+    FakeSelection m_selection;
+    NullAudioSink *m_sink = nullptr;
+    std::unique_ptr<SpeechManager> m_speech;
+
+    bool startServer(const QStringList &arguments)
+    {
+        m_server = std::make_unique<DevServer>();
+        if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine")} + arguments)) {
+            qWarning() << m_server->errorString();
+            return false;
+        }
+        createManager(m_server->url());
+        return true;
+    }
+
+    void createManager(const QUrl &origin)
+    {
+        m_speech.reset();
+        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        m_sink = sink.get();
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.account = &m_account;
+        services.records = &m_records;
+        services.selection = &m_selection;
+        services.audioSink = std::move(sink);
+        services.serviceOrigin = origin;
+        services.openAIOrigin = origin;
+        m_speech = std::make_unique<SpeechManager>(std::move(services));
+    }
+
+    // Renders virtual time until the narration has been heard to its end.
+    bool playToEnd(int maxSteps = 2000)
+    {
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        for (int i = 0; i < maxSteps && ended.isEmpty(); ++i) {
+            m_sink->advance(2400);
+            QCoreApplication::processEvents();
+            if (!m_speech->isPlaying() && !m_speech->isProcessing() && i > 10 && ended.isEmpty() &&
+                !m_speech->hasContent())
+                return false;
+        }
+        return !ended.isEmpty();
+    }
+
+    bool waitUntilPlaying()
+    {
+        return QTest::qWaitFor([&] { return m_speech->isPlaying(); }, 10000);
+    }
+    bool waitForError()
+    {
+        return QTest::qWaitFor([&] { return m_speech->currentError().has_value(); }, 10000);
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("defaults.conf")));
+        auto secrets = std::make_unique<MemorySecretStore>();
+        m_secrets = secrets.get();
+        m_keychain = std::make_unique<KeychainHelper>(kService, std::move(secrets));
+        m_keychain->save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
+        m_account = FakeAccount();
+        m_records.sessions.clear();
+        m_records.usage.clear();
+        m_records.folder = m_dir.path();
+        m_selection = FakeSelection();
+    }
+
+    void cleanup()
+    {
+        m_speech.reset();
+        m_server.reset();
+        QFile::remove(m_dir.filePath(QStringLiteral("defaults.conf")));
+    }
+
+    void narrationRunsThroughItsStates()
+    {
+        QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        const QString text = sentence(12);
+        m_speech->speak(text);
+        QVERIFY(m_speech->isProcessing());
+        QVERIFY(m_speech->hasContent());
+        QVERIFY(!m_speech->isPlaying());
+        QCOMPARE(m_speech->displayedTotalTime(), m_speech->estimatedDuration(text));
+
+        QVERIFY(waitUntilPlaying());
+        QVERIFY(!m_speech->isProcessing());
+        QVERIFY(!m_speech->currentError());
+        QTRY_COMPARE(m_records.sessions.size(), 1); // recorded when the stream ends, before playback does
+        QVERIFY(playToEnd());
+        QVERIFY(!m_speech->isPlaying());
+        QVERIFY(m_speech->hasContent());
+        QCOMPARE(m_speech->currentTime(), m_speech->totalTime());
+
+        const qsizetype bytes =
+            m_server->waitForRequests(1).first().value(QStringLiteral("bodyBytesSent")).toInteger();
+        QCOMPARE(m_records.sessions.first().bytes, bytes);
+        QCOMPARE(m_records.sessions.first().duration, double(bytes / 2) / 24000.0);
+        QCOMPARE(m_records.sessions.first().text, text);
+        QCOMPARE(m_records.usage, QList<qint64>{text.size()});
+        QCOMPARE(m_speech->totalTime(), double(bytes) * 0.5 / 24000.0);
+        QVERIFY(m_account.deducted.isEmpty()); // own-key narrations cost no minutes
+
+        // Played to the end: play starts again from the beginning.
+        m_speech->togglePlayPause();
+        QVERIFY(m_speech->isPlaying());
+        QCOMPARE(m_speech->currentTime(), 0.0);
+        QVERIFY(playToEnd());
+        QCOMPARE(m_records.sessions.size(), 1);
+    }
+
+    void serverFaultsPublishTheirError_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("description");
+
+        QTest::newRow("401") << QStringList{"--fail-status", "401"} << "API error (401): Unauthorized";
+        QTest::newRow("402") << QStringList{"--fail-status", "402"}
+                             << "Low balance (7 min remaining). Add more minutes to continue.";
+        QTest::newRow("500") << QStringList{"--fail-status", "500"}
+                             << "API error (500): Internal Server Error";
+        QTest::newRow("429") << QStringList{"--fail-status", "429"} << "API error (429): Too Many Requests";
+        QTest::newRow("dropped before head")
+            << QStringList{"--drop-before-head"} << "Received invalid response from server";
+    }
+
+    void serverFaultsPublishTheirError()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, description);
+        m_account.minutes = 7;
+        QVERIFY(startServer(arguments));
+        m_speech->speak(sentence(5));
+        QVERIFY(waitForError());
+        QCOMPARE(m_speech->currentErrorDescription(), description);
+        QVERIFY(!m_speech->isProcessing());
+        QVERIFY(!m_speech->isPlaying());
+        QVERIFY(m_records.sessions.isEmpty());
+    }
+
+    void unreachableServerIsAnInvalidResponse()
+    {
+        DevServer probe;
+        QVERIFY(probe.start());
+        const QUrl origin = probe.url();
+        probe.stop();
+        createManager(origin);
+        m_speech->speak(sentence(3));
+        QVERIFY(waitForError());
+        QCOMPARE(m_speech->currentError()->kind(), SpeechError::invalidResponse);
+    }
+
+    void cutOffBodyPlaysAndRecordsWhatCame()
+    {
+        QVERIFY(startServer({"--pace", "0", "--cut-after", "30000"}));
+        m_speech->speak(sentence(20));
+        QTRY_COMPARE(m_records.sessions.size(), 1);
+        QCOMPARE(m_records.sessions.first().bytes, qsizetype(30000));
+        QCOMPARE(m_records.sessions.first().duration, 0.625);
+        QVERIFY(!m_speech->currentError());
+        QVERIFY(playToEnd());
+    }
+
+    void stopDuringDownloadPublishesAndRecordsNothing()
+    {
+        QVERIFY(startServer({"--pace", "1"}));
+        m_speech->speak(sentence(40));
+        QTRY_VERIFY(m_speech->accumulatedByteCount() > 0);
+        QSignalSpy errors(m_speech.get(), &SpeechManager::currentErrorChanged);
+        m_speech->stop();
+        QVERIFY(!m_speech->hasContent());
+        QVERIFY(!m_speech->isProcessing());
+        QTest::qWait(300);
+        QCOMPARE(m_speech->accumulatedByteCount(), qsizetype(0));
+        QVERIFY(errors.isEmpty());
+        QVERIFY(m_records.sessions.isEmpty());
+        QVERIFY(m_records.usage.isEmpty());
+    }
+
+    void shortNarrationIsPlayedAnyway()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(QStringLiteral("Hi"));
+        QVERIFY(waitUntilPlaying());
+        QVERIFY(m_speech->totalTime() < 0.5);
+        QVERIFY(playToEnd());
+        QCOMPARE(m_records.sessions.size(), 1);
+    }
+
+    void staleCompletionsNeverEndTheNextNarration()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(sentence(10));
+        QVERIFY(waitUntilPlaying());
+        QTRY_COMPARE(m_records.sessions.size(), 1);
+        m_sink->advance(4800);         // part of the old narration is rendered...
+        m_speech->speak(sentence(11)); // ...and then it is replaced
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        for (int i = 0; i < 20; ++i) {
+            m_sink->advance(240);
+            QCoreApplication::processEvents();
+        }
+        QVERIFY(ended.isEmpty());
+        QVERIFY(waitUntilPlaying());
+        QVERIFY(playToEnd());
+        QCOMPARE(m_records.sessions.size(), 2);
+    }
+
+    void burstOfSeeksPerformsTheLast()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(sentence(30));
+        QVERIFY(waitUntilPlaying());
+        QTRY_VERIFY(m_records.sessions.size() == 1);
+        QSignalSpy performed(m_speech.get(), &SpeechManager::seekPerformed);
+        for (qint64 frame : {24000, 48000, 12000, 36000}) {
+            m_speech->seekToFrame(frame);
+            QCOMPARE(m_speech->currentTime(), double(frame) / 24000.0); // the scrubber follows at once
+        }
+        QTRY_COMPARE(performed.size(), 1);
+        QCOMPARE(performed.first().first().toLongLong(), qint64(36000));
+        m_sink->advance(2400);
+        QCoreApplication::processEvents();
+        QCOMPARE(m_speech->currentPlaybackFrame(), qint64(36000 + 2400));
+    }
+
+    void seekClampsAndEndsPastTheEnd_data()
+    {
+        QTest::addColumn<bool>("ends");
+
+        QTest::newRow("negative plays from 0") << false;
+        QTest::newRow("past the end") << true;
+    }
+
+    void seekClampsAndEndsPastTheEnd()
+    {
+        QFETCH(bool, ends);
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(sentence(10));
+        QVERIFY(waitUntilPlaying());
+        QTRY_COMPARE(m_records.sessions.size(), 1);
+        const qint64 frames = m_speech->accumulatedByteCount() / 2;
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        m_speech->seekToFrame(ends ? frames + 120000 : -120000);
+        QTRY_COMPARE(ended.size(), ends ? 1 : 0);
+        if (ends) {
+            QCOMPARE(m_speech->currentTime(), m_speech->totalTime());
+            QVERIFY(!m_speech->isPlaying());
+        } else {
+            QTRY_COMPARE(m_speech->currentTime(), 0.0);
+            QVERIFY(m_speech->isPlaying());
+        }
+    }
+
+    void pauseKeepsPositionAndSeekingWhilePausedStaysPaused()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(sentence(20));
+        QVERIFY(waitUntilPlaying());
+        m_sink->advance(12000);
+        QCoreApplication::processEvents();
+        m_speech->togglePlayPause();
+        QVERIFY(!m_speech->isPlaying());
+        const qint64 position = m_speech->currentPlaybackFrame();
+        m_sink->advance(24000);
+        QCoreApplication::processEvents();
+        QCOMPARE(m_speech->currentPlaybackFrame(), position);
+
+        QSignalSpy performed(m_speech.get(), &SpeechManager::seekPerformed);
+        m_speech->seekToFrame(4800);
+        QTRY_COMPARE(performed.size(), 1);
+        QVERIFY(!m_speech->isPlaying());
+        m_sink->advance(24000);
+        QCoreApplication::processEvents();
+        QCOMPARE(m_speech->currentPlaybackFrame(), qint64(4800));
+        m_speech->togglePlayPause();
+        QVERIFY(m_speech->isPlaying());
+        QVERIFY(playToEnd());
+    }
+
+    void doubleSpeedHalvesTheTime_data()
+    {
+        QTest::addColumn<float>("speed");
+        QTest::newRow("1.0x") << 1.0f;
+        QTest::newRow("2.0x") << 2.0f;
+        QTest::newRow("0.5x") << 0.5f;
+    }
+
+    void doubleSpeedHalvesTheTime()
+    {
+        QFETCH(float, speed);
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->setPlaybackSpeed(speed);
+        m_speech->speak(sentence(25));
+        QVERIFY(waitUntilPlaying());
+        QTRY_COMPARE(m_records.sessions.size(), 1);
+        const qint64 frames = m_speech->accumulatedByteCount() / 2;
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        qint64 rendered = 0;
+        while (ended.isEmpty() && rendered < frames * 4) {
+            m_sink->advance(240);
+            rendered += 240;
+            QCoreApplication::processEvents();
+        }
+        QVERIFY(!ended.isEmpty());
+        const double ratio = double(rendered) / (double(frames) / double(speed));
+        QVERIFY2(ratio > 0.95 && ratio < 1.1, qPrintable(QString::number(ratio)));
+    }
+
+    void previewAndReplayRecordNothing()
+    {
+        createManager(QUrl(QStringLiteral("http://127.0.0.1:9")));
+        m_speech->playVoicePreview(QStringLiteral("marin"));
+        QVERIFY(waitUntilPlaying());
+        QVERIFY(m_speech->totalTime() > 1.0);
+        QVERIFY(playToEnd());
+
+        const QUuid id = QUuid::createUuid();
+        QFile file(m_records.audioFile(id));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray(48000, '\x10'));
+        file.close();
+        m_speech->playFromHistory(id);
+        QVERIFY(m_speech->isPlaying());
+        QCOMPARE(m_speech->currentPlayingSessionId(), id);
+        QCOMPARE(m_speech->totalTime(), 1.0);
+        QVERIFY(playToEnd());
+        QCOMPARE(m_speech->currentPlayingSessionId(), id);
+        QVERIFY(m_records.sessions.isEmpty());
+        QVERIFY(m_records.usage.isEmpty());
+
+        m_speech->playFromHistory(QUuid::createUuid()); // its audio file is gone
+        QVERIFY(!m_speech->currentPlayingSessionId());
+        QVERIFY(!m_speech->hasContent());
+    }
+
+    void requestAsTheServerSawIt_data()
+    {
+        QTest::addColumn<bool>("service");
+        QTest::addColumn<QString>("style");
+        for (bool service : {false, true}) {
+            for (VoiceStyle style : VoiceStyle::allCases()) {
+                const QString name =
+                    (service ? QStringLiteral("service ") : QStringLiteral("own key ")) + style.rawValue();
+                QTest::newRow(qPrintable(name)) << service << style.rawValue();
+            }
+        }
+    }
+
+    void requestAsTheServerSawIt()
+    {
+        QFETCH(bool, service);
+        QFETCH(QString, style);
+        QVERIFY(startServer({"--pace", "0"}));
+        if (service) {
+            m_keychain->save(QStringLiteral("stored-token"), KeychainKey::accessToken);
+            m_account.signedIn = true;
+        }
+        m_speech->setSelectedVoice(QStringLiteral("cedar"));
+        m_speech->setSelectedVoiceStyleRawValue(style);
+        const QString text = QStringLiteral("  Read this, exactly as it is.\n");
+        m_speech->speak(text);
+        const QList<QJsonObject> log = m_server->waitForRequests(1, std::chrono::seconds(10));
+        QCOMPARE(log.size(), 1);
+        const QJsonObject request = log.first();
+        QCOMPARE(request.value("method").toString(), QStringLiteral("POST"));
+        QCOMPARE(request.value("path").toString(),
+                 service ? QStringLiteral("/api/tts/stream") : QStringLiteral("/v1/audio/speech"));
+        QCOMPARE(DevServer::header(request, u"Authorization"),
+                 service ? QStringLiteral("Bearer service-token") : QStringLiteral("Bearer local"));
+        QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
+
+        const QJsonObject body = QJsonDocument::fromJson(request.value("body").toString().toUtf8()).object();
+        QStringList members = body.keys();
+        members.sort();
+        QCOMPARE(members, QStringList({"input", "instructions", "model", "response_format", "voice"}));
+        QCOMPARE(body.value("model").toString(),
+                 service ? QStringLiteral("gpt-4o-mini-tts") : QStringLiteral("gpt-4o-mini-tts-2025-12-15"));
+        QCOMPARE(body.value("input").toString(), text);
+        QCOMPARE(body.value("voice").toString(), QStringLiteral("cedar"));
+        QCOMPARE(body.value("response_format").toString(), QStringLiteral("pcm"));
+        QCOMPARE(body.value("instructions").toString(), VoiceStyle::fromRawValue(style)->instructions());
+
+        QTRY_COMPARE(m_records.sessions.size(), 1);
+        QCOMPARE(m_account.deducted.size(), service ? 1 : 0);
+        if (service)
+            QCOMPARE(m_account.deducted.first(), m_records.sessions.first().duration);
+    }
+
+    void checksBeforeTheRequest_data()
+    {
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<QString>("description");
+
+        QTest::newRow("no key") << "no key"
+                                << "OpenAI API key is missing. Please add it in Settings.";
+        QTest::newRow("empty key") << "empty key"
+                                   << "OpenAI API key is missing. Please add it in Settings.";
+        QTest::newRow("token but signed out") << "token, signed out"
+                                              << "Please sign in to use narration.";
+        QTest::newRow("59 seconds") << "59 s"
+                                    << "Low balance (0 min remaining). Add more minutes to continue.";
+        QTest::newRow("no valid token") << "no valid token"
+                                        << "Please sign in to use narration.";
+    }
+
+    void checksBeforeTheRequest()
+    {
+        QFETCH(QString, setup);
+        QFETCH(QString, description);
+        QVERIFY(startServer({"--pace", "0"}));
+        // A narration is loaded first: a failed check comes after stop(), so it is gone afterwards.
+        m_speech->speak(sentence(5));
+        QVERIFY(waitUntilPlaying());
+
+        if (setup == u"no key")
+            m_keychain->remove(KeychainKey::openAIAPIKey);
+        if (setup == u"empty key")
+            m_keychain->save(QString(), KeychainKey::openAIAPIKey);
+        if (setup.startsWith(u"token") || setup == u"59 s" || setup == u"no valid token")
+            m_keychain->save(QStringLiteral("stored-token"), KeychainKey::accessToken);
+        m_account.signedIn = setup != u"token, signed out";
+        if (setup == u"59 s") {
+            m_account.balance = 59;
+            m_account.minutes = 0;
+        }
+        if (setup == u"no valid token")
+            m_account.token.reset();
+
+        m_speech->speak(sentence(6));
+        QVERIFY(waitForError());
+        QCOMPARE(m_speech->currentErrorDescription(), description);
+        QVERIFY(!m_speech->hasContent());
+        QCOMPARE(m_server->waitForRequests(2, std::chrono::milliseconds(300)).size(), 1);
+    }
+
+    void sixtySecondsOfBalancePass()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_keychain->save(QStringLiteral("stored-token"), KeychainKey::accessToken);
+        m_account.signedIn = true;
+        m_account.balance = 60;
+        m_speech->speak(sentence(3));
+        QVERIFY(waitUntilPlaying());
+        QVERIFY(!m_speech->currentError());
+    }
+
+    void blankTextReturnsBeforeStopping()
+    {
+        QVERIFY(startServer({"--pace", "0"}));
+        m_speech->speak(sentence(5));
+        QVERIFY(waitUntilPlaying());
+        m_speech->speak(QStringLiteral(" \n\t "));
+        QVERIFY(m_speech->isPlaying());
+        QVERIFY(m_speech->hasContent());
+    }
+
+    void selectionTrigger_data()
+    {
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<QString>("loaded"); // text narrated before the trigger, "" for none
+        QTest::addColumn<QString>("after");  // "playing", "stopped" or "ended"
+        QTest::addColumn<QString>("selection");
+        QTest::addColumn<QString>("expect"); // "error:<id>", "paused", "restarted", "nothing", "request"
+
+        QTest::newRow("not trusted") << false << ""
+                                     << ""
+                                     << "text"
+                                     << "error:accessibilityPermissionMissing";
+        QTest::newRow("nothing selected") << true << ""
+                                          << ""
+                                          << ""
+                                          << "error:noTextSelected";
+        QTest::newRow("whitespace only") << true << ""
+                                         << ""
+                                         << "  \n "
+                                         << "error:noTextSelected";
+        QTest::newRow("same text toggles") << true << "Hello world"
+                                           << "playing"
+                                           << "  hello,  WORLD! "
+                                           << "paused";
+        QTest::newRow("nothing selected toggles") << true << "Hello world"
+                                                  << "playing"
+                                                  << ""
+                                                  << "paused";
+        QTest::newRow("same text after the end restarts") << true << "Hello world"
+                                                          << "ended"
+                                                          << "Hello world"
+                                                          << "restarted";
+        QTest::newRow("same text after a stop does nothing") << true << "Hello world"
+                                                             << "stopped"
+                                                             << "Hello world"
+                                                             << "nothing";
+        QTest::newRow("new text narrates") << true << "Hello world"
+                                           << "playing"
+                                           << "Something else"
+                                           << "request";
+    }
+
+    void selectionTrigger()
+    {
+        QFETCH(bool, trusted);
+        QFETCH(QString, loaded);
+        QFETCH(QString, after);
+        QFETCH(QString, selection);
+        QFETCH(QString, expect);
+        QVERIFY(startServer({"--pace", "0"}));
+        if (!loaded.isEmpty()) {
+            m_speech->speak(loaded);
+            QVERIFY(waitUntilPlaying());
+            QTRY_COMPARE(m_records.sessions.size(), 1);
+            if (after == u"ended")
+                QVERIFY(playToEnd());
+            if (after == u"stopped")
+                m_speech->stop();
+        }
+        m_selection.trusted = trusted;
+        m_selection.selection = selection.isEmpty() ? std::nullopt : std::optional<QString>(selection);
+        m_speech->setCurrentError(std::nullopt);
+        m_speech->handleNarrationTrigger();
+        QCoreApplication::processEvents();
+
+        if (expect.startsWith(u"error:")) {
+            QCOMPARE(m_speech->currentErrorId(), expect.mid(6));
+        } else if (expect == u"paused") {
+            QVERIFY(!m_speech->isPlaying());
+            QVERIFY(m_speech->hasContent());
+        } else if (expect == u"restarted") {
+            QVERIFY(m_speech->isPlaying());
+            QCOMPARE(m_speech->currentTime(), 0.0);
+        } else if (expect == u"nothing") {
+            QVERIFY(!m_speech->currentError());
+            QVERIFY(!m_speech->hasContent());
+        }
+        const qsizetype requests = loaded.isEmpty() ? 0 : 1;
+        QCOMPARE(m_server->waitForRequests(requests + 1, std::chrono::milliseconds(300)).size(),
+                 requests + (expect == u"request" ? 1 : 0));
+    }
+
+    void persistedChoicesFallBack_data()
+    {
+        QTest::addColumn<QString>("voice");
+        QTest::addColumn<QString>("style");
+        QTest::addColumn<QString>("appearance");
+        QTest::addColumn<QString>("theme");
+        QTest::addColumn<QStringList>("expected");
+
+        QTest::newRow("missing") << QString() << QString() << QString() << QString()
+                                 << QStringList{"marin", "Standard", "Dark", "Default"};
+        QTest::newRow("stored") << "shimmer"
+                                << "Bedtime Story"
+                                << "Light"
+                                << "Ocean" << QStringList{"shimmer", "Bedtime Story", "Light", "Ocean"};
+        QTest::newRow("unknown") << "robot"
+                                 << "bedtime story"
+                                 << "light"
+                                 << "Neon" << QStringList{"robot", "Standard", "Dark", "Default"};
+    }
+
+    void persistedChoicesFallBack()
+    {
+        QFETCH(QString, voice);
+        QFETCH(QString, style);
+        QFETCH(QString, appearance);
+        QFETCH(QString, theme);
+        QFETCH(QStringList, expected);
+        if (!voice.isNull()) {
+            m_defaults->setString(QStringLiteral("selectedVoice"), voice);
+            m_defaults->setString(QStringLiteral("selectedVoiceStyle"), style);
+            m_defaults->setString(QStringLiteral("widgetAppearance"), appearance);
+            m_defaults->setString(QStringLiteral("widgetTheme"), theme);
+        }
+        createManager(QUrl(QStringLiteral("http://127.0.0.1:9")));
+        QCOMPARE(QStringList({m_speech->selectedVoice(), m_speech->selectedVoiceStyleRawValue(),
+                              m_speech->widgetAppearanceRawValue(), m_speech->widgetThemeRawValue()}),
+                 expected);
+        m_speech->setSelectedVoiceStyle(VoiceStyle::Dramatic);
+        QCOMPARE(m_defaults->string(QStringLiteral("selectedVoiceStyle")), QStringLiteral("Dramatic"));
+        m_speech->useVoiceForThisRun(QStringLiteral("onyx"));
+        QCOMPARE(m_defaults->string(QStringLiteral("selectedVoice")).value_or(QString()), voice);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSpeechManager)
+#include "tst_speechmanager.moc"
