@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <QMutex>
 #include <QString>
 
 #include <memory>
@@ -13,13 +14,17 @@ enum class KeychainKey { openAIAPIKey, accessToken, refreshToken };
 QString accountName(KeychainKey key);
 
 // Keeps the application's secrets in the user's keyring, addressed by service + account.
-// Synchronous; nothing here throws or logs. Never falls back to a file or the settings.
+// Synchronous and callable from any thread; nothing here throws or logs. Never falls back to a file or
+// the settings. A call fails within about 5 s when no keyring answers, but a locked keyring shows the
+// desktop's unlock prompt and a call then waits up to a minute for the user.
 class KeychainHelper
 {
 public:
     // Uses `store`, or the platform's Secret Service store when none is given.
     explicit KeychainHelper(QString service, std::unique_ptr<SecretStore> store = {});
     ~KeychainHelper();
+    KeychainHelper(const KeychainHelper &) = delete;
+    KeychainHelper &operator=(const KeychainHelper &) = delete;
 
     // Service "com.vantor.quillvox", or QUILLVOX_KEYCHAIN_SERVICE when set.
     static KeychainHelper &shared();
@@ -38,6 +43,10 @@ public:
     QString lastFailureReason() const;
 
 private:
+    void setFailureReason(const QString &reason);
+
     QString m_service;
     std::unique_ptr<SecretStore> m_store;
+    mutable QMutex m_reasonMutex;
+    QString m_lastFailureReason;
 };

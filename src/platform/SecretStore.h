@@ -6,7 +6,8 @@
 
 #include <optional>
 
-// A store of secret items addressed by (service, account).
+// A store of secret items addressed by (service, account). Calls are synchronous and may be made from
+// any thread.
 class SecretStore
 {
 public:
@@ -22,11 +23,17 @@ public:
     {
         Status status = Status::Failed;
         std::optional<QByteArray> data; // set by lookup when status is Ok
-        QString reason;                 // for the user interface when status is not Ok/NotFound
+        QString detail;                 // what went wrong, technical, never a secret; may be empty
     };
 
     virtual ~SecretStore() = default;
-    virtual Result store(const QString &service, const QString &account, const QByteArray &secret) = 0;
+
+    // Adds an item. The store may replace an item with exactly the same attributes, but callers that
+    // need "exactly one item" remove first.
+    virtual Result store(const QString &service, const QString &account, const QString &label,
+                         const QByteArray &secret) = 0;
+    // One matching item's secret.
     virtual Result lookup(const QString &service, const QString &account) = 0;
+    // Removes every matching item; NotFound when there was none.
     virtual Result remove(const QString &service, const QString &account) = 0;
 };

@@ -1,0 +1,420 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "keyring/KeyringFixture.h"
+
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+#include <QDBusVirtualObject>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QMutex>
+#include <QStandardPaths>
+#include <QThread>
+
+#include <functional>
+
+#include <signal.h>
+#include <sys/types.h>
+
+namespace {
+
+const QString kSecrets = QStringLiteral("org.freedesktop.secrets");
+const QString kServicePath = QStringLiteral("/org/freedesktop/secrets");
+const QString kServiceInterface = QStringLiteral("org.freedesktop.Secret.Service");
+const QString kLoginCollection = QStringLiteral("/org/freedesktop/secrets/collection/login");
+
+bool waitUntil(const std::function<bool()> &condition, int timeoutMs)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!condition()) {
+        if (deadline.hasExpired())
+            return false;
+        QThread::msleep(20);
+    }
+    return true;
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+
+// The bus starts activated services through a helper process of its own, so what it started may sit
+// several levels down.
+QList<pid_t> descendantsOf(pid_t root)
+{
+    QMap<pid_t, QList<pid_t>> children;
+    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString &entry : entries) {
+        bool isPid = false;
+        const pid_t pid = entry.toInt(&isPid);
+        if (!isPid)
+            continue;
+        QFile stat(QStringLiteral("/proc/%1/stat").arg(entry));
+        if (!stat.open(QIODevice::ReadOnly))
+            continue;
+        // "pid (command) state ppid ...", where the command may itself contain ") ".
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 1)
+            children[fields.at(1).toInt()].append(pid);
+    }
+    QList<pid_t> found;
+    QList<pid_t> queue{root};
+    while (!queue.isEmpty()) {
+        const QList<pid_t> next = children.value(queue.takeFirst());
+        found += next;
+        queue += next;
+    }
+    return found;
+}
+
+void stop(QProcess &process)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.terminate();
+    if (!process.waitForFinished(3000)) {
+        process.kill();
+        process.waitForFinished(3000);
+    }
+}
+
+QByteArray busConfig(const QString &dir, bool withServiceDir)
+{
+    // No <standard_session_servicedirs/>: a bus that could activate the installed keyring would start one
+    // as soon as a test asked for it.
+    QByteArray config = "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                        "<busconfig>\n"
+                        "  <type>session</type>\n"
+                        "  <listen>unix:path=" +
+                        dir.toUtf8() +
+                        "/bus</listen>\n"
+                        "  <auth>EXTERNAL</auth>\n";
+    if (withServiceDir)
+        config += "  <servicedir>" + dir.toUtf8() + "/services</servicedir>\n";
+    config += "  <policy context=\"default\">\n"
+              "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+              "    <allow eavesdrop=\"true\"/>\n"
+              "    <allow own=\"*\"/>\n"
+              "  </policy>\n"
+              "</busconfig>\n";
+    return config;
+}
+
+} // namespace
+
+// Takes every call and answers none until release(), like a prompt dialog nobody looks at.
+class KeyringFixture::SilentPrompter final : public QDBusVirtualObject
+{
+public:
+    QString introspect(const QString &) const override { return {}; }
+
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &) override
+    {
+        const QMutexLocker locker(&m_mutex);
+        message.setDelayedReply(true);
+        m_held.append(message);
+        return true;
+    }
+
+    int calls() const
+    {
+        const QMutexLocker locker(&m_mutex);
+        return static_cast<int>(m_held.size());
+    }
+
+    // Fails the held calls, so that gnome-keyring gives up its prompts now rather than at its own
+    // timeout, which would hold up the prompts of later tests.
+    void release(QDBusConnection &bus)
+    {
+        const QMutexLocker locker(&m_mutex);
+        for (const QDBusMessage &message : std::as_const(m_held)) {
+            if (message.isReplyRequired())
+                bus.send(
+                    message.createErrorReply(QDBusError::Failed, QStringLiteral("the prompter went away")));
+        }
+    }
+
+private:
+    mutable QMutex m_mutex;
+    QList<QDBusMessage> m_held;
+};
+
+KeyringFixture::KeyringFixture(Mode mode)
+    : m_dir(QDir::tempPath() + QStringLiteral("/quillvox-keyring-XXXXXX"))
+{
+    qDBusRegisterMetaType<QMap<QString, QString>>();
+    m_hadPreviousAddress = qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS");
+    m_previousAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!m_dir.isValid()) {
+        m_error = QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
+        return;
+    }
+    if (!startBus(mode))
+        return;
+    if (mode == Mode::GnomeKeyring)
+        startGnomeKeyring();
+}
+
+KeyringFixture::~KeyringFixture()
+{
+    releaseUnlockPrompts();
+    if (!m_connectionName.isEmpty())
+        QDBusConnection::disconnectFromBus(m_connectionName);
+    stop(m_keyring);
+    stopBus();
+    if (m_hadPreviousAddress)
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_previousAddress);
+    else
+        qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+}
+
+bool KeyringFixture::startBus(Mode mode)
+{
+    const QString dir = m_dir.path();
+    const QString config = dir + QStringLiteral("/bus.conf");
+    const bool stalled = mode == Mode::StalledSecretService;
+    if (!writeFile(config, busConfig(dir, stalled))) {
+        m_error = QStringLiteral("cannot write the bus configuration");
+        return false;
+    }
+    if (stalled) {
+        // Starts, but never takes the name: the activation stays pending until the bus gives up.
+        QDir().mkpath(dir + QStringLiteral("/services"));
+        const QString sleep = QStandardPaths::findExecutable(QStringLiteral("sleep"));
+        if (sleep.isEmpty() ||
+            !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
+                       "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=" + sleep.toUtf8() + " 120\n")) {
+            m_error = QStringLiteral("cannot write the stalled service's activation file");
+            return false;
+        }
+    }
+
+    m_bus.setProgram(QStringLiteral("dbus-daemon"));
+    m_bus.setArguments({QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"),
+                        QStringLiteral("--nopidfile"), QStringLiteral("--print-address=1")});
+    m_bus.setStandardErrorFile(dir + QStringLiteral("/dbus.log"));
+    m_bus.start(QIODevice::ReadOnly);
+    if (!m_bus.waitForStarted(5000)) {
+        m_error = QStringLiteral("cannot start dbus-daemon: ") + m_bus.errorString();
+        return false;
+    }
+    QByteArray printed;
+    waitUntil(
+        [&] {
+            m_bus.waitForReadyRead(100);
+            printed += m_bus.readAll();
+            return printed.contains('\n') || m_bus.state() == QProcess::NotRunning;
+        },
+        10000);
+    m_address = QString::fromUtf8(printed.left(printed.indexOf('\n')).trimmed());
+    if (m_address.isEmpty()) {
+        m_error = QStringLiteral("dbus-daemon did not report its address") + logs();
+        return false;
+    }
+    qputenv("DBUS_SESSION_BUS_ADDRESS", m_address.toUtf8());
+
+    m_connectionName = QStringLiteral("keyring-fixture-%1").arg(reinterpret_cast<quintptr>(this));
+    if (!QDBusConnection::connectToBus(m_address, m_connectionName).isConnected()) {
+        m_error = QStringLiteral("cannot connect to the private bus") + logs();
+        return false;
+    }
+    return true;
+}
+
+bool KeyringFixture::startGnomeKeyring()
+{
+    const QString dir = m_dir.path();
+    for (const char *sub : {"/run", "/data", "/config", "/cache"}) {
+        QDir().mkpath(dir + QLatin1String(sub));
+        QFile::setPermissions(dir + QLatin1String(sub),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    QProcessEnvironment env = environment();
+    // Its own runtime folder, or it hands over to a gnome-keyring that already runs for the user; its own
+    // data folder, or it opens the user's keyrings.
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir + QStringLiteral("/run"));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), dir + QStringLiteral("/data"));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir + QStringLiteral("/config"));
+    env.insert(QStringLiteral("XDG_CACHE_HOME"), dir + QStringLiteral("/cache"));
+    env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.remove(QStringLiteral("GNOME_KEYRING_CONTROL"));
+
+    m_keyring.setProcessEnvironment(env);
+    m_keyring.setProgram(QStringLiteral("gnome-keyring-daemon"));
+    m_keyring.setArguments(
+        {QStringLiteral("--foreground"), QStringLiteral("--unlock"), QStringLiteral("--components=secrets")});
+    m_keyring.setStandardOutputFile(dir + QStringLiteral("/keyring.out"));
+    m_keyring.setStandardErrorFile(dir + QStringLiteral("/keyring.log"));
+    m_keyring.start(QIODevice::WriteOnly);
+    if (!m_keyring.waitForStarted(5000)) {
+        m_error = QStringLiteral("cannot start gnome-keyring-daemon: ") + m_keyring.errorString();
+        return false;
+    }
+    // WORKAROUND: gnome-keyring creates and unlocks the login keyring only for a password ending in a
+    // newline; an empty standard input leaves it without one, and every store then waits for a prompt.
+    m_keyring.write("\n");
+    m_keyring.waitForBytesWritten(5000);
+    m_keyring.closeWriteChannel();
+
+    const QDBusConnection bus(m_connectionName);
+    // Ask the bus rather than the service: a call to org.freedesktop.secrets before the daemon owns the
+    // name could race with its start.
+    const bool owned =
+        waitUntil([&] { return bus.interface()->isServiceRegistered(kSecrets).value(); }, 10000);
+    const bool loginIsDefault =
+        owned &&
+        waitUntil(
+            [&] {
+                QDBusMessage call = QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface,
+                                                                   QStringLiteral("ReadAlias"));
+                call << QStringLiteral("default");
+                const QDBusMessage reply = bus.call(call, QDBus::Block, 2000);
+                return reply.type() == QDBusMessage::ReplyMessage &&
+                       reply.arguments().value(0).value<QDBusObjectPath>().path() == kLoginCollection;
+            },
+            10000);
+    if (!loginIsDefault) {
+        m_error = QStringLiteral("gnome-keyring did not come up with an unlocked login collection") + logs();
+        return false;
+    }
+    return true;
+}
+
+void KeyringFixture::stopBus()
+{
+    if (m_bus.state() == QProcess::NotRunning)
+        return;
+    // Deepest first, each waited for, so that its parent is still there to reap it.
+    const QList<pid_t> activated = descendantsOf(static_cast<pid_t>(m_bus.processId()));
+    for (auto it = activated.crbegin(); it != activated.crend(); ++it) {
+        const QString proc = QStringLiteral("/proc/%1").arg(*it);
+        ::kill(*it, SIGTERM);
+        if (!waitUntil([&] { return !QFile::exists(proc); }, 2000))
+            ::kill(*it, SIGKILL);
+    }
+    stop(m_bus);
+}
+
+QString KeyringFixture::logs() const
+{
+    QString text;
+    for (const char *name : {"/dbus.log", "/keyring.log"}) {
+        QFile file(m_dir.path() + QLatin1String(name));
+        if (file.open(QIODevice::ReadOnly))
+            text += QStringLiteral("\n") + QLatin1String(name + 1) + QStringLiteral(": ") +
+                    QString::fromUtf8(file.readAll());
+    }
+    return text;
+}
+
+QProcessEnvironment KeyringFixture::environment() const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
+    return env;
+}
+
+QList<KeyringFixture::Item> KeyringFixture::items(const QMap<QString, QString> &attributes) const
+{
+    const QDBusConnection bus(m_connectionName);
+    QDBusMessage search = QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface,
+                                                         QStringLiteral("SearchItems"));
+    search << QVariant::fromValue(attributes);
+    const QDBusMessage found = bus.call(search, QDBus::Block, 5000);
+    QList<Item> items;
+    if (found.type() != QDBusMessage::ReplyMessage || found.arguments().size() != 2)
+        return items;
+    for (int i = 0; i < 2; ++i) {
+        for (const QDBusObjectPath &path : qdbus_cast<QList<QDBusObjectPath>>(found.arguments().at(i))) {
+            QDBusMessage get = QDBusMessage::createMethodCall(
+                kSecrets, path.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
+                QStringLiteral("Get"));
+            get << QStringLiteral("org.freedesktop.Secret.Item") << QStringLiteral("Label");
+            const QDBusMessage label = bus.call(get, QDBus::Block, 5000);
+            items.append(
+                {path.path(), label.arguments().value(0).value<QDBusVariant>().variant().toString(), i == 1});
+        }
+    }
+    return items;
+}
+
+bool KeyringFixture::lockLoginCollection() const
+{
+    const QDBusConnection bus(m_connectionName);
+    QDBusMessage lock =
+        QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface, QStringLiteral("Lock"));
+    lock << QVariant::fromValue(QList<QDBusObjectPath>{QDBusObjectPath(kLoginCollection)});
+    const QDBusMessage reply = bus.call(lock, QDBus::Block, 5000);
+    return reply.type() == QDBusMessage::ReplyMessage &&
+           qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().value(0))
+               .contains(QDBusObjectPath(kLoginCollection));
+}
+
+bool KeyringFixture::holdUnlockPrompts()
+{
+    releaseUnlockPrompts();
+    QDBusConnection bus(m_connectionName);
+    m_prompter = std::make_unique<SilentPrompter>();
+    return bus.registerVirtualObject(QStringLiteral("/"), m_prompter.get(), QDBusConnection::SubPath) &&
+           bus.registerService(QStringLiteral("org.gnome.keyring.SystemPrompter"));
+}
+
+void KeyringFixture::releaseUnlockPrompts()
+{
+    if (!m_prompter)
+        return;
+    QDBusConnection bus(m_connectionName);
+    bus.unregisterService(QStringLiteral("org.gnome.keyring.SystemPrompter"));
+    bus.unregisterObject(QStringLiteral("/"), QDBusConnection::UnregisterTree);
+    m_prompter->release(bus);
+    m_prompter.reset();
+}
+
+int KeyringFixture::unlockPromptCalls() const
+{
+    return m_prompter ? m_prompter->calls() : 0;
+}
+
+KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringList &arguments,
+                                        const QByteArray &input, const QProcessEnvironment &environment,
+                                        int timeoutMs) const
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    Run result;
+    if (!process.waitForStarted(5000))
+        return result;
+    process.write(input);
+    process.closeWriteChannel();
+    result.finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
+    if (!result.finished) {
+        process.kill();
+        process.waitForFinished(3000);
+    }
+    result.exitCode = process.exitCode();
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
+KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringList &arguments,
+                                        const QByteArray &input) const
+{
+    return run(program, arguments, input, environment());
+}
+
+KeyringFixture::Run KeyringFixture::secretTool(const QStringList &arguments, const QByteArray &input) const
+{
+    return run(QStringLiteral("secret-tool"), arguments, input);
+}

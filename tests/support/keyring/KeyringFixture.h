@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// A private session bus for a test, optionally with gnome-keyring serving the Secret Service on it, so
+// that tests never see the user's keyring. Exports DBUS_SESSION_BUS_ADDRESS while it lives (and puts the
+// previous value back afterwards): create it before the first libsecret call of the process, because
+// libsecret stays with the bus it first connected to. Stops exactly the processes it started.
+class KeyringFixture
+{
+public:
+    enum class Mode {
+        GnomeKeyring,         // gnome-keyring-daemon with a fresh login collection, unlocked, as default
+        NoSecretService,      // nothing owns org.freedesktop.secrets and nothing can be activated
+        StalledSecretService, // org.freedesktop.secrets can be activated, but the activation never finishes
+    };
+
+    struct Item
+    {
+        QString path;
+        QString label;
+        bool locked = false;
+    };
+
+    struct Run
+    {
+        bool finished = false; // false when the program did not start or did not end in time
+        int exitCode = -1;
+        QByteArray out;
+        QByteArray err;
+    };
+
+    explicit KeyringFixture(Mode mode = Mode::GnomeKeyring);
+    ~KeyringFixture();
+    KeyringFixture(const KeyringFixture &) = delete;
+    KeyringFixture &operator=(const KeyringFixture &) = delete;
+
+    bool isReady() const { return m_error.isEmpty(); }
+    QString errorString() const { return m_error; }
+    QString busAddress() const { return m_address; }
+
+    // This process's environment with the private bus, for subprocesses.
+    QProcessEnvironment environment() const;
+
+    // The items whose attributes include `attributes`, locked ones too, as the Secret Service lists them.
+    QList<Item> items(const QMap<QString, QString> &attributes) const;
+    // Locks gnome-keyring's login collection; with no prompter on the private bus it stays locked, and
+    // gnome-keyring dismisses every unlock prompt at once.
+    bool lockLoginCollection() const;
+    // Puts a prompter on the bus that takes gnome-keyring's prompts and never answers, like a user who
+    // walked away from the unlock dialog, until releaseUnlockPrompts().
+    bool holdUnlockPrompts();
+    void releaseUnlockPrompts();
+    // How many calls the held prompter received.
+    int unlockPromptCalls() const;
+
+    // Runs a program to its end (at most `timeoutMs`) with `input` on its standard input.
+    Run run(const QString &program, const QStringList &arguments, const QByteArray &input,
+            const QProcessEnvironment &environment, int timeoutMs = 30000) const;
+    Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {}) const;
+    Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const;
+
+    // What the bus and gnome-keyring wrote to their standard error, for failure messages.
+    QString logs() const;
+
+private:
+    class SilentPrompter;
+
+    bool startBus(Mode mode);
+    bool startGnomeKeyring();
+    void stopBus();
+
+    QTemporaryDir m_dir;
+    QProcess m_bus;
+    QProcess m_keyring;
+    QString m_address;
+    QString m_connectionName;
+    QByteArray m_previousAddress;
+    bool m_hadPreviousAddress = false;
+    QString m_error;
+    std::unique_ptr<SilentPrompter> m_prompter;
+};
