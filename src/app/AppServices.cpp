@@ -5,10 +5,29 @@
 #include "core/DeploymentConfig.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSinkFactory.h"
+#include "records/HistoryManager.h"
+#include "records/UsageManager.h"
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 
 #include <QCoreApplication>
+
+namespace {
+
+// Finished narrations go to the shared history and usage records.
+class SharedRecords final : public NarrationRecords
+{
+public:
+    void addSession(const QString &text, const QString &voice, double durationSeconds,
+                    const QByteArray &audioData) override
+    {
+        HistoryManager::shared().addSession(text, voice, durationSeconds, audioData);
+    }
+    QString audioFile(const QUuid &id) const override { return HistoryManager::shared().audioFile(id); }
+    void recordUsage(qint64 characters) override { UsageManager::shared().recordNarration(characters); }
+};
+
+} // namespace
 
 SpeechManager &createSharedSpeechManager()
 {
@@ -16,6 +35,7 @@ SpeechManager &createSharedSpeechManager()
     // backend exists, no selection can be read.
     static SignedOutAccount account;
     static NoSelection selection;
+    static SharedRecords records;
 
     const DeploymentConfig &config = DeploymentConfig::current();
     SpeechManager::Services services;
@@ -23,6 +43,7 @@ SpeechManager &createSharedSpeechManager()
     services.keychain = &KeychainHelper::shared();
     services.account = &account;
     services.selection = &selection;
+    services.records = &records;
     services.audioSink = createAudioSink(config.audioOutput);
     services.serviceOrigin = config.serviceOrigin;
     services.openAIOrigin = config.openAIOrigin;

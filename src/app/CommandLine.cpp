@@ -2,6 +2,9 @@
 #include "app/CommandLine.h"
 
 #include "account/KeychainHelper.h"
+#include "app/AppServices.h"
+#include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -9,12 +12,14 @@
 #include <QTextStream>
 
 #include <cstdio>
+#include <functional>
 
 namespace {
 
 const QStringList kHeadlessOptions{QStringLiteral("--set-api-key"), QStringLiteral("--clear-api-key"),
-                                   QStringLiteral("--help"), QStringLiteral("-h"),
-                                   QStringLiteral("--version"), QStringLiteral("-v")};
+                                   QStringLiteral("--speak"),       QStringLiteral("--preview"),
+                                   QStringLiteral("--help"),        QStringLiteral("-h"),
+                                   QStringLiteral("--version"),     QStringLiteral("-v")};
 
 void printError(const QString &text)
 {
@@ -62,6 +67,87 @@ int clearApiKey()
     return 0;
 }
 
+// Runs one narration (or a voice sample) to the end of its playback. 0 when it was heard; 1 after an
+// error, whose description goes to standard error.
+int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)> &begin)
+{
+    SpeechManager &speech = createSharedSpeechManager();
+    const auto failed = [&speech] {
+        printError(speech.currentErrorDescription());
+        const QString keyring = KeychainHelper::shared().lastFailureReason();
+        if (speech.currentError()->kind() == SpeechError::apiKeyMissing && !keyring.isEmpty())
+            printError(keyring);
+    };
+    if (speech.currentError()) {
+        failed();
+        return 1;
+    }
+    bool running = false;
+    QObject::connect(&speech, &SpeechManager::playbackEnded, &app, [&] { app.exit(0); });
+    QObject::connect(&speech, &SpeechManager::currentErrorChanged, &app, [&] {
+        if (running && speech.currentError() && !speech.isPlaying()) {
+            failed();
+            app.exit(1);
+        }
+    });
+    begin(speech);
+    if (speech.currentError()) {
+        failed();
+        return 1;
+    }
+    running = true;
+    return app.exec();
+}
+
+int speakOnce(QCoreApplication &app, const QString &text, const QString &voice, const QString &style,
+              const QString &speed)
+{
+    if (text.trimmed().isEmpty()) {
+        printError(QStringLiteral("Nothing to narrate: the text is empty."));
+        return 1;
+    }
+    std::optional<VoiceStyle> chosenStyle;
+    if (!style.isEmpty()) {
+        chosenStyle = VoiceStyle::fromRawValue(style);
+        if (!chosenStyle) {
+            QStringList names;
+            for (VoiceStyle s : VoiceStyle::allCases())
+                names << s.rawValue();
+            printError(QStringLiteral("Unknown style \"") + style + QStringLiteral("\". Styles: ") +
+                       names.join(QStringLiteral(", ")));
+            return 1;
+        }
+    }
+    float rate = 1.0f;
+    if (!speed.isEmpty()) {
+        bool ok = false;
+        rate = speed.toFloat(&ok);
+        if (!ok || !playbackSpeeds().contains(rate)) {
+            printError(QStringLiteral("Unsupported speed \"") + speed +
+                       QStringLiteral("\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0"));
+            return 1;
+        }
+    }
+    return narrateOnce(app, [&](SpeechManager &speech) {
+        if (!voice.isEmpty())
+            speech.useVoiceForThisRun(voice);
+        if (chosenStyle)
+            speech.useStyleForThisRun(*chosenStyle);
+        speech.setPlaybackSpeed(rate);
+        speech.speak(text);
+    });
+}
+
+int previewVoice(QCoreApplication &app, const QString &voice)
+{
+    if (!availableVoices().contains(voice)) {
+        printError(QStringLiteral("Unknown voice \"") + voice + QStringLiteral("\". Voices: ") +
+                   availableVoices().join(QStringLiteral(", ")));
+        return 1;
+    }
+    return narrateOnce(app, [&](SpeechManager &speech) { speech.playVoicePreview(voice); });
+}
+
 } // namespace
 
 bool isHeadlessMode(const QStringList &arguments)
@@ -87,12 +173,27 @@ int runQuillvox(int argc, char *argv[])
                                     QStringLiteral("Save the OpenAI API key read from standard input."));
     const QCommandLineOption clearKey(QStringLiteral("clear-api-key"),
                                       QStringLiteral("Remove the saved OpenAI API key."));
-    parser.addOptions({setKey, clearKey});
+    const QCommandLineOption speak(QStringLiteral("speak"), QStringLiteral("Narrate TEXT once and exit."),
+                                   QStringLiteral("TEXT"));
+    const QCommandLineOption voice(QStringLiteral("voice"), QStringLiteral("Voice for this run."),
+                                   QStringLiteral("NAME"));
+    const QCommandLineOption style(QStringLiteral("style"), QStringLiteral("Speaking style for this run."),
+                                   QStringLiteral("NAME"));
+    const QCommandLineOption speed(QStringLiteral("speed"), QStringLiteral("Playback speed for this run."),
+                                   QStringLiteral("X"));
+    const QCommandLineOption preview(QStringLiteral("preview"), QStringLiteral("Play a voice's sample."),
+                                     QStringLiteral("VOICE"));
+    parser.addOptions({setKey, clearKey, speak, voice, style, speed, preview});
     parser.process(app);
 
     if (parser.isSet(setKey))
         return setApiKey();
     if (parser.isSet(clearKey))
         return clearApiKey();
+    if (parser.isSet(speak))
+        return speakOnce(app, parser.value(speak), parser.value(voice), parser.value(style),
+                         parser.value(speed));
+    if (parser.isSet(preview))
+        return previewVoice(app, parser.value(preview));
     parser.showHelp(0);
 }
