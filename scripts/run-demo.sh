@@ -32,20 +32,16 @@ fi
 
 cat <<MSG
 
-Ask the local voice for speech (raw 16-bit mono PCM at 24 kHz):
+Narrate any text through the local voice in this profile:
 
-  curl -sN $origin/v1/audio/speech -H 'Authorization: Bearer local' -H 'Content-Type: application/json' \\
-    -d '{"model":"gpt-4o-mini-tts-2025-12-15","input":"Hello from Quillvox.","voice":"marin","response_format":"pcm"}' \\
-    | paplay --raw --rate=24000 --channels=1 --format=s16le
+  XDG_CONFIG_HOME=$XDG_CONFIG_HOME XDG_DATA_HOME=$XDG_DATA_HOME \\
+  QUILLVOX_KEYCHAIN_SERVICE=$QUILLVOX_KEYCHAIN_SERVICE QUILLVOX_OPENAI_ORIGIN=$origin \\
+  build/src/quillvox --speak "Any text you like." --voice cedar --style Calm --speed 1.25
 
 MSG
 
-if command -v paplay >/dev/null && pactl info >/dev/null 2>&1; then
-    echo "Playing a welcome through the dev server..."
-    curl -sN "$origin/v1/audio/speech" -H 'Authorization: Bearer local' -H 'Content-Type: application/json' \
-        -d '{"model":"gpt-4o-mini-tts-2025-12-15","input":"Welcome to Quillvox. Select text anywhere and press Control, Alt and S to hear it.","voice":"marin","response_format":"pcm"}' \
-        | paplay --raw --rate=24000 --channels=1 --format=s16le || true
-fi
+build/src/quillvox --speak "Welcome to Quillvox. Select text anywhere and press Control, Alt and S to hear it." \
+    || echo "(The welcome could not be played; see the message above.)" >&2
 
 echo "The dev server keeps running until you press Ctrl+C."
 wait "$DEVSERVER_PID"
