@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "platform/KeyboardInjector.h"
+
+// Synthetic key events through the XTEST extension, on Qt's connection.
+class X11KeyboardInjector final : public KeyboardInjector
+{
+public:
+    Availability availability() override;
+    QList<quint32> heldKeys() override;
+    void sendKey(quint32 keyCode, bool pressed) override;
+};

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+import QtQuick
+import Quillvox.Shortcuts
+
+// One settings row's recorder. The row owns the recording flag: bind `isRecording` to it and clear it on
+// `finished`, which follows both an accepted combination (after `recorded`) and Escape. How the row looks
+// while recording is the settings window's business; this shows the binding or the prompt.
+Item {
+    id: root
+
+    property bool isRecording: false
+    // The binding shown while not recording, e.g. HotkeyManager.displayLabel.
+    property string label
+    property string prompt: qsTr("Type a shortcut…")
+
+    signal recorded(var key, var modifiers)
+    signal finished
+
+    implicitWidth: Math.max(caption.implicitWidth + 16, 120)
+    implicitHeight: caption.implicitHeight + 10
+
+    SystemPalette {
+        id: systemPalette
+    }
+
+    Rectangle {
+        anchors.fill: parent
+        radius: 4
+        color: "transparent"
+        border.width: root.isRecording ? 2 : 1
+        border.color: root.isRecording ? systemPalette.highlight : systemPalette.mid
+    }
+
+    Text {
+        id: caption
+        anchors.centerIn: parent
+        text: root.isRecording ? root.prompt : root.label
+        color: systemPalette.text
+    }
+
+    ShortcutRecorderItem {
+        id: recorder
+        anchors.fill: parent
+        recording: root.isRecording
+        onShortcutRecorded: (key, modifiers) => {
+            root.recorded(key, modifiers);
+            root.finished();
+        }
+        onCancel: root.finished()
+    }
+}

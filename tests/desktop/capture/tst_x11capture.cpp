@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "capture/TextCaptureManager.h"
+#include "core/UserDefaults.h"
+#include "platform/SystemClipboard.h"
+#include "platform/x11/X11Connection.h"
+#include "platform/x11/X11GlobalHotKeys.h"
+#include "shortcuts/HotkeyManager.h"
+#include "shortcuts/KeyTable.h"
+#include "shortcuts/NarrationControls.h"
+
+#include <QGuiApplication>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <xcb/xcb.h>
+
+Q_DECLARE_METATYPE(ClipboardContent)
+
+namespace {
+
+class RecordingControls final : public NarrationControls
+{
+public:
+    void speak(const QString &text) override { calls.append(u"speak:" + text); }
+    void togglePlayPause() override { calls.append(QStringLiteral("togglePlayPause")); }
+    void stop() override { calls.append(QStringLiteral("stop")); }
+    void seekToFrame(qint64 frame) override { calls.append(u"seek:" + QString::number(frame)); }
+    void cyclePlaybackSpeed() override { calls.append(QStringLiteral("cyclePlaybackSpeed")); }
+    qint64 currentPlaybackFrame() const override { return 0; }
+
+    QStringList calls;
+};
+
+class NoCapture final : public SelectionSource
+{
+public:
+    bool isProcessTrusted(bool) override { return true; }
+    std::optional<QString> captureSelectedText() override { return std::nullopt; }
+};
+
+QByteArray run(const QString &program, const QStringList &arguments, int timeoutMs = 15000)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        qWarning() << program << arguments << "did not finish";
+        return {};
+    }
+    return process.readAllStandardOutput();
+}
+
+void xdotool(const QStringList &arguments)
+{
+    run(QStringLiteral("xdotool"), arguments);
+}
+
+QByteArray clipboard(const QString &target)
+{
+    return run(QStringLiteral("xclip"), {"-selection", "clipboard", "-o", "-t", target});
+}
+
+// A process the test started, ended when the test ends, however it ends.
+struct ChildProcess
+{
+    QProcess process;
+    ~ChildProcess()
+    {
+        if (process.state() == QProcess::NotRunning)
+            return;
+        process.closeWriteChannel();
+        if (!process.waitForFinished(2000)) {
+            process.kill();
+            process.waitForFinished();
+        }
+    }
+};
+
+} // namespace
+
+class TestX11Capture : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    int m_files = 0;
+
+    std::unique_ptr<UserDefaults> freshDefaults()
+    {
+        return std::make_unique<UserDefaults>(
+            m_dir.filePath(QStringLiteral("defaults%1.conf").arg(++m_files)));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (QGuiApplication::platformName() != u"xcb")
+            QSKIP("needs an X11 display: run inside scripts/rig.sh");
+        QVERIFY(m_dir.isValid());
+    }
+
+    void grabbedCombinationFiresOncePerPress()
+    {
+        const auto defaults = freshDefaults();
+        RecordingControls controls;
+        NoCapture selection;
+        HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), selection, controls);
+        QVERIFY(manager.playPauseRegistered());
+
+        xdotool({"key", "ctrl+alt+e"});
+        QTRY_COMPARE(controls.calls, QStringList{"togglePlayPause"});
+
+        // Held long enough for the server to repeat it.
+        xdotool({"keydown", "ctrl+alt+e"});
+        QTest::qWait(1500);
+        xdotool({"keyup", "e", "alt", "ctrl"});
+        QTRY_COMPARE(controls.calls.size(), 2);
+        QTest::qWait(200);
+        QCOMPARE(controls.calls.size(), 2);
+
+        // With Num Lock on the modifier state differs; the combination still fires.
+        xdotool({"key", "Num_Lock"});
+        xdotool({"key", "ctrl+alt+e"});
+        xdotool({"key", "Num_Lock"});
+        QTRY_COMPARE(controls.calls.size(), 3);
+    }
+
+    void combinationHeldByAnotherClientIsNotRegistered()
+    {
+        // Another client takes Ctrl+Alt+Q (the stop default) first.
+        X11Connection other;
+        QVERIFY(other.isValid());
+        const quint8 keyQ = quint8(*KeyTable::xKeyCode(KeyTable::kVK_ANSI_Q));
+        xcb_grab_key(other.connection(), 0, other.root(), XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1, keyQ,
+                     XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
+        other.sync();
+
+        const auto defaults = freshDefaults();
+        RecordingControls controls;
+        NoCapture selection;
+        HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), selection, controls);
+        QVERIFY(!manager.stopRegistered());
+        QVERIFY(manager.hotkeyRegistered());
+        QVERIFY(manager.cycleSpeedRegistered());
+
+        xdotool({"key", "ctrl+alt+q"});
+        xdotool({"key", "ctrl+alt+t"});
+        QTRY_COMPARE(controls.calls, QStringList{"cyclePlaybackSpeed"});
+
+        manager.updateStopHotKey(KeyTable::kVK_ANSI_Y, KeyTable::Command | KeyTable::Option);
+        QVERIFY(manager.stopRegistered());
+        xdotool({"key", "ctrl+alt+y"});
+        QTRY_COMPARE(controls.calls, (QStringList{"cyclePlaybackSpeed", "stop"}));
+    }
+
+    void captureFromMousepadKeepsTheClipboard_data()
+    {
+        // What another application left on the clipboard, target by target.
+        QTest::addColumn<ClipboardContent>("before");
+
+        QTest::newRow("plain text and HTML") << ClipboardContent{{"text/plain", "before: plain\n"},
+                                                                 {"text/html", "<i>before</i> <b>html</b>"}};
+        // Larger than one request: read and served in pieces (INCR).
+        QByteArray image(3 * 1024 * 1024 + 17, Qt::Uninitialized);
+        for (qsizetype i = 0; i < image.size(); ++i)
+            image[i] = char((i * 7919) >> 3);
+        QTest::newRow("a large image beside text")
+            << ClipboardContent{{"image/png", image}, {"UTF8_STRING", "caption"}};
+    }
+
+    // The whole path: the shortcut held down in front of a text editor, the copy, the restore.
+    void captureFromMousepadKeepsTheClipboard()
+    {
+        QFETCH(ClipboardContent, before);
+
+        QStringList ownerArguments;
+        for (const auto &[target, bytes] : before) {
+            const QString path = m_dir.filePath(QStringLiteral("before%1").arg(++m_files));
+            QFile f(path);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            f.write(bytes);
+            ownerArguments.append(target + u"=@" + path);
+        }
+        ChildProcess owner;
+        owner.process.start(QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), ownerArguments);
+        QVERIFY(owner.process.waitForReadyRead(5000));
+        QCOMPARE(owner.process.readLine().trimmed(), QByteArray("ready"));
+        QCOMPARE(clipboard(before.first().first), before.first().second);
+
+        const QString file = m_dir.filePath(QStringLiteral("narrate%1.txt").arg(++m_files));
+        const QByteArray text = "Narrate this line.\nAnd  this one, with spaces.  ";
+        {
+            QFile f(file);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            f.write(text);
+        }
+        ChildProcess editor;
+        editor.process.start(QStringLiteral("mousepad"), {file});
+        const QByteArray window = run(QStringLiteral("xdotool"),
+                                      {"search", "--sync", "--onlyvisible", "--class", "mousepad"}, 20000)
+                                      .split('\n')
+                                      .value(0);
+        QVERIFY2(!window.isEmpty(), "mousepad did not show a window");
+        xdotool({"windowactivate", "--sync", QString::fromLatin1(window)});
+        QTest::qWait(300);
+        xdotool({"key", "ctrl+a"});
+
+        const auto defaults = freshDefaults();
+        RecordingControls controls;
+        TextCaptureManager &capture = TextCaptureManager::shared();
+        QVERIFY(capture.isProcessTrusted(false));
+        HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), capture, controls);
+        QVERIFY(manager.hotkeyRegistered());
+
+        // Held down while the capture runs, as a user's fingers are.
+        xdotool({"keydown", "ctrl+alt+s"});
+        QTRY_COMPARE(controls.calls, QStringList{u"speak:" + QString::fromUtf8(text)});
+        xdotool({"keyup", "s", "alt", "ctrl"});
+
+        const QList<QByteArray> targets = clipboard(QStringLiteral("TARGETS")).split('\n');
+        for (const auto &[target, bytes] : before) {
+            QVERIFY2(targets.contains(target.toLatin1()), qPrintable(target));
+            QVERIFY2(clipboard(target) == bytes, qPrintable(target));
+        }
+    }
+};
+
+QTEST_MAIN(TestX11Capture)
+#include "tst_x11capture.moc"

@@ -1,0 +1,501 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "core/UserDefaults.h"
+#include "platform/null/input/NullGlobalHotKeys.h"
+#include "shortcuts/HotkeyManager.h"
+#include "shortcuts/KeyTable.h"
+#include "shortcuts/NarrationControls.h"
+#include "speech/NarrationServices.h"
+
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <linux/input-event-codes.h>
+
+Q_DECLARE_METATYPE(std::optional<QString>)
+
+namespace {
+
+constexpr quint64 kCommandOption = 0x180000;
+constexpr quint32 kCtrlAlt = NativeHotKey::ControlMask | NativeHotKey::AltMask;
+
+// The positional keys of the defaults, as the backend sees them.
+NativeHotKey native(quint32 evdev, quint32 modifiers = kCtrlAlt)
+{
+    return {evdev, modifiers};
+}
+
+class RecordingControls final : public NarrationControls
+{
+public:
+    void speak(const QString &text) override { calls.append(u"speak:" + text); }
+    void togglePlayPause() override { calls.append(QStringLiteral("togglePlayPause")); }
+    void stop() override { calls.append(QStringLiteral("stop")); }
+    void seekToFrame(qint64 frame) override { calls.append(u"seek:" + QString::number(frame)); }
+    void cyclePlaybackSpeed() override { calls.append(QStringLiteral("cyclePlaybackSpeed")); }
+    qint64 currentPlaybackFrame() const override { return frame; }
+
+    QStringList calls;
+    qint64 frame = 0;
+};
+
+class ScriptedSelection final : public SelectionSource
+{
+public:
+    bool isProcessTrusted(bool) override { return true; }
+    std::optional<QString> captureSelectedText() override
+    {
+        ++captures;
+        return text;
+    }
+
+    std::optional<QString> text;
+    int captures = 0;
+};
+
+} // namespace
+
+class TestHotkeyManager : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    int m_files = 0;
+    QString m_path;
+    std::unique_ptr<UserDefaults> m_defaults;
+    NullGlobalHotKeys *m_backend = nullptr;
+    RecordingControls m_controls;
+    ScriptedSelection m_selection;
+
+    // A fresh store with these raw INI lines under [General].
+    void useDefaults(const QByteArray &iniLines)
+    {
+        m_path = m_dir.filePath(QStringLiteral("defaults%1.conf").arg(++m_files));
+        QFile f(m_path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("[General]\n" + iniLines);
+        f.close();
+        m_defaults = std::make_unique<UserDefaults>(m_path);
+    }
+
+    std::unique_ptr<HotkeyManager> makeManager(std::unique_ptr<NullGlobalHotKeys> backend = {})
+    {
+        if (!backend)
+            backend = std::make_unique<NullGlobalHotKeys>();
+        m_backend = backend.get();
+        return std::make_unique<HotkeyManager>(*m_defaults, std::move(backend), m_selection, m_controls);
+    }
+
+    // One physical press and release.
+    bool tap(const NativeHotKey &hotKey, quint32 &clock)
+    {
+        const bool delivered = m_backend->press(hotKey, clock += 100);
+        m_backend->release(hotKey, clock += 50);
+        return delivered;
+    }
+
+    static QStringList allParts(const HotkeyManager &m)
+    {
+        return {
+            HotkeyManager::shortcutParts(m.currentKey(), m.currentModifiers()).join(QString()),
+            HotkeyManager::shortcutParts(m.playPauseKey(), m.playPauseModifiers()).join(QString()),
+            HotkeyManager::shortcutParts(m.stopKey(), m.stopModifiers()).join(QString()),
+            HotkeyManager::shortcutParts(m.skipBackKey(), m.skipBackModifiers()).join(QString()),
+            HotkeyManager::shortcutParts(m.skipForwardKey(), m.skipForwardModifiers()).join(QString()),
+            HotkeyManager::shortcutParts(m.cycleSpeedKey(), m.cycleSpeedModifiers()).join(QString()),
+        };
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_controls = RecordingControls();
+        m_selection = ScriptedSelection();
+    }
+
+    void firstStartWritesDefaults()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+
+        QCOMPARE(allParts(*manager), (QStringList{"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"}));
+        QCOMPARE(manager->displayString(), QStringLiteral("⌥⌘S"));
+        QCOMPARE(manager->displayParts(), (QStringList{"⌥", "⌘", "S"}));
+        QCOMPARE(manager->displayLabel(), QStringLiteral("Ctrl+Alt+S"));
+
+        m_defaults->sync();
+        QSettings raw(m_path, QSettings::IniFormat);
+        const QList<std::pair<QString, QString>> expected = {
+            {"hotkeyKeyCode", "1"},       {"hotkeyModifiers", "1572864"},
+            {"playPauseKeyCode", "14"},   {"playPauseModifiers", "1572864"},
+            {"stopKeyCode", "12"},        {"stopModifiers", "1572864"},
+            {"skipBackKeyCode", "13"},    {"skipBackModifiers", "1572864"},
+            {"skipForwardKeyCode", "15"}, {"skipForwardModifiers", "1572864"},
+            {"cycleSpeedKeyCode", "17"},  {"cycleSpeedModifiers", "1572864"},
+        };
+        QCOMPARE(raw.allKeys().size(), expected.size());
+        for (const auto &[key, value] : expected)
+            QCOMPARE(raw.value(key).toString(), value);
+
+        QCOMPARE(m_backend->grabbed(), (QSet<NativeHotKey>{native(KEY_S), native(KEY_E), native(KEY_Q),
+                                                           native(KEY_W), native(KEY_R), native(KEY_T)}));
+        for (HotkeyManager::Binding b :
+             {HotkeyManager::Narration, HotkeyManager::PlayPause, HotkeyManager::Stop,
+              HotkeyManager::SkipBack, HotkeyManager::SkipForward, HotkeyManager::CycleSpeed})
+            QVERIFY(manager->isRegistered(b));
+    }
+
+    void loading_data()
+    {
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<QStringList>("parts");
+        // What the store holds afterwards for the row that was stored.
+        QTest::addColumn<QString>("keyCodeKey");
+        QTest::addColumn<QString>("writtenKeyCode");
+        QTest::addColumn<QString>("writtenModifiers");
+
+        const QStringList defaults = {"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"};
+        auto with = [&](int row, const QString &parts) {
+            QStringList l = defaults;
+            l[row] = parts;
+            return l;
+        };
+
+        QTest::newRow("narration key without modifiers is ignored")
+            << QByteArray("hotkeyKeyCode=12\n") << defaults << "hotkeyKeyCode"
+            << "1"
+            << "1572864";
+        QTest::newRow("narration key and modifiers")
+            << QByteArray("hotkeyKeyCode=12\nhotkeyModifiers=1048576\n") << with(0, "⌘Q") << "hotkeyKeyCode"
+            << "12"
+            << "1048576";
+        QTest::newRow("narration code naming no key becomes S with the stored modifiers")
+            << QByteArray("hotkeyKeyCode=52\nhotkeyModifiers=262144\n") << with(0, "⌃S") << "hotkeyKeyCode"
+            << "1"
+            << "262144";
+        QTest::newRow("narration modifiers not a number: both default")
+            << QByteArray("hotkeyKeyCode=12\nhotkeyModifiers=abc\n") << defaults << "hotkeyKeyCode"
+            << "1"
+            << "1572864";
+        QTest::newRow("narration key -1: both default")
+            << QByteArray("hotkeyKeyCode=-1\nhotkeyModifiers=262144\n") << defaults << "hotkeyKeyCode"
+            << "1"
+            << "1572864";
+        QTest::newRow("narration key 2^32: both default")
+            << QByteArray("hotkeyKeyCode=4294967296\nhotkeyModifiers=262144\n") << defaults << "hotkeyKeyCode"
+            << "1"
+            << "1572864";
+        QTest::newRow("stop code naming no key keeps its own modifiers")
+            << QByteArray("stopKeyCode=52\nstopModifiers=262144\n") << with(2, "⌃Q") << "stopKeyCode"
+            << "12"
+            << "262144";
+        QTest::newRow("stop key -1 falls back alone")
+            << QByteArray("stopKeyCode=-1\nstopModifiers=131072\n") << with(2, "⇧Q") << "stopKeyCode"
+            << "12"
+            << "131072";
+        QTest::newRow("stop key 2^32 falls back alone")
+            << QByteArray("stopKeyCode=4294967296\nstopModifiers=131072\n") << with(2, "⇧Q") << "stopKeyCode"
+            << "12"
+            << "131072";
+        QTest::newRow("play/pause key without modifiers keeps the key")
+            << QByteArray("playPauseKeyCode=0\n") << with(1, "⌥⌘A") << "playPauseKeyCode"
+            << "0"
+            << "1572864";
+        QTest::newRow("play/pause modifiers negative fall back alone")
+            << QByteArray("playPauseKeyCode=0\nplayPauseModifiers=-5\n") << with(1, "⌥⌘A")
+            << "playPauseKeyCode"
+            << "0"
+            << "1572864";
+        QTest::newRow("cycle speed modifiers with foreign bits kept")
+            << QByteArray("cycleSpeedModifiers=1900544\n") << with(5, "⌃⌥⌘T") << "cycleSpeedKeyCode"
+            << "17"
+            << "1900544";
+        QTest::newRow("skip forward beyond the key range falls back")
+            << QByteArray("skipForwardKeyCode=127\n") << defaults << "skipForwardKeyCode"
+            << "15"
+            << "1572864";
+    }
+
+    void loading()
+    {
+        QFETCH(QByteArray, stored);
+        QFETCH(QStringList, parts);
+        QFETCH(QString, keyCodeKey);
+        QFETCH(QString, writtenKeyCode);
+        QFETCH(QString, writtenModifiers);
+
+        useDefaults(stored);
+        const auto manager = makeManager();
+        QCOMPARE(allParts(*manager), parts);
+
+        m_defaults->sync();
+        QSettings raw(m_path, QSettings::IniFormat);
+        QCOMPARE(raw.allKeys().size(), 12);
+        QCOMPARE(raw.value(keyCodeKey).toString(), writtenKeyCode);
+        QString modifiersKey = keyCodeKey;
+        modifiersKey.replace(u"KeyCode"_qs, u"Modifiers"_qs);
+        QCOMPARE(raw.value(modifiersKey).toString(), writtenModifiers);
+    }
+
+    void shortcutParts_data()
+    {
+        QTest::addColumn<quint32>("key");
+        QTest::addColumn<quint64>("modifiers");
+        QTest::addColumn<QStringList>("parts");
+        QTest::addColumn<QString>("label");
+
+        QTest::newRow("Control Shift Command F1") << KeyTable::kVK_F1 << quint64(0x40000 | 0x20000 | 0x100000)
+                                                  << QStringList{"⌃", "⇧", "⌘", "?"} << "Ctrl+Shift+Super+F1";
+        QTest::newRow("all four in fixed order")
+            << 0u << quint64(0x1E0000) << QStringList{"⌃", "⌥", "⇧", "⌘", "A"} << "Ctrl+Alt+Shift+Super+A";
+        QTest::newRow("no modifiers") << 49u << quint64(0) << QStringList{"Space"} << "Space";
+        QTest::newRow("foreign bits show nothing") << 53u << quint64(0x810000) << QStringList{"⎋"} << "Esc";
+        QTest::newRow("keypad key") << 76u << quint64(0x100000) << QStringList{"⌘", "?"} << "Ctrl+Num Enter";
+        QTest::newRow("Return") << 36u << quint64(0x80000) << QStringList{"⌥", "↩"} << "Alt+Enter";
+    }
+
+    void shortcutParts()
+    {
+        QFETCH(quint32, key);
+        QFETCH(quint64, modifiers);
+        QFETCH(QStringList, parts);
+        QFETCH(QString, label);
+        QCOMPARE(HotkeyManager::shortcutParts(key, modifiers), parts);
+        QCOMPARE(HotkeyManager::shortcutLabel(key, modifiers), label);
+    }
+
+    void updatePersistsPublishesAndReregisters()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+        QSignalSpy key(manager.get(), &HotkeyManager::stopKeyChanged);
+        QSignalSpy modifiers(manager.get(), &HotkeyManager::stopModifiersChanged);
+        QSignalSpy display(manager.get(), &HotkeyManager::displayStringChanged);
+
+        manager->updateStopHotKey(KeyTable::kVK_F1, 0x20000);
+
+        QCOMPARE(key.count(), 1);
+        QCOMPARE(modifiers.count(), 1);
+        QCOMPARE(display.count(), 0); // only the narration shortcut is the display string
+        QCOMPARE(manager->stopKey(), KeyTable::kVK_F1);
+        QCOMPARE(manager->stopModifiers(), quint64(0x20000));
+        QCOMPARE(m_defaults->unsigned32(QStringLiteral("stopKeyCode")), 122u);
+        QCOMPARE(m_defaults->unsigned64(QStringLiteral("stopModifiers")), quint64(0x20000));
+        QVERIFY(!m_backend->isGrabbed(native(KEY_Q)));
+        QVERIFY(m_backend->isGrabbed(native(KEY_F1, NativeHotKey::ShiftMask)));
+
+        quint32 clock = 0;
+        QVERIFY(!tap(native(KEY_Q), clock));
+        QVERIFY(tap(native(KEY_F1, NativeHotKey::ShiftMask), clock));
+        QCOMPARE(m_controls.calls, QStringList{"stop"});
+    }
+
+    // Re-registering a combination creates the new registration before the old one goes: the grab is
+    // never released in between.
+    void rebindingToItselfKeepsTheGrab()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+        QCOMPARE(m_backend->grabCount(native(KEY_S)), 1);
+
+        manager->updateHotkey(KeyTable::kVK_ANSI_S, kCommandOption);
+        manager->registerPlaybackHotKeys();
+
+        QCOMPARE(m_backend->grabCount(native(KEY_S)), 1);
+        QCOMPARE(m_backend->ungrabCount(native(KEY_S)), 0);
+        QCOMPARE(m_backend->ungrabCount(native(KEY_E)), 0);
+        QCOMPARE(m_backend->grabbed().size(), 6);
+        quint32 clock = 0;
+        QVERIFY(tap(native(KEY_E), clock));
+        QCOMPARE(m_controls.calls, QStringList{"togglePlayPause"});
+    }
+
+    void sharedCombination()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+        QSignalSpy stopStatus(manager.get(), &HotkeyManager::stopRegisteredChanged);
+        quint32 clock = 0;
+
+        // Stop takes play/pause's combination: play/pause is the earlier row and keeps firing.
+        manager->updateStopHotKey(KeyTable::kVK_ANSI_E, kCommandOption);
+        QVERIFY(manager->playPauseRegistered());
+        QVERIFY(!manager->stopRegistered());
+        QCOMPARE(stopStatus.count(), 1);
+        QVERIFY(!m_backend->isGrabbed(native(KEY_Q)));
+        QCOMPARE(m_backend->grabCount(native(KEY_E)), 1);
+        QVERIFY(tap(native(KEY_E), clock));
+        QCOMPARE(m_controls.calls, QStringList{"togglePlayPause"});
+
+        // Play/pause moves away: the combination stays grabbed and now stops.
+        manager->updatePlayPauseHotKey(KeyTable::kVK_ANSI_Y, kCommandOption);
+        QVERIFY(manager->stopRegistered());
+        QCOMPARE(stopStatus.count(), 2);
+        QCOMPARE(m_backend->ungrabCount(native(KEY_E)), 0);
+        QVERIFY(tap(native(KEY_E), clock));
+        QCOMPARE(m_controls.calls, (QStringList{"togglePlayPause", "stop"}));
+
+        // The narration row comes first of all.
+        m_selection.text = QStringLiteral("x");
+        manager->updateHotkey(KeyTable::kVK_ANSI_E, kCommandOption);
+        QVERIFY(manager->hotkeyRegistered());
+        QVERIFY(!manager->stopRegistered());
+        QVERIFY(tap(native(KEY_E), clock));
+        QCOMPARE(m_selection.captures, 1);
+        QVERIFY(!m_backend->isGrabbed(native(KEY_S)));
+
+        // The last registration of a combination releases its grab.
+        manager->updateHotkey(KeyTable::kVK_ANSI_S, kCommandOption);
+        manager->updateStopHotKey(KeyTable::kVK_ANSI_Q, kCommandOption);
+        QVERIFY(!m_backend->isGrabbed(native(KEY_E)));
+        QCOMPARE(m_backend->ungrabCount(native(KEY_E)), 1);
+    }
+
+    void refusedGrabIsPublished()
+    {
+        useDefaults({});
+        auto backend = std::make_unique<NullGlobalHotKeys>();
+        backend->setTakenElsewhere(native(KEY_S));
+        const auto manager = makeManager(std::move(backend));
+
+        QVERIFY(!manager->hotkeyRegistered());
+        QVERIFY(manager->playPauseRegistered());
+        quint32 clock = 0;
+        QVERIFY(!tap(native(KEY_S), clock));
+        QCOMPARE(m_selection.captures, 0);
+
+        // No fallback: the binding stays as chosen; another combination is taken as usual.
+        QSignalSpy status(manager.get(), &HotkeyManager::hotkeyRegisteredChanged);
+        manager->updateHotkey(KeyTable::kVK_ANSI_A, kCommandOption);
+        QVERIFY(manager->hotkeyRegistered());
+        QCOMPARE(status.count(), 1);
+    }
+
+    void keyWithoutKeyCodeFailsToRegister()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+        const QSet<NativeHotKey> before = m_backend->grabbed();
+
+        manager->updateCycleSpeedHotKey(KeyTable::kVK_Function, kCommandOption);
+
+        QVERIFY(!manager->cycleSpeedRegistered());
+        QCOMPARE(manager->cycleSpeedKey(), KeyTable::kVK_Function);
+        QCOMPARE(m_defaults->unsigned32(QStringLiteral("cycleSpeedKeyCode")), 63u);
+        QCOMPARE(m_backend->grabbed(), before - QSet<NativeHotKey>{native(KEY_T)});
+    }
+
+    void keyRepeat_data()
+    {
+        // Events of the narration combination's key: +t press at time t, -t release at time t.
+        QTest::addColumn<QList<int>>("events");
+        QTest::addColumn<int>("presses");
+
+        QTest::newRow("one tap") << QList<int>{+10, -60} << 1;
+        QTest::newRow("held, detectable auto-repeat") << QList<int>{+10, +510, +540, +570, -590} << 1;
+        QTest::newRow("held, release-press pairs") << QList<int>{+10, -510, +510, -540, +540, -600} << 1;
+        QTest::newRow("two taps") << QList<int>{+10, -60, +200, -260} << 2;
+        QTest::newRow("two holds") << QList<int>{+10, -510, +510, -600, +900, +1400, -1500} << 2;
+        QTest::newRow("press while held is a repeat") << QList<int>{+10, +20} << 1;
+    }
+
+    void keyRepeat()
+    {
+        QFETCH(QList<int>, events);
+        QFETCH(int, presses);
+
+        useDefaults({});
+        const auto manager = makeManager();
+        for (const int e : events) {
+            if (e > 0)
+                m_backend->press(native(KEY_E), quint32(e));
+            else
+                m_backend->release(native(KEY_E), quint32(-e));
+        }
+        QCOMPARE(m_controls.calls.size(), presses);
+    }
+
+    // Letting go of a modifier before the key changes the modifiers of the key's release.
+    void releaseWithOtherModifiersEndsThePress()
+    {
+        useDefaults({});
+        const auto manager = makeManager();
+        m_backend->press(native(KEY_E), 10);
+        m_backend->release(native(KEY_E, NativeHotKey::AltMask), 80);
+        m_backend->press(native(KEY_E), 300);
+        QCOMPARE(m_controls.calls.size(), 2);
+    }
+
+    void playbackHandlers_data()
+    {
+        QTest::addColumn<quint32>("evdev");
+        QTest::addColumn<qint64>("frame");
+        QTest::addColumn<QString>("call");
+
+        QTest::newRow("play/pause") << quint32(KEY_E) << qint64(0) << "togglePlayPause";
+        QTest::newRow("stop") << quint32(KEY_Q) << qint64(0) << "stop";
+        QTest::newRow("cycle speed") << quint32(KEY_T) << qint64(0) << "cyclePlaybackSpeed";
+        QTest::newRow("skip back at the start gives a negative frame")
+            << quint32(KEY_W) << qint64(0) << "seek:-120000";
+        QTest::newRow("skip back within") << quint32(KEY_W) << qint64(200000) << "seek:80000";
+        QTest::newRow("skip forward is not clamped") << quint32(KEY_R) << qint64(1000) << "seek:121000";
+    }
+
+    void playbackHandlers()
+    {
+        QFETCH(quint32, evdev);
+        QFETCH(qint64, frame);
+        QFETCH(QString, call);
+
+        useDefaults({});
+        const auto manager = makeManager();
+        m_controls.frame = frame;
+        quint32 clock = 0;
+        QVERIFY(tap(native(evdev), clock));
+        QCOMPARE(m_controls.calls, QStringList{call});
+        QCOMPARE(m_selection.captures, 0);
+    }
+
+    void narration_data()
+    {
+        QTest::addColumn<std::optional<QString>>("captured");
+        QTest::addColumn<QStringList>("calls");
+
+        QTest::newRow("text as captured, spaces and all")
+            << std::optional<QString>(u"  two  words \n"_qs) << QStringList{u"speak:  two  words \n"_qs};
+        QTest::newRow("empty text still goes to the controller")
+            << std::optional<QString>(QString()) << QStringList{"speak:"};
+        QTest::newRow("nothing captured does nothing") << std::optional<QString>() << QStringList{};
+    }
+
+    void narration()
+    {
+        QFETCH(std::optional<QString>, captured);
+        QFETCH(QStringList, calls);
+
+        useDefaults({});
+        const auto manager = makeManager();
+        m_selection.text = captured;
+        quint32 clock = 0;
+        QVERIFY(tap(native(KEY_S), clock));
+        QCOMPARE(m_selection.captures, 1);
+        // The key handler returns before the narration starts.
+        QVERIFY(m_controls.calls.isEmpty());
+        QCoreApplication::processEvents();
+        QCOMPARE(m_controls.calls, calls);
+    }
+
+    void withoutDisplayNothingRegisters()
+    {
+        useDefaults({});
+        const auto manager = makeManager(std::make_unique<NullGlobalHotKeys>(false));
+        QVERIFY(!manager->hotkeyRegistered());
+        QVERIFY(!manager->cycleSpeedRegistered());
+        QCOMPARE(manager->displayString(), QStringLiteral("⌥⌘S"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestHotkeyManager)
+#include "tst_hotkeymanager.moc"

@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "platform/GlobalHotKeyBackend.h"
+#include "shortcuts/KeyTable.h"
+
+#include <QTest>
+
+#include <linux/input-event-codes.h>
+
+class TestKeyTable : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void namedKeys()
+    {
+        const QList<quint32> gaps = {52, 66, 68, 70, 77, 93, 94, 95, 102, 104, 108, 110, 112};
+        int named = 0;
+        for (quint32 code = 0; code < 300; ++code) {
+            const bool expected = code <= 126 && !gaps.contains(code);
+            QVERIFY2(KeyTable::isNamedKey(code) == expected, qPrintable(QString::number(code)));
+            QCOMPARE(KeyTable::displayName(code).has_value(), expected);
+            QCOMPARE(KeyTable::linuxLabel(code).has_value(), expected);
+            named += expected ? 1 : 0;
+        }
+        QCOMPARE(named, 114);
+        QCOMPARE(KeyTable::namedKeyCount(), 114);
+        QVERIFY(!KeyTable::isNamedKey(4294967295u));
+    }
+
+    void positionalMapping_data()
+    {
+        QTest::addColumn<quint32>("virtualKeyCode");
+        QTest::addColumn<int>("evdev"); // -1: none
+        QTest::addColumn<int>("xKeyCode");
+
+        QTest::newRow("A") << 0u << KEY_A << 38;
+        QTest::newRow("S") << 1u << KEY_S << 39;
+        QTest::newRow("C, the copy key") << 8u << KEY_C << 54;
+        QTest::newRow("Q") << 12u << KEY_Q << 24;
+        QTest::newRow("W") << 13u << KEY_W << 25;
+        QTest::newRow("E") << 14u << KEY_E << 26;
+        QTest::newRow("R") << 15u << KEY_R << 27;
+        QTest::newRow("Y") << 16u << KEY_Y << 29;
+        QTest::newRow("T") << 17u << KEY_T << 28;
+        QTest::newRow("digit 5 sits before 6 in codes, after in place") << 23u << KEY_5 << 14;
+        QTest::newRow("Return") << 36u << KEY_ENTER << 36;
+        QTest::newRow("Tab") << 48u << KEY_TAB << 23;
+        QTest::newRow("Space") << 49u << KEY_SPACE << 65;
+        QTest::newRow("Delete is Backspace") << 51u << KEY_BACKSPACE << 22;
+        QTest::newRow("Escape") << 53u << KEY_ESC << 9;
+        QTest::newRow("Command key is Ctrl") << 55u << KEY_LEFTCTRL << 37;
+        QTest::newRow("Option key is Alt") << 58u << KEY_LEFTALT << 64;
+        QTest::newRow("Control key is Super") << 59u << KEY_LEFTMETA << 133;
+        QTest::newRow("keypad 5") << 87u << KEY_KP5 << 84;
+        QTest::newRow("keypad Clear is Num Lock") << 71u << KEY_NUMLOCK << 77;
+        QTest::newRow("Help is Insert") << 114u << KEY_INSERT << 118;
+        QTest::newRow("forward delete") << 117u << KEY_DELETE << 119;
+        QTest::newRow("F1") << 122u << KEY_F1 << 67;
+        QTest::newRow("F13") << 105u << KEY_F13 << 191;
+        QTest::newRow("Left") << 123u << KEY_LEFT << 113;
+        QTest::newRow("Up") << 126u << KEY_UP << 111;
+        QTest::newRow("Function has no PC key") << 63u << -1 << -1;
+        QTest::newRow("gap") << 52u << -1 << -1;
+        QTest::newRow("past the table") << 127u << -1 << -1;
+    }
+
+    void positionalMapping()
+    {
+        QFETCH(quint32, virtualKeyCode);
+        QFETCH(int, evdev);
+        QFETCH(int, xKeyCode);
+
+        const auto toInt = [](std::optional<quint32> v) { return v ? int(*v) : -1; };
+        QCOMPARE(toInt(KeyTable::evdevCode(virtualKeyCode)), evdev);
+        QCOMPARE(toInt(KeyTable::xKeyCode(virtualKeyCode)), xKeyCode);
+        if (xKeyCode >= 0)
+            QCOMPARE(KeyTable::virtualKeyCodeForXKeyCode(quint32(xKeyCode)), virtualKeyCode);
+    }
+
+    // Every key that has a PC counterpart comes back from its X keycode: no two keys share a position.
+    void everyKeyRoundTrips()
+    {
+        int mapped = 0;
+        for (quint32 code = 0; code <= 126; ++code) {
+            const auto x = KeyTable::xKeyCode(code);
+            if (!x)
+                continue;
+            ++mapped;
+            QCOMPARE(KeyTable::virtualKeyCodeForXKeyCode(*x), code);
+        }
+        QCOMPARE(mapped, 113); // all but Function
+    }
+
+    void keyCodesWithoutKey_data()
+    {
+        QTest::addColumn<quint32>("xKeyCode");
+        QTest::newRow("below the evdev offset") << 8u;
+        QTest::newRow("zero") << 0u;
+        QTest::newRow("unmapped media key") << quint32(KEY_PLAYPAUSE + 8);
+        QTest::newRow("top of the range") << 255u;
+    }
+
+    void keyCodesWithoutKey()
+    {
+        QFETCH(quint32, xKeyCode);
+        QCOMPARE(KeyTable::virtualKeyCodeForXKeyCode(xKeyCode), std::nullopt);
+    }
+
+    void modifiers_data()
+    {
+        QTest::addColumn<quint64>("flags");
+        QTest::addColumn<quint32>("xModifiers");
+        QTest::addColumn<quint64>("flagsBack");
+
+        QTest::newRow("none") << quint64(0) << 0u << quint64(0);
+        QTest::newRow("Shift") << quint64(0x20000) << NativeHotKey::ShiftMask << quint64(0x20000);
+        QTest::newRow("Control is Super (Mod4)") << quint64(0x40000) << 0x40u << quint64(0x40000);
+        QTest::newRow("Option is Alt (Mod1)") << quint64(0x80000) << 0x08u << quint64(0x80000);
+        QTest::newRow("Command is Ctrl") << quint64(0x100000) << 0x04u << quint64(0x100000);
+        QTest::newRow("default Command + Option") << quint64(0x180000) << 0x0cu << quint64(0x180000);
+        QTest::newRow("all four") << quint64(0x1E0000) << 0x4du << quint64(0x1E0000);
+        QTest::newRow("Caps Lock and Function bits have no grab")
+            << quint64(0x810000 | 0x100000) << 0x04u << quint64(0x100000);
+    }
+
+    void modifiers()
+    {
+        QFETCH(quint64, flags);
+        QFETCH(quint32, xModifiers);
+        QFETCH(quint64, flagsBack);
+
+        QCOMPARE(KeyTable::xModifiers(flags), xModifiers);
+        QCOMPARE(KeyTable::modifierFlagsForXModifiers(xModifiers), flagsBack);
+    }
+
+    void qtModifiers_data()
+    {
+        QTest::addColumn<Qt::KeyboardModifiers>("qt");
+        QTest::addColumn<quint64>("flags");
+
+        QTest::newRow("Ctrl is Command") << Qt::KeyboardModifiers(Qt::ControlModifier) << quint64(0x100000);
+        QTest::newRow("Alt is Option") << Qt::KeyboardModifiers(Qt::AltModifier) << quint64(0x80000);
+        QTest::newRow("Meta is Control") << Qt::KeyboardModifiers(Qt::MetaModifier) << quint64(0x40000);
+        QTest::newRow("Shift") << Qt::KeyboardModifiers(Qt::ShiftModifier) << quint64(0x20000);
+        QTest::newRow("Ctrl+Alt") << (Qt::ControlModifier | Qt::AltModifier) << quint64(0x180000);
+        QTest::newRow("keypad and group switch dropped")
+            << (Qt::KeypadModifier | Qt::GroupSwitchModifier | Qt::ShiftModifier) << quint64(0x20000);
+    }
+
+    void qtModifiers()
+    {
+        QFETCH(Qt::KeyboardModifiers, qt);
+        QFETCH(quint64, flags);
+        QCOMPARE(KeyTable::modifierFlagsForQt(qt), flags);
+    }
+
+    void names_data()
+    {
+        QTest::addColumn<quint32>("virtualKeyCode");
+        QTest::addColumn<QString>("displayName");
+        QTest::addColumn<QString>("linuxLabel");
+
+        QTest::newRow("A") << 0u << "A"
+                           << "A";
+        QTest::newRow("Z") << 6u << "Z"
+                           << "Z";
+        QTest::newRow("0") << 29u << "0"
+                           << "0";
+        QTest::newRow("9") << 25u << "9"
+                           << "9";
+        QTest::newRow("Space") << 49u << "Space"
+                               << "Space";
+        QTest::newRow("Tab") << 48u << "⇥"
+                             << "Tab";
+        QTest::newRow("Return") << 36u << "↩"
+                                << "Enter";
+        QTest::newRow("Up") << 126u << "↑"
+                            << "Up";
+        QTest::newRow("Right") << 124u << "→"
+                               << "Right";
+        QTest::newRow("Down") << 125u << "↓"
+                              << "Down";
+        QTest::newRow("Left") << 123u << "←"
+                              << "Left";
+        QTest::newRow("Escape") << 53u << "⎋"
+                                << "Esc";
+        QTest::newRow("Delete") << 51u << "⌫"
+                                << "Backspace";
+        QTest::newRow("function key") << 122u << "?"
+                                      << "F1";
+        QTest::newRow("keypad digit") << 82u << "?"
+                                      << "Num 0";
+        QTest::newRow("punctuation") << 43u << "?"
+                                     << ",";
+        QTest::newRow("forward delete") << 117u << "?"
+                                        << "Delete";
+        QTest::newRow("Function") << 63u << "?"
+                                  << "Fn";
+    }
+
+    void names()
+    {
+        QFETCH(quint32, virtualKeyCode);
+        QFETCH(QString, displayName);
+        QFETCH(QString, linuxLabel);
+        QCOMPARE(KeyTable::displayName(virtualKeyCode), displayName);
+        QCOMPARE(KeyTable::linuxLabel(virtualKeyCode), linuxLabel);
+    }
+
+    // Every letter and digit shows as itself; everything else outside the short list shows as "?".
+    void displayNamesAreLettersDigitsOrSymbols()
+    {
+        const QString allowed = QStringLiteral("⇥↩↑→↓←⎋⌫?");
+        for (quint32 code = 0; code <= 126; ++code) {
+            const auto name = KeyTable::displayName(code);
+            if (!name)
+                continue;
+            const bool letterOrDigit =
+                name->size() == 1 && (name->at(0).isDigit() || (name->at(0) >= u'A' && name->at(0) <= u'Z'));
+            QVERIFY2(letterOrDigit || *name == u"Space" || (name->size() == 1 && allowed.contains(*name)),
+                     qPrintable(QString::number(code) + u' ' + *name));
+            QCOMPARE(name->size() == 1 && name->at(0).isLetterOrNumber(), letterOrDigit);
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKeyTable)
+#include "tst_keytable.moc"

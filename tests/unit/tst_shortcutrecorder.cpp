@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "shortcuts/ShortcutRecorderItem.h"
+
+#include <QKeyEvent>
+#include <QQmlComponent>
+#include <QQmlEngine>
+#include <QQuickWindow>
+#include <QSGRendererInterface>
+#include <QSignalSpy>
+#include <QTest>
+#include <QtQml/qqmlextensionplugin.h>
+
+#include <memory>
+
+Q_IMPORT_QML_PLUGIN(Quillvox_ShortcutsPlugin)
+
+namespace {
+
+using Kind = ShortcutRecorderItem::Interpretation::Kind;
+
+// X keycodes (evdev + 8) of a PC keyboard.
+constexpr quint32 kEscape = 9;
+constexpr quint32 kKeyQ = 24;
+constexpr quint32 kKeyA = 38;
+constexpr quint32 kKeyS = 39;
+constexpr quint32 kLeftShift = 50;
+constexpr quint32 kLeftAlt = 64;
+constexpr quint32 kKeypad5 = 84;
+constexpr quint32 kRightAlt = 108;
+constexpr quint32 kPlayPause = 172;
+constexpr quint32 kCapsLock = 66;
+
+QKeyEvent keyPress(quint32 scanCode, int qtKey, Qt::KeyboardModifiers modifiers)
+{
+    return QKeyEvent(QEvent::KeyPress, qtKey, modifiers, scanCode, 0, 0);
+}
+
+} // namespace
+
+class TestShortcutRecorder : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QQuickWindow> m_window;
+
+private Q_SLOTS:
+    void initTestCase() { QQuickWindow::setGraphicsApi(QSGRendererInterface::Software); }
+
+    void init()
+    {
+        m_window = std::make_unique<QQuickWindow>();
+        m_window->resize(200, 50);
+        m_window->show();
+        m_window->requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
+    }
+
+    void cleanup() { m_window.reset(); }
+
+    void interpretKeyPress_data()
+    {
+        QTest::addColumn<quint32>("scanCode");
+        QTest::addColumn<int>("qtKey");
+        QTest::addColumn<Qt::KeyboardModifiers>("modifiers");
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<quint32>("key");
+        QTest::addColumn<quint64>("flags");
+
+        const auto none = Qt::KeyboardModifiers();
+        QTest::newRow("Escape cancels")
+            << kEscape << int(Qt::Key_Escape) << none << int(Kind::Cancel) << 0u << quint64(0);
+        QTest::newRow("Escape with modifiers still cancels")
+            << kEscape << int(Qt::Key_Escape) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Cancel)
+            << 0u << quint64(0);
+        QTest::newRow("letter alone keeps waiting")
+            << kKeyA << int(Qt::Key_A) << none << int(Kind::Ignore) << 0u << quint64(0);
+        QTest::newRow("Shift-A counts") << kKeyA << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ShiftModifier)
+                                        << int(Kind::Record) << 0u << quint64(0x20000);
+        QTest::newRow("Ctrl+Alt+S is the default")
+            << kKeyS << int(Qt::Key_S) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Record) << 1u
+            << quint64(0x180000);
+        QTest::newRow("Super+Q is Control-Q")
+            << kKeyQ << int(Qt::Key_Q) << Qt::KeyboardModifiers(Qt::MetaModifier) << int(Kind::Record) << 12u
+            << quint64(0x40000);
+        QTest::newRow("the key by position, not by layout (AZERTY A on the Q key)")
+            << kKeyQ << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Record)
+            << 12u << quint64(0x100000);
+        QTest::newRow("keypad flag dropped")
+            << kKeypad5 << int(Qt::Key_5) << (Qt::ControlModifier | Qt::KeypadModifier) << int(Kind::Record)
+            << 87u << quint64(0x100000);
+        QTest::newRow("Caps Lock pressed with Ctrl is a modifier")
+            << kCapsLock << int(Qt::Key_CapsLock) << Qt::KeyboardModifiers(Qt::ControlModifier)
+            << int(Kind::Ignore) << 0u << quint64(0);
+        QTest::newRow("Shift pressed while Ctrl is held")
+            << kLeftShift << int(Qt::Key_Shift) << (Qt::ControlModifier | Qt::ShiftModifier)
+            << int(Kind::Ignore) << 0u << quint64(0);
+        QTest::newRow("Alt pressed while Ctrl is held")
+            << kLeftAlt << int(Qt::Key_Alt) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Ignore)
+            << 0u << quint64(0);
+        QTest::newRow("AltGr") << kRightAlt << int(Qt::Key_AltGr)
+                               << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Ignore) << 0u
+                               << quint64(0);
+        QTest::newRow("key with no name")
+            << kPlayPause << int(Qt::Key_MediaTogglePlayPause) << Qt::KeyboardModifiers(Qt::ControlModifier)
+            << int(Kind::Ignore) << 0u << quint64(0);
+        QTest::newRow("no native key code")
+            << 0u << int(Qt::Key_S) << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Ignore) << 0u
+            << quint64(0);
+    }
+
+    void interpretKeyPress()
+    {
+        QFETCH(quint32, scanCode);
+        QFETCH(int, qtKey);
+        QFETCH(Qt::KeyboardModifiers, modifiers);
+        QFETCH(int, kind);
+        QFETCH(quint32, key);
+        QFETCH(quint64, flags);
+
+        const auto meaning = ShortcutRecorderItem::interpretKeyPress(scanCode, qtKey, modifiers);
+        QCOMPARE(int(meaning.kind), kind);
+        QCOMPARE(meaning.key, key);
+        QCOMPARE(meaning.modifiers, flags);
+    }
+
+    void recordingTakesFocusAndRecordsOnce()
+    {
+        ShortcutRecorderItem item(m_window->contentItem());
+        QSignalSpy recorded(&item, &ShortcutRecorderItem::shortcutRecorded);
+        QVERIFY(!item.hasActiveFocus());
+
+        item.setRecording(true);
+        QTRY_VERIFY(item.hasActiveFocus());
+
+        QKeyEvent letter = keyPress(kKeyA, Qt::Key_A, {});
+        QCoreApplication::sendEvent(m_window.get(), &letter);
+        QVERIFY(letter.isAccepted());
+        QVERIFY(item.recording());
+        QCOMPARE(recorded.count(), 0);
+
+        QKeyEvent override(QEvent::ShortcutOverride, Qt::Key_S, Qt::ControlModifier | Qt::AltModifier, kKeyS,
+                           0, 0);
+        override.ignore();
+        QCoreApplication::sendEvent(m_window.get(), &override);
+        QVERIFY(override.isAccepted());
+
+        QKeyEvent combination = keyPress(kKeyS, Qt::Key_S, Qt::ControlModifier | Qt::AltModifier);
+        QCoreApplication::sendEvent(m_window.get(), &combination);
+        QCOMPARE(recorded.count(), 1);
+        QCOMPARE(recorded.at(0).at(0).value<quint32>(), 1u);
+        QCOMPARE(recorded.at(0).at(1).value<quint64>(), quint64(0x180000));
+        QVERIFY(!item.recording());
+
+        // Idle again: keys are no longer taken.
+        QKeyEvent after = keyPress(kKeyQ, Qt::Key_Q, Qt::ControlModifier);
+        QCoreApplication::sendEvent(m_window.get(), &after);
+        QVERIFY(!after.isAccepted());
+        QCOMPARE(recorded.count(), 1);
+    }
+
+    void escapeCancels()
+    {
+        ShortcutRecorderItem item(m_window->contentItem());
+        QSignalSpy recorded(&item, &ShortcutRecorderItem::shortcutRecorded);
+        QSignalSpy cancelled(&item, &ShortcutRecorderItem::cancel);
+        item.setRecording(true);
+        QTRY_VERIFY(item.hasActiveFocus());
+
+        QKeyEvent escape = keyPress(kEscape, Qt::Key_Escape, {});
+        QCoreApplication::sendEvent(m_window.get(), &escape);
+        QCOMPARE(cancelled.count(), 1);
+        QCOMPARE(recorded.count(), 0);
+        QVERIFY(!item.recording());
+    }
+
+    void qmlRecorder_data()
+    {
+        QTest::addColumn<quint32>("scanCode");
+        QTest::addColumn<int>("qtKey");
+        QTest::addColumn<Qt::KeyboardModifiers>("modifiers");
+        QTest::addColumn<QVariantList>("recorded");
+
+        QTest::newRow("combination") << kKeyQ << int(Qt::Key_Q) << (Qt::ControlModifier | Qt::ShiftModifier)
+                                     << QVariantList{12, 0x120000};
+        QTest::newRow("escape") << kEscape << int(Qt::Key_Escape) << Qt::KeyboardModifiers()
+                                << QVariantList{};
+    }
+
+    // The row's control as the settings window uses it, through the QML module.
+    void qmlRecorder()
+    {
+        QFETCH(quint32, scanCode);
+        QFETCH(int, qtKey);
+        QFETCH(Qt::KeyboardModifiers, modifiers);
+        QFETCH(QVariantList, recorded);
+
+        QQmlEngine engine;
+        // Where qt_add_qml_module puts the module's files; Qt 6.4 does not look there by itself.
+        engine.addImportPath(QStringLiteral("qrc:/qt/qml"));
+        QQmlComponent component(&engine);
+        component.setData(R"(
+            import QtQuick
+            import Quillvox.Shortcuts
+            ShortcutRecorder {
+                property var got: []
+                property int finishedCount: 0
+                label: "Ctrl+Alt+S"
+                onRecorded: (key, modifiers) => got = [key, modifiers]
+                onFinished: { finishedCount += 1; isRecording = false }
+            })",
+                          QUrl());
+        std::unique_ptr<QObject> object(component.create());
+        QVERIFY2(object, qPrintable(component.errorString()));
+        auto *root = qobject_cast<QQuickItem *>(object.get());
+        root->setParentItem(m_window->contentItem());
+        root->setProperty("isRecording", true);
+        auto *item = root->findChild<ShortcutRecorderItem *>();
+        QVERIFY(item);
+        QTRY_VERIFY(item->hasActiveFocus());
+
+        QKeyEvent press = keyPress(scanCode, qtKey, modifiers);
+        QCoreApplication::sendEvent(m_window.get(), &press);
+
+        QCOMPARE(root->property("finishedCount").toInt(), 1);
+        QCOMPARE(root->property("isRecording").toBool(), false);
+        const QVariantList got = root->property("got").toList();
+        QCOMPARE(got.size(), recorded.size());
+        for (qsizetype i = 0; i < got.size(); ++i)
+            QCOMPARE(got.at(i).toULongLong(), recorded.at(i).toULongLong());
+
+        // The row starts recording again later: the item follows.
+        root->setProperty("isRecording", true);
+        QVERIFY(item->recording());
+    }
+};
+
+QTEST_MAIN(TestShortcutRecorder)
+#include "tst_shortcutrecorder.moc"
