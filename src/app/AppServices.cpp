@@ -29,12 +29,11 @@ public:
 
 } // namespace
 
-SpeechManager &createSharedSpeechManager()
+SpeechManager &createSharedSpeechManager(SelectionSource *selection)
 {
-    // Until an account session is wired in, service mode finds the user signed out; until a capture
-    // backend exists, no selection can be read.
+    // Until an account session is wired in, service mode finds the user signed out.
     static SignedOutAccount account;
-    static NoSelection selection;
+    static NoSelection noSelection;
     static SharedRecords records;
 
     const DeploymentConfig &config = DeploymentConfig::current();
@@ -42,7 +41,7 @@ SpeechManager &createSharedSpeechManager()
     services.defaults = &UserDefaults::standard();
     services.keychain = &KeychainHelper::shared();
     services.account = &account;
-    services.selection = &selection;
+    services.selection = selection ? selection : &noSelection;
     services.records = &records;
     services.audioSink = createAudioSink(config.audioOutput);
     services.serviceOrigin = config.serviceOrigin;

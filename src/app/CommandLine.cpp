@@ -3,12 +3,17 @@
 
 #include "account/KeychainHelper.h"
 #include "app/AppServices.h"
+#include "app/NormalOperation.h"
+#include "app/RemoteControl.h"
+#include "app/SingleInstance.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
+#include <QJsonDocument>
 #include <QTextStream>
 
 #include <cstdio>
@@ -16,10 +21,21 @@
 
 namespace {
 
-const QStringList kHeadlessOptions{QStringLiteral("--set-api-key"), QStringLiteral("--clear-api-key"),
-                                   QStringLiteral("--speak"),       QStringLiteral("--preview"),
-                                   QStringLiteral("--help"),        QStringLiteral("-h"),
-                                   QStringLiteral("--version"),     QStringLiteral("-v")};
+const QStringList kHeadlessOptions{QStringLiteral("--set-api-key"),
+                                   QStringLiteral("--clear-api-key"),
+                                   QStringLiteral("--narrate-selection"),
+                                   QStringLiteral("--toggle"),
+                                   QStringLiteral("--stop"),
+                                   QStringLiteral("--skip-back"),
+                                   QStringLiteral("--skip-forward"),
+                                   QStringLiteral("--cycle-speed"),
+                                   QStringLiteral("--status"),
+                                   QStringLiteral("--speak"),
+                                   QStringLiteral("--preview"),
+                                   QStringLiteral("--help"),
+                                   QStringLiteral("-h"),
+                                   QStringLiteral("--version"),
+                                   QStringLiteral("-v")};
 
 void printError(const QString &text)
 {
@@ -148,6 +164,22 @@ int previewVoice(QCoreApplication &app, const QString &voice)
     return narrateOnce(app, [&](SpeechManager &speech) { speech.playVoicePreview(voice); });
 }
 
+// Hands a command to the running instance. 2 when none runs.
+int sendControl(const QString &command)
+{
+    const std::optional<QJsonObject> reply = SingleInstance::send(command);
+    if (!reply) {
+        printError(QStringLiteral("Quillvox is not running."));
+        return 2;
+    }
+    if (command == u"status") {
+        QTextStream(stdout)
+            << QJsonDocument(reply->value(QStringLiteral("status")).toObject()).toJson(QJsonDocument::Compact)
+            << Qt::endl;
+    }
+    return reply->value(QStringLiteral("ok")).toBool() ? 0 : 1;
+}
+
 } // namespace
 
 bool isHeadlessMode(const QStringList &arguments)
@@ -163,6 +195,28 @@ int runQuillvox(int argc, char *argv[])
 {
     QCoreApplication::setApplicationName(QStringLiteral("Quillvox"));
     QCoreApplication::setApplicationVersion(QStringLiteral(QUILLVOX_VERSION));
+
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    if (!isHeadlessMode(arguments.mid(1))) {
+        // A callback URL from the browser, or a plain start.
+        std::optional<QUrl> url;
+        for (const QString &a : arguments.mid(1)) {
+            if (a.startsWith(QStringLiteral("quillvox:")))
+                url = QUrl(a, QUrl::StrictMode);
+        }
+        if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("ping"),
+                                 url ? url->toString() : QString(), 2000)) {
+            if (!url)
+                QTextStream(stderr) << "Quillvox is already running." << Qt::endl;
+            return 0;
+        }
+        if (url || arguments.size() == 1) {
+            QApplication app(argc, argv);
+            return runNormalOperation(app, url);
+        }
+    }
 
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
@@ -184,12 +238,25 @@ int runQuillvox(int argc, char *argv[])
     const QCommandLineOption preview(QStringLiteral("preview"), QStringLiteral("Play a voice's sample."),
                                      QStringLiteral("VOICE"));
     parser.addOptions({setKey, clearKey, speak, voice, style, speed, preview});
+    QList<QCommandLineOption> controls;
+    for (const QString &command : RemoteControl::controlCommands()) {
+        controls.append(QCommandLineOption(command, QStringLiteral("Ask the running Quillvox to ") + command +
+                                                        QStringLiteral(".")));
+        parser.addOption(controls.last());
+    }
     parser.process(app);
 
     if (parser.isSet(setKey))
         return setApiKey();
     if (parser.isSet(clearKey))
         return clearApiKey();
+    for (const QCommandLineOption &control : controls) {
+        if (parser.isSet(control))
+            return sendControl(control.names().first());
+    }
+    if (parser.isSet(speak) && !parser.isSet(voice) && !parser.isSet(style) && !parser.isSet(speed) &&
+        SingleInstance::send(QStringLiteral("speak"), parser.value(speak), 2000))
+        return 0; // handed to the running instance
     if (parser.isSet(speak))
         return speakOnce(app, parser.value(speak), parser.value(voice), parser.value(style),
                          parser.value(speed));

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "app/RemoteControl.h"
+
+#include "capture/TextCaptureManager.h"
+#include "core/Logging.h"
+#include "shortcuts/HotkeyManager.h"
+#include "speech/SpeechManager.h"
+
+#include <QJsonArray>
+#include <QTimer>
+
+RemoteControl::RemoteControl(SpeechManager &speech, HotkeyManager *hotkeys)
+    : m_speech(speech)
+    , m_hotkeys(hotkeys)
+{}
+
+const QStringList &RemoteControl::controlCommands()
+{
+    static const QStringList commands{QStringLiteral("narrate-selection"),
+                                      QStringLiteral("toggle"),
+                                      QStringLiteral("stop"),
+                                      QStringLiteral("skip-back"),
+                                      QStringLiteral("skip-forward"),
+                                      QStringLiteral("cycle-speed"),
+                                      QStringLiteral("status")};
+    return commands;
+}
+
+QJsonObject RemoteControl::handle(const QString &command, const QString &argument)
+{
+    const QJsonObject ok{{QStringLiteral("ok"), true}};
+    // Each action runs in a later turn of the event loop, so the caller gets its answer at once.
+    const auto later = [this](auto action) { QTimer::singleShot(0, &m_speech, action); };
+    if (command == u"narrate-selection") {
+        later([this] {
+            // Like the narration shortcut: capture, then speak the text as captured.
+            if (const std::optional<QString> text = TextCaptureManager::shared().captureSelectedText())
+                m_speech.speak(*text);
+        });
+    } else if (command == u"toggle") {
+        later([this] { m_speech.togglePlayPause(); });
+    } else if (command == u"stop") {
+        later([this] { m_speech.stop(); });
+    } else if (command == u"skip-back") {
+        later([this] { m_speech.skipBackward(); });
+    } else if (command == u"skip-forward") {
+        later([this] { m_speech.skipForward(); });
+    } else if (command == u"cycle-speed") {
+        m_speech.cyclePlaybackSpeed();
+    } else if (command == u"speak") {
+        later([this, argument] { m_speech.speak(argument); });
+    } else if (command == u"open-url") {
+        routeUrl(QUrl(argument, QUrl::StrictMode));
+    } else if (command == u"status") {
+        return QJsonObject{{QStringLiteral("ok"), true}, {QStringLiteral("status"), status()}};
+    } else {
+        return QJsonObject{{QStringLiteral("ok"), false},
+                           {QStringLiteral("error"), QStringLiteral("unknown command")}};
+    }
+    return ok;
+}
+
+QJsonObject RemoteControl::status() const
+{
+    QJsonValue error = QJsonValue::Null;
+    if (m_speech.currentError())
+        error = QJsonObject{{QStringLiteral("id"), m_speech.currentErrorId()},
+                            {QStringLiteral("description"), m_speech.currentErrorDescription()}};
+
+    QJsonArray shortcuts;
+    if (m_hotkeys) {
+        const HotkeyManager &h = *m_hotkeys;
+        const struct
+        {
+            const char *action;
+            HotkeyManager::Binding binding;
+            quint32 key;
+            quint64 modifiers;
+        } rows[] = {
+            {"narrate", HotkeyManager::Narration, h.currentKey(), h.currentModifiers()},
+            {"playPause", HotkeyManager::PlayPause, h.playPauseKey(), h.playPauseModifiers()},
+            {"stop", HotkeyManager::Stop, h.stopKey(), h.stopModifiers()},
+            {"skipBack", HotkeyManager::SkipBack, h.skipBackKey(), h.skipBackModifiers()},
+            {"skipForward", HotkeyManager::SkipForward, h.skipForwardKey(), h.skipForwardModifiers()},
+            {"cycleSpeed", HotkeyManager::CycleSpeed, h.cycleSpeedKey(), h.cycleSpeedModifiers()},
+        };
+        for (const auto &row : rows)
+            shortcuts.append(
+                QJsonObject{{QStringLiteral("action"), QLatin1String(row.action)},
+                            {QStringLiteral("label"), HotkeyManager::shortcutLabel(row.key, row.modifiers)},
+                            {QStringLiteral("registered"), h.isRegistered(row.binding)}});
+    }
+
+    return QJsonObject{
+        {QStringLiteral("isProcessing"), m_speech.isProcessing()},
+        {QStringLiteral("isPlaying"), m_speech.isPlaying()},
+        {QStringLiteral("hasContent"), m_speech.hasContent()},
+        {QStringLiteral("currentTime"), m_speech.currentTime()},
+        {QStringLiteral("totalTime"), m_speech.totalTime()},
+        {QStringLiteral("displayedTotalTime"), m_speech.displayedTotalTime()},
+        {QStringLiteral("playbackSpeed"), double(m_speech.playbackSpeed())},
+        {QStringLiteral("selectedVoice"), m_speech.selectedVoice()},
+        {QStringLiteral("selectedVoiceStyle"), m_speech.selectedVoiceStyleRawValue()},
+        {QStringLiteral("currentError"), error},
+        // No account session is built into this version yet: the user is signed out.
+        {QStringLiteral("auth"), QJsonObject{{QStringLiteral("state"), QStringLiteral("signedOut")},
+                                             {QStringLiteral("email"), QJsonValue::Null}}},
+        {QStringLiteral("balanceSeconds"), 0},
+        {QStringLiteral("minutesRemaining"), 0},
+        {QStringLiteral("shortcuts"), shortcuts},
+    };
+}
+
+void RemoteControl::routeUrl(const QUrl &url)
+{
+    if (url.scheme() != u"quillvox")
+        return;
+    if (url.host() == u"auth" && url.path() == u"/callback") {
+        qCWarning(lcApp) << "sign-in callback received, but this version has no account session";
+        return;
+    }
+    if (url.host() == u"purchase" && url.path() == u"/success") {
+        qCInfo(lcApp) << "purchase completed";
+        return;
+    }
+    qCInfo(lcApp) << "ignoring unknown callback URL";
+}
