@@ -259,6 +259,7 @@ public:
         qint64 outNarration = 0; // narration frame at the end of what has been rendered
         qint64 heard = 0;
         bool positionValid = false;
+        bool stretcherClean = true; // nothing fed since the last clear()
         bool draining = false;
         qint64 drainRemaining = 0;
         qint64 drainZeros = 0;
@@ -401,9 +402,12 @@ void AudioEngine::Private::applyControls()
     r.appliedRate = target;
     stretcher.setTempo(target);
     // In direct mode the stretcher is empty, and its first sequence starts exactly where direct output
-    // stopped: the switch is seamless. The way back waits for the next drain (see finishDrain()).
-    if (r.mode == RenderState::Mode::Direct && target != 1.0f)
+    // stopped: the switch is seamless. The way back has to wait until the stretcher is empty again (a
+    // stop or a drain), or the audio inside it would be cut off.
+    if (target != 1.0f)
         r.mode = RenderState::Mode::Stretch;
+    else if (r.stretcherClean)
+        r.mode = RenderState::Mode::Direct;
 }
 
 std::size_t AudioEngine::Private::produce(float *out, std::size_t frames)
@@ -424,7 +428,9 @@ std::size_t AudioEngine::Private::produce(float *out, std::size_t frames)
             std::fill(out + got + taken, out + got + want, 0.0f);
             got += want;
             r.drainRemaining -= static_cast<qint64>(want);
-            r.outNarration = r.consumed - std::llround(static_cast<double>(r.drainRemaining) * r.appliedRate);
+            r.outNarration =
+                std::max(r.outNarration,
+                         r.consumed - std::llround(static_cast<double>(r.drainRemaining) * r.appliedRate));
             if (r.drainRemaining == 0)
                 finishDrain();
             continue;
@@ -478,6 +484,7 @@ std::size_t AudioEngine::Private::feedStretcher()
         fed += static_cast<std::size_t>(take);
     }
     if (fed > 0) {
+        r.stretcherClean = false;
         stretcher.putSamples(r.scratch.data(), static_cast<uint>(fed));
         r.consumed += static_cast<qint64>(fed);
         r.stallFrames = 0;
@@ -513,6 +520,7 @@ void AudioEngine::Private::startDrain()
 void AudioEngine::Private::finishDrain()
 {
     stretcher.clear();
+    r.stretcherClean = true;
     r.draining = false;
     r.drainRemaining = 0;
     r.outNarration = r.consumed;
@@ -534,9 +542,22 @@ void AudioEngine::Private::updateStretchedPosition()
 
 void AudioEngine::Private::measure(const float *samples, std::size_t frames)
 {
-    for (std::size_t i = 0; i < frames; ++i) {
-        r.tapSum += static_cast<double>(samples[i]) * samples[i];
-        if (++r.tapCount == kTapFrames) {
+    for (std::size_t i = 0; i < frames;) {
+        const std::size_t n = std::min(frames - i, static_cast<std::size_t>(kTapFrames - r.tapCount));
+        // Four independent sums let the compiler vectorise; a window is short enough for float.
+        std::array<float, 4> lanes{};
+        std::size_t k = 0;
+        for (; k + 4 <= n; k += 4) {
+            for (std::size_t lane = 0; lane < 4; ++lane)
+                lanes[lane] += samples[i + k + lane] * samples[i + k + lane];
+        }
+        double sum = double(lanes[0]) + lanes[1] + lanes[2] + lanes[3];
+        for (; k < n; ++k)
+            sum += static_cast<double>(samples[i + k]) * samples[i + k];
+        r.tapSum += sum;
+        r.tapCount += static_cast<int>(n);
+        i += n;
+        if (r.tapCount == kTapFrames) {
             const double rms = std::sqrt(r.tapSum / kTapFrames);
             const float level = std::min(1.0f, static_cast<float>(rms * 8.0));
             if (levels.push({level, steadySeconds(), r.generation}))
@@ -612,6 +633,7 @@ void AudioEngine::Private::resetQueue()
         r.tapCount = 0;
         r.history.clear();
         stretcher.clear();
+        r.stretcherClean = true;
         r.mode = r.appliedRate == 1.0f ? RenderState::Mode::Direct : RenderState::Mode::Stretch;
         sampleTime.store(-1, std::memory_order_relaxed);
         fedIndex.store(written, std::memory_order_relaxed);

@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QUrl>
+
+#include <chrono>
+
+// One quillvox-devserver process for a test: started on a free loopback port with its request log in a
+// temporary folder, stopped with SIGTERM when the object goes out of scope.
+//
+//     DevServer server;
+//     QVERIFY2(server.start({"--pace", "0"}), qPrintable(server.errorString()));
+//     ... point the client at server.url() ...
+//     const QList<QJsonObject> log = server.waitForRequests(1);
+//     QCOMPARE(DevServer::header(log.first(), "Authorization"), "Bearer local");
+class DevServer
+{
+public:
+    // program: the quillvox-devserver binary; empty means the one built in this tree.
+    explicit DevServer(const QString &program = {});
+    ~DevServer();
+    DevServer(const DevServer &) = delete;
+    DevServer &operator=(const DevServer &) = delete;
+
+    // Starts with "--port 0 --log <temporary file>" followed by arguments (a later --port wins) and
+    // waits for the "listening on" line. False, with errorString() saying why, when the process cannot
+    // be started, exits first or prints nothing within the timeout; never waits longer than that.
+    bool start(const QStringList &arguments = {}, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+    // Sends SIGTERM and returns the exit code; -1 when the server crashed, was not running, or had to
+    // be killed because it did not exit within the timeout.
+    int stop(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+    bool isRunning() const;
+    QString errorString() const { return m_error; }
+    // What the server wrote to standard error so far.
+    QString standardError() const;
+
+    // http://127.0.0.1:PORT
+    QUrl url() const;
+    // The server's URL with this path (and query), e.g. url("/health").
+    QUrl url(const QString &pathAndQuery) const;
+    quint16 port() const { return m_port; }
+    QString logPath() const;
+
+    // One JSON object per finished exchange, in the order the responses ended: method, path, query,
+    // headers (an object, names as sent), body, status (0 when dropped unanswered), bodyBytesSent, time.
+    QList<QJsonObject> requests() const;
+    // A response's log line lands just after its last byte, so a client may finish first: wait (running
+    // the event loop) until at least count records are there or the timeout passes.
+    QList<QJsonObject> waitForRequests(qsizetype count,
+                                       std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    // A header of a logged request by case-insensitive name; a null string when it was not sent.
+    static QString header(const QJsonObject &record, QStringView name);
+
+private:
+    bool fail(const QString &why);
+
+    QString m_program;
+    QTemporaryDir m_dir;
+    QProcess m_process;
+    quint16 m_port = 0;
+    QString m_error;
+};

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "Options.h"
+
+#include <charconv>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+
+namespace {
+
+template<typename Number>
+std::string show(Number value)
+{
+    std::ostringstream text;
+    text << value;
+    return text.str();
+}
+
+template<typename Number>
+Number parseNumber(std::string_view name, std::string_view text, Number min, Number max)
+{
+    Number value{};
+    const auto *end = text.data() + text.size();
+    const auto [ptr, ec] = std::from_chars(text.data(), end, value);
+    if (text.empty() || ec != std::errc() || ptr != end || !(value >= min && value <= max)) {
+        throw std::invalid_argument(std::string(name) + ": expected a number from " + show(min) + " to " +
+                                    show(max) + ", got '" + std::string(text) + "'");
+    }
+    return value;
+}
+
+std::string nonEmpty(std::string_view name, std::string_view text)
+{
+    if (text.empty())
+        throw std::invalid_argument(std::string(name) + ": must not be empty");
+    return std::string(text);
+}
+
+} // namespace
+
+Options Options::parse(const std::vector<std::string> &args)
+{
+    Options options;
+    using Setter = std::function<void(std::string_view)>;
+    const std::map<std::string_view, Setter> withValue = {
+        {"--port", [&](auto v) { options.port = parseNumber<int>("--port", v, 0, 65535); }},
+        {"--synth",
+         [&](auto v) {
+             if (v == "espeak")
+                 options.synth = Synth::Espeak;
+             else if (v == "sine")
+                 options.synth = Synth::Sine;
+             else
+                 throw std::invalid_argument("--synth: expected 'espeak' or 'sine', got '" + std::string(v) + "'");
+         }},
+        // Below the Nyquist frequency of 24 kHz audio, or the tone aliases.
+        {"--sine-hz", [&](auto v) { options.sineHz = parseNumber<double>("--sine-hz", v, 1.0, 11999.0); }},
+        {"--ttfb-ms", [&](auto v) { options.ttfbMs = parseNumber<int>("--ttfb-ms", v, 0, 600000); }},
+        {"--pace", [&](auto v) { options.pace = parseNumber<double>("--pace", v, 0.0, 1000.0); }},
+        {"--openai-key", [&](auto v) { options.openaiKey = nonEmpty("--openai-key", v); }},
+        {"--fail-status", [&](auto v) { options.failStatus = parseNumber<int>("--fail-status", v, 400, 599); }},
+        {"--cut-after",
+         [&](auto v) {
+             options.cutAfterBytes =
+                 parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
+         }},
+        {"--log", [&](auto v) { options.logPath = nonEmpty("--log", v); }},
+    };
+    const std::map<std::string_view, Setter> flags = {
+        {"--drop-before-head", [&](auto) { options.dropBeforeHead = true; }},
+        {"--help", [&](auto) { options.showHelp = true; }},
+        {"-h", [&](auto) { options.showHelp = true; }},
+    };
+
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string_view arg = args[i];
+        std::optional<std::string_view> inlineValue;
+        if (const auto eq = arg.find('='); arg.starts_with("--") && eq != std::string_view::npos) {
+            inlineValue = arg.substr(eq + 1);
+            arg = arg.substr(0, eq);
+        }
+        if (const auto flag = flags.find(arg); flag != flags.end()) {
+            if (inlineValue)
+                throw std::invalid_argument(std::string(arg) + ": takes no value");
+            flag->second({});
+        } else if (const auto option = withValue.find(arg); option != withValue.end()) {
+            if (inlineValue) {
+                option->second(*inlineValue);
+            } else {
+                if (i + 1 >= args.size())
+                    throw std::invalid_argument(std::string(arg) + ": missing value");
+                option->second(args[++i]);
+            }
+        } else {
+            throw std::invalid_argument("unknown option '" + std::string(arg) + "' (try --help)");
+        }
+    }
+    return options;
+}
+
+std::string Options::usage()
+{
+    return R"(Usage: quillvox-devserver [options]
+
+Plays the remote speech services on 127.0.0.1 for tests, benchmarks and offline use.
+The first line on standard output is "listening on http://127.0.0.1:PORT".
+
+  --port N             port to listen on; 0 (default) picks a free one
+  --synth espeak|sine  espeak-ng speech (default) or a pure tone as long as that speech
+  --sine-hz HZ         frequency of the tone (default 440)
+  --ttfb-ms N          the response head leaves no earlier than N ms after the request
+                       arrived (default 0)
+  --pace X             stream the body at X times real time; 0 = as fast as possible
+                       (default 1)
+  --openai-key K       the key /v1/audio/speech accepts as a Bearer token (default "local")
+  --fail-status CODE   answer every speech request with CODE (400-599) and a JSON error
+  --cut-after BYTES    close the connection after BYTES bytes of a speech body
+  --drop-before-head   read every request and close its connection without answering
+  --log FILE           append one JSON line per request when its response has ended
+  -h, --help           show this text
+
+Routes: POST /v1/audio/speech, POST /api/tts/stream, GET /health.
+SIGTERM or SIGINT ends the server with exit code 0.
+)";
+}

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The command line of quillvox-devserver. Every fault is off unless asked for, so that a bare start
+// behaves like a healthy server.
+struct Options
+{
+    enum class Synth { Espeak, Sine };
+
+    int port = 0;
+    Synth synth = Synth::Espeak;
+    double sineHz = 440.0;
+    int ttfbMs = 0;
+    double pace = 1.0;
+    std::string openaiKey = "local";
+    std::optional<int> failStatus;
+    std::optional<std::uint64_t> cutAfterBytes;
+    bool dropBeforeHead = false;
+    std::string logPath;
+    bool showHelp = false;
+
+    // Throws std::invalid_argument with a message meant for the person who typed the command.
+    static Options parse(const std::vector<std::string> &args);
+    static std::string usage();
+};

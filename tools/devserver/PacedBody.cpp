@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "PacedBody.h"
+
+#include "BodyMeter.h"
+
+#include <httplib.h>
+
+#include <algorithm>
+
+PacedBody::PacedBody(const std::vector<std::int16_t> &samples, double pace,
+                     std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop)
+    : m_state(std::make_shared<State>())
+    , m_pace(pace)
+    , m_cutAfterBytes(cutAfterBytes)
+    , m_stop(&stop)
+{
+    // Little-endian on the wire whatever this machine's byte order.
+    m_state->bytes.reserve(samples.size() * 2);
+    for (const std::int16_t sample : samples) {
+        const auto bits = static_cast<std::uint16_t>(sample);
+        m_state->bytes.push_back(static_cast<char>(bits & 0xff));
+        m_state->bytes.push_back(static_cast<char>(bits >> 8));
+    }
+}
+
+bool PacedBody::operator()(std::size_t, httplib::DataSink &sink)
+{
+    State &state = *m_state;
+    const auto now = StopFlag::Clock::now();
+    if (!state.started)
+        state.started = now;
+
+    const bool cutting = m_cutAfterBytes && *m_cutAfterBytes < state.bytes.size();
+    const std::size_t end = cutting ? static_cast<std::size_t>(*m_cutAfterBytes) : state.bytes.size();
+    if (state.sent >= end) {
+        if (cutting)
+            return false;
+        sink.done();
+        return true;
+    }
+
+    if (m_pace > 0) {
+        // Each piece leaves when the audio before it would have finished playing at this pace, so the
+        // first piece goes out with the head.
+        const std::chrono::duration<double> due(static_cast<double>(state.sent) / bytesPerSecond / m_pace);
+        if (!m_stop->sleepUntil(*state.started + std::chrono::duration_cast<StopFlag::Clock::duration>(due)))
+            return false;
+    } else if (m_stop->isRaised()) {
+        return false;
+    }
+
+    const std::size_t length = std::min(pieceBytes, end - state.sent);
+    if (!sink.write(state.bytes.data() + state.sent, length))
+        return false;
+    state.sent += length;
+    BodyMeter::add(length);
+    return true;
+}

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "Options.h"
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Turns text into 16-bit mono samples at 24 kHz: espeak-ng speech resampled with libsoxr, or a pure
+// tone exactly as long as that speech would be (so that pitch and timing can be measured against a
+// known signal while lengths stay realistic).
+class Synthesizer
+{
+public:
+    static constexpr int outputRateHz = 24000;
+
+    Synthesizer(Options::Synth mode, double sineHz);
+    Synthesizer(const Synthesizer &) = delete;
+    Synthesizer &operator=(const Synthesizer &) = delete;
+
+    // Safe to call from several threads; espeak-ng is not, so calls run one at a time. The same text
+    // and voice always give the same samples. An unknown voice speaks with the default voice.
+    // Throws std::runtime_error if synthesis fails.
+    std::vector<std::int16_t> synthesize(const std::string &text, std::string_view voice);
+
+    Options::Synth mode() const { return m_mode; }
+
+private:
+    void initialiseEspeak();
+    std::vector<std::int16_t> speak(const std::string &text, std::string_view voice);
+
+    const Options::Synth m_mode;
+    const double m_sineHz;
+    std::mutex m_mutex;
+    int m_espeakRateHz = 0;
+};
