@@ -37,7 +37,8 @@ std::string_view trimmed(std::string_view text)
 bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
            });
 }
 
@@ -82,8 +83,7 @@ bool parseHead(std::string_view head, RequestLog::Entry &entry, std::size_t &con
 DropBeforeHeadServer::DropBeforeHeadServer(RequestLog *log, const StopFlag &stop)
     : m_log(log)
     , m_stop(stop)
-{
-}
+{}
 
 DropBeforeHeadServer::~DropBeforeHeadServer()
 {

@@ -7,8 +7,7 @@
 
 HealthRoutes::HealthRoutes(Options::Synth synth)
     : m_synth(synth)
-{
-}
+{}
 
 void HealthRoutes::install(httplib::Server &server)
 {

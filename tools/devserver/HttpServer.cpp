@@ -40,7 +40,7 @@ RequestLog::Entry logEntry(const httplib::Request &request, const httplib::Respo
     if (const auto mark = request.target.find('?'); mark != std::string::npos)
         entry.query = request.target.substr(mark + 1);
     for (const auto &[name, value] : request.headers) {
-        if (true)
+        if (!addedByHttplib(name))
             entry.headers.emplace_back(name, value);
     }
     entry.body = request.body;
@@ -71,16 +71,17 @@ HttpServer::HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *
             ++m_activeExchanges;
         return httplib::Server::HandlerResponse::Unhandled;
     });
-    server.set_exception_handler([](const httplib::Request &, httplib::Response &response, std::exception_ptr error) {
-        std::string message = "unknown error";
-        try {
-            std::rethrow_exception(error);
-        } catch (const std::exception &e) {
-            message = e.what();
-        } catch (...) {
-        }
-        setJsonError(response, 500, message, "server_error");
-    });
+    server.set_exception_handler(
+        [](const httplib::Request &, httplib::Response &response, std::exception_ptr error) {
+            std::string message = "unknown error";
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception &e) {
+                message = e.what();
+            } catch (...) {
+            }
+            setJsonError(response, 500, message, "server_error");
+        });
     // cpp-httplib calls the logger once the response has been written, or has failed to be.
     server.set_logger([this, log](const httplib::Request &request, const httplib::Response &response) {
         if (log)

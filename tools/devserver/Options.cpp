@@ -11,8 +11,7 @@
 
 namespace {
 
-template<typename Number>
-std::string show(Number value)
+template<typename Number> std::string show(Number value)
 {
     std::ostringstream text;
     text << value;
@@ -54,18 +53,19 @@ Options Options::parse(const std::vector<std::string> &args)
              else if (v == "sine")
                  options.synth = Synth::Sine;
              else
-                 throw std::invalid_argument("--synth: expected 'espeak' or 'sine', got '" + std::string(v) + "'");
+                 throw std::invalid_argument("--synth: expected 'espeak' or 'sine', got '" + std::string(v) +
+                                             "'");
          }},
         // Below the Nyquist frequency of 24 kHz audio, or the tone aliases.
         {"--sine-hz", [&](auto v) { options.sineHz = parseNumber<double>("--sine-hz", v, 1.0, 11999.0); }},
         {"--ttfb-ms", [&](auto v) { options.ttfbMs = parseNumber<int>("--ttfb-ms", v, 0, 600000); }},
         {"--pace", [&](auto v) { options.pace = parseNumber<double>("--pace", v, 0.0, 1000.0); }},
         {"--openai-key", [&](auto v) { options.openaiKey = nonEmpty("--openai-key", v); }},
-        {"--fail-status", [&](auto v) { options.failStatus = parseNumber<int>("--fail-status", v, 400, 599); }},
+        {"--fail-status",
+         [&](auto v) { options.failStatus = parseNumber<int>("--fail-status", v, 400, 599); }},
         {"--cut-after",
          [&](auto v) {
-             options.cutAfterBytes =
-                 parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
+             options.cutAfterBytes = parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
          }},
         {"--log", [&](auto v) { options.logPath = nonEmpty("--log", v); }},
     };

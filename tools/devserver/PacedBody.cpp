@@ -15,11 +15,12 @@ PacedBody::PacedBody(const std::vector<std::int16_t> &samples, double pace,
     , m_stop(&stop)
 {
     // Little-endian on the wire whatever this machine's byte order.
-    m_state->bytes.reserve(samples.size() * 2);
-    for (const std::int16_t sample : samples) {
-        const auto bits = static_cast<std::uint16_t>(sample);
-        m_state->bytes.push_back(static_cast<char>(bits & 0xff));
-        m_state->bytes.push_back(static_cast<char>(bits >> 8));
+    std::string &bytes = m_state->bytes;
+    bytes.resize(samples.size() * 2);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        const auto bits = static_cast<std::uint16_t>(samples[i]);
+        bytes[2 * i] = static_cast<char>(bits & 0xff);
+        bytes[2 * i + 1] = static_cast<char>(bits >> 8);
     }
 }
 

@@ -23,8 +23,8 @@ public:
     static constexpr std::size_t pieceBytes = bytesPerSecond / 20;
 
     // pace 0 sends as fast as the socket takes it.
-    PacedBody(const std::vector<std::int16_t> &samples, double pace, std::optional<std::uint64_t> cutAfterBytes,
-              const StopFlag &stop);
+    PacedBody(const std::vector<std::int16_t> &samples, double pace,
+              std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop);
 
     // Returning false makes cpp-httplib close the connection without the terminating chunk.
     bool operator()(std::size_t offset, httplib::DataSink &sink);

@@ -36,8 +36,8 @@ void RequestLog::append(const Entry &entry)
     QJsonObject headers;
     for (const auto &[name, value] : entry.headers) {
         const QString key = fromUtf8(name);
-        const QString folded = headers.contains(key) ? headers.value(key).toString() + u", " + fromUtf8(value)
-                                                     : fromUtf8(value);
+        const QString folded =
+            headers.contains(key) ? headers.value(key).toString() + u", " + fromUtf8(value) : fromUtf8(value);
         headers.insert(key, folded);
     }
     const QJsonObject record{

@@ -31,7 +31,8 @@ std::variant<SpeechRequest, SpeechRequest::Invalid> SpeechRequest::parse(std::st
             return Invalid{std::string("'") + name + "' must be a string.", name};
         *field = value.toString().toStdString();
     }
-    if (const QJsonValue instructions = object.value(QLatin1String("instructions")); !instructions.isUndefined()) {
+    if (const QJsonValue instructions = object.value(QLatin1String("instructions"));
+        !instructions.isUndefined()) {
         if (!instructions.isString())
             return Invalid{"'instructions' must be a string.", "instructions"};
         request.instructions = instructions.toString().toStdString();
@@ -39,7 +40,8 @@ std::variant<SpeechRequest, SpeechRequest::Invalid> SpeechRequest::parse(std::st
     if (request.input.empty())
         return Invalid{"'input' must not be empty.", "input"};
     if (request.responseFormat != "pcm") {
-        return Invalid{"Unsupported response_format '" + request.responseFormat + "': this server only streams pcm.",
+        return Invalid{"Unsupported response_format '" + request.responseFormat +
+                           "': this server only streams pcm.",
                        "response_format"};
     }
     return request;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <utility>
 
 namespace {
 
@@ -54,8 +55,7 @@ SpeechRoutes::SpeechRoutes(const Options &options, Synthesizer &synthesizer, con
     , m_pace(options.pace)
     , m_failStatus(options.failStatus)
     , m_cutAfterBytes(options.cutAfterBytes)
-{
-}
+{}
 
 void SpeechRoutes::install(httplib::Server &server)
 {
@@ -75,7 +75,8 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
 
     if (m_failStatus) {
         setJsonError(response, *m_failStatus,
-                     "Failure injected by quillvox-devserver --fail-status " + std::to_string(*m_failStatus) + ".",
+                     "Failure injected by quillvox-devserver --fail-status " + std::to_string(*m_failStatus) +
+                         ".",
                      *m_failStatus >= 500 ? "server_error" : "invalid_request_error");
         waitForHead();
         return;
@@ -100,24 +101,28 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         waitForHead();
         return;
     }
+    // Everything that takes time happens before the wait, so that the head leaves on time.
+    PacedBody body(samples, m_pace, m_cutAfterBytes, m_stop);
     if (!waitForHead()) {
         setJsonError(response, 503, "The server is shutting down.", "server_error");
         return;
     }
     response.status = 200;
     BodyMeter::beginStream();
-    response.set_chunked_content_provider("audio/pcm", PacedBody(samples, m_pace, m_cutAfterBytes, m_stop));
+    response.set_chunked_content_provider("audio/pcm", std::move(body));
 }
 
-bool SpeechRoutes::authorise(const httplib::Request &request, httplib::Response &response, Backend backend) const
+bool SpeechRoutes::authorise(const httplib::Request &request, httplib::Response &response,
+                             Backend backend) const
 {
     const std::optional<std::string> token = bearerToken(request);
     if (backend == Backend::OpenAI) {
         if (!token || token->empty()) {
-            setJsonError(response, 401,
-                         "You didn't provide an API key. Provide it in an Authorization header using Bearer auth "
-                         "(Authorization: Bearer YOUR_KEY).",
-                         "invalid_request_error");
+            setJsonError(
+                response, 401,
+                "You didn't provide an API key. Provide it in an Authorization header using Bearer auth "
+                "(Authorization: Bearer YOUR_KEY).",
+                "invalid_request_error");
             return false;
         }
         if (*token != m_openaiKey) {

@@ -28,10 +28,9 @@ struct VoiceSetting
 
 // Distinct enough by ear and by byte count that a test can tell which voice was asked for.
 constexpr VoiceSetting voiceSettings[] = {
-    {"marin", "en-us+f2", 175, 55},       {"cedar", "en-gb-x-rp+m3", 168, 45},
-    {"alloy", "en-us+m1", 175, 50},       {"echo", "en-us+m2", 165, 40},
-    {"fable", "en-gb-x-rp+m4", 170, 55},  {"nova", "en-us+f1", 185, 60},
-    {"onyx", "en-us+m6", 160, 30},        {"shimmer", "en-us+f3", 180, 70},
+    {"marin", "en-us+f2", 175, 55}, {"cedar", "en-gb-x-rp+m3", 168, 45}, {"alloy", "en-us+m1", 175, 50},
+    {"echo", "en-us+m2", 165, 40},  {"fable", "en-gb-x-rp+m4", 170, 55}, {"nova", "en-us+f1", 185, 60},
+    {"onyx", "en-us+m6", 160, 30},  {"shimmer", "en-us+f3", 180, 70},
 };
 constexpr VoiceSetting defaultVoice = {"", "en-us", 175, 50};
 
@@ -72,13 +71,14 @@ bool writeAll(int fd, const char *data, std::size_t length)
         ::close_range(3, static_cast<unsigned>(output) - 1, 0);
     ::close_range(static_cast<unsigned>(output) + 1, ~0U, 0);
     std::srand(1);
-    if (espeak_SetVoiceByName(setting.espeakVoice) != EE_OK && espeak_SetVoiceByName(defaultVoice.espeakVoice) != EE_OK)
+    if (espeak_SetVoiceByName(setting.espeakVoice) != EE_OK &&
+        espeak_SetVoiceByName(defaultVoice.espeakVoice) != EE_OK)
         ::_exit(2);
     espeak_SetParameter(espeakRATE, setting.rateWpm, 0);
     espeak_SetParameter(espeakPITCH, setting.pitch, 0);
     std::vector<std::int16_t> samples;
-    if (espeak_Synth(text.c_str(), text.size() + 1, 0, POS_CHARACTER, 0, espeakCHARS_UTF8, nullptr, &samples) !=
-        EE_OK) {
+    if (espeak_Synth(text.c_str(), text.size() + 1, 0, POS_CHARACTER, 0, espeakCHARS_UTF8, nullptr,
+                     &samples) != EE_OK) {
         ::_exit(3);
     }
     const bool written = writeAll(output, reinterpret_cast<const char *>(samples.data()), samples.size() * 2);
@@ -109,8 +109,7 @@ std::vector<std::int16_t> resample(const std::vector<std::int16_t> &in, int from
 Synthesizer::Synthesizer(Options::Synth mode, double sineHz)
     : m_mode(mode)
     , m_sineHz(sineHz)
-{
-}
+{}
 
 std::vector<std::int16_t> Synthesizer::synthesize(const std::string &text, std::string_view voice)
 {
@@ -125,7 +124,8 @@ std::vector<std::int16_t> Synthesizer::synthesize(const std::string &text, std::
         constexpr double amplitude = 32767.0 / 3.0;
         const double step = 2.0 * std::numbers::pi * m_sineHz / outputRateHz;
         for (std::size_t i = 0; i < samples.size(); ++i)
-            samples[i] = static_cast<std::int16_t>(std::lround(amplitude * std::sin(step * static_cast<double>(i))));
+            samples[i] =
+                static_cast<std::int16_t>(std::lround(amplitude * std::sin(step * static_cast<double>(i))));
     }
     return samples;
 }
@@ -178,7 +178,8 @@ std::vector<std::int16_t> Synthesizer::speak(const std::string &text, std::strin
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw std::runtime_error("espeak-ng failed to synthesise (child status " + std::to_string(status) + ")");
+        throw std::runtime_error("espeak-ng failed to synthesise (child status " + std::to_string(status) +
+                                 ")");
 
     std::vector<std::int16_t> samples(bytes.size() / 2);
     std::memcpy(samples.data(), bytes.data(), samples.size() * 2);

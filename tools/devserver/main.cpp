@@ -8,13 +8,18 @@
 #include "StopFlag.h"
 #include "Synthesizer.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <iostream>
-#include <pthread.h>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -106,8 +111,4 @@ int main(int argc, char **argv)
         return 1;
     }
     return 0;
-    if (log)
-        log->close();
-    std::cout.flush();
-    std::_Exit(0);
 }

@@ -127,7 +127,8 @@ void decodeChunked(const QByteArray &data, RawResponse &response)
         if (lineEnd < 0)
             return;
         bool ok = false;
-        const qsizetype size = data.mid(position, lineEnd - position).split(';').first().trimmed().toLongLong(&ok, 16);
+        const qsizetype size =
+            data.mid(position, lineEnd - position).split(';').first().trimmed().toLongLong(&ok, 16);
         if (!ok)
             return;
         position = lineEnd + 2;
@@ -170,8 +171,8 @@ RawResponse parseRaw(const QByteArray &bytes)
 QByteArray rawPost(const QString &path, const QByteArray &body, const QByteArray &authorization = defaultKey)
 {
     return "POST " + path.toUtf8() + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " + authorization +
-           "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) +
-           "\r\n\r\n" + body;
+           "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: " +
+           QByteArray::number(body.size()) + "\r\n\r\n" + body;
 }
 
 // Sends one request and reads until the server closes the connection (or the timeout passes).
@@ -260,9 +261,10 @@ void TestDevServer::openAIAuthorisation_data()
     QTest::newRow("key as prefix") << QStringList() << std::optional<QByteArray>("Bearer locally") << 401;
     QTest::newRow("other scheme") << QStringList() << std::optional<QByteArray>("Basic local") << 401;
     QTest::newRow("default key") << QStringList() << std::optional<QByteArray>(defaultKey) << 200;
-    QTest::newRow("scheme in lower case") << QStringList() << std::optional<QByteArray>("bearer local") << 200;
-    QTest::newRow("chosen key") << QStringList{"--openai-key", "s3cret"} << std::optional<QByteArray>("Bearer s3cret")
-                                << 200;
+    QTest::newRow("scheme in lower case")
+        << QStringList() << std::optional<QByteArray>("bearer local") << 200;
+    QTest::newRow("chosen key") << QStringList{"--openai-key", "s3cret"}
+                                << std::optional<QByteArray>("Bearer s3cret") << 200;
     QTest::newRow("default key when another is chosen")
         << QStringList{"--openai-key", "s3cret"} << std::optional<QByteArray>(defaultKey) << 401;
 }
@@ -298,8 +300,8 @@ void TestDevServer::serviceAuthorisation_data()
     QTest::newRow("blank bearer") << QStringList() << std::optional<QByteArray>("Bearer    ") << 401;
     QTest::newRow("other scheme") << QStringList() << std::optional<QByteArray>("Basic abc") << 401;
     QTest::newRow("any token") << QStringList() << std::optional<QByteArray>("Bearer eyJ.any.token") << 200;
-    QTest::newRow("not the OpenAI key") << QStringList{"--openai-key", "s3cret"}
-                                        << std::optional<QByteArray>("Bearer another") << 200;
+    QTest::newRow("not the OpenAI key")
+        << QStringList{"--openai-key", "s3cret"} << std::optional<QByteArray>("Bearer another") << 200;
 }
 
 void TestDevServer::serviceAuthorisation()
@@ -402,16 +404,17 @@ void TestDevServer::speechLengthFollowsText_data()
     QTest::addColumn<double>("maxSeconds");
 
     // Speech runs at roughly 150 to 200 words a minute; the bounds leave room for pauses.
-    QTest::newRow("one word") << openAIPath << "Hello." << "alloy" << 0.2 << 1.5;
-    QTest::newRow("sentence") << servicePath << "The quick brown fox jumps over the lazy dog." << "nova" << 1.8
-                              << 5.0;
+    QTest::newRow("one word") << openAIPath << "Hello."
+                              << "alloy" << 0.2 << 1.5;
+    QTest::newRow("sentence") << servicePath << "The quick brown fox jumps over the lazy dog."
+                              << "nova" << 1.8 << 5.0;
     QTest::newRow("paragraph") << openAIPath
                                << "Quillvox reads the selected text aloud. It streams the audio while it "
                                   "arrives, so that speech starts quickly even when the passage is long. "
                                   "Three sentences like these take a while to say."
                                << "onyx" << 7.0 << 16.0;
-    QTest::newRow("unknown voice") << servicePath << "The quick brown fox jumps over the lazy dog." << "nobody"
-                                   << 1.8 << 5.0;
+    QTest::newRow("unknown voice") << servicePath << "The quick brown fox jumps over the lazy dog."
+                                   << "nobody" << 1.8 << 5.0;
 }
 
 void TestDevServer::speechLengthFollowsText()
@@ -470,7 +473,8 @@ void TestDevServer::sineTone()
     QFETCH(QString, voice);
 
     DevServer sine;
-    QVERIFY2(sine.start(arguments + QStringList{"--synth", "sine", "--pace", "0"}), qPrintable(sine.errorString()));
+    QVERIFY2(sine.start(arguments + QStringList{"--synth", "sine", "--pace", "0"}),
+             qPrintable(sine.errorString()));
     DevServer speech;
     QVERIFY2(speech.start({"--pace", "0"}), qPrintable(speech.errorString()));
     const QByteArray body = speechBody("Pitch and timing are measured against this.", voice);
@@ -617,9 +621,10 @@ void TestDevServer::logRecordsTheExchange_data()
 
     QTest::newRow("speech") << "/v1/audio/speech?trace=1&note=a%20b" << std::optional<QByteArray>(defaultKey)
                             << speechBody("Logged.", "echo") << 200;
-    QTest::newRow("unauthorised") << servicePath << std::optional<QByteArray>() << speechBody("Logged.") << 401;
-    QTest::newRow("invalid body") << servicePath << std::optional<QByteArray>("Bearer t") << QByteArray("{\"input\": 1}")
-                                  << 400;
+    QTest::newRow("unauthorised") << servicePath << std::optional<QByteArray>() << speechBody("Logged.")
+                                  << 401;
+    QTest::newRow("invalid body") << servicePath << std::optional<QByteArray>("Bearer t")
+                                  << QByteArray("{\"input\": 1}") << 400;
     QTest::newRow("unicode text") << servicePath << std::optional<QByteArray>("Bearer t")
                                   << speechBody(QString::fromUtf8("Café — naïve “quotes”."), "marin") << 200;
 }
@@ -649,7 +654,8 @@ void TestDevServer::logRecordsTheExchange()
     QCOMPARE(record.value("bodyBytesSent").toInteger(), result.body.size());
     QVERIFY(!record.value("time").toString().isEmpty());
 
-    QCOMPARE(DevServer::header(record, u"Authorization"), authorization ? QString::fromUtf8(*authorization) : QString());
+    QCOMPARE(DevServer::header(record, u"Authorization"),
+             authorization ? QString::fromUtf8(*authorization) : QString());
     QCOMPARE(DevServer::header(record, u"content-type"), "application/json");
     QCOMPARE(DevServer::header(record, u"X-Probe"), "probe value");
     QCOMPARE(DevServer::header(record, u"Content-Length"), QString::number(body.size()));
@@ -667,7 +673,8 @@ void TestDevServer::concurrentRequestsGetTheirOwnAudio()
     // Sequential answers first, as the reference for each voice.
     QHash<QString, QByteArray> expected;
     for (const QString &voice : allVoices) {
-        const HttpResult result = send(m_network, server.url(servicePath), speechBody(text, voice), "Bearer t");
+        const HttpResult result =
+            send(m_network, server.url(servicePath), speechBody(text, voice), "Bearer t");
         QCOMPARE(result.status, 200);
         expected.insert(voice, result.body);
     }
@@ -680,8 +687,8 @@ void TestDevServer::concurrentRequestsGetTheirOwnAudio()
         replies.append(m_network.post(request, speechBody(text, voice)));
     }
     const auto cleanup = qScopeGuard([&] { qDeleteAll(replies); });
-    QTRY_VERIFY_WITH_TIMEOUT(std::all_of(replies.begin(), replies.end(), [](auto *r) { return r->isFinished(); }),
-                             20000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        std::all_of(replies.begin(), replies.end(), [](auto *r) { return r->isFinished(); }), 20000);
     for (qsizetype i = 0; i < replies.size(); ++i) {
         QCOMPARE(replies[i]->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 200);
         QVERIFY2(replies[i]->readAll() == expected.value(allVoices[i]), qPrintable(allVoices[i]));
@@ -698,8 +705,9 @@ void TestDevServer::slowStreamDoesNotHoldUpOthers()
     QTcpSocket slow;
     slow.connectToHost(QHostAddress::LocalHost, server.port());
     QVERIFY(slow.waitForConnected(5000));
-    slow.write(rawPost(openAIPath, speechBody("This passage takes many seconds to stream at the pace of speech, "
-                                              "much longer than the short request that follows it.")));
+    slow.write(
+        rawPost(openAIPath, speechBody("This passage takes many seconds to stream at the pace of speech, "
+                                       "much longer than the short request that follows it.")));
     QByteArray slowBytes;
     QTRY_VERIFY_WITH_TIMEOUT((slowBytes += slow.readAll()).contains("\r\n\r\n"), 10000);
 
@@ -740,8 +748,9 @@ void TestDevServer::exitsCleanlyOnSigterm()
     } else if (activity != "none") {
         socket.connectToHost(QHostAddress::LocalHost, server.port());
         QVERIFY(socket.waitForConnected(5000));
-        const QByteArray request = rawPost(openAIPath, speechBody("A long passage that is still streaming when "
-                                                                  "the server is told to stop."));
+        const QByteArray request =
+            rawPost(openAIPath, speechBody("A long passage that is still streaming when "
+                                           "the server is told to stop."));
         socket.write(activity == "partial" ? request.left(30) : request);
         if (activity == "streaming")
             QTRY_VERIFY_WITH_TIMEOUT(socket.bytesAvailable() > 0, 10000);
@@ -804,8 +813,8 @@ void TestDevServer::failsToStartClearly_data()
     QTest::newRow("success as a fault") << server << QStringList{"--fail-status", "200"} << "--fail-status";
     QTest::newRow("negative cut") << server << QStringList{"--cut-after", "-5"} << "--cut-after";
     QTest::newRow("empty key") << server << QStringList{"--openai-key="} << "--openai-key";
-    QTest::newRow("log folder missing") << server << QStringList{"--log", "/nonexistent/folder/log.jsonl"}
-                                        << "cannot open log";
+    QTest::newRow("log folder missing")
+        << server << QStringList{"--log", "/nonexistent/folder/log.jsonl"} << "cannot open log";
 }
 
 void TestDevServer::failsToStartClearly()

@@ -12,6 +12,8 @@
 #include <QtEndian>
 
 #include <cmath>
+#include <sys/prctl.h>
+
 #include <csignal>
 #include <cstring>
 #include <numbers>
@@ -31,6 +33,12 @@ QByteArray sine(qint64 frames, double hz, double amplitude)
     return bytes;
 }
 
+// A crashed test must not leave daemons behind.
+void dieWithTheTest(QProcess &process)
+{
+    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+}
+
 // A PulseAudio daemon of the test's own (so that it can be killed), with a null sink at the stream's
 // format and a recorder on its monitor.
 class PulseServer
@@ -38,7 +46,10 @@ class PulseServer
 public:
     explicit PulseServer(const QString &dir)
         : m_dir(dir)
-    {}
+    {
+        dieWithTheTest(m_daemon);
+        dieWithTheTest(m_recorder);
+    }
     ~PulseServer()
     {
         stopRecorder();

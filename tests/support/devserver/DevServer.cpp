@@ -9,8 +9,7 @@
 
 DevServer::DevServer(const QString &program)
     : m_program(program.isEmpty() ? QStringLiteral(QUILLVOX_DEVSERVER) : program)
-{
-}
+{}
 
 DevServer::~DevServer()
 {
@@ -117,7 +116,8 @@ QList<QJsonObject> DevServer::requests() const
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(line, &error);
         if (!document.isObject()) {
-            qWarning("DevServer: unreadable log line (%s): %s", qPrintable(error.errorString()), line.constData());
+            qWarning("DevServer: unreadable log line (%s): %s", qPrintable(error.errorString()),
+                     line.constData());
             continue;
         }
         records.append(document.object());

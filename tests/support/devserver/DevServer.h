@@ -31,7 +31,8 @@ public:
     // Starts with "--port 0 --log <temporary file>" followed by arguments (a later --port wins) and
     // waits for the "listening on" line. False, with errorString() saying why, when the process cannot
     // be started, exits first or prints nothing within the timeout; never waits longer than that.
-    bool start(const QStringList &arguments = {}, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool start(const QStringList &arguments = {},
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
     // Sends SIGTERM and returns the exit code; -1 when the server crashed, was not running, or had to
     // be killed because it did not exit within the timeout.
@@ -50,7 +51,8 @@ public:
     QString logPath() const;
 
     // One JSON object per finished exchange, in the order the responses ended: method, path, query,
-    // headers (an object, names as sent), body, status (0 when dropped unanswered), bodyBytesSent, time.
+    // headers (an object, names as sent, a repeated header folded into one comma-separated value),
+    // body, status (0 when dropped unanswered), bodyBytesSent (bytes of body written), time.
     QList<QJsonObject> requests() const;
     // A response's log line lands just after its last byte, so a client may finish first: wait (running
     // the event loop) until at least count records are there or the timeout passes.
