@@ -14,7 +14,7 @@ PACKAGES=(
     libespeak-ng-dev espeak-ng libcpp-httplib-dev
     xvfb xauth x11-utils x11-xserver-utils xdotool xclip openbox
     dbus-daemon dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils sox mousepad
-    curl python3
+    curl python3 xdg-utils desktop-file-utils
 )
 
 missing=()

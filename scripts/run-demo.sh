@@ -43,5 +43,12 @@ MSG
 build/src/quillvox --speak "Welcome to Quillvox. Select text anywhere and press Control, Alt and S to hear it." \
     || echo "(The welcome could not be played; see the message above.)" >&2
 
-echo "The dev server keeps running until you press Ctrl+C."
-wait "$DEVSERVER_PID"
+# quillvox:// callback URLs (browser sign-in) come back to the application of this profile.
+mkdir -p "$XDG_DATA_HOME/applications"
+sed "s|^Exec=quillvox|Exec=$root/build/src/quillvox|" resources/quillvox.desktop \
+    >"$XDG_DATA_HOME/applications/quillvox.desktop"
+xdg-mime default quillvox.desktop x-scheme-handler/quillvox 2>/dev/null || true
+
+echo "Quillvox is running (Ctrl+C quits). Select text anywhere and press Ctrl+Alt+S; or from another"
+echo "terminal with the variables above: build/src/quillvox --narrate-selection | --toggle | --stop | --status"
+build/src/quillvox
