@@ -5,13 +5,13 @@
 #include "capture/TerminalProfiles.h"
 #include "core/Logging.h"
 #include "platform/KeyboardInjector.h"
-#include "platform/WindowInspector.h"
-#include "platform/null/input/FixedWindowInspector.h"
+#include "platform/WindowFocus.h"
+#include "platform/null/input/FixedWindowFocus.h"
 #include "platform/null/input/MemoryClipboard.h"
 #include "platform/null/input/NullKeyboardInjector.h"
 #include "platform/x11/X11Clipboard.h"
 #include "platform/x11/X11KeyboardInjector.h"
-#include "platform/x11/X11WindowInspector.h"
+#include "platform/x11/X11WindowFocus.h"
 
 #include <QGuiApplication>
 #include <QInputMethodQueryEvent>
@@ -70,7 +70,7 @@ TextCaptureManager &TextCaptureManager::shared()
         if (QGuiApplication::platformName() == u"xcb") {
             backends.keyboard = std::make_unique<X11KeyboardInjector>();
             backends.clipboard = std::make_unique<X11Clipboard>();
-            backends.windows = std::make_unique<X11WindowInspector>();
+            backends.windows = std::make_unique<X11WindowFocus>();
         } else {
             // Without X11 there is nothing to copy with; isProcessTrusted says why.
             const Availability why = QGuiApplication::platformName() == u"wayland"
@@ -78,7 +78,7 @@ TextCaptureManager &TextCaptureManager::shared()
                                          : Availability::NoDisplay;
             backends.keyboard = std::make_unique<NullKeyboardInjector>(why);
             backends.clipboard = std::make_unique<MemoryClipboard>();
-            backends.windows = std::make_unique<FixedWindowInspector>();
+            backends.windows = std::make_unique<FixedWindowFocus>();
         }
         // Lives as long as the application, which cleans it up with its other children.
         return new TextCaptureManager(std::move(backends), qGuiApp);

@@ -12,7 +12,7 @@
 #include <optional>
 
 class KeyboardInjector;
-class WindowInspector;
+class WindowFocus;
 
 // Obtains the text the user has selected in the focused window, so that it can be narrated: by copying
 // it with a synthetic Ctrl+C and reading the CLIPBOARD, while keeping whatever the user had on the
@@ -32,7 +32,7 @@ public:
     {
         std::unique_ptr<KeyboardInjector> keyboard;
         std::unique_ptr<SystemClipboard> clipboard;
-        std::unique_ptr<WindowInspector> windows;
+        std::unique_ptr<WindowFocus> windows;
         Sleeper sleep;                   // none: sleeps the calling thread
         OwnSelectionReader ownSelection; // none: asks the focused object of this application
     };

@@ -2,7 +2,7 @@
 #include "capture/ClipboardTargets.h"
 #include "capture/TerminalProfiles.h"
 #include "capture/TextCaptureManager.h"
-#include "platform/null/input/FixedWindowInspector.h"
+#include "platform/null/input/FixedWindowFocus.h"
 #include "platform/null/input/MemoryClipboard.h"
 #include "platform/null/input/NullKeyboardInjector.h"
 
@@ -108,7 +108,7 @@ private:
     // Owned by the manager.
     NullKeyboardInjector *m_keyboard = nullptr;
     MemoryClipboard *m_clipboard = nullptr;
-    FixedWindowInspector *m_windows = nullptr;
+    FixedWindowFocus *m_windows = nullptr;
     std::unique_ptr<TextCaptureManager> m_manager;
 
     // The focused application: what it copies, and on which keys.
@@ -123,7 +123,7 @@ private:
         TextCaptureManager::Backends backends;
         auto keyboard = std::make_unique<NullKeyboardInjector>(availability);
         auto clipboard = std::make_unique<MemoryClipboard>();
-        auto windows = std::make_unique<FixedWindowInspector>();
+        auto windows = std::make_unique<FixedWindowFocus>();
         m_keyboard = keyboard.get();
         m_clipboard = clipboard.get();
         m_windows = windows.get();

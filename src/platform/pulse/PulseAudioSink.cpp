@@ -127,13 +127,13 @@ bool PulseAudioSink::connect(QString *error)
         pa_threaded_mainloop_wait(m_mainloop);
     }
 
-    const pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, kSampleRateHz, 1};
+    const pa_sample_spec sampleFormat{PA_SAMPLE_FLOAT32NE, kSampleRateHz, 1};
     pa_channel_map map;
     pa_channel_map_init_mono(&map);
     pa_proplist *streamProps = pa_proplist_new();
     pa_proplist_sets(streamProps, PA_PROP_MEDIA_ROLE, "a11y");
     pa_proplist_sets(streamProps, PA_PROP_MEDIA_NAME, "Narration");
-    m_stream = pa_stream_new_with_proplist(m_context, "Narration", &spec, &map, streamProps);
+    m_stream = pa_stream_new_with_proplist(m_context, "Narration", &sampleFormat, &map, streamProps);
     pa_proplist_free(streamProps);
     if (!m_stream) {
         *error = errorText(m_context);
@@ -146,9 +146,10 @@ bool PulseAudioSink::connect(QString *error)
     // The server's default buffer is about two seconds; ask for a short one and let it fit the device.
     pa_buffer_attr attr;
     attr.maxlength = static_cast<uint32_t>(-1);
-    attr.tlength = static_cast<uint32_t>(pa_usec_to_bytes(kTargetLatencyMs * PA_USEC_PER_MSEC, &spec));
+    attr.tlength =
+        static_cast<uint32_t>(pa_usec_to_bytes(kTargetLatencyMs * PA_USEC_PER_MSEC, &sampleFormat));
     attr.prebuf = static_cast<uint32_t>(-1);
-    attr.minreq = static_cast<uint32_t>(pa_usec_to_bytes(kRequestMs * PA_USEC_PER_MSEC, &spec));
+    attr.minreq = static_cast<uint32_t>(pa_usec_to_bytes(kRequestMs * PA_USEC_PER_MSEC, &sampleFormat));
     attr.fragsize = static_cast<uint32_t>(-1);
     const auto flags =
         static_cast<pa_stream_flags_t>(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY |
@@ -181,7 +182,8 @@ bool PulseAudioSink::connect(QString *error)
     const pa_buffer_attr *granted = pa_stream_get_buffer_attr(m_stream);
     qCInfo(lcAudio).nospace() << "PulseAudio stream open on " << pa_context_get_server(m_context)
                               << ", buffer "
-                              << (granted ? pa_bytes_to_usec(granted->tlength, &spec) / 1000 : 0) << " ms";
+                              << (granted ? pa_bytes_to_usec(granted->tlength, &sampleFormat) / 1000 : 0)
+                              << " ms";
     return true;
 }
 

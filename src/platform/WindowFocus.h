@@ -15,10 +15,10 @@ struct FocusedWindow
     bool isOwnWindow = false;
 };
 
-class WindowInspector
+class WindowFocus
 {
 public:
-    virtual ~WindowInspector() = default;
+    virtual ~WindowFocus() = default;
     // Nothing when no window has the focus.
     virtual std::optional<FocusedWindow> focusedWindow() = 0;
 };

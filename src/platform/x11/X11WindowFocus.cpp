@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "platform/x11/X11WindowInspector.h"
+#include "platform/x11/X11WindowFocus.h"
 
 #include "platform/x11/X11Session.h"
 
@@ -67,7 +67,7 @@ xcb_window_t parentOf(xcb_connection_t *c, xcb_window_t window)
 
 } // namespace
 
-std::optional<FocusedWindow> X11WindowInspector::focusedWindow()
+std::optional<FocusedWindow> X11WindowFocus::focusedWindow()
 {
     xcb_connection_t *c = X11Session::connection();
     if (!c)

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "platform/WindowInspector.h"
+#include "platform/WindowFocus.h"
 
 // A focused window set by hand (or none).
-class FixedWindowInspector final : public WindowInspector
+class FixedWindowFocus final : public WindowFocus
 {
 public:
     std::optional<FocusedWindow> focusedWindow() override { return m_window; }
