@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "EspeakProcess.h"
 #include "Options.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,23 +17,18 @@ class Synthesizer
 public:
     static constexpr int outputRateHz = 24000;
 
+    // Starts the espeak-ng helper process: construct before the server starts any thread.
     Synthesizer(Options::Synth mode, double sineHz);
-    Synthesizer(const Synthesizer &) = delete;
-    Synthesizer &operator=(const Synthesizer &) = delete;
 
-    // Safe to call from several threads; espeak-ng is not, so calls run one at a time. The same text
-    // and voice always give the same samples. An unknown voice speaks with the default voice.
+    // Callable from several threads; utterances are made one at a time. The same text and voice always
+    // give the same samples. An unknown voice speaks with the default voice.
     // Throws std::runtime_error if synthesis fails.
-    std::vector<std::int16_t> synthesize(const std::string &text, std::string_view voice);
+    std::vector<std::int16_t> synthesize(std::string_view text, std::string_view voice);
 
     Options::Synth mode() const { return m_mode; }
 
 private:
-    void initialiseEspeak();
-    std::vector<std::int16_t> speak(const std::string &text, std::string_view voice);
-
     const Options::Synth m_mode;
     const double m_sineHz;
-    std::mutex m_mutex;
-    int m_espeakRateHz = 0;
+    EspeakProcess m_espeak;
 };

@@ -17,6 +17,7 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,6 +44,18 @@ int main(int argc, char **argv)
         return 0;
     }
 
+    std::signal(SIGPIPE, SIG_IGN);
+    // Forks its helper process, which is only safe while this process has a single thread.
+    std::optional<Synthesizer> synthesizer;
+    if (!options.dropBeforeHead) {
+        try {
+            synthesizer.emplace(options.synth, options.sineHz);
+        } catch (const std::runtime_error &error) {
+            std::cerr << "quillvox-devserver: " << error.what() << '\n';
+            return 1;
+        }
+    }
+
     // Blocked before any thread exists, so every thread inherits the mask and the signals are taken
     // only by sigwait below: no handler ever runs in signal context.
     sigset_t exitSignals;
@@ -50,7 +63,6 @@ int main(int argc, char **argv)
     sigaddset(&exitSignals, SIGTERM);
     sigaddset(&exitSignals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &exitSignals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
 
     std::unique_ptr<RequestLog> log;
     if (!options.logPath.empty()) {
@@ -62,14 +74,13 @@ int main(int argc, char **argv)
         }
     }
     StopFlag stop;
-    Synthesizer synthesizer(options.synth, options.sineHz);
     std::unique_ptr<Listener> listener;
     if (options.dropBeforeHead) {
         listener = std::make_unique<DropBeforeHeadServer>(log.get(), stop);
     } else {
         std::vector<std::unique_ptr<Routes>> routes;
         routes.push_back(std::make_unique<HealthRoutes>(options.synth));
-        routes.push_back(std::make_unique<SpeechRoutes>(options, synthesizer, stop));
+        routes.push_back(std::make_unique<SpeechRoutes>(options, *synthesizer, stop));
         listener = std::make_unique<HttpServer>(std::move(routes), log.get());
     }
 

@@ -18,7 +18,7 @@
 //     QVERIFY2(server.start({"--pace", "0"}), qPrintable(server.errorString()));
 //     ... point the client at server.url() ...
 //     const QList<QJsonObject> log = server.waitForRequests(1);
-//     QCOMPARE(DevServer::header(log.first(), "Authorization"), "Bearer local");
+//     QCOMPARE(DevServer::header(log.first(), u"Authorization"), "Bearer local");
 class DevServer
 {
 public:
