@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "records/UsageManager.h"
 
+#include "core/TextMetrics.h"
 #include "core/UserDefaults.h"
 
-#include <QTextBoundaryFinder>
 #include <QtNumeric>
 
 namespace {
@@ -112,11 +112,7 @@ void UsageManager::recordNarration(qint64 characters)
 
 qint64 UsageManager::characterCount(const QString &text)
 {
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    qint64 n = 0;
-    while (finder.toNextBoundary() != -1)
-        ++n;
-    return n;
+    return graphemeCount(text);
 }
 
 void UsageManager::checkPeriodRollover()

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "speech/NarrationText.h"
 
+#include "core/TextMetrics.h"
+
 #include <QRegularExpression>
-#include <QTextBoundaryFinder>
 
 #include <algorithm>
 
@@ -64,11 +65,7 @@ QString comparableText(const QString &text)
 
 qint64 characterCount(const QString &text)
 {
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    qint64 count = 0;
-    while (finder.toNextBoundary() > 0)
-        ++count;
-    return count;
+    return graphemeCount(text);
 }
 
 double estimatedDuration(const QString &text, float playbackSpeed)
