@@ -15,14 +15,16 @@ mkdir -p "$profile"/{config,data,cache}
 export XDG_CONFIG_HOME="$profile/config" XDG_DATA_HOME="$profile/data" XDG_CACHE_HOME="$profile/cache"
 export QUILLVOX_KEYCHAIN_SERVICE=com.vantor.quillvox.demo
 
-# The dev server speaks the OpenAI-compatible protocol and accepts the key "local".
+# The dev server speaks the OpenAI-compatible protocol and accepts the key "local"; it also plays the
+# account service and its sign-in, so that the demo never reaches the real ones.
 log="$profile/devserver.log"
 coproc DEVSERVER { exec build/tools/devserver/quillvox-devserver --port 0 --pace 1; }
 trap 'kill "$DEVSERVER_PID" 2>/dev/null || true' EXIT
 read -r line <&"${DEVSERVER[0]}"
 origin=${line#listening on }
 echo "Dev server: $origin"
-export QUILLVOX_OPENAI_ORIGIN="$origin"
+export QUILLVOX_OPENAI_ORIGIN="$origin" QUILLVOX_SERVICE_ORIGIN="$origin" QUILLVOX_AUTH_ORIGIN="$origin"
+export QUILLVOX_AUTH_ANON_KEY=quillvox-dev-anon-key
 
 if printf 'local\n' | build/src/quillvox --set-api-key; then
     echo "Own-key mode: the key \"local\" is in the demo keyring item ($QUILLVOX_KEYCHAIN_SERVICE)."
@@ -45,7 +47,10 @@ build/src/quillvox --speak "Welcome to Quillvox. Select text anywhere and press 
 
 # quillvox:// callback URLs (browser sign-in) come back to the application of this profile.
 mkdir -p "$XDG_DATA_HOME/applications"
-sed "s|^Exec=quillvox|Exec=$root/build/src/quillvox|" resources/quillvox.desktop \
+profile_env="XDG_CONFIG_HOME=$XDG_CONFIG_HOME XDG_DATA_HOME=$XDG_DATA_HOME XDG_CACHE_HOME=$XDG_CACHE_HOME"
+profile_env+=" QUILLVOX_KEYCHAIN_SERVICE=$QUILLVOX_KEYCHAIN_SERVICE QUILLVOX_OPENAI_ORIGIN=$origin"
+profile_env+=" QUILLVOX_SERVICE_ORIGIN=$origin QUILLVOX_AUTH_ORIGIN=$origin QUILLVOX_AUTH_ANON_KEY=$QUILLVOX_AUTH_ANON_KEY"
+sed "s|^Exec=quillvox|Exec=env $profile_env $root/build/src/quillvox|" resources/quillvox.desktop \
     >"$XDG_DATA_HOME/applications/quillvox.desktop"
 xdg-mime default quillvox.desktop x-scheme-handler/quillvox 2>/dev/null || true
 

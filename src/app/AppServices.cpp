@@ -1,16 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "app/AppServices.h"
 
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
+#include "app/SessionAccount.h"
 #include "core/DeploymentConfig.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSinkFactory.h"
+#include "platform/dbus/LogindWakeMonitor.h"
 #include "records/HistoryManager.h"
 #include "records/UsageManager.h"
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 
 #include <QCoreApplication>
+#include <QPointer>
+
+#include <memory>
 
 namespace {
 
@@ -29,10 +36,54 @@ public:
 
 } // namespace
 
+void createSharedAccount()
+{
+    if (AuthManager::hasShared())
+        return;
+    const DeploymentConfig &config = DeploymentConfig::current();
+    QObject *app = QCoreApplication::instance();
+    auto *wake = new LogindWakeMonitor(app);
+
+    AuthManager::Services auth;
+    auth.keychain = &KeychainHelper::shared();
+    auth.wake = wake;
+    auth.authOrigin = config.authOrigin;
+    auth.serviceOrigin = config.serviceOrigin;
+    auth.anonKey = config.authAnonKey;
+    AuthManager::installShared(new AuthManager(std::move(auth), app));
+
+    BalanceManager::Services balance;
+    balance.auth = &AuthManager::shared();
+    balance.wake = wake;
+    balance.serviceOrigin = config.serviceOrigin;
+    BalanceManager::installShared(new BalanceManager(std::move(balance), app));
+}
+
+void whenAccountSettled(QObject *context, std::function<void()> then)
+{
+    AuthManager &auth = AuthManager::shared();
+    BalanceManager &balance = BalanceManager::shared();
+    const bool waitForSession = auth.state() == AuthManager::State::unknown;
+    const bool waitForBalance = auth.isSignedIn() && balance.isLoading();
+    if (!waitForSession && !waitForBalance)
+        return then();
+    // One-shot: whichever signal comes, look again.
+    auto connections = std::make_shared<QList<QMetaObject::Connection>>();
+    const auto again = [context, then, connections] {
+        for (const QMetaObject::Connection &c : std::as_const(*connections))
+            QObject::disconnect(c);
+        whenAccountSettled(context, then);
+    };
+    if (waitForSession)
+        connections->append(QObject::connect(&auth, &AuthManager::stateChanged, context, again));
+    else
+        connections->append(QObject::connect(&balance, &BalanceManager::refreshFinished, context, again));
+}
+
 SpeechManager &createSharedSpeechManager(SelectionSource *selection)
 {
-    // Until an account session is wired in, service mode finds the user signed out.
-    static SignedOutAccount account;
+    createSharedAccount();
+    static SessionAccount account(AuthManager::shared(), BalanceManager::shared());
     static NoSelection noSelection;
     static SharedRecords records;
 

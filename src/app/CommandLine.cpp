@@ -15,6 +15,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QTextStream>
+#include <QTimer>
 
 #include <cstdio>
 #include <functional>
@@ -106,12 +107,19 @@ int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)
             app.exit(1);
         }
     });
-    begin(speech);
-    if (speech.currentError()) {
-        failed();
-        return 1;
-    }
-    running = true;
+    // In the event loop, so that exit() is heard; and only once the stored session has been checked,
+    // so that a signed-in user is not told to sign in.
+    QTimer::singleShot(0, &app, [&] {
+        whenAccountSettled(&app, [&] {
+            begin(speech);
+            if (speech.currentError()) {
+                failed();
+                app.exit(1);
+                return;
+            }
+            running = true;
+        });
+    });
     return app.exec();
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "app/RemoteControl.h"
 
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
 #include "capture/TextCaptureManager.h"
 #include "core/Logging.h"
 #include "shortcuts/HotkeyManager.h"
@@ -67,6 +69,10 @@ QJsonObject RemoteControl::status() const
         error = QJsonObject{{QStringLiteral("id"), m_speech.currentErrorId()},
                             {QStringLiteral("description"), m_speech.currentErrorDescription()}};
 
+    const AuthManager &auth = AuthManager::shared();
+    const BalanceManager &balance = BalanceManager::shared();
+    const QJsonValue email = auth.isSignedIn() ? QJsonValue(auth.email()) : QJsonValue(QJsonValue::Null);
+
     QJsonArray shortcuts;
     if (m_hotkeys) {
         const HotkeyManager &h = *m_hotkeys;
@@ -102,24 +108,24 @@ QJsonObject RemoteControl::status() const
         {QStringLiteral("selectedVoice"), m_speech.selectedVoice()},
         {QStringLiteral("selectedVoiceStyle"), m_speech.selectedVoiceStyleRawValue()},
         {QStringLiteral("currentError"), error},
-        // No account session is built into this version yet: the user is signed out.
-        {QStringLiteral("auth"), QJsonObject{{QStringLiteral("state"), QStringLiteral("signedOut")},
-                                             {QStringLiteral("email"), QJsonValue::Null}}},
-        {QStringLiteral("balanceSeconds"), 0},
-        {QStringLiteral("minutesRemaining"), 0},
+        {QStringLiteral("auth"),
+         QJsonObject{{QStringLiteral("state"), auth.stateName()}, {QStringLiteral("email"), email}}},
+        {QStringLiteral("balanceSeconds"), balance.balanceSeconds()},
+        {QStringLiteral("minutesRemaining"), balance.minutesRemaining()},
         {QStringLiteral("shortcuts"), shortcuts},
     };
 }
 
 void RemoteControl::routeUrl(const QUrl &url)
 {
-    if (url.scheme() != u"quillvox")
-        return;
+    // Only host and path decide, exactly and case-sensitively; the scheme is whatever brought it here.
     if (url.host() == u"auth" && url.path() == u"/callback") {
-        qCWarning(lcApp) << "sign-in callback received, but this version has no account session";
+        AuthManager::shared().handleCallback(url);
         return;
     }
     if (url.host() == u"purchase" && url.path() == u"/success") {
+        BalanceManager::shared().refreshBalance();
+        // Nothing to bring forward until the application has windows of its own.
         qCInfo(lcApp) << "purchase completed";
         return;
     }

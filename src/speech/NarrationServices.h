@@ -46,20 +46,6 @@ public:
     virtual std::optional<QString> captureSelectedText() = 0;
 };
 
-// Until an account session exists, service mode finds the user signed out.
-class SignedOutAccount final : public AccountGate
-{
-public:
-    bool isSignedIn() const override { return false; }
-    qint64 balanceSeconds() const override { return 0; }
-    int minutesRemaining() const override { return 0; }
-    void getValidAccessToken(QObject *, std::function<void(std::optional<QString>)> done) override
-    {
-        done(std::nullopt);
-    }
-    void deductSeconds(double) override {}
-};
-
 // Where no selection can be read (no capture backend for this session).
 class NoSelection final : public SelectionSource
 {

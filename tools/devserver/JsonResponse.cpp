@@ -34,3 +34,20 @@ void setJsonError(httplib::Response &response, int status, std::string_view mess
     };
     setJson(response, status, QJsonObject{{"error", error}});
 }
+
+QJsonObject errorCode(std::string_view code, std::string_view description)
+{
+    QJsonObject body{{"error", stringOrNull(code)}};
+    if (!description.empty())
+        body.insert("error_description", stringOrNull(description));
+    return body;
+}
+
+std::optional<QJsonObject> jsonObjectBody(std::string_view body)
+{
+    const QJsonDocument document =
+        QJsonDocument::fromJson(QByteArray(body.data(), static_cast<qsizetype>(body.size())));
+    if (!document.isObject())
+        return std::nullopt;
+    return document.object();
+}

@@ -3,6 +3,7 @@
 
 #include <QJsonObject>
 
+#include <optional>
 #include <string_view>
 
 namespace httplib {
@@ -20,3 +21,10 @@ void setJson(httplib::Response &response, int status, const QJsonObject &body);
 // {"error": {"message": ..., "type": ..., "param": ... | null, "code": ... | null}}.
 void setJsonError(httplib::Response &response, int status, std::string_view message, std::string_view type,
                   std::string_view param = {}, std::string_view code = {});
+
+// Errors in the shape the auth backend and the account service use: {"error": code} with an
+// "error_description" when there is something to explain.
+QJsonObject errorCode(std::string_view code, std::string_view description = {});
+
+// A request body that must be a JSON object; nothing when it is not.
+std::optional<QJsonObject> jsonObjectBody(std::string_view body);

@@ -68,9 +68,22 @@ Options Options::parse(const std::vector<std::string> &args)
              options.cutAfterBytes = parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
          }},
         {"--log", [&](auto v) { options.logPath = nonEmpty("--log", v); }},
+        {"--anon-key", [&](auto v) { options.anonKey = nonEmpty("--anon-key", v); }},
+        {"--token-ttl",
+         [&](auto v) {
+             options.tokenTtlSeconds = parseNumber<std::int64_t>("--token-ttl", v, 1, 31'536'000);
+         }},
+        {"--user-email", [&](auto v) { options.userEmail = nonEmpty("--user-email", v); }},
+        {"--fail-refresh",
+         [&](auto v) { options.failRefresh = parseNumber<int>("--fail-refresh", v, 0, 1'000'000); }},
+        {"--balance-seconds",
+         [&](auto v) {
+             options.balanceSeconds = parseNumber<std::int64_t>("--balance-seconds", v, 0, 1'000'000'000);
+         }},
     };
     const std::map<std::string_view, Setter> flags = {
         {"--drop-before-head", [&](auto) { options.dropBeforeHead = true; }},
+        {"--auto-consent", [&](auto) { options.autoConsent = true; }},
         {"--help", [&](auto) { options.showHelp = true; }},
         {"-h", [&](auto) { options.showHelp = true; }},
     };
@@ -120,9 +133,28 @@ The first line on standard output is "listening on http://127.0.0.1:PORT".
   --cut-after BYTES    close the connection after BYTES bytes of a speech body
   --drop-before-head   read every request and close its connection without answering
   --log FILE           append one JSON line per request when its response has ended
+
+Account (all state in memory, lost at exit):
+  --anon-key KEY       the key the auth backend wants in "apikey" (default
+                       "quillvox-dev-anon-key")
+  --token-ttl SECONDS  life of an access token (default 3600)
+  --auto-consent       /auth/v1/authorize redirects at once instead of showing a sign-in page
+  --user-email EMAIL   the one user's email (default "reader@example.com")
+  --fail-refresh N     the next N token refreshes answer 400
+  --balance-seconds N  starting balance of narration seconds (default 1200)
+
   -h, --help           show this text
 
-Routes: POST /v1/audio/speech, POST /api/tts/stream, GET /health.
+Speech: POST /v1/audio/speech, POST /api/tts/stream (a valid access token; charges the seconds
+streamed), GET /health.
+Auth backend: GET /auth/v1/authorize?provider=google|apple&redirect_to=URL, GET /auth/v1/consent,
+  POST /auth/v1/token?grant_type=refresh_token, GET /auth/v1/user.
+Account service: GET /api/credits/balance, GET /api/credits/usage?period=week|month|all,
+  POST /api/auth/generate-code, GET /api/auth/token-exchange?code=C&next=PATH,
+  GET /api/credits/purchase-redirect?package=NAME, GET /purchase, GET /auth/app-callback.
+Test control (no auth): POST /dev/balance {"seconds":N},
+  POST /dev/fail {"route":"refresh|user|balance|usage|generate-code|tts","status":S,"count":N},
+  GET /dev/state.
 SIGTERM or SIGINT ends the server with exit code 0.
 )";
 }

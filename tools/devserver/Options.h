@@ -22,6 +22,15 @@ struct Options
     std::optional<std::uint64_t> cutAfterBytes;
     bool dropBeforeHead = false;
     std::string logPath;
+
+    // The auth backend and the account service.
+    std::string anonKey = "quillvox-dev-anon-key";
+    std::int64_t tokenTtlSeconds = 3600;
+    bool autoConsent = false;
+    std::string userEmail = "reader@example.com";
+    int failRefresh = 0;
+    std::int64_t balanceSeconds = 1200;
+
     bool showHelp = false;
 
     // Throws std::invalid_argument with a message meant for the person who typed the command.

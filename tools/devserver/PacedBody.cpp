@@ -6,6 +6,7 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <utility>
 
 PacedBody::PacedBody(const std::vector<std::int16_t> &samples, double pace,
                      std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop)
@@ -24,7 +25,29 @@ PacedBody::PacedBody(const std::vector<std::int16_t> &samples, double pace,
     }
 }
 
+void PacedBody::onEnd(std::function<void(std::uint64_t)> callback)
+{
+    m_state->onEnd = std::move(callback);
+}
+
+void PacedBody::finish()
+{
+    State &state = *m_state;
+    if (std::exchange(state.ended, true))
+        return;
+    if (state.onEnd)
+        state.onEnd(state.sent);
+}
+
 bool PacedBody::operator()(std::size_t, httplib::DataSink &sink)
+{
+    const bool more = sendNext(sink);
+    if (!more)
+        finish();
+    return more;
+}
+
+bool PacedBody::sendNext(httplib::DataSink &sink)
 {
     State &state = *m_state;
     const auto now = StopFlag::Clock::now();
@@ -36,6 +59,7 @@ bool PacedBody::operator()(std::size_t, httplib::DataSink &sink)
     if (state.sent >= end) {
         if (cutting)
             return false;
+        finish();
         sink.done();
         return true;
     }

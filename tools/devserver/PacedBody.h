@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +27,13 @@ public:
     PacedBody(const std::vector<std::int16_t> &samples, double pace,
               std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop);
 
+    // Called once, with the bytes sent, when the body has ended however it ended: before the terminating
+    // chunk or before the connection is cut, so that a client who has seen the end sees its effects.
+    void onEnd(std::function<void(std::uint64_t bytesSent)> callback);
+    // Ends the body where it is. For cpp-httplib's resource releaser, which runs when the client went away
+    // between pieces; does nothing after the end.
+    void finish();
+
     // Returning false makes cpp-httplib close the connection without the terminating chunk.
     bool operator()(std::size_t offset, httplib::DataSink &sink);
 
@@ -35,7 +43,11 @@ private:
         std::string bytes;
         std::size_t sent = 0;
         std::optional<StopFlag::Clock::time_point> started;
+        std::function<void(std::uint64_t)> onEnd;
+        bool ended = false;
     };
+
+    bool sendNext(httplib::DataSink &sink);
 
     // Shared because cpp-httplib keeps the provider in a copyable std::function.
     std::shared_ptr<State> m_state;

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SpeechRoutes.h"
 
+#include "BearerToken.h"
 #include "BodyMeter.h"
+#include "DevControlRoutes.h"
 #include "JsonResponse.h"
 #include "PacedBody.h"
 #include "SpeechRequest.h"
@@ -9,46 +11,13 @@
 
 #include <httplib.h>
 
-#include <algorithm>
-#include <cctype>
 #include <exception>
 #include <utility>
 
-namespace {
-
-std::string_view trimmed(std::string_view text)
-{
-    const auto isSpace = [](char c) { return c == ' ' || c == '\t'; };
-    while (!text.empty() && isSpace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isSpace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
-// The token of an "Authorization: Bearer <token>" header (possibly empty), or nothing when the header
-// is missing or uses another scheme. Scheme names are case-insensitive.
-std::optional<std::string> bearerToken(const httplib::Request &request)
-{
-    if (!request.has_header("Authorization"))
-        return std::nullopt;
-    const std::string header = request.get_header_value("Authorization");
-    const std::string_view value = trimmed(header);
-    constexpr std::string_view scheme = "bearer";
-    const bool schemeMatches =
-        value.size() >= scheme.size() &&
-        std::equal(scheme.begin(), scheme.end(), value.begin(),
-                   [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); }) &&
-        (value.size() == scheme.size() || value[scheme.size()] == ' ');
-    if (!schemeMatches)
-        return std::nullopt;
-    return std::string(trimmed(value.substr(scheme.size())));
-}
-
-} // namespace
-
-SpeechRoutes::SpeechRoutes(const Options &options, Synthesizer &synthesizer, const StopFlag &stop)
+SpeechRoutes::SpeechRoutes(const Options &options, Synthesizer &synthesizer, AccountState &account,
+                           const StopFlag &stop)
     : m_synthesizer(synthesizer)
+    , m_account(account)
     , m_stop(stop)
     , m_openaiKey(options.openaiKey)
     , m_ttfb(options.ttfbMs)
@@ -81,7 +50,10 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         waitForHead();
         return;
     }
-    if (!authorise(request, response, backend)) {
+    const bool service = backend == Backend::Service;
+    if ((service &&
+         DevControlRoutes::answeredWithInjectedFailure(m_account, AccountState::Route::Tts, response)) ||
+        !authorise(request, response, backend) || (service && !hasBalance(response))) {
         waitForHead();
         return;
     }
@@ -109,7 +81,25 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
     }
     response.status = 200;
     BodyMeter::beginStream();
-    response.set_chunked_content_provider("audio/pcm", std::move(body));
+    if (!service) {
+        response.set_chunked_content_provider("audio/pcm", std::move(body));
+        return;
+    }
+    body.onEnd([&account = m_account](std::uint64_t bytesSent) {
+        const auto perSecond = static_cast<std::uint64_t>(PacedBody::bytesPerSecond);
+        account.recordNarration(static_cast<std::int64_t>((bytesSent + perSecond / 2) / perSecond));
+    });
+    response.set_chunked_content_provider("audio/pcm", body, [body](bool) mutable { body.finish(); });
+}
+
+bool SpeechRoutes::hasBalance(httplib::Response &response) const
+{
+    if (m_account.balanceSeconds() > 0)
+        return true;
+    QJsonObject error = errorCode("insufficient_balance", "No narration time left: buy more to go on.");
+    error.insert("minutes_remaining", 0);
+    setJson(response, 402, error);
+    return false;
 }
 
 bool SpeechRoutes::authorise(const httplib::Request &request, httplib::Response &response,
@@ -134,6 +124,11 @@ bool SpeechRoutes::authorise(const httplib::Request &request, httplib::Response 
     }
     if (!token || token->empty()) {
         setJsonError(response, 401, "Missing bearer token.", "authentication_error", {}, "missing_token");
+        return false;
+    }
+    if (!m_account.verify(*token)) {
+        setJsonError(response, 401, "The access token is invalid or has expired.", "authentication_error", {},
+                     "invalid_token");
         return false;
     }
     return true;

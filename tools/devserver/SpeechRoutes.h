@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "AccountState.h"
 #include "Options.h"
 #include "Routes.h"
 #include "StopFlag.h"
@@ -18,12 +19,14 @@ struct Response;
 class Synthesizer;
 
 // POST /v1/audio/speech (OpenAI-compatible, one accepted key) and POST /api/tts/stream (the Quillvox
-// service, any non-empty bearer token for now). Both answer with streamed PCM or a JSON error, after the
-// configured delay and with the configured faults.
+// service: wants a signed-in user's access token and time left on the balance, and charges the seconds
+// streamed to it). Both answer with streamed PCM or a JSON error, after the configured delay and with the
+// configured faults.
 class SpeechRoutes final : public Routes
 {
 public:
-    SpeechRoutes(const Options &options, Synthesizer &synthesizer, const StopFlag &stop);
+    SpeechRoutes(const Options &options, Synthesizer &synthesizer, AccountState &account,
+                 const StopFlag &stop);
     void install(httplib::Server &server) override;
 
 private:
@@ -32,7 +35,11 @@ private:
     void handle(const httplib::Request &request, httplib::Response &response, Backend backend) const;
     bool authorise(const httplib::Request &request, httplib::Response &response, Backend backend) const;
 
+    // For the service backend: answers 402 unless there is time left to narrate.
+    bool hasBalance(httplib::Response &response) const;
+
     Synthesizer &m_synthesizer;
+    AccountState &m_account;
     const StopFlag &m_stop;
     std::string m_openaiKey;
     std::chrono::milliseconds m_ttfb;

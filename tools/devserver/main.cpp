@@ -1,4 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "AccountPageRoutes.h"
+#include "AccountRoutes.h"
+#include "AccountState.h"
+#include "AuthRoutes.h"
+#include "DevControlRoutes.h"
 #include "DropBeforeHeadServer.h"
 #include "HealthRoutes.h"
 #include "HttpServer.h"
@@ -74,13 +79,18 @@ int main(int argc, char **argv)
         }
     }
     StopFlag stop;
+    AccountState account(options);
     std::unique_ptr<Listener> listener;
     if (options.dropBeforeHead) {
         listener = std::make_unique<DropBeforeHeadServer>(log.get(), stop);
     } else {
         std::vector<std::unique_ptr<Routes>> routes;
         routes.push_back(std::make_unique<HealthRoutes>(options.synth));
-        routes.push_back(std::make_unique<SpeechRoutes>(options, *synthesizer, stop));
+        routes.push_back(std::make_unique<SpeechRoutes>(options, *synthesizer, account, stop));
+        routes.push_back(std::make_unique<AuthRoutes>(account, options.autoConsent));
+        routes.push_back(std::make_unique<AccountRoutes>(account));
+        routes.push_back(std::make_unique<AccountPageRoutes>(account));
+        routes.push_back(std::make_unique<DevControlRoutes>(account));
         listener = std::make_unique<HttpServer>(std::move(routes), log.get());
     }
 

@@ -9,11 +9,13 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QRegularExpression>
 #include <QScopeGuard>
 #include <QSet>
 #include <QSignalSpy>
 #include <QTcpSocket>
 #include <QTest>
+#include <QUrlQuery>
 
 #include <algorithm>
 #include <memory>
@@ -46,6 +48,7 @@ struct HttpResult
     int status = 0;
     QByteArray body;
     QByteArray contentType;
+    QByteArray location;
     QNetworkReply::NetworkError error = QNetworkReply::NoError;
 };
 
@@ -54,6 +57,7 @@ HttpResult send(QNetworkAccessManager &network, const QUrl &url, const std::opti
                 const QList<QPair<QByteArray, QByteArray>> &extraHeaders = {})
 {
     QNetworkRequest request(url);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     if (authorization)
         request.setRawHeader("Authorization", *authorization);
     for (const auto &[name, value] : extraHeaders)
@@ -73,6 +77,7 @@ HttpResult send(QNetworkAccessManager &network, const QUrl &url, const std::opti
     result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     result.body = reply->readAll();
     result.contentType = reply->header(QNetworkRequest::ContentTypeHeader).toByteArray();
+    result.location = reply->rawHeader("Location");
     result.error = reply->error();
     return result;
 }
@@ -206,6 +211,36 @@ double zeroCrossingHz(const QList<qint16> &samples)
     return crossings / 2.0 / (static_cast<double>(samples.size()) / 24000.0);
 }
 
+const QByteArray anonKey = "quillvox-dev-anon-key";
+const QString appCallback = QStringLiteral("quillvox://auth/callback");
+constexpr auto base64url = QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals;
+
+QJsonObject jsonOf(const HttpResult &result)
+{
+    return QJsonDocument::fromJson(result.body).object();
+}
+
+// The session a sign-in redirect carries in its fragment.
+QUrlQuery fragmentOf(const HttpResult &redirect)
+{
+    return QUrlQuery(QUrl::fromEncoded(redirect.location).fragment(QUrl::FullyEncoded));
+}
+
+QString itemOf(const QUrlQuery &query, const QString &key)
+{
+    return query.queryItemValue(key, QUrl::FullyDecoded);
+}
+
+QByteArray encodedJson(const QJsonObject &object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact).toBase64(base64url);
+}
+
+QJsonObject decodedJson(const QByteArray &part)
+{
+    return QJsonDocument::fromJson(QByteArray::fromBase64(part, base64url)).object();
+}
+
 } // namespace
 
 class TestDevServer : public QObject
@@ -243,8 +278,40 @@ private Q_SLOTS:
     void failsToStartClearly();
     void busyPortFailsToStart_data();
     void busyPortFailsToStart();
+    void signInRedirect_data();
+    void signInRedirect();
+    void refreshRotates_data();
+    void refreshRotates();
+    void refreshRefused_data();
+    void refreshRefused();
+    void accessTokenChecks_data();
+    void accessTokenChecks();
+    void accountEndpoints_data();
+    void accountEndpoints();
+    void tokenExchange_data();
+    void tokenExchange();
+    void serviceStreamCharges_data();
+    void serviceStreamCharges();
 
 private:
+    std::optional<QByteArray> credentials(const DevServer &server, const QString &path)
+    {
+        if (path == openAIPath)
+            return defaultKey;
+        return "Bearer " + itemOf(server.signIn(), "access_token").toUtf8();
+    }
+    HttpResult refresh(const DevServer &server, const QString &refreshToken)
+    {
+        return send(m_network, server.url("/auth/v1/token?grant_type=refresh_token"),
+                    QJsonDocument(QJsonObject{{"refresh_token", refreshToken}}).toJson(), "Bearer " + anonKey,
+                    {{"apikey", anonKey}});
+    }
+    HttpResult user(const DevServer &server, const QString &accessToken)
+    {
+        return send(m_network, server.url("/auth/v1/user"), std::nullopt, "Bearer " + accessToken.toUtf8(),
+                    {{"apikey", anonKey}});
+    }
+
     QNetworkAccessManager m_network;
 };
 
@@ -299,9 +366,9 @@ void TestDevServer::serviceAuthorisation_data()
     QTest::newRow("empty bearer") << QStringList() << std::optional<QByteArray>("Bearer ") << 401;
     QTest::newRow("blank bearer") << QStringList() << std::optional<QByteArray>("Bearer    ") << 401;
     QTest::newRow("other scheme") << QStringList() << std::optional<QByteArray>("Basic abc") << 401;
-    QTest::newRow("any token") << QStringList() << std::optional<QByteArray>("Bearer eyJ.any.token") << 200;
-    QTest::newRow("not the OpenAI key")
-        << QStringList{"--openai-key", "s3cret"} << std::optional<QByteArray>("Bearer another") << 200;
+    QTest::newRow("unsigned token") << QStringList() << std::optional<QByteArray>("Bearer eyJ.any.token")
+                                    << 401;
+    QTest::newRow("the OpenAI key") << QStringList() << std::optional<QByteArray>(defaultKey) << 401;
 }
 
 void TestDevServer::serviceAuthorisation()
@@ -381,7 +448,7 @@ void TestDevServer::bodyValidation()
 
     DevServer server;
     QVERIFY2(server.start({"--pace", "0"}), qPrintable(server.errorString()));
-    const HttpResult result = send(m_network, server.url(path), body);
+    const HttpResult result = send(m_network, server.url(path), body, credentials(server, path));
 
     QCOMPARE(result.status, status);
     if (status == 400) {
@@ -427,7 +494,8 @@ void TestDevServer::speechLengthFollowsText()
 
     DevServer server;
     QVERIFY2(server.start({"--pace", "0"}), qPrintable(server.errorString()));
-    const HttpResult result = send(m_network, server.url(path), speechBody(text, voice));
+    const HttpResult result =
+        send(m_network, server.url(path), speechBody(text, voice), credentials(server, path));
 
     QCOMPARE(result.status, 200);
     QCOMPARE(result.error, QNetworkReply::NoError);
@@ -479,8 +547,9 @@ void TestDevServer::sineTone()
     QVERIFY2(speech.start({"--pace", "0"}), qPrintable(speech.errorString()));
     const QByteArray body = speechBody("Pitch and timing are measured against this.", voice);
 
-    const HttpResult tone = send(m_network, sine.url(servicePath), body);
-    const HttpResult spoken = send(m_network, speech.url(servicePath), body);
+    const HttpResult tone = send(m_network, sine.url(servicePath), body, credentials(sine, servicePath));
+    const HttpResult spoken =
+        send(m_network, speech.url(servicePath), body, credentials(speech, servicePath));
     QCOMPARE(tone.status, 200);
     QCOMPARE(spoken.status, 200);
 
@@ -553,9 +622,9 @@ void TestDevServer::cutAfter_data()
     QTest::addColumn<qint64>("cutAfter");
 
     QTest::newRow("before the first byte") << openAIPath << qint64(0);
-    QTest::newRow("mid-sample") << servicePath << qint64(1001);
+    QTest::newRow("mid-sample") << openAIPath << qint64(1001);
     QTest::newRow("on a piece boundary") << openAIPath << qint64(4800);
-    QTest::newRow("beyond the end") << servicePath << qint64(100'000'000);
+    QTest::newRow("beyond the end") << openAIPath << qint64(100'000'000);
 }
 
 void TestDevServer::cutAfter()
@@ -623,9 +692,9 @@ void TestDevServer::logRecordsTheExchange_data()
                             << speechBody("Logged.", "echo") << 200;
     QTest::newRow("unauthorised") << servicePath << std::optional<QByteArray>() << speechBody("Logged.")
                                   << 401;
-    QTest::newRow("invalid body") << servicePath << std::optional<QByteArray>("Bearer t")
+    QTest::newRow("invalid body") << openAIPath << std::optional<QByteArray>(defaultKey)
                                   << QByteArray("{\"input\": 1}") << 400;
-    QTest::newRow("unicode text") << servicePath << std::optional<QByteArray>("Bearer t")
+    QTest::newRow("unicode text") << openAIPath << std::optional<QByteArray>(defaultKey)
                                   << speechBody(QString::fromUtf8("Café — naïve “quotes”."), "marin") << 200;
 }
 
@@ -673,16 +742,15 @@ void TestDevServer::concurrentRequestsGetTheirOwnAudio()
     // Sequential answers first, as the reference for each voice.
     QHash<QString, QByteArray> expected;
     for (const QString &voice : allVoices) {
-        const HttpResult result =
-            send(m_network, server.url(servicePath), speechBody(text, voice), "Bearer t");
+        const HttpResult result = send(m_network, server.url(openAIPath), speechBody(text, voice));
         QCOMPARE(result.status, 200);
         expected.insert(voice, result.body);
     }
 
     QList<QNetworkReply *> replies;
     for (const QString &voice : allVoices) {
-        QNetworkRequest request(server.url(servicePath));
-        request.setRawHeader("Authorization", "Bearer t");
+        QNetworkRequest request(server.url(openAIPath));
+        request.setRawHeader("Authorization", defaultKey);
         request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
         replies.append(m_network.post(request, speechBody(text, voice)));
     }
@@ -847,6 +915,385 @@ void TestDevServer::busyPortFailsToStart()
     QVERIFY(!second.start(arguments + QStringList{"--port", QString::number(first.port())}));
     QVERIFY2(second.errorString().contains("cannot listen"), qPrintable(second.errorString()));
     QCOMPARE(send(m_network, first.url("/health"), std::nullopt).status, 200);
+}
+
+void TestDevServer::signInRedirect_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("query");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("email");
+
+    const QString to = "redirect_to=" + QString::fromLatin1(QUrl::toPercentEncoding(appCallback));
+    const QStringList automatic{"--auto-consent"};
+    const QString reader = QStringLiteral("reader@example.com");
+    QTest::newRow("consent page") << QStringList() << "provider=google&" + to << 200 << reader;
+    QTest::newRow("auto consent") << automatic << "provider=apple&" + to << 302 << reader;
+    QTest::newRow("chosen email") << QStringList{"--auto-consent", "--user-email", "ada@example.org"}
+                                  << "provider=google&" + to << 302 << "ada@example.org";
+    QTest::newRow("unknown provider") << automatic << "provider=github&" + to << 400 << reader;
+    QTest::newRow("no provider") << automatic << to << 400 << reader;
+    QTest::newRow("no redirect") << automatic << "provider=google" << 400 << reader;
+}
+
+void TestDevServer::signInRedirect()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, query);
+    QFETCH(int, status);
+    QFETCH(QString, email);
+
+    DevServer server;
+    QVERIFY2(server.start(arguments + QStringList{"--token-ttl", "900"}), qPrintable(server.errorString()));
+    HttpResult result =
+        send(m_network, server.url("/auth/v1/authorize?" + query), std::nullopt, std::nullopt);
+    QCOMPARE(result.status, status);
+    if (status == 400) {
+        QVERIFY(!jsonOf(result).value("error").toString().isEmpty());
+        return;
+    }
+    if (status == 200) {
+        // The page's button leads on to the same redirect.
+        QVERIFY(result.body.contains(QByteArray("Continue as " + email.toUtf8())));
+        static const QRegularExpression link(QStringLiteral("href=\"(/auth/v1/consent\\?[^\"]+)\""));
+        const QRegularExpressionMatch match = link.match(QString::fromUtf8(result.body));
+        QVERIFY(match.hasMatch());
+        result =
+            send(m_network, server.url(match.captured(1).replace("&amp;", "&")), std::nullopt, std::nullopt);
+        QCOMPARE(result.status, 302);
+    }
+    QVERIFY2(result.location.startsWith(QByteArray(appCallback.toUtf8() + '#')), result.location.constData());
+    const QUrlQuery session = fragmentOf(result);
+    QCOMPARE(itemOf(session, "token_type"), "bearer");
+    QCOMPARE(itemOf(session, "type"), "signup");
+    QCOMPARE(itemOf(session, "expires_in"), "900");
+    const HttpResult me = user(server, itemOf(session, "access_token"));
+    QCOMPARE(me.status, 200);
+    QCOMPARE(jsonOf(me).value("email").toString(), email);
+    QCOMPARE(refresh(server, itemOf(session, "refresh_token")).status, 200);
+}
+
+void TestDevServer::refreshRotates_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QJsonObject>("inject");
+    QTest::addColumn<int>("failures");
+    QTest::addColumn<int>("failStatus");
+
+    QTest::newRow("no failures") << QStringList() << QJsonObject() << 0 << 0;
+    QTest::newRow("--fail-refresh") << QStringList{"--fail-refresh", "2"} << QJsonObject() << 2 << 400;
+    QTest::newRow("/dev/fail") << QStringList()
+                               << QJsonObject{{"route", "refresh"}, {"status", 503}, {"count", 1}} << 1
+                               << 503;
+}
+
+void TestDevServer::refreshRotates()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QJsonObject, inject);
+    QFETCH(int, failures);
+    QFETCH(int, failStatus);
+
+    DevServer server;
+    QVERIFY2(server.start(arguments), qPrintable(server.errorString()));
+    if (!inject.isEmpty())
+        QCOMPARE(server.control("/dev/fail", inject).value("count").toInt(), failures);
+    const QUrlQuery first = server.signIn();
+    const QString token = itemOf(first, "refresh_token");
+    for (int pending = failures; pending > 0; --pending) {
+        QCOMPARE(server.control("/dev/state").value("refresh_failures_pending").toInt(), pending);
+        QCOMPARE(refresh(server, token).status, failStatus);
+    }
+
+    // Failures spend nothing: the token still works, once, and hands over a new one.
+    const HttpResult renewed = refresh(server, token);
+    QCOMPARE(renewed.status, 200);
+    const QJsonObject session = jsonOf(renewed);
+    const QString next = session.value("refresh_token").toString();
+    QVERIFY(!next.isEmpty() && next != token);
+    QVERIFY(session.value("access_token").toString() != itemOf(first, "access_token"));
+    QCOMPARE(user(server, session.value("access_token").toString()).status, 200);
+    const HttpResult reused = refresh(server, token);
+    QCOMPARE(reused.status, 400);
+    QCOMPARE(jsonOf(reused).value("error").toString(), "invalid_grant");
+    QCOMPARE(refresh(server, next).status, 200);
+    const QJsonObject state = server.control("/dev/state");
+    QCOMPARE(state.value("refreshes").toInt(), 2);
+    QCOMPARE(state.value("refresh_failures_pending").toInt(), 0);
+}
+
+void TestDevServer::refreshRefused_data()
+{
+    QTest::addColumn<QByteArray>("apikey"); // empty: not sent
+    QTest::addColumn<QByteArray>("authorization");
+    QTest::addColumn<QByteArray>("body"); // %1: the refresh token from a sign-in
+    QTest::addColumn<int>("status");
+
+    const QByteArray valid = R"({"refresh_token":"%1"})";
+    QTest::newRow("no apikey") << QByteArray() << QByteArray("Bearer k3y") << valid << 401;
+    QTest::newRow("default apikey") << anonKey << QByteArray("Bearer k3y") << valid << 401;
+    QTest::newRow("no bearer") << QByteArray("k3y") << QByteArray() << valid << 401;
+    QTest::newRow("wrong bearer") << QByteArray("k3y") << QByteArray("Bearer nope") << valid << 401;
+    QTest::newRow("not JSON") << QByteArray("k3y") << QByteArray("Bearer k3y") << QByteArray("%1") << 400;
+    QTest::newRow("no token") << QByteArray("k3y") << QByteArray("Bearer k3y") << QByteArray("{}") << 400;
+    QTest::newRow("unknown token") << QByteArray("k3y") << QByteArray("Bearer k3y")
+                                   << QByteArray(R"({"refresh_token":"never-issued"})") << 400;
+}
+
+void TestDevServer::refreshRefused()
+{
+    QFETCH(QByteArray, apikey);
+    QFETCH(QByteArray, authorization);
+    QFETCH(QByteArray, body);
+    QFETCH(int, status);
+
+    DevServer server;
+    QVERIFY2(server.start({"--anon-key", "k3y"}), qPrintable(server.errorString()));
+    const QByteArray token = itemOf(server.signIn(), "refresh_token").toUtf8();
+    const auto post = [&](const QByteArray &key, const QByteArray &auth, const QByteArray &json) {
+        QList<QPair<QByteArray, QByteArray>> headers;
+        if (!key.isEmpty())
+            headers.append({"apikey", key});
+        return send(m_network, server.url("/auth/v1/token?grant_type=refresh_token"),
+                    QByteArray(json).replace("%1", token),
+                    auth.isEmpty() ? std::nullopt : std::optional<QByteArray>(auth), headers);
+    };
+    const HttpResult refused = post(apikey, authorization, body);
+    QCOMPARE(refused.status, status);
+    QVERIFY(!jsonOf(refused).value("error").toString().isEmpty());
+    // A refused request spends nothing.
+    QCOMPARE(post("k3y", "Bearer k3y", R"({"refresh_token":"%1"})").status, 200);
+}
+
+void TestDevServer::accessTokenChecks_data()
+{
+    QTest::addColumn<QString>("token");
+    QTest::addColumn<QByteArray>("apikey"); // empty: not sent
+    QTest::addColumn<int>("userStatus");
+    QTest::addColumn<int>("accountStatus");
+
+    QTest::newRow("valid") << "valid" << anonKey << 200 << 200;
+    // The account service wants no apikey, the auth backend does.
+    QTest::newRow("no apikey") << "valid" << QByteArray() << 401 << 200;
+    QTest::newRow("wrong apikey") << "valid" << QByteArray("nope") << 401 << 200;
+    QTest::newRow("expired") << "expired" << anonKey << 401 << 401;
+    QTest::newRow("longer life claimed") << "altered" << anonKey << 401 << 401;
+    QTest::newRow("unsigned") << "unsigned" << anonKey << 401 << 401;
+    QTest::newRow("refresh token") << "refresh" << anonKey << 401 << 401;
+    QTest::newRow("another server's") << "foreign" << anonKey << 401 << 401;
+}
+
+void TestDevServer::accessTokenChecks()
+{
+    QFETCH(QString, token);
+    QFETCH(QByteArray, apikey);
+    QFETCH(int, userStatus);
+    QFETCH(int, accountStatus);
+
+    DevServer server;
+    QVERIFY2(server.start({"--token-ttl", "2"}), qPrintable(server.errorString()));
+    const QUrlQuery session = server.signIn();
+    QByteArray bearer = itemOf(session, "access_token").toUtf8();
+    const QList<QByteArray> parts = bearer.split('.');
+    if (token == "expired") {
+        // At least a second of life is left when it was issued, and none two seconds later.
+        QCOMPARE(user(server, QString::fromUtf8(bearer)).status, 200);
+        QTest::qWait(3000);
+    } else if (token == "altered") {
+        QJsonObject claims = decodedJson(parts[1]);
+        claims.insert("exp", claims.value("exp").toInteger() + 3600);
+        bearer = parts[0] + '.' + encodedJson(claims) + '.' + parts[2];
+    } else if (token == "unsigned") {
+        bearer = encodedJson({{"alg", "none"}, {"typ", "JWT"}}) + '.' + parts[1] + '.';
+    } else if (token == "refresh") {
+        bearer = itemOf(session, "refresh_token").toUtf8();
+    } else if (token == "foreign") {
+        DevServer other;
+        QVERIFY2(other.start(), qPrintable(other.errorString()));
+        bearer = itemOf(other.signIn(), "access_token").toUtf8();
+    }
+
+    QList<QPair<QByteArray, QByteArray>> headers;
+    if (!apikey.isEmpty())
+        headers.append({"apikey", apikey});
+    const HttpResult me =
+        send(m_network, server.url("/auth/v1/user"), std::nullopt, "Bearer " + bearer, headers);
+    QCOMPARE(me.status, userStatus);
+    if (userStatus == 200)
+        QCOMPARE(jsonOf(me).value("email").toString(), "reader@example.com");
+    const HttpResult balance =
+        send(m_network, server.url("/api/credits/balance"), std::nullopt, "Bearer " + bearer);
+    QCOMPARE(balance.status, accountStatus);
+}
+
+void TestDevServer::accountEndpoints_data()
+{
+    QTest::addColumn<QString>("target"); // POST for generate-code
+    QTest::addColumn<bool>("signedIn");
+    QTest::addColumn<QString>("failRoute");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QJsonObject>("expected"); // members of the answer
+
+    const QString balance = QStringLiteral("/api/credits/balance");
+    const QString code = QStringLiteral("/api/auth/generate-code");
+    const QJsonObject nothingUsed{{"narrations", 0}, {"seconds", 0}, {"minutes", 0.0}};
+    const QJsonObject unauthorised{{"error", "unauthorized"}};
+    QTest::newRow("balance") << balance << true << "" << 200
+                             << QJsonObject{{"balance_seconds", 185}, {"minutes_remaining", 3}};
+    QTest::newRow("balance signed out") << balance << false << "" << 401 << unauthorised;
+    QTest::newRow("balance failing") << balance << true << "balance" << 503 << QJsonObject();
+    for (const char *period : {"week", "month", "all"})
+        QTest::addRow("usage %s", period)
+            << "/api/credits/usage?period=" + QString::fromLatin1(period) << true << "" << 200 << nothingUsed;
+    QTest::newRow("usage by year") << "/api/credits/usage?period=year" << true << "" << 400 << QJsonObject();
+    QTest::newRow("usage without period") << "/api/credits/usage" << true << "" << 400 << QJsonObject();
+    QTest::newRow("usage signed out")
+        << "/api/credits/usage?period=all" << false << "" << 401 << unauthorised;
+    QTest::newRow("usage failing") << "/api/credits/usage?period=all" << true << "usage" << 503
+                                   << QJsonObject();
+    QTest::newRow("code") << code << true << "" << 200
+                          << QJsonObject{{"expires_in", 300}, {"message", "Code generated"}};
+    QTest::newRow("code signed out") << code << false << "" << 401 << unauthorised;
+    QTest::newRow("code failing") << code << true << "generate-code" << 503 << QJsonObject();
+}
+
+void TestDevServer::accountEndpoints()
+{
+    QFETCH(QString, target);
+    QFETCH(bool, signedIn);
+    QFETCH(QString, failRoute);
+    QFETCH(int, status);
+    QFETCH(QJsonObject, expected);
+
+    DevServer server;
+    QVERIFY2(server.start({"--balance-seconds", "185"}), qPrintable(server.errorString()));
+    const auto authorization = signedIn ? credentials(server, servicePath) : std::nullopt;
+    if (!failRoute.isEmpty())
+        server.control("/dev/fail", {{"route", failRoute}, {"status", status}, {"count", 1}});
+    const std::optional<QByteArray> body =
+        target.endsWith("generate-code") ? std::optional<QByteArray>("") : std::nullopt;
+
+    const HttpResult result = send(m_network, server.url(target), body, authorization);
+    QCOMPARE(result.status, status);
+    QCOMPARE(result.contentType, jsonType);
+    const QJsonObject answer = jsonOf(result);
+    for (auto it = expected.begin(); it != expected.end(); ++it)
+        QCOMPARE(answer.value(it.key()), it.value());
+    if (status == 200 && target == "/api/auth/generate-code")
+        QVERIFY(!answer.value("code").toString().isEmpty());
+    // An injected failure lasts for its count only.
+    if (!failRoute.isEmpty())
+        QCOMPARE(send(m_network, server.url(target), body, authorization).status, 200);
+}
+
+void TestDevServer::tokenExchange_data()
+{
+    QTest::addColumn<bool>("generated");
+    QTest::addColumn<QString>("next");
+    QTest::addColumn<int>("status");
+
+    QTest::newRow("to the purchase page") << true << "/api/credits/purchase-redirect?package=pro" << 302;
+    QTest::newRow("unknown code") << false << "/purchase" << 400;
+    QTest::newRow("absolute next") << true << "https://example.com/" << 400;
+    QTest::newRow("next on another host") << true << "//example.com/" << 400;
+}
+
+void TestDevServer::tokenExchange()
+{
+    QFETCH(bool, generated);
+    QFETCH(QString, next);
+    QFETCH(int, status);
+
+    DevServer server;
+    QVERIFY2(server.start(), qPrintable(server.errorString()));
+    const HttpResult made =
+        send(m_network, server.url("/api/auth/generate-code"), "", credentials(server, servicePath));
+    const QString code =
+        generated ? jsonOf(made).value("code").toString() : QStringLiteral("never-generated");
+    const auto exchange = [&](const QString &to) {
+        return send(
+            m_network,
+            server.url("/api/auth/token-exchange?code=" + code + "&next=" + QUrl::toPercentEncoding(to)),
+            std::nullopt, std::nullopt);
+    };
+
+    const HttpResult result = exchange(next);
+    QCOMPARE(result.status, status);
+    if (status == 400) {
+        QVERIFY(result.contentType.startsWith("text/html"));
+        QCOMPARE(result.body.contains("Invalid or expired code"), !generated);
+        // Refusing the destination leaves the code unspent.
+        QCOMPARE(exchange("/purchase").status, generated ? 302 : 400);
+        return;
+    }
+    QCOMPARE(result.location, next.toUtf8());
+    const HttpResult again = exchange(next);
+    QCOMPARE(again.status, 400);
+    QVERIFY(again.body.contains("Invalid or expired code"));
+
+    const HttpResult purchase = send(m_network, server.url(next), std::nullopt, std::nullopt);
+    QCOMPARE(purchase.status, 302);
+    QCOMPARE(purchase.location, "/purchase?package=pro");
+    const HttpResult page = send(m_network, server.url("/purchase?package=pro"), std::nullopt, std::nullopt);
+    QCOMPARE(page.status, 200);
+    QVERIFY(page.body.contains("pro"));
+}
+
+void TestDevServer::serviceStreamCharges_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QJsonObject>("control"); // POSTed to /dev/<key> before the request
+    QTest::addColumn<int>("before");
+    QTest::addColumn<int>("status");
+
+    const QStringList start{"--balance-seconds", "600"};
+    QTest::newRow("whole narration") << start << QJsonObject() << 600 << 200;
+    // 140000 bytes are 2.9 s.
+    QTest::newRow("cut short") << start + QStringList{"--cut-after", "140000"} << QJsonObject() << 600 << 200;
+    QTest::newRow("less left than narrated")
+        << QStringList{"--balance-seconds", "1"} << QJsonObject() << 1 << 200;
+    QTest::newRow("nothing left") << QStringList{"--balance-seconds", "0"} << QJsonObject() << 0 << 402;
+    QTest::newRow("spent meanwhile") << start << QJsonObject{{"balance", QJsonObject{{"seconds", 0}}}} << 0
+                                     << 402;
+    QTest::newRow("injected failure")
+        << start << QJsonObject{{"fail", QJsonObject{{"route", "tts"}, {"status", 503}, {"count", 1}}}} << 600
+        << 503;
+    QTest::newRow("--fail-status first")
+        << QStringList{"--balance-seconds", "0", "--fail-status", "500"} << QJsonObject() << 0 << 500;
+}
+
+void TestDevServer::serviceStreamCharges()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QJsonObject, control);
+    QFETCH(int, before);
+    QFETCH(int, status);
+
+    DevServer server;
+    QVERIFY2(server.start(arguments + QStringList{"--synth", "sine", "--pace", "0"}),
+             qPrintable(server.errorString()));
+    const auto authorization = credentials(server, servicePath);
+    for (auto it = control.begin(); it != control.end(); ++it)
+        QVERIFY(!server.control("/dev/" + it.key(), it.value().toObject()).isEmpty());
+
+    const HttpResult result =
+        send(m_network, server.url(servicePath),
+             speechBody("This sentence is long enough to take a few seconds to say aloud."), authorization);
+    QCOMPARE(result.status, status);
+    if (status == 402)
+        QCOMPARE(jsonOf(result).value("error").toString(), "insufficient_balance");
+    if (arguments.contains("--cut-after"))
+        QCOMPARE(result.body.size(), 140000);
+    const qint64 charged = status == 200 ? (result.body.size() + bytesPerSecond / 2) / bytesPerSecond : 0;
+    QVERIFY(status != 200 || charged >= 2);
+
+    QCOMPARE(server.control("/dev/state").value("balance_seconds").toInteger(),
+             std::max<qint64>(0, before - charged));
+    const QJsonObject usage =
+        jsonOf(send(m_network, server.url("/api/credits/usage?period=week"), std::nullopt, authorization));
+    QCOMPARE(usage.value("narrations").toInt(), status == 200 ? 1 : 0);
+    QCOMPARE(usage.value("seconds").toInteger(), charged);
+    QCOMPARE(usage.value("minutes").toDouble(), charged / 60.0);
 }
 
 QTEST_GUILESS_MAIN(TestDevServer)

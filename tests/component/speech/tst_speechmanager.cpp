@@ -456,19 +456,22 @@ private Q_SLOTS:
         if (service) {
             m_keychain->save(QStringLiteral("stored-token"), KeychainKey::accessToken);
             m_account.signedIn = true;
+            m_account.token = m_server->signIn().queryItemValue(QStringLiteral("access_token"));
         }
         m_speech->setSelectedVoice(QStringLiteral("cedar"));
         m_speech->setSelectedVoiceStyleRawValue(style);
         const QString text = QStringLiteral("  Read this, exactly as it is.\n");
         m_speech->speak(text);
-        const QList<QJsonObject> log = m_server->waitForRequests(1, std::chrono::seconds(10));
-        QCOMPARE(log.size(), 1);
-        const QJsonObject request = log.first();
+        // After the sign-in's own request, for the service.
+        const qsizetype expected = service ? 2 : 1;
+        const QList<QJsonObject> log = m_server->waitForRequests(expected, std::chrono::seconds(10));
+        QCOMPARE(log.size(), expected);
+        const QJsonObject request = log.last();
         QCOMPARE(request.value("method").toString(), QStringLiteral("POST"));
         QCOMPARE(request.value("path").toString(),
                  service ? QStringLiteral("/api/tts/stream") : QStringLiteral("/v1/audio/speech"));
         QCOMPARE(DevServer::header(request, u"Authorization"),
-                 service ? QStringLiteral("Bearer service-token") : QStringLiteral("Bearer local"));
+                 service ? QStringLiteral("Bearer ") + *m_account.token : QStringLiteral("Bearer local"));
         QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
 
         const QJsonObject body = QJsonDocument::fromJson(request.value("body").toString().toUtf8()).object();
@@ -540,6 +543,7 @@ private Q_SLOTS:
         QVERIFY(startServer({"--pace", "0"}));
         m_keychain->save(QStringLiteral("stored-token"), KeychainKey::accessToken);
         m_account.signedIn = true;
+        m_account.token = m_server->signIn().queryItemValue(QStringLiteral("access_token"));
         m_account.balance = 60;
         m_speech->speak(sentence(3));
         QVERIFY(waitUntilPlaying());

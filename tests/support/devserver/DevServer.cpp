@@ -2,10 +2,15 @@
 #include "DevServer.h"
 
 #include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QRegularExpression>
 #include <QTest>
+
+#include <memory>
 
 DevServer::DevServer(const QString &program)
     : m_program(program.isEmpty() ? QStringLiteral(QUILLVOX_DEVSERVER) : program)
@@ -144,6 +149,51 @@ QString DevServer::header(const QJsonObject &record, QStringView name)
             return it.value().toString();
     }
     return {};
+}
+
+QJsonObject DevServer::control(const QString &path, const QJsonObject &body) const
+{
+    QNetworkAccessManager network;
+    QNetworkRequest request(url(path));
+    request.setTransferTimeout(5000);
+    QNetworkReply *reply = nullptr;
+    if (body.isEmpty()) {
+        reply = network.get(request);
+    } else {
+        request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+        reply = network.post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
+    }
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (!reply->isFinished())
+        loop.exec();
+    const QByteArray answer = reply->readAll();
+    const bool ok = reply->error() == QNetworkReply::NoError;
+    delete reply;
+    return ok ? QJsonDocument::fromJson(answer).object() : QJsonObject();
+}
+
+QUrl DevServer::redirectOf(const QUrl &target)
+{
+    QNetworkAccessManager network;
+    QNetworkRequest request(target);
+    request.setTransferTimeout(5000);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    std::unique_ptr<QNetworkReply> reply(network.get(request));
+    QEventLoop loop;
+    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (!reply->isFinished())
+        loop.exec();
+    const QByteArray location = reply->rawHeader("Location");
+    return location.isEmpty() ? QUrl() : target.resolved(QUrl(QString::fromUtf8(location)));
+}
+
+QUrlQuery DevServer::signIn() const
+{
+    const QByteArray callback = QUrl::toPercentEncoding(url(QStringLiteral("/auth/app-callback")).toString());
+    const QUrl redirect =
+        redirectOf(url(QStringLiteral("/auth/v1/consent?redirect_to=") + QString::fromLatin1(callback)));
+    return QUrlQuery(redirect.fragment(QUrl::FullyEncoded));
 }
 
 bool DevServer::fail(const QString &why)

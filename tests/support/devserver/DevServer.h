@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include <QUrl>
+#include <QUrlQuery>
 
 #include <chrono>
 
@@ -60,6 +61,18 @@ public:
                                        std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     // A header of a logged request by case-insensitive name; a null string when it was not sent.
     static QString header(const QJsonObject &record, QStringView name);
+
+    // Talks to the server's /dev/ control routes: POSTs body when it is not empty, GETs otherwise, and
+    // returns the JSON answer; an empty object when the request failed or the answer was not an object.
+    //     server.control("/dev/balance", {{"seconds", 0}});
+    //     server.control("/dev/state").value("refreshes").toInt();
+    QJsonObject control(const QString &path, const QJsonObject &body = {}) const;
+
+    // Where a redirect at `url` points, as a browser would follow it; empty when it does not redirect.
+    static QUrl redirectOf(const QUrl &url);
+    // Signs in as the sign-in page's button does, with no --auto-consent needed: the items of the
+    // redirect's fragment (access_token, refresh_token, ...).
+    QUrlQuery signIn() const;
 
 private:
     bool fail(const QString &why);

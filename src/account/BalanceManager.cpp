@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "account/BalanceManager.h"
+
+#include "account/AccountHttp.h"
+#include "account/AuthManager.h"
+#include "core/Clock.h"
+#include "platform/WakeMonitor.h"
+
+#include <QDesktopServices>
+#include <QNetworkAccessManager>
+#include <QTextStream>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+BalanceManager *g_shared = nullptr;
+
+AccountResult<UsageStatsResponse> decodeUsage(const QJsonObject &object)
+{
+    const auto narrations = integerMember(object, QLatin1StringView("narrations"));
+    const auto minutes = numberMember(object, QLatin1StringView("minutes"));
+    const auto seconds = integerMember(object, QLatin1StringView("seconds"));
+    if (!narrations)
+        return missingMember(QLatin1StringView("narrations"));
+    if (!minutes)
+        return missingMember(QLatin1StringView("minutes"));
+    if (!seconds)
+        return missingMember(QLatin1StringView("seconds"));
+    return UsageStatsResponse{*narrations, *minutes, *seconds};
+}
+
+struct BalanceAnswer
+{
+    qint64 balanceSeconds;
+    qint64 minutesRemaining;
+};
+
+AccountResult<BalanceAnswer> decodeBalance(const QJsonObject &object)
+{
+    const auto seconds = integerMember(object, QLatin1StringView("balance_seconds"));
+    const auto minutes = integerMember(object, QLatin1StringView("minutes_remaining"));
+    if (!seconds)
+        return missingMember(QLatin1StringView("balance_seconds"));
+    if (!minutes)
+        return missingMember(QLatin1StringView("minutes_remaining"));
+    return BalanceAnswer{*seconds, *minutes};
+}
+
+} // namespace
+
+BalanceManager::BalanceManager(Services services, QObject *parent)
+    : QObject(parent)
+    , m_services(std::move(services))
+{
+    Q_ASSERT(m_services.auth);
+    if (!m_services.network)
+        m_services.network = new QNetworkAccessManager(this);
+    if (!m_services.clock)
+        m_services.clock = &Clock::system();
+    if (!m_services.openUrl)
+        m_services.openUrl = [](const QUrl &url) { QDesktopServices::openUrl(url); };
+    connect(m_services.auth, &AuthManager::stateChanged, this, &BalanceManager::followAuthState);
+    if (m_services.wake) {
+        connect(m_services.wake, &WakeMonitor::woke, this, [this] {
+            if (!m_services.auth->isSignedIn())
+                return;
+            print(QStringLiteral("System woke - refreshing auth tokens"));
+            refreshBalance();
+        });
+    }
+    // The subscription sees the current state at once.
+    followAuthState();
+}
+
+BalanceManager::~BalanceManager()
+{
+    if (g_shared == this)
+        g_shared = nullptr;
+}
+
+BalanceManager &BalanceManager::shared()
+{
+    Q_ASSERT_X(g_shared, "BalanceManager::shared", "no shared instance installed");
+    return *g_shared;
+}
+
+bool BalanceManager::hasShared()
+{
+    return g_shared != nullptr;
+}
+
+void BalanceManager::installShared(BalanceManager *manager)
+{
+    g_shared = manager;
+}
+
+void BalanceManager::print(const QString &line) const
+{
+    if (m_services.log) {
+        m_services.log(line);
+        return;
+    }
+    QTextStream(stdout) << line << Qt::endl;
+}
+
+QUrl BalanceManager::serviceUrl(const QString &path) const
+{
+    QUrl url = m_services.serviceOrigin;
+    url.setPath(url.path() + path);
+    return url;
+}
+
+// --- Following the session ---------------------------------------------------------------------------
+
+void BalanceManager::followAuthState()
+{
+    if (m_services.auth->isSignedIn()) {
+        if (m_pollGeneration == 0) {
+            m_pollGeneration = ++m_nextPollGeneration;
+            schedulePoll(m_pollGeneration);
+        }
+        refreshBalance();
+        return;
+    }
+    m_pollGeneration = 0;
+    setBalance(0, 0);
+}
+
+void BalanceManager::schedulePoll(quint64 generation)
+{
+    const auto interval = std::chrono::milliseconds(qint64(kRefreshIntervalSeconds * 1000));
+    m_services.clock->callAfter(interval, this, [this, generation] {
+        if (generation != m_pollGeneration)
+            return;
+        schedulePoll(generation);
+        refreshBalance();
+    });
+}
+
+// --- Balance -----------------------------------------------------------------------------------------
+
+void BalanceManager::refreshBalance()
+{
+    if (!m_services.auth->isSignedIn()) {
+        setBalance(0, 0);
+        return;
+    }
+    if (m_isRefreshing)
+        return;
+    m_isRefreshing = true;
+    const QDateTime now = m_services.clock->now();
+    if (m_lastRefreshTime &&
+        m_lastRefreshTime->msecsTo(now) < qint64(kMinimumRefreshIntervalSeconds * 1000)) {
+        m_isRefreshing = false;
+        return;
+    }
+    m_lastRefreshTime = now;
+    setIsLoading(true);
+    setLastError(std::nullopt);
+
+    getFromService<BalanceAnswer>(
+        QStringLiteral("/api/credits/balance"), this, decodeBalance,
+        [this](const AccountResult<BalanceAnswer> &result) {
+            if (result.ok()) {
+                // Taken as sent: the server's minute figure is not recomputed.
+                setBalance(result.value().balanceSeconds, result.value().minutesRemaining);
+            } else if (isAuthError(result.failure())) {
+                print(QStringLiteral("Auth error during balance refresh: ") + describe(result.failure()));
+                m_services.auth->signOut();
+            } else {
+                // A 401 from the service itself lands here too: the session stays.
+                setLastError(describe(result.failure()));
+            }
+            setIsLoading(false);
+            m_isRefreshing = false;
+            Q_EMIT refreshFinished();
+        });
+}
+
+void BalanceManager::deductSeconds(double seconds)
+{
+    // std::llround rounds halves away from zero; out-of-range arguments saturate rather than wrap.
+    const double clamped = std::clamp(seconds, -9.0e18, 9.0e18);
+    const qint64 rounded = std::isnan(clamped) ? 0 : std::llround(clamped);
+    qint64 balance = 0;
+    if (__builtin_sub_overflow(m_balanceSeconds, rounded, &balance))
+        balance = rounded > 0 ? 0 : std::numeric_limits<qint64>::max();
+    balance = std::max<qint64>(balance, 0);
+    setBalance(balance, balance / 60);
+}
+
+QString BalanceManager::formatBalance(qint64 seconds)
+{
+    const qint64 minutes = seconds / 60;
+    if (seconds < 3600)
+        return QStringLiteral("%1m").arg(minutes);
+    const qint64 hours = seconds / 3600;
+    const qint64 rest = minutes % 60;
+    if (rest == 0)
+        return QStringLiteral("%1h").arg(hours);
+    return QStringLiteral("%1h %2m").arg(hours).arg(rest);
+}
+
+// --- Usage and purchase ------------------------------------------------------------------------------
+
+template<typename T>
+void BalanceManager::getFromService(const QString &pathAndQuery, const QObject *context, Decoder<T> decode,
+                                    std::function<void(const AccountResult<T> &)> done)
+{
+    const QPointer<const QObject> guard(context);
+    m_services.auth->getValidAccessToken(this, [this, pathAndQuery, guard, decode = std::move(decode),
+                                                done = std::move(done)](const AccountResult<QString> &token) {
+        if (!guard)
+            return;
+        if (!token.ok())
+            return done(token.failure());
+        AccountRequest request;
+        request.url = QUrl(m_services.serviceOrigin.toString() + pathAndQuery);
+        request.headers = {{"Authorization", "Bearer " + token.value().toUtf8()}};
+        sendAccountRequest(*m_services.network, request, guard.data(),
+                           [decode, done](const HttpAnswer &answer) {
+                               if (!answer.status)
+                                   return done(answer.transportFailure());
+                               if (*answer.status == 401)
+                                   return done(BalanceError::make(BalanceError::unauthorized));
+                               if (*answer.status != 200)
+                                   return done(BalanceError::makeServerError(*answer.status));
+                               const AccountResult<QJsonObject> object = decodeObject(answer.body);
+                               if (!object.ok())
+                                   return done(object.failure());
+                               done(decode(object.value()));
+                           });
+    });
+}
+
+void BalanceManager::fetchUsageStats(const QString &period, const QObject *context,
+                                     std::function<void(const std::optional<UsageStatsResponse> &)> done)
+{
+    const QString query =
+        QStringLiteral("/api/credits/usage?period=") + QString::fromLatin1(QUrl::toPercentEncoding(period));
+    getFromService<UsageStatsResponse>(
+        query, context, decodeUsage,
+        [this, done = std::move(done)](const AccountResult<UsageStatsResponse> &result) {
+            if (result.ok())
+                return done(result.value());
+            if (isAuthError(result.failure())) {
+                print(QStringLiteral("Auth error during usage stats fetch: ") + describe(result.failure()));
+                m_services.auth->signOut();
+            } else {
+                print(QStringLiteral("Failed to fetch usage stats: ") + describe(result.failure()));
+            }
+            done(std::nullopt);
+        });
+}
+
+void BalanceManager::generateExchangeCode(
+    const QObject *context, std::function<void(const AccountResult<GenerateCodeResponse> &)> done)
+{
+    const QPointer<const QObject> guard(context);
+    m_services.auth->getValidAccessToken(
+        this, [this, guard, done = std::move(done)](const AccountResult<QString> &token) {
+            if (!guard)
+                return;
+            if (!token.ok())
+                return done(token.failure());
+            AccountRequest request;
+            request.method = "POST";
+            request.url = serviceUrl(QStringLiteral("/api/auth/generate-code"));
+            request.headers = {{"Authorization", "Bearer " + token.value().toUtf8()}};
+            sendAccountRequest(*m_services.network, request, guard.data(), [done](const HttpAnswer &answer) {
+                if (!answer.status)
+                    return done(answer.transportFailure());
+                if (*answer.status != 200)
+                    return done(BalanceError::make(BalanceError::invalidResponse));
+                const AccountResult<QJsonObject> object = decodeObject(answer.body);
+                if (!object.ok())
+                    return done(object.failure());
+                const auto code = stringMember(object.value(), QLatin1StringView("code"));
+                const auto expiresIn = integerMember(object.value(), QLatin1StringView("expires_in"));
+                if (!code)
+                    return done(missingMember(QLatin1StringView("code")));
+                if (!expiresIn)
+                    return done(missingMember(QLatin1StringView("expires_in")));
+                done(GenerateCodeResponse{*code, *expiresIn});
+            });
+        });
+}
+
+QUrl BalanceManager::tokenExchangeUrl(const QString &code) const
+{
+    QUrl url = serviceUrl(QStringLiteral("/api/auth/token-exchange"));
+    const QByteArray query =
+        "code=" + QUrl::toPercentEncoding(code) + "&next=" + QUrl::toPercentEncoding("/purchase");
+    url.setQuery(QString::fromLatin1(query), QUrl::StrictMode);
+    return url;
+}
+
+void BalanceManager::openPurchasePage()
+{
+    if (!m_services.auth->isSignedIn()) {
+        m_services.openUrl(m_services.serviceOrigin);
+        return;
+    }
+    generateExchangeCode(this, [this](const AccountResult<GenerateCodeResponse> &result) {
+        if (!result.ok()) {
+            print(QStringLiteral("Failed to generate exchange code: ") + describe(result.failure()));
+            m_services.openUrl(m_services.serviceOrigin);
+            return;
+        }
+        m_services.openUrl(tokenExchangeUrl(result.value().code));
+    });
+}
+
+// --- Published values --------------------------------------------------------------------------------
+
+void BalanceManager::setBalance(qint64 seconds, qint64 minutes)
+{
+    if (m_balanceSeconds == seconds && m_minutesRemaining == minutes)
+        return;
+    m_balanceSeconds = seconds;
+    m_minutesRemaining = minutes;
+    Q_EMIT balanceChanged();
+}
+
+void BalanceManager::setIsLoading(bool loading)
+{
+    if (m_isLoading == loading)
+        return;
+    m_isLoading = loading;
+    Q_EMIT isLoadingChanged();
+}
+
+void BalanceManager::setLastError(std::optional<QString> error)
+{
+    if (m_lastError == error)
+        return;
+    m_lastError = std::move(error);
+    Q_EMIT lastErrorChanged();
+}

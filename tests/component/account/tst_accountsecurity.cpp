@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// A whole account session through the real application: sign-in through the callback URL, token
+// refreshes and a service narration. Afterwards no token may appear in anything the application
+// wrote or printed.
+#include "DevServer.h"
+#include "keyring/KeyringFixture.h"
+
+#include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QString kAnonKey = QStringLiteral("quillvox-dev-anon-key");
+
+} // namespace
+
+class TestAccountSecurity : public QObject
+{
+    Q_OBJECT
+
+    KeyringFixture m_keyring;
+    DevServer m_server;
+    QTemporaryDir m_home;
+    QProcessEnvironment m_env;
+    QByteArray m_printed;
+
+    KeyringFixture::Run quillvox(const QStringList &arguments)
+    {
+        KeyringFixture::Run run =
+            m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, {}, m_env, 20000);
+        m_printed += run.out + run.err;
+        return run;
+    }
+    QJsonObject status()
+    {
+        const KeyringFixture::Run run = quillvox({QStringLiteral("--status")});
+        return QJsonDocument::fromJson(run.out).object();
+    }
+
+    // Every bearer token and refresh token the server saw or handed out, found in its request log.
+    QSet<QByteArray> tokensSeen() const
+    {
+        QSet<QByteArray> tokens;
+        static const QRegularExpression refresh(QStringLiteral("\"refresh_token\"\\s*:\\s*\"([^\"]+)\""));
+        for (const QJsonObject &record : m_server.requests()) {
+            const QString bearer = DevServer::header(record, u"Authorization").section(u' ', 1);
+            if (!bearer.isEmpty() && bearer != kAnonKey)
+                tokens << bearer.toUtf8();
+            const QRegularExpressionMatch match =
+                refresh.match(record.value(QStringLiteral("body")).toString());
+            if (match.hasMatch())
+                tokens << match.captured(1).toUtf8();
+        }
+        return tokens;
+    }
+
+private Q_SLOTS:
+    void noTokenIsWrittenOrPrinted()
+    {
+        QVERIFY2(m_keyring.isReady(), qPrintable(m_keyring.errorString()));
+        // Tokens live 30 s, inside the one-minute margin: every service request refreshes first.
+        QVERIFY2(m_server.start({QStringLiteral("--auto-consent"), QStringLiteral("--token-ttl"),
+                                 QStringLiteral("30"), QStringLiteral("--synth"), QStringLiteral("sine")}),
+                 qPrintable(m_server.errorString()));
+        m_env = m_keyring.environment();
+        for (const char *dir :
+             {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
+            m_env.insert(QString::fromLatin1(dir), m_home.filePath(QString::fromLatin1(dir)));
+        QDir(m_home.path()).mkpath(QStringLiteral("XDG_RUNTIME_DIR"));
+        m_env.insert(QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), m_server.url().toString());
+        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ORIGIN"), m_server.url().toString());
+        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), kAnonKey);
+        m_env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
+                     QStringLiteral("com.vantor.quillvox.test.security"));
+
+        QProcess app;
+        app.setProcessEnvironment(m_env);
+        app.setProcessChannelMode(QProcess::MergedChannels);
+        app.start(QStringLiteral(QUILLVOX_EXECUTABLE), {});
+        QVERIFY(app.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            status().value(QStringLiteral("auth")).toObject().value(QStringLiteral("state")) ==
+                QStringLiteral("signedOut"),
+            10000);
+
+        // The browser's part: the authorize page redirects to the service's callback page with the
+        // tokens in the fragment, and that page opens the application's callback URL.
+        const QUrl redirect = DevServer::redirectOf(m_server.url(
+            QStringLiteral("/auth/v1/authorize?provider=google&redirect_to=") +
+            QUrl::toPercentEncoding(m_server.url(QStringLiteral("/auth/app-callback")).toString())));
+        QVERIFY(redirect.hasFragment());
+        QCOMPARE(
+            quillvox({QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)})
+                .exitCode,
+            0);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            status().value(QStringLiteral("auth")).toObject().value(QStringLiteral("email")) ==
+                QStringLiteral("reader@example.com"),
+            10000);
+        QTRY_COMPARE_WITH_TIMEOUT(status().value(QStringLiteral("balanceSeconds")).toInteger(), 1200, 10000);
+
+        QCOMPARE(quillvox({QStringLiteral("--speak"), QStringLiteral("Hello there.")}).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(status().value(QStringLiteral("balanceSeconds")).toInteger() < 1200, 20000);
+        app.terminate();
+        QVERIFY(app.waitForFinished(5000));
+        m_printed += app.readAll();
+
+        const QSet<QByteArray> tokens = tokensSeen();
+        // Sign-in, then at least one refresh: two generations of access and refresh tokens.
+        QVERIFY2(tokens.size() >= 4, qPrintable(QString::number(tokens.size())));
+        QStringList written;
+        QDirIterator files(m_home.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            QFile file(files.next());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            const QByteArray content = file.readAll();
+            written << file.fileName();
+            for (const QByteArray &token : tokens)
+                QVERIFY2(!content.contains(token), qPrintable(file.fileName()));
+        }
+        QVERIFY2(written.filter(QStringLiteral(".pcm")).size() == 1, qPrintable(written.join(u'\n')));
+        for (const QByteArray &token : tokens)
+            QVERIFY2(!m_printed.contains(token), m_printed.constData());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAccountSecurity)
+#include "tst_accountsecurity.moc"

@@ -1,0 +1,435 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "DevServer.h"
+#include "ManualClock.h"
+
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
+#include "account/KeychainHelper.h"
+#include "app/SessionAccount.h"
+#include "core/UserDefaults.h"
+#include "platform/WakeMonitor.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "speech/SpeechManager.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Everything one signed-in (or not) application instance has, against one dev server.
+struct Session
+{
+    explicit Session(const DevServer &server)
+        : keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>())
+        , origin(server.url())
+    {}
+
+    void startAuth()
+    {
+        AuthManager::Services services;
+        services.keychain = &keychain;
+        services.clock = &clock;
+        services.wake = &wake;
+        services.authOrigin = origin;
+        services.serviceOrigin = origin;
+        services.anonKey = QStringLiteral("quillvox-dev-anon-key");
+        services.openUrl = [this](const QUrl &url) { opened << url; };
+        services.log = [this](const QString &line) { log << line; };
+        auth = std::make_unique<AuthManager>(std::move(services));
+    }
+    void startBalance()
+    {
+        BalanceManager::Services services;
+        services.auth = auth.get();
+        services.clock = &clock;
+        services.wake = &wake;
+        services.serviceOrigin = origin;
+        services.openUrl = [this](const QUrl &url) { opened << url; };
+        services.log = [this](const QString &line) { log << line; };
+        balance = std::make_unique<BalanceManager>(std::move(services));
+    }
+
+    // The browser's part of a sign-in: follow the authorize page's redirect, which carries the tokens in
+    // its fragment, and hand the callback URL to the session.
+    bool signIn()
+    {
+        auth->signIn(true);
+        if (opened.isEmpty())
+            return false;
+        const QUrl redirect = DevServer::redirectOf(opened.last());
+        if (!redirect.hasFragment())
+            return false;
+        auth->handleCallback(
+            QUrl(QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)));
+        return QTest::qWaitFor([&] { return auth->isSignedIn(); }, 5000);
+    }
+    bool waitForLog(const QString &line) const
+    {
+        return QTest::qWaitFor(
+            [&] { return log.contains(QStringLiteral("[AuthManager] ") + line) || log.contains(line); },
+            5000);
+    }
+
+    KeychainHelper keychain;
+    QUrl origin;
+    ManualClock clock;
+    WakeMonitor wake;
+    QStringList log;
+    QList<QUrl> opened;
+    std::unique_ptr<AuthManager> auth;
+    std::unique_ptr<BalanceManager> balance;
+};
+
+int requestsTo(const DevServer &server, const QString &path)
+{
+    int count = 0;
+    for (const QJsonObject &record : server.requests())
+        count += record.value(QStringLiteral("path")).toString() == path;
+    return count;
+}
+
+} // namespace
+
+class TestAccountSession : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<DevServer> m_server;
+
+    bool startServer(const QStringList &arguments = {})
+    {
+        m_server = std::make_unique<DevServer>();
+        if (m_server->start(QStringList{QStringLiteral("--auto-consent"), QStringLiteral("--synth"),
+                                        QStringLiteral("sine")} +
+                            arguments))
+            return true;
+        qWarning() << m_server->errorString();
+        return false;
+    }
+    void failNext(const QString &route, int status, int count)
+    {
+        m_server->control(QStringLiteral("/dev/fail"),
+                          {{"route", route}, {"status", status}, {"count", count}});
+    }
+
+private Q_SLOTS:
+    void signInThroughTheBrowser()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        QVERIFY(s.signIn());
+        QCOMPARE(s.auth->email(), QStringLiteral("reader@example.com"));
+        QVERIFY(!s.auth->isLoading());
+        QVERIFY(s.keychain.load(KeychainKey::accessToken));
+        QVERIFY(s.keychain.load(KeychainKey::refreshToken));
+        QVERIFY(s.log.contains(QStringLiteral("[AuthManager] Sign-in complete for reader@example.com")));
+
+        // A later start finds the stored session.
+        Session again(*m_server);
+        again.keychain.save(*s.keychain.load(KeychainKey::accessToken), KeychainKey::accessToken);
+        again.startAuth();
+        QTRY_VERIFY(again.auth->isSignedIn());
+        QCOMPARE(again.log,
+                 QStringList({QStringLiteral("[AuthManager] Found existing access token, verifying..."),
+                              QStringLiteral("[AuthManager] Session restored for reader@example.com")}));
+    }
+
+    void callbackWhoseUserFetchFails()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        s.auth->signIn(false);
+        const QUrl redirect = DevServer::redirectOf(s.opened.last());
+        failNext(QStringLiteral("user"), 500, 1);
+        s.auth->handleCallback(
+            QUrl(QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)));
+        QVERIFY(s.waitForLog(QStringLiteral(
+            "Failed to fetch user info after callback: Authentication failed: Failed to fetch user")));
+        QCOMPARE(s.auth->currentErrorDescription(),
+                 QStringLiteral("Authentication failed: Failed to fetch user info"));
+        QCOMPARE(s.auth->state(), AuthManager::State::signedOut);
+        QVERIFY(s.keychain.load(KeychainKey::accessToken));
+    }
+
+    void signInWatchdog()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        s.auth->signIn(true);
+        QVERIFY(s.auth->isLoading());
+        s.clock.advance(59s);
+        QVERIFY(s.auth->isLoading());
+        s.clock.advance(1s);
+        QVERIFY(!s.auth->isLoading());
+        QVERIFY(!s.auth->currentError());
+    }
+
+    // A stored session whose access token is refused: refreshed at start, or signed out after three
+    // refusals with the waits in between.
+    void restoreWithRefresh_data()
+    {
+        QTest::addColumn<int>("refusals");
+        QTest::addColumn<bool>("signedIn");
+        QTest::newRow("refreshed") << 0 << true;
+        QTest::newRow("refused twice") << 2 << true;
+        QTest::newRow("refused three times") << 3 << false;
+    }
+    void restoreWithRefresh()
+    {
+        QFETCH(int, refusals);
+        QFETCH(bool, signedIn);
+        QVERIFY(startServer());
+        Session first(*m_server);
+        first.startAuth();
+        QVERIFY(first.signIn());
+
+        Session s(*m_server);
+        s.keychain.save(QStringLiteral("not-a-token"), KeychainKey::accessToken);
+        s.keychain.save(*first.keychain.load(KeychainKey::refreshToken), KeychainKey::refreshToken);
+        if (refusals)
+            failNext(QStringLiteral("refresh"), 400, refusals);
+        s.startAuth();
+        for (int wait = 2; wait <= refusals * 2 && wait <= 4; wait *= 2) {
+            QVERIFY(s.waitForLog(QStringLiteral("Waiting %1 seconds before retry...").arg(wait)));
+            s.clock.advance(std::chrono::seconds(wait));
+        }
+        QTRY_VERIFY(s.auth->state() != AuthManager::State::unknown);
+        QCOMPARE(s.auth->isSignedIn(), signedIn);
+        QCOMPARE(s.clock.delays(), (QList<std::chrono::milliseconds>{2s, 4s}).first(std::min(refusals, 2)));
+        if (!signedIn) {
+            QVERIFY(s.log.contains(QStringLiteral(
+                "[AuthManager] Refresh failed after retries: Failed to refresh authentication")));
+            QVERIFY(!s.keychain.load(KeychainKey::refreshToken));
+        }
+    }
+
+    void concurrentCallersShareOneRefresh()
+    {
+        QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("30")}));
+        Session s(*m_server);
+        s.startAuth();
+        QVERIFY(s.signIn());
+        const QString old = *s.keychain.load(KeychainKey::accessToken);
+
+        QList<AccountResult<QString>> results;
+        const auto collect = [&results](const AccountResult<QString> &r) { results << r; };
+        s.auth->getValidAccessToken(this, collect);
+        s.auth->getValidAccessToken(this, collect);
+        QTRY_COMPARE(results.size(), 2);
+        QVERIFY(results[0].ok() && results[1].ok());
+        QCOMPARE(results[0].value(), results[1].value());
+        QVERIFY(results[0].value() != old);
+        QCOMPARE(requestsTo(*m_server, QStringLiteral("/auth/v1/token")), 1);
+        QVERIFY(s.log.contains(
+            QStringLiteral("[AuthManager] Refresh already in progress, waiting for existing task...")));
+
+        // Three refusals reach the caller as the session's error; the session itself stays.
+        failNext(QStringLiteral("refresh"), 400, 3);
+        s.auth->getValidAccessToken(this, collect);
+        QVERIFY(s.waitForLog(QStringLiteral("Waiting 2 seconds before retry...")));
+        s.clock.advance(2s);
+        QVERIFY(s.waitForLog(QStringLiteral("Waiting 4 seconds before retry...")));
+        s.clock.advance(4s);
+        QTRY_COMPARE(results.size(), 3);
+        QCOMPARE(describe(results[2].failure()), QStringLiteral("Failed to refresh authentication"));
+        QVERIFY(isAuthError(results[2].failure()));
+        QVERIFY(s.auth->isSignedIn());
+    }
+
+    void wake_data()
+    {
+        QTest::addColumn<bool>("signedIn");
+        QTest::addColumn<int>("refusals");
+        QTest::addColumn<QString>("lastLine");
+        QTest::newRow("signed out") << false << 0
+                                    << QStringLiteral("Not signed in, skipping wake validation");
+        QTest::newRow("refreshed") << true << 0
+                                   << QStringLiteral("Session refreshed successfully after wake");
+        QTest::newRow("refused") << true << 3 << QStringLiteral("Signing out, clearing tokens");
+    }
+    void wake()
+    {
+        QFETCH(bool, signedIn);
+        QFETCH(int, refusals);
+        QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("200")}));
+        Session s(*m_server);
+        s.startAuth();
+        if (signedIn)
+            QVERIFY(s.signIn());
+        failNext(QStringLiteral("refresh"), 400, refusals);
+        s.log.clear();
+        Q_EMIT s.wake.woke();
+        if (refusals) {
+            QVERIFY(s.waitForLog(QStringLiteral("Waiting 2 seconds before retry...")));
+            s.clock.advance(2s);
+            QVERIFY(s.waitForLog(QStringLiteral("Waiting 4 seconds before retry...")));
+            s.clock.advance(4s);
+        }
+        QFETCH(QString, lastLine);
+        QVERIFY(s.waitForLog(lastLine));
+        QCOMPARE(s.log.first(), QStringLiteral("[AuthManager] System woke - validating session"));
+        QCOMPARE(s.auth->isSignedIn(), signedIn && !refusals);
+        if (!signedIn)
+            QCOMPARE(s.log.size(), 2);
+    }
+
+    void balanceFollowsTheSession()
+    {
+        QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("3660")}));
+        Session s(*m_server);
+        s.startAuth();
+        s.startBalance();
+        QVERIFY(!s.balance->isPolling());
+        QVERIFY(s.signIn());
+        QVERIFY(s.balance->isPolling());
+        QTRY_COMPARE(s.balance->balanceSeconds(), 3660);
+        QCOMPARE(s.balance->minutesRemaining(), 61);
+        QCOMPARE(s.balance->formattedBalance(), QStringLiteral("1h 1m"));
+        const int first = requestsTo(*m_server, QStringLiteral("/api/credits/balance"));
+
+        // Throttled: 2 s later nothing leaves; 6 s after the first, one request does.
+        s.clock.advance(2s);
+        s.balance->refreshBalance();
+        QVERIFY(!s.balance->isLoading());
+        s.clock.advance(4s);
+        s.balance->refreshBalance();
+        QVERIFY(s.balance->isLoading());
+        QTRY_VERIFY(!s.balance->isLoading());
+        QCOMPARE(requestsTo(*m_server, QStringLiteral("/api/credits/balance")), first + 1);
+
+        // Local deductions, then the minute's poll brings the server's figure back.
+        s.balance->deductSeconds(29.5);
+        QCOMPARE(s.balance->balanceSeconds(), 3630);
+        QCOMPARE(s.balance->minutesRemaining(), 60);
+        s.balance->deductSeconds(-0.5);
+        QCOMPARE(s.balance->balanceSeconds(), 3631);
+        s.balance->deductSeconds(1e30);
+        QCOMPARE(s.balance->balanceSeconds(), 0);
+        QCOMPARE(s.balance->minutesRemaining(), 0);
+        s.clock.advance(60s);
+        QTRY_COMPARE(s.balance->balanceSeconds(), 3660);
+
+        s.auth->signOut();
+        QCOMPARE(s.balance->balanceSeconds(), 0);
+        QVERIFY(!s.balance->isPolling());
+    }
+
+    void balanceFailures_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("500") << 500 << QStringLiteral("Server error (500)");
+        QTest::newRow("401") << 401 << QStringLiteral("Please sign in again");
+        QTest::newRow("404") << 404 << QStringLiteral("Server error (404)");
+    }
+    void balanceFailures()
+    {
+        QFETCH(int, status);
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        s.startBalance();
+        QVERIFY(s.signIn());
+        QTRY_VERIFY(!s.balance->isLoading());
+        failNext(QStringLiteral("balance"), status, 1);
+        s.clock.advance(60s);
+        QTRY_VERIFY(s.balance->lastError());
+        QTEST(*s.balance->lastError(), "error");
+        QVERIFY(s.auth->isSignedIn());
+    }
+
+    void usageAndPurchase()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        s.startBalance();
+        s.balance->openPurchasePage();
+        QCOMPARE(s.opened.last(), m_server->url());
+        QVERIFY(s.signIn());
+
+        std::optional<UsageStatsResponse> usage;
+        bool answered = false;
+        s.balance->fetchUsageStats(QStringLiteral("month"), this,
+                                   [&](const auto &u) { usage = u, answered = true; });
+        QTRY_VERIFY(answered);
+        QVERIFY(usage);
+        QCOMPARE(usage->narrations, 0);
+
+        s.balance->openPurchasePage();
+        QTRY_COMPARE(s.opened.size(), 3);
+        const QUrl exchange = s.opened.last();
+        QVERIFY2(exchange.toString().startsWith(m_server->url().toString() +
+                                                QStringLiteral("/api/auth/token-exchange?code=")),
+                 qPrintable(exchange.toString()));
+        QVERIFY(exchange.toString().endsWith(QStringLiteral("&next=%2Fpurchase")));
+        QCOMPARE(DevServer::redirectOf(exchange).path(), QStringLiteral("/purchase"));
+
+        failNext(QStringLiteral("generate-code"), 500, 1);
+        s.balance->openPurchasePage();
+        QTRY_COMPARE(s.opened.size(), 4);
+        QCOMPARE(s.opened.last(), m_server->url());
+        QVERIFY(
+            s.log.contains(QStringLiteral("Failed to generate exchange code: Invalid response from server")));
+    }
+
+    // A narration through the service: signed in with the browser, heard on the null sink, counted
+    // against the balance here and on the server.
+    void serviceNarration()
+    {
+        QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("600")}));
+        Session s(*m_server);
+        s.startAuth();
+        s.startBalance();
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("defaults.conf")));
+        SessionAccount account(*s.auth, *s.balance);
+        SpeechManager::Services services;
+        services.defaults = &defaults;
+        services.keychain = &s.keychain;
+        services.account = &account;
+        NoSelection noSelection;
+        services.selection = &noSelection;
+        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime);
+        services.serviceOrigin = m_server->url();
+        SpeechManager speech(std::move(services));
+
+        QVERIFY(s.signIn());
+        QTRY_COMPARE(s.balance->balanceSeconds(), 600);
+
+        QSignalSpy ended(&speech, &SpeechManager::playbackEnded);
+        speech.speak(QStringLiteral("Hello there."));
+        QVERIFY(ended.wait(20000));
+        QVERIFY(!speech.currentError());
+        const qint64 local = s.balance->balanceSeconds();
+        QVERIFY2(local < 600 && local >= 595, qPrintable(QString::number(local)));
+        s.clock.advance(60s);
+        QTRY_COMPARE(s.balance->balanceSeconds(), m_server->control(QStringLiteral("/dev/state"))
+                                                      .value(QStringLiteral("balance_seconds"))
+                                                      .toInteger());
+
+        // The server has nothing left while the local copy still shows time: its 402 is the low-balance text.
+        m_server->control(QStringLiteral("/dev/balance"), {{"seconds", 0}});
+        speech.speak(QStringLiteral("Once more."));
+        QTRY_VERIFY(speech.currentError());
+        QCOMPARE(speech.currentErrorId(), QStringLiteral("insufficientBalance"));
+
+        // Under a minute locally: the request never leaves.
+        const int streams = requestsTo(*m_server, QStringLiteral("/api/tts/stream"));
+        s.balance->deductSeconds(double(s.balance->balanceSeconds() - 59));
+        speech.speak(QStringLiteral("And again."));
+        QCOMPARE(speech.currentErrorDescription(), SpeechError::makeInsufficientBalance(0).description());
+        QTest::qWait(200);
+        QCOMPARE(requestsTo(*m_server, QStringLiteral("/api/tts/stream")), streams);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAccountSession)
+#include "tst_accountsession.moc"

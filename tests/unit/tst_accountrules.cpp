@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
+#include "account/KeychainHelper.h"
+#include "platform/null/MemorySecretStore.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTest>
+
+namespace {
+
+QByteArray base64Url(const QByteArray &bytes)
+{
+    return bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+}
+
+QString jwtWithPayload(const QByteArray &payload)
+{
+    return QString::fromLatin1(base64Url(R"({"alg":"HS256","typ":"JWT"})") + '.' + base64Url(payload) +
+                               ".c2ln");
+}
+
+const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1'800'000'000, Qt::UTC);
+
+} // namespace
+
+class TestAccountRules : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void tokenExpiry_data()
+    {
+        QTest::addColumn<QString>("token");
+        QTest::addColumn<int>("margin");
+        QTest::addColumn<bool>("expired");
+        const auto exp = [](qint64 at) { return jwtWithPayload("{\"exp\":" + QByteArray::number(at) + '}'); };
+        const qint64 now = kNow.toSecsSinceEpoch();
+        QTest::newRow("an hour left") << exp(now + 3600) << 60 << false;
+        QTest::newRow("inside the margin") << exp(now + 59) << 60 << true;
+        QTest::newRow("exactly at the margin") << exp(now + 60) << 60 << false;
+        QTest::newRow("wake margin") << exp(now + 299) << 300 << true;
+        QTest::newRow("past") << exp(now - 1) << 0 << true;
+        QTest::newRow("payload needs padding")
+            << jwtWithPayload(R"({"exp":1900000000,"x":"a"})") << 60 << false;
+        QTest::newRow("huge exp") << jwtWithPayload(R"({"exp":1e300})") << 60 << false;
+        QTest::newRow("exp beyond 64 bits")
+            << jwtWithPayload(R"({"exp":99999999999999999999999})") << 60 << false;
+        QTest::newRow("exp is a string") << jwtWithPayload(R"({"exp":"1900000000"})") << 60 << true;
+        QTest::newRow("no exp") << jwtWithPayload(R"({"sub":"x"})") << 60 << true;
+        QTest::newRow("payload is an array") << jwtWithPayload("[1900000000]") << 60 << true;
+        QTest::newRow("payload is not JSON") << jwtWithPayload("exp=1900000000") << 60 << true;
+        QTest::newRow("bad base64") << QStringLiteral("a.!!!!.c") << 60 << true;
+        QTest::newRow("two parts") << exp(now + 3600).section(u'.', 0, 1) << 60 << true;
+        QTest::newRow("four parts") << exp(now + 3600) + QStringLiteral(".d") << 60 << true;
+        QTest::newRow("empty") << QString() << 60 << true;
+        QTest::newRow("not Latin-1") << QStringLiteral("a.\u00e9\u4e2d.c") << 60 << true;
+        QTest::newRow("megabytes") << QString(4 << 20, u'.') << 60 << true;
+        QTest::newRow("megabyte payload")
+            << jwtWithPayload(R"({"pad":")" + QByteArray(3 << 20, 'x') + R"(","exp":1900000000})") << 60
+            << false;
+    }
+    void tokenExpiry()
+    {
+        QFETCH(QString, token);
+        QFETCH(int, margin);
+        QTEST(AuthManager::isTokenExpired(token, margin, kNow), "expired");
+    }
+
+    void fragmentParsing_data()
+    {
+        QTest::addColumn<QString>("fragment");
+        QTest::addColumn<QVariantMap>("expected");
+        QTest::newRow("two tokens") << QStringLiteral("access_token=a&refresh_token=r")
+                                    << QVariantMap{{"access_token", "a"}, {"refresh_token", "r"}};
+        QTest::newRow("empty pieces") << QStringLiteral("&&a=1&&") << QVariantMap{{"a", "1"}};
+        QTest::newRow("piece without =") << QStringLiteral("flag&a=1") << QVariantMap{{"a", "1"}};
+        QTest::newRow("several =") << QStringLiteral("a=b=c&d=1") << QVariantMap{{"d", "1"}};
+        QTest::newRow("empty key and value") << QStringLiteral("=&a=") << QVariantMap{{"", ""}, {"a", ""}};
+        QTest::newRow("percent escapes")
+            << QStringLiteral("a=x%2By%3D%26z%20") << QVariantMap{{"a", "x+y=&z "}};
+        QTest::newRow("plus stays") << QStringLiteral("a=x+y") << QVariantMap{{"a", "x+y"}};
+        QTest::newRow("UTF-8 escape")
+            << QStringLiteral("a=%C3%A9") << QVariantMap{{"a", QStringLiteral("\u00e9")}};
+        QTest::newRow("bad escape kept")
+            << QStringLiteral("a=50%zz&b=%4") << QVariantMap{{"a", "50%zz"}, {"b", "%4"}};
+        QTest::newRow("non-UTF-8 kept") << QStringLiteral("a=%FF%FE") << QVariantMap{{"a", "%FF%FE"}};
+        QTest::newRow("later duplicate wins") << QStringLiteral("a=1&a=2") << QVariantMap{{"a", "2"}};
+    }
+    void fragmentParsing()
+    {
+        QFETCH(QString, fragment);
+        QFETCH(QVariantMap, expected);
+        QVariantMap actual;
+        const QHash<QString, QString> params = AuthManager::parseFragment(fragment);
+        for (auto it = params.cbegin(); it != params.cend(); ++it)
+            actual.insert(it.key(), it.value());
+        QCOMPARE(actual, expected);
+    }
+
+    void hugeFragment()
+    {
+        QString fragment;
+        for (int i = 0; i < 200'000; ++i)
+            fragment += QStringLiteral("k%1=v&").arg(i % 1000);
+        fragment += QStringLiteral("access_token=last");
+        const QHash<QString, QString> params = AuthManager::parseFragment(fragment);
+        QCOMPARE(params.size(), 1001);
+        QCOMPARE(params.value(QStringLiteral("access_token")), QStringLiteral("last"));
+    }
+
+    void callbacksWithoutTokens_data()
+    {
+        QTest::addColumn<QUrl>("url");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("no fragment") << QUrl(QStringLiteral("quillvox://auth/callback"))
+                                     << QStringLiteral("Authentication failed: No tokens in callback");
+        QTest::newRow("access token only")
+            << QUrl(QStringLiteral("quillvox://auth/callback#access_token=a"))
+            << QStringLiteral("Authentication failed: Missing tokens in callback");
+        QTest::newRow("empty fragment")
+            << QUrl(QStringLiteral("quillvox://auth/callback#"))
+            << QStringLiteral("Authentication failed: Missing tokens in callback");
+    }
+    void callbacksWithoutTokens()
+    {
+        QFETCH(QUrl, url);
+        auto *store = new MemorySecretStore;
+        KeychainHelper keychain(QStringLiteral("test"), std::unique_ptr<SecretStore>(store));
+        QStringList log;
+        AuthManager::Services services;
+        services.keychain = &keychain;
+        services.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+        services.log = [&log](const QString &line) { log << line; };
+        AuthManager auth(std::move(services));
+        QCOMPARE(auth.state(), AuthManager::State::signedOut);
+
+        auth.handleCallback(url);
+        QTEST(auth.currentErrorDescription(), "error");
+        QCOMPARE(auth.state(), AuthManager::State::signedOut);
+        QVERIFY(!keychain.load(KeychainKey::accessToken));
+        QCOMPARE(log.first(), QStringLiteral("[AuthManager] No access token found, user is signed out"));
+        QCOMPARE(log.at(1), QStringLiteral("[AuthManager] Received auth callback"));
+    }
+
+    void authorizeUrl()
+    {
+        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
+        AuthManager::Services services;
+        services.keychain = &keychain;
+        services.authOrigin = QUrl(QStringLiteral("https://auth.example.org"));
+        services.serviceOrigin = QUrl(QStringLiteral("https://service.example.org"));
+        services.log = [](const QString &) {};
+        AuthManager auth(std::move(services));
+        QCOMPARE(auth.authorizeUrl(true).toString(QUrl::FullyEncoded),
+                 QStringLiteral("https://auth.example.org/auth/v1/authorize?provider=google&redirect_to="
+                                "https%3A%2F%2Fservice.example.org%2Fauth%2Fapp-callback"));
+        QVERIFY(auth.authorizeUrl(false).toString().contains(u"?provider=apple&"));
+    }
+
+    void formattedBalance_data()
+    {
+        QTest::addColumn<qint64>("seconds");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("0") << qint64(0) << QStringLiteral("0m");
+        QTest::newRow("3599") << qint64(3599) << QStringLiteral("59m");
+        QTest::newRow("3600") << qint64(3600) << QStringLiteral("1h");
+        QTest::newRow("3660") << qint64(3660) << QStringLiteral("1h 1m");
+        QTest::newRow("7199") << qint64(7199) << QStringLiteral("1h 59m");
+        QTest::newRow("7200") << qint64(7200) << QStringLiteral("2h");
+    }
+    void formattedBalance()
+    {
+        QFETCH(qint64, seconds);
+        QTEST(BalanceManager::formatBalance(seconds), "text");
+    }
+
+    void errorTexts()
+    {
+        QCOMPARE(AuthError::makeNetworkError(QStringLiteral("offline")).description(),
+                 QStringLiteral("Network error: offline"));
+        QCOMPARE(AuthError::make(AuthError::invalidURL).description(),
+                 QStringLiteral("Invalid authentication URL"));
+        QCOMPARE(AuthError::make(AuthError::tokenRefreshFailed).description(),
+                 QStringLiteral("Failed to refresh authentication"));
+        QCOMPARE(AuthError::make(AuthError::userCancelled).description(),
+                 QStringLiteral("Authentication cancelled"));
+        QCOMPARE(BalanceError::makeServerError(503).description(), QStringLiteral("Server error (503)"));
+        QCOMPARE(BalanceError::make(BalanceError::invalidResponse).description(),
+                 QStringLiteral("Invalid response from server"));
+        QCOMPARE(BalanceError::make(BalanceError::unauthorized).description(),
+                 QStringLiteral("Please sign in again"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAccountRules)
+#include "tst_accountrules.moc"
