@@ -15,6 +15,7 @@ namespace {
 constexpr int kRequestTimeoutMs = 60'000;
 // Account answers are a few hundred bytes; a hostile server gets no more memory than this.
 constexpr qint64 kMaximumBodyBytes = 1 << 20;
+constexpr char kTooLarge[] = "quillvoxTooLarge";
 
 } // namespace
 
@@ -29,17 +30,26 @@ void sendAccountRequest(QNetworkAccessManager &network, const AccountRequest &re
     for (const auto &[name, value] : request.headers)
         r.setRawHeader(name, value);
     QNetworkReply *reply = network.sendCustomRequest(r, request.method, request.body);
+    // Stops reading a body that grows past the limit instead of holding all of it.
     QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received, qint64) {
-        if (received > kMaximumBodyBytes)
+        if (received > kMaximumBodyBytes) {
+            reply->setProperty(kTooLarge, true);
             reply->abort();
+        }
     });
     QObject::connect(reply, &QNetworkReply::finished, context, [reply, done = std::move(done)] {
         HttpAnswer answer;
         const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-        if (status.isValid() && reply->error() != QNetworkReply::OperationCanceledError) {
+        if (!reply->property(kTooLarge).toBool() && status.isValid() &&
+            reply->error() != QNetworkReply::OperationCanceledError) {
             answer.status = status.toInt();
-            answer.body = reply->readAll();
-        } else {
+            answer.body = reply->read(kMaximumBodyBytes + 1);
+        }
+        if (reply->property(kTooLarge).toBool() || answer.body.size() > kMaximumBodyBytes) {
+            answer.status.reset();
+            answer.body.clear();
+            answer.transportError = QStringLiteral("The server's answer is too large.");
+        } else if (!answer.status) {
             answer.transportError = reply->errorString();
         }
         done(answer);

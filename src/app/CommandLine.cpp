@@ -209,13 +209,14 @@ int runQuillvox(int argc, char *argv[])
         arguments << QString::fromLocal8Bit(argv[i]);
     if (!isHeadlessMode(arguments.mid(1))) {
         // A callback URL from the browser, or a plain start.
-        std::optional<QUrl> url;
+        // Kept as written: routing compares host and path exactly.
+        std::optional<QString> url;
         for (const QString &a : arguments.mid(1)) {
             if (a.startsWith(QStringLiteral("quillvox:")))
-                url = QUrl(a, QUrl::StrictMode);
+                url = a;
         }
         if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("ping"),
-                                 url ? url->toString() : QString(), 2000)) {
+                                 url.value_or(QString()), 2000)) {
             if (!url)
                 QTextStream(stderr) << "Quillvox is already running." << Qt::endl;
             return 0;

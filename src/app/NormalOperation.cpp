@@ -29,7 +29,7 @@ void explainWayland()
 
 } // namespace
 
-int runNormalOperation(QApplication &app, const std::optional<QUrl> &startUrl)
+int runNormalOperation(QApplication &app, const std::optional<QString> &startUrl)
 {
     app.setQuitOnLastWindowClosed(false);
     const bool x11 = X11Session::connection() && !X11Session::isWaylandSession();

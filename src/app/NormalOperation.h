@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <QUrl>
+#include <QString>
 
 #include <optional>
 
@@ -9,4 +9,4 @@ class QApplication;
 
 // The application proper: the narration controller, selection capture and the six global shortcuts,
 // listening for requests from later `quillvox` invocations. Runs until quit.
-int runNormalOperation(QApplication &app, const std::optional<QUrl> &startUrl);
+int runNormalOperation(QApplication &app, const std::optional<QString> &startUrl);

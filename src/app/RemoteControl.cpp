@@ -9,7 +9,9 @@
 #include "speech/SpeechManager.h"
 
 #include <QJsonArray>
+#include <QRegularExpression>
 #include <QTimer>
+#include <QUrl>
 
 RemoteControl::RemoteControl(SpeechManager &speech, HotkeyManager *hotkeys)
     : m_speech(speech)
@@ -52,7 +54,7 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
     } else if (command == u"speak") {
         later([this, argument] { m_speech.speak(argument); });
     } else if (command == u"open-url") {
-        routeUrl(QUrl(argument, QUrl::StrictMode));
+        routeUrl(argument);
     } else if (command == u"status") {
         return QJsonObject{{QStringLiteral("ok"), true}, {QStringLiteral("status"), status()}};
     } else {
@@ -116,18 +118,44 @@ QJsonObject RemoteControl::status() const
     };
 }
 
-void RemoteControl::routeUrl(const QUrl &url)
+RemoteControl::UrlRoute RemoteControl::urlRoute(const QString &text)
 {
-    // Only host and path decide, exactly and case-sensitively; the scheme is whatever brought it here.
-    if (url.host() == u"auth" && url.path() == u"/callback") {
+    const qsizetype schemeEnd = text.indexOf(QStringLiteral("://"));
+    if (schemeEnd < 0)
+        return UrlRoute::Ignored;
+    const QStringView rest = QStringView(text).mid(schemeEnd + 3);
+    qsizetype authorityEnd = 0;
+    while (authorityEnd < rest.size() && !QStringView(u"/?#").contains(rest[authorityEnd]))
+        ++authorityEnd;
+    QStringView host = rest.first(authorityEnd);
+    host = host.mid(host.lastIndexOf(u'@') + 1);
+    if (const qsizetype port = host.indexOf(u':'); port >= 0)
+        host = host.first(port);
+    QStringView path = rest.mid(authorityEnd);
+    if (const qsizetype end = path.indexOf(QRegularExpression(QStringLiteral("[?#]"))); end >= 0)
+        path = path.first(end);
+    if (host == u"auth" && path == u"/callback")
+        return UrlRoute::AuthCallback;
+    if (host == u"purchase" && path == u"/success")
+        return UrlRoute::PurchaseSuccess;
+    return UrlRoute::Ignored;
+}
+
+void RemoteControl::routeUrl(const QString &text)
+{
+    const QUrl url(text, QUrl::StrictMode);
+    const UrlRoute route = url.isValid() ? urlRoute(text) : UrlRoute::Ignored;
+    switch (route) {
+    case UrlRoute::AuthCallback:
         AuthManager::shared().handleCallback(url);
         return;
-    }
-    if (url.host() == u"purchase" && url.path() == u"/success") {
+    case UrlRoute::PurchaseSuccess:
         BalanceManager::shared().refreshBalance();
         // Nothing to bring forward until the application has windows of its own.
         qCInfo(lcApp) << "purchase completed";
         return;
+    case UrlRoute::Ignored:
+        qCInfo(lcApp) << "ignoring unknown callback URL";
+        return;
     }
-    qCInfo(lcApp) << "ignoring unknown callback URL";
 }

@@ -3,7 +3,6 @@
 
 #include <QJsonObject>
 #include <QString>
-#include <QUrl>
 
 class HotkeyManager;
 class SpeechManager;
@@ -20,8 +19,11 @@ public:
     QJsonObject handle(const QString &command, const QString &argument);
     QJsonObject status() const;
 
-    // Routes a callback URL by host and path (exact, case-sensitive); anything else is ignored.
-    void routeUrl(const QUrl &url);
+    enum class UrlRoute { Ignored, AuthCallback, PurchaseSuccess };
+    // Which callback a URL is, by host and path exactly as written (QUrl would lower-case the host).
+    static UrlRoute urlRoute(const QString &text);
+    // Routes a callback URL; anything else, an unparsable text included, is ignored.
+    void routeUrl(const QString &text);
 
     static const QStringList &controlCommands();
 

@@ -2,6 +2,7 @@
 #include "account/AuthManager.h"
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
+#include "app/RemoteControl.h"
 #include "platform/null/MemorySecretStore.h"
 
 #include <QJsonDocument>
@@ -157,6 +158,28 @@ private Q_SLOTS:
                  QStringLiteral("https://auth.example.org/auth/v1/authorize?provider=google&redirect_to="
                                 "https%3A%2F%2Fservice.example.org%2Fauth%2Fapp-callback"));
         QVERIFY(auth.authorizeUrl(false).toString().contains(u"?provider=apple&"));
+    }
+
+    void callbackUrlRoutes_data()
+    {
+        QTest::addColumn<QString>("url");
+        QTest::addColumn<int>("route");
+        const int auth = int(RemoteControl::UrlRoute::AuthCallback);
+        const int purchase = int(RemoteControl::UrlRoute::PurchaseSuccess);
+        const int ignored = int(RemoteControl::UrlRoute::Ignored);
+        QTest::newRow("sign-in") << QStringLiteral("quillvox://auth/callback#access_token=a") << auth;
+        QTest::newRow("purchase") << QStringLiteral("quillvox://purchase/success?package=x") << purchase;
+        QTest::newRow("other scheme") << QStringLiteral("other://auth/callback") << auth;
+        QTest::newRow("host in capitals") << QStringLiteral("quillvox://AUTH/callback") << ignored;
+        QTest::newRow("path in capitals") << QStringLiteral("quillvox://auth/Callback") << ignored;
+        QTest::newRow("trailing slash") << QStringLiteral("quillvox://auth/callback/") << ignored;
+        QTest::newRow("sign-in error") << QStringLiteral("quillvox://auth/error") << ignored;
+        QTest::newRow("no authority") << QStringLiteral("quillvox:auth/callback") << ignored;
+    }
+    void callbackUrlRoutes()
+    {
+        QFETCH(QString, url);
+        QTEST(int(RemoteControl::urlRoute(url)), "route");
     }
 
     void formattedBalance_data()

@@ -13,6 +13,8 @@
 #include "speech/SpeechManager.h"
 
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -83,6 +85,38 @@ struct Session
     std::unique_ptr<AuthManager> auth;
     std::unique_ptr<BalanceManager> balance;
 };
+
+// Answers every request with the same raw bytes, then closes the connection.
+class CannedHttpServer : public QTcpServer
+{
+public:
+    explicit CannedHttpServer(QByteArray answer)
+        : m_answer(std::move(answer))
+    {
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = nextPendingConnection()) {
+                connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                    if (!socket->readAll().contains("\r\n\r\n"))
+                        return;
+                    socket->write(m_answer);
+                    socket->disconnectFromHost();
+                });
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
+        listen(QHostAddress::LocalHost);
+    }
+    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(serverPort())); }
+
+private:
+    QByteArray m_answer;
+};
+
+QByteArray ok(const QByteArray &body)
+{
+    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+           QByteArray::number(body.size()) + "\r\n\r\n" + body;
+}
 
 int requestsTo(const DevServer &server, const QString &path)
 {
@@ -342,6 +376,50 @@ private Q_SLOTS:
         s.clock.advance(60s);
         QTRY_VERIFY(s.balance->lastError());
         QTEST(*s.balance->lastError(), "error");
+        QVERIFY(s.auth->isSignedIn());
+    }
+
+    // Whatever the service answers, the balance gets a clear error and the session stays.
+    void hostileBalanceAnswers_data()
+    {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("not JSON") << ok("<html>") << QStringLiteral("The server's answer is not valid JSON");
+        QTest::newRow("array") << ok("[1200, 20]")
+                               << QStringLiteral("The server's answer is not a JSON object.");
+        QTest::newRow("seconds as text")
+            << ok(R"({"balance_seconds":"1200","minutes_remaining":20})")
+            << QStringLiteral("The server's answer has no valid \"balance_seconds\".");
+        QTest::newRow("fraction") << ok(R"({"balance_seconds":1.5,"minutes_remaining":0})")
+                                  << QStringLiteral("The server's answer has no valid \"balance_seconds\".");
+        QTest::newRow("huge") << ok(R"({"balance_seconds":1e300,"minutes_remaining":0})")
+                              << QStringLiteral("The server's answer has no valid \"balance_seconds\".");
+        QTest::newRow("no minutes") << ok(R"({"balance_seconds":60})")
+                                    << QStringLiteral(
+                                           "The server's answer has no valid \"minutes_remaining\".");
+        QTest::newRow("megabytes") << ok(QByteArray(3 << 20, ' ') + "{}")
+                                   << QStringLiteral("The server's answer is too large.");
+        QTest::newRow("redirect")
+            << QByteArray("HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n")
+            << QStringLiteral("Server error (302)");
+        QTest::newRow("garbage status line") << QByteArray("SSH-2.0-OpenSSH\r\n\r\n") << QString();
+        QTest::newRow("closed at once") << QByteArray() << QString();
+    }
+    void hostileBalanceAnswers()
+    {
+        QFETCH(QByteArray, answer);
+        QFETCH(QString, error);
+        QVERIFY(startServer());
+        CannedHttpServer service(answer);
+        Session s(*m_server);
+        s.startAuth();
+        QVERIFY(s.signIn());
+        s.origin = service.url();
+        s.startBalance();
+        QTRY_VERIFY(s.balance->lastError());
+        QVERIFY2(s.balance->lastError()->startsWith(error), qPrintable(*s.balance->lastError()));
+        QVERIFY(!s.balance->lastError()->isEmpty());
+        QCOMPARE(s.balance->balanceSeconds(), 0);
         QVERIFY(s.auth->isSignedIn());
     }
 
