@@ -310,13 +310,17 @@ void SpeechManager::appendStreamBytes(const QByteArray &piece)
     m_pendingBytes.append(piece);
     qsizetype consumed = 0;
     while (m_pendingBytes.size() - consumed >= kAudioChunkSize) {
-        acceptChunk(m_pendingBytes.mid(consumed, kAudioChunkSize));
+        // Always a copy of exactly one chunk: mid() would hand back the network's whole buffer, spare
+        // capacity included, when a piece is exactly one chunk long, and it is kept for the narration.
+        acceptChunk(QByteArray(m_pendingBytes.constData() + consumed, kAudioChunkSize));
         consumed += kAudioChunkSize;
         publishTotals();
         startCheck(false);
     }
+    // The leftover is copied out: trimming in place would keep the whole arrival's allocation (a fast
+    // server can send minutes of audio in one piece) alive for the rest of the narration.
     if (consumed > 0)
-        m_pendingBytes.remove(0, consumed);
+        m_pendingBytes = QByteArray(m_pendingBytes.constData() + consumed, m_pendingBytes.size() - consumed);
 }
 
 void SpeechManager::acceptChunk(const QByteArray &chunk)
@@ -346,7 +350,7 @@ void SpeechManager::startCheck(bool streamEnded)
 void SpeechManager::finishStream()
 {
     if (!m_pendingBytes.isEmpty()) {
-        const QByteArray remainder = m_pendingBytes;
+        const QByteArray remainder(m_pendingBytes.constData(), m_pendingBytes.size());
         m_pendingBytes.clear();
         acceptChunk(remainder);
     }

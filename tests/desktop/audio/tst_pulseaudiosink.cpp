@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "PulseServer.h"
+
 #include "platform/pulse/PulseAudioSink.h"
 #include "speech/AudioEngine.h"
 
 #include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -12,10 +12,6 @@
 #include <QtEndian>
 
 #include <cmath>
-#include <sys/prctl.h>
-
-#include <csignal>
-#include <cstring>
 #include <numbers>
 #include <vector>
 
@@ -31,182 +27,6 @@ QByteArray sine(qint64 frames, double hz, double amplitude)
         qToLittleEndian<qint16>(static_cast<qint16>(std::lround(v * 32767)), bytes.data() + 2 * i);
     }
     return bytes;
-}
-
-// A crashed test must not leave daemons behind.
-void dieWithTheTest(QProcess &process)
-{
-    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
-}
-
-// A PulseAudio daemon of the test's own (so that it can be killed), with a null sink at the stream's
-// format and a recorder on its monitor.
-class PulseServer
-{
-public:
-    explicit PulseServer(const QString &dir)
-        : m_dir(dir)
-    {
-        dieWithTheTest(m_daemon);
-        dieWithTheTest(m_recorder);
-    }
-    ~PulseServer()
-    {
-        stopRecorder();
-        kill();
-    }
-
-    QString address() const { return QStringLiteral("unix:%1/pulse.sock").arg(m_dir); }
-
-    bool start()
-    {
-        QDir().mkpath(m_dir + QStringLiteral("/run"));
-        QFile::setPermissions(m_dir + QStringLiteral("/run"),
-                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_dir + QStringLiteral("/run"));
-        env.insert(QStringLiteral("HOME"), m_dir);
-        // Not the session's bus or display: the rig's own daemon holds the bus names.
-        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        env.remove(QStringLiteral("DISPLAY"));
-        m_daemon.setProcessEnvironment(env);
-        m_daemon.setStandardOutputFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
-        m_daemon.setStandardErrorFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
-        m_daemon.start(
-            QStringLiteral("pulseaudio"),
-            {QStringLiteral("--daemonize=no"), QStringLiteral("-n"), QStringLiteral("--exit-idle-time=-1"),
-             QStringLiteral("--use-pid-file=no"), QStringLiteral("--log-target=stderr"),
-             QStringLiteral("--load=module-null-sink sink_name=t rate=24000 channels=1 "
-                            "format=float32le sink_properties=device.description=t"),
-             QStringLiteral("--load=module-native-protocol-unix auth-anonymous=1 socket=%1/pulse.sock")
-                 .arg(m_dir)});
-        if (!m_daemon.waitForStarted(5000))
-            return false;
-        for (int i = 0; i < 100; ++i) {
-            QProcess pactl;
-            pactl.start(QStringLiteral("pactl"), {QStringLiteral("-s"), address(), QStringLiteral("info")});
-            if (pactl.waitForFinished(2000) && pactl.exitStatus() == QProcess::NormalExit &&
-                pactl.exitCode() == 0)
-                return true;
-            QTest::qWait(100);
-        }
-        return false;
-    }
-
-    void kill()
-    {
-        if (m_daemon.state() == QProcess::NotRunning)
-            return;
-        ::kill(pid_t(m_daemon.processId()), SIGCONT);
-        m_daemon.kill();
-        m_daemon.waitForFinished(5000);
-    }
-
-    void suspend() { ::kill(pid_t(m_daemon.processId()), SIGSTOP); }
-    void resume() { ::kill(pid_t(m_daemon.processId()), SIGCONT); }
-
-    bool startRecorder()
-    {
-        m_recording = m_dir + QStringLiteral("/sink.f32");
-        m_recorder.setStandardOutputFile(m_recording);
-        m_recorder.setStandardErrorFile(m_dir + QStringLiteral("/parec.log"));
-        m_recorder.start(QStringLiteral("parec"),
-                         {QStringLiteral("-s"), address(), QStringLiteral("-d"), QStringLiteral("t.monitor"),
-                          QStringLiteral("--rate=24000"), QStringLiteral("--channels=1"),
-                          QStringLiteral("--format=float32le"), QStringLiteral("--latency-msec=10"),
-                          QStringLiteral("--raw")});
-        if (!m_recorder.waitForStarted(5000))
-            return false;
-        // The null sink keeps its long idle blocks for up to 2 s before a recorder's latency applies.
-        QTest::qWait(2200);
-        return true;
-    }
-
-    void stopRecorder()
-    {
-        if (m_recorder.state() == QProcess::NotRunning)
-            return;
-        m_recorder.terminate();
-        if (!m_recorder.waitForFinished(5000)) {
-            m_recorder.kill();
-            m_recorder.waitForFinished(5000);
-        }
-    }
-
-    std::vector<float> recorded() const
-    {
-        QFile file(m_recording);
-        if (!file.open(QIODevice::ReadOnly))
-            return {};
-        const QByteArray bytes = file.readAll();
-        std::vector<float> samples(std::size_t(bytes.size()) / sizeof(float));
-        std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
-        return samples;
-    }
-
-private:
-    QString m_dir;
-    QProcess m_daemon;
-    QProcess m_recorder;
-    QString m_recording;
-};
-
-// Points libpulse (which reads it at connect time) at one server for the life of the scope.
-class PulseServerEnvironment
-{
-public:
-    explicit PulseServerEnvironment(const QString &address)
-        : m_had(qEnvironmentVariableIsSet("PULSE_SERVER"))
-        , m_old(qgetenv("PULSE_SERVER"))
-    {
-        qputenv("PULSE_SERVER", address.toLocal8Bit());
-    }
-    ~PulseServerEnvironment()
-    {
-        if (m_had)
-            qputenv("PULSE_SERVER", m_old);
-        else
-            qunsetenv("PULSE_SERVER");
-    }
-
-private:
-    bool m_had;
-    QByteArray m_old;
-};
-
-struct Sound
-{
-    qint64 start = -1;
-    qint64 end = -1;
-    double seconds() const { return double(end - start) / kRate; }
-};
-
-Sound findSound(const std::vector<float> &x, float threshold = 0.05f)
-{
-    Sound sound;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        if (std::abs(x[i]) > threshold) {
-            if (sound.start < 0)
-                sound.start = qint64(i);
-            sound.end = qint64(i) + 1;
-        }
-    }
-    return sound;
-}
-
-double frequency(const std::vector<float> &x, qint64 from, qint64 to)
-{
-    int crossings = 0;
-    qint64 first = 0, last = 0;
-    for (qint64 i = from + 1; i < to; ++i) {
-        if (x[std::size_t(i - 1)] < 0 && x[std::size_t(i)] >= 0) {
-            if (crossings == 0)
-                first = i;
-            last = i;
-            ++crossings;
-        }
-    }
-    return crossings < 2 ? 0 : (crossings - 1) * double(kRate) / double(last - first);
 }
 
 class Collector

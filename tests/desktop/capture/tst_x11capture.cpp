@@ -8,8 +8,10 @@
 #include "shortcuts/KeyTable.h"
 #include "shortcuts/NarrationControls.h"
 
+#include "X11Desktop.h"
+
+#include <QFile>
 #include <QGuiApplication>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -37,45 +39,6 @@ class NoCapture final : public SelectionSource
 public:
     bool isProcessTrusted(bool) override { return true; }
     std::optional<QString> captureSelectedText() override { return std::nullopt; }
-};
-
-QByteArray run(const QString &program, const QStringList &arguments, int timeoutMs = 15000)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(timeoutMs)) {
-        process.kill();
-        process.waitForFinished();
-        qWarning() << program << arguments << "did not finish";
-        return {};
-    }
-    return process.readAllStandardOutput();
-}
-
-void xdotool(const QStringList &arguments)
-{
-    run(QStringLiteral("xdotool"), arguments);
-}
-
-QByteArray clipboard(const QString &target)
-{
-    return run(QStringLiteral("xclip"), {"-selection", "clipboard", "-o", "-t", target});
-}
-
-// A process the test started, ended when the test ends, however it ends.
-struct ChildProcess
-{
-    QProcess process;
-    ~ChildProcess()
-    {
-        if (process.state() == QProcess::NotRunning)
-            return;
-        process.closeWriteChannel();
-        if (!process.waitForFinished(2000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
 };
 
 } // namespace
@@ -176,19 +139,9 @@ private Q_SLOTS:
     {
         QFETCH(ClipboardContent, before);
 
-        QStringList ownerArguments;
-        for (const auto &[target, bytes] : before) {
-            const QString path = m_dir.filePath(QStringLiteral("before%1").arg(++m_files));
-            QFile f(path);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write(bytes);
-            ownerArguments.append(target + u"=@" + path);
-        }
         ChildProcess owner;
-        owner.process.start(QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), ownerArguments);
-        QVERIFY(owner.process.waitForReadyRead(5000));
-        QCOMPARE(owner.process.readLine().trimmed(), QByteArray("ready"));
-        QCOMPARE(clipboard(before.first().first), before.first().second);
+        QVERIFY(ownClipboard(owner, QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), before, m_dir.path()));
+        QCOMPARE(clipboardBytes(before.first().first), before.first().second);
 
         const QString file = m_dir.filePath(QStringLiteral("narrate%1.txt").arg(++m_files));
         const QByteArray text = "Narrate this line.\nAnd  this one, with spaces.  ";
@@ -198,14 +151,7 @@ private Q_SLOTS:
             f.write(text);
         }
         ChildProcess editor;
-        editor.process.start(QStringLiteral("mousepad"), {file});
-        const QByteArray window = run(QStringLiteral("xdotool"),
-                                      {"search", "--sync", "--onlyvisible", "--class", "mousepad"}, 20000)
-                                      .split('\n')
-                                      .value(0);
-        QVERIFY2(!window.isEmpty(), "mousepad did not show a window");
-        xdotool({"windowactivate", "--sync", QString::fromLatin1(window)});
-        QTest::qWait(300);
+        QVERIFY2(!openInMousepad(editor, file).isEmpty(), "mousepad did not show a window");
         xdotool({"key", "ctrl+a"});
 
         const auto defaults = freshDefaults();
@@ -220,10 +166,10 @@ private Q_SLOTS:
         QTRY_COMPARE(controls.calls, QStringList{u"speak:" + QString::fromUtf8(text)});
         xdotool({"keyup", "s", "alt", "ctrl"});
 
-        const QList<QByteArray> targets = clipboard(QStringLiteral("TARGETS")).split('\n');
+        const QList<QByteArray> targets = clipboardBytes(QStringLiteral("TARGETS")).split('\n');
         for (const auto &[target, bytes] : before) {
             QVERIFY2(targets.contains(target.toLatin1()), qPrintable(target));
-            QVERIFY2(clipboard(target) == bytes, qPrintable(target));
+            QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
         }
     }
 };

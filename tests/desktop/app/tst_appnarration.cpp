@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// `quillvox --speak` as a user runs it: the app binary in own-key mode, real HTTP to the dev server and
+// real PulseAudio, each case with a sound server of its own whose null sink is recorded.
+#include "DevServer.h"
+#include "PulseServer.h"
+
+#include <QDir>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cmath>
+
+namespace {
+
+constexpr double kBytesPerSecond = 2.0 * PulseServer::kRateHz;
+
+const QString kSentence = QStringLiteral(
+    "The quick brown fox jumps over the lazy dog, and then it runs back across the field to do it again.");
+
+QString commandOutput(QProcess &process)
+{
+    return QString::fromUtf8(process.readAllStandardError()).trimmed();
+}
+
+} // namespace
+
+class TestAppNarration : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir{QDir::tempPath() + QStringLiteral("/qv-app-XXXXXX")};
+
+    static void startApp(QProcess &app, const DevServer &server, const PulseServer &pulse,
+                         const QStringList &arguments)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), server.url().toString());
+        app.setProcessEnvironment(env);
+        dieWithTheTest(app);
+        app.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty())
+            QSKIP("pulseaudio is not installed");
+        // Own-key mode: the dev server's key in this test's keychain service.
+        QProcess setKey;
+        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
+        setKey.write("local\n");
+        setKey.closeWriteChannel();
+        QVERIFY(setKey.waitForFinished(30000));
+        QVERIFY2(setKey.exitStatus() == QProcess::NormalExit && setKey.exitCode() == 0,
+                 qPrintable(commandOutput(setKey)));
+    }
+
+    void playsWhatTheServerSent_data()
+    {
+        QTest::addColumn<QStringList>("serverOptions");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<double>("speed");
+        QTest::addColumn<double>("toneHz"); // 0: speech, no pitch to check
+        QTest::newRow("speech") << QStringList{QStringLiteral("--synth"), QStringLiteral("espeak")}
+                                << QStringList() << 1.0 << 0.0;
+        // Sent faster than real time: at 2x a stream paced at 1x would run dry.
+        QTest::newRow("tone-at-2x") << QStringList{QStringLiteral("--synth"), QStringLiteral("sine"),
+                                                   QStringLiteral("--pace"), QStringLiteral("0")}
+                                    << QStringList{QStringLiteral("--speed"), QStringLiteral("2")} << 2.0
+                                    << 440.0;
+    }
+
+    void playsWhatTheServerSent()
+    {
+        QFETCH(QStringList, serverOptions);
+        QFETCH(QStringList, options);
+        QFETCH(double, speed);
+        QFETCH(double, toneHz);
+
+        PulseServer pulse(m_dir.filePath(QString::fromLatin1(QTest::currentDataTag())));
+        QVERIFY(pulse.start());
+        QVERIFY(pulse.startRecorder());
+        DevServer server;
+        QVERIFY2(server.start(serverOptions), qPrintable(server.errorString()));
+
+        QProcess app;
+        startApp(app, server, pulse, QStringList{QStringLiteral("--speak"), kSentence} + options);
+        QVERIFY2(app.waitForFinished(60000), "the narration did not end within 60 s");
+        const QString errors = commandOutput(app);
+        QVERIFY2(app.exitStatus() == QProcess::NormalExit && app.exitCode() == 0, qPrintable(errors));
+        QTest::qWait(300); // the recorder's own latency
+        pulse.stopRecorder();
+
+        const QList<QJsonObject> log = server.waitForRequests(1);
+        QCOMPARE(log.size(), 1);
+        const double sent =
+            double(log.first().value(QStringLiteral("bodyBytesSent")).toInteger()) / kBytesPerSecond / speed;
+        const std::vector<float> recorded = pulse.recorded();
+        const Sound sound = findSound(recorded);
+        QVERIFY2(sound.start >= 0, "nothing was heard");
+        qInfo("heard %.3f s of %.3f s sent", sound.seconds(), sent);
+        QVERIFY2(std::abs(sound.seconds() - sent) <= 0.05 * sent,
+                 qPrintable(QStringLiteral("heard %1 s, sent %2 s").arg(sound.seconds()).arg(sent)));
+
+        if (toneHz > 0) {
+            // Every second of it, not just on average: a time-stretcher that lost the pitch somewhere
+            // would show here.
+            for (qint64 from = sound.start + 2400; from + PulseServer::kRateHz <= sound.end - 2400;
+                 from += PulseServer::kRateHz) {
+                const double hz = frequency(recorded, from, from + PulseServer::kRateHz);
+                QVERIFY2(std::abs(hz - toneHz) <= 0.01 * toneHz,
+                         qPrintable(QStringLiteral("%1 Hz at %2 s")
+                                        .arg(hz)
+                                        .arg(double(from - sound.start) / PulseServer::kRateHz)));
+            }
+        }
+    }
+
+    void soundServerDiesMidNarration()
+    {
+        PulseServer pulse(m_dir.filePath(QStringLiteral("killed")));
+        QVERIFY(pulse.start());
+        QVERIFY(pulse.startRecorder());
+        DevServer server;
+        QVERIFY2(server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
+                 qPrintable(server.errorString()));
+
+        QProcess app;
+        startApp(app, server, pulse,
+                 {QStringLiteral("--speak"), QStringList(3, kSentence).join(QLatin1Char(' '))});
+        QTRY_VERIFY_WITH_TIMEOUT(findSound(pulse.recorded()).seconds() > 0.5, 20000);
+        pulse.kill();
+
+        QVERIFY2(app.waitForFinished(10000), "the app still runs 10 s after its sound server died");
+        const QString errors = commandOutput(app);
+        QCOMPARE(app.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(app.exitCode(), 1);
+        QVERIFY2(errors.contains(QStringLiteral("Audio engine failed: PulseAudio")), qPrintable(errors));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAppNarration)
+#include "tst_appnarration.moc"

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Quillvox as a user runs it on X11: `quillvox` in the background, text selected in mousepad and the
+// global shortcuts pressed with xdotool, speech from the dev server in own-key mode and sound through a
+// PulseAudio daemon of the test's own whose null sink is recorded.
+#include "DevServer.h"
+#include "PulseServer.h"
+#include "X11Desktop.h"
+
+#include "core/UserDefaults.h"
+#include "platform/x11/X11Connection.h"
+#include "shortcuts/HotkeyManager.h"
+#include "shortcuts/KeyTable.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <xcb/xcb.h>
+
+#include <memory>
+
+namespace {
+
+// About 9 s of tone: long enough to pause, resume and stop it while it plays.
+const QString kLine = QStringLiteral("Narrate only this line: the quick brown fox jumps over the lazy dog, "
+                                     "then runs back across the wide green field and does it all again.");
+const ClipboardContent kClipboard{{"text/plain", "before: plain\n"},
+                                  {"text/html", "<i>before</i> <b>html</b>"}};
+
+constexpr quint32 kKeyN = 45; // N, as a virtual key code
+constexpr quint64 kCtrlAlt = KeyTable::Command | KeyTable::Option;
+// Long enough for a capture (0.1 s copy wait) and a request to the local server to have happened.
+constexpr int kNothingHappensMs = 1500;
+
+void press(const QString &combination)
+{
+    xdotool({"key", combination});
+}
+
+} // namespace
+
+class TestX11Session : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir{QDir::tempPath() + QStringLiteral("/qv-session-XXXXXX")};
+    std::unique_ptr<PulseServer> m_pulse;
+    DevServer m_server;
+    ChildProcess m_editor;
+
+    // A fresh settings file past onboarding, with `changes` on top, then the app with no arguments.
+    bool startApp(ChildProcess &app, const QList<std::pair<const char *, quint64>> &changes = {})
+    {
+        const QString settingsPath = UserDefaults::standardFilePath();
+        QFile::remove(settingsPath);
+        {
+            UserDefaults settings(settingsPath);
+            settings.setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
+            for (const auto &[key, value] : changes)
+                settings.setUnsigned64(QString::fromLatin1(key), value);
+            settings.sync();
+        }
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("PULSE_SERVER"), m_pulse->address());
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        // Nothing leaves loopback.
+        for (const char *origin :
+             {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
+            env.insert(QString::fromLatin1(origin), m_server.url().toString());
+        app.process.setProcessEnvironment(env);
+        app.process.setStandardOutputFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
+        app.process.setStandardErrorFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
+        dieWithTheTest(app.process);
+        app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+        // Ready once it answers on its socket; its shortcuts are grabbed before that.
+        for (int i = 0; i < 100 && app.process.state() != QProcess::NotRunning; ++i) {
+            if (!status().isEmpty())
+                return true;
+            QTest::qWait(100);
+        }
+        return false;
+    }
+
+    static QJsonObject status()
+    {
+        return QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"}))
+            .object();
+    }
+
+    static QJsonObject shortcut(const QJsonObject &status, QStringView action)
+    {
+        for (const QJsonValue &row : status.value(QStringLiteral("shortcuts")).toArray()) {
+            if (row[QStringLiteral("action")].toString() == action)
+                return row.toObject();
+        }
+        return {};
+    }
+
+    QStringList narratedTexts() const
+    {
+        QStringList texts;
+        for (const QJsonObject &record : m_server.requests()) {
+            if (record.value(QStringLiteral("path")).toString() != u"/v1/audio/speech")
+                continue;
+            const QJsonObject body =
+                QJsonDocument::fromJson(record.value(QStringLiteral("body")).toString().toUtf8()).object();
+            texts.append(body.value(QStringLiteral("input")).toString());
+        }
+        return texts;
+    }
+
+    qint64 recordedSamples() const { return qint64(m_pulse->recorded().size()); }
+
+    // Whether anything was heard from sample `from` on (to `to`, or to the end of the recording).
+    bool heard(qint64 from, qint64 to = -1) const
+    {
+        const std::vector<float> all = m_pulse->recorded();
+        to = to < 0 ? qint64(all.size()) : std::min(to, qint64(all.size()));
+        return from < to && findSound(std::vector<float>(all.begin() + from, all.begin() + to)).start >= 0;
+    }
+
+    // Silence for a while, once the sound server has played out what it held.
+    bool staysSilent()
+    {
+        QTest::qWait(300);
+        const qint64 from = recordedSamples();
+        QTest::qWait(700);
+        return recordedSamples() - from > PulseServer::kRateHz / 2 && !heard(from);
+    }
+
+    static void selectTheLastLine() { xdotool({"key", "ctrl+End", "shift+Home"}); }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (qEnvironmentVariableIsEmpty("DISPLAY"))
+            QSKIP("needs an X11 display: run inside scripts/rig.sh");
+        for (const char *program : {"pulseaudio", "mousepad", "xdotool", "xclip"}) {
+            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
+                QSKIP(qPrintable(QString::fromLatin1(program) + u" is not installed"));
+        }
+        QVERIFY(m_dir.isValid());
+
+        // Own-key mode: the dev server's key in this test's keychain service.
+        QProcess setKey;
+        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
+        setKey.write("local\n");
+        setKey.closeWriteChannel();
+        QVERIFY(setKey.waitForFinished(30000));
+        QVERIFY2(setKey.exitStatus() == QProcess::NormalExit && setKey.exitCode() == 0,
+                 setKey.readAllStandardError().constData());
+
+        m_pulse = std::make_unique<PulseServer>(m_dir.filePath(QStringLiteral("pulse")));
+        QVERIFY(m_pulse->start());
+        QVERIFY(m_pulse->startRecorder());
+        // The whole body at once: its log line lands as soon as it is asked for.
+        QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
+
+        const QString file = m_dir.filePath(QStringLiteral("text.txt"));
+        QFile f(file);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("A first line, which is not narrated.\n" + kLine.toUtf8());
+        f.close();
+        QVERIFY2(!openInMousepad(m_editor, file).isEmpty(), "mousepad did not show a window");
+    }
+
+    void cleanup()
+    {
+        if (QTest::currentTestFailed()) {
+            QFile log(m_dir.filePath(QStringLiteral("app.log")));
+            if (log.open(QIODevice::ReadOnly))
+                qInfo().noquote() << "app output:\n" << log.readAll();
+        }
+    }
+
+    // The default shortcuts, one after the other, on one narration.
+    void shortcutsNarrateAndControlPlayback()
+    {
+        ChildProcess app;
+        QVERIFY2(startApp(app), "the app did not answer --status");
+        const QJsonObject before = status();
+        for (const char *action : {"narrate", "playPause", "stop", "skipBack", "skipForward", "cycleSpeed"})
+            QVERIFY2(shortcut(before, QString::fromLatin1(action))[u"registered"].toBool(), action);
+        QCOMPARE(before[u"playbackSpeed"].toDouble(), 1.0);
+
+        ChildProcess owner;
+        QVERIFY(ownClipboard(owner, QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), kClipboard, m_dir.path()));
+        selectTheLastLine();
+        const qint64 start = recordedSamples();
+        press("ctrl+alt+s");
+        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(), QStringList{kLine}, 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(heard(start), 10000);
+        for (const auto &[target, bytes] : kClipboard)
+            QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
+
+        QTRY_VERIFY(status()[u"isPlaying"].toBool());
+        press("ctrl+alt+e");
+        QTRY_VERIFY(!status()[u"isPlaying"].toBool());
+        QVERIFY2(staysSilent(), "still sounding while paused");
+        const qint64 resumed = recordedSamples();
+        press("ctrl+alt+e");
+        QTRY_VERIFY_WITH_TIMEOUT(heard(resumed), 5000);
+
+        press("ctrl+alt+t");
+        QTRY_COMPARE(status()[u"playbackSpeed"].toDouble(), 1.25);
+
+        QVERIFY(status()[u"isPlaying"].toBool());
+        press("ctrl+alt+q");
+        QTRY_VERIFY(!status()[u"hasContent"].toBool());
+        QVERIFY(!status()[u"isPlaying"].toBool());
+        QVERIFY2(staysSilent(), "still sounding after stop");
+
+        // The caret alone, no selection: nothing to narrate.
+        xdotool({"key", "ctrl+End"});
+        press("ctrl+alt+s");
+        QTest::qWait(kNothingHappensMs);
+        QCOMPARE(narratedTexts().size(), 1);
+
+        app.process.terminate();
+    }
+
+    // Bindings come from the settings file; a combination another client holds is reported, not taken.
+    void reboundAndContestedShortcuts()
+    {
+        // Another client takes Ctrl+Alt+W (skip back) first.
+        X11Connection other;
+        QVERIFY(other.isValid());
+        xcb_grab_key(other.connection(), 0, other.root(), quint16(KeyTable::xModifiers(kCtrlAlt)),
+                     quint8(*KeyTable::xKeyCode(KeyTable::kVK_ANSI_W)), XCB_GRAB_MODE_ASYNC,
+                     XCB_GRAB_MODE_ASYNC);
+        other.sync();
+
+        ChildProcess app;
+        QVERIFY2(startApp(app, {{HotkeyManager::keyCodeKey, kKeyN}, {HotkeyManager::modifiersKey, kCtrlAlt}}),
+                 "the app did not answer --status");
+        const QJsonObject shortcuts = status();
+        QCOMPARE(shortcut(shortcuts, u"narrate")[u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
+        QVERIFY(shortcut(shortcuts, u"narrate")[u"registered"].toBool());
+        QCOMPARE(shortcut(shortcuts, u"skipBack")[u"label"].toString(), QStringLiteral("Ctrl+Alt+W"));
+        QVERIFY(!shortcut(shortcuts, u"skipBack")[u"registered"].toBool());
+        QVERIFY(shortcut(shortcuts, u"skipForward")[u"registered"].toBool());
+
+        const qsizetype narrated = narratedTexts().size();
+        selectTheLastLine();
+        press("ctrl+alt+s");
+        QTest::qWait(kNothingHappensMs);
+        QCOMPARE(narratedTexts().size(), narrated);
+
+        press("ctrl+alt+n");
+        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts().size(), narrated + 1, 10000);
+        QCOMPARE(narratedTexts().last(), kLine);
+
+        app.process.terminate();
+    }
+};
+
+QTEST_GUILESS_MAIN(TestX11Session)
+#include "tst_x11session.moc"

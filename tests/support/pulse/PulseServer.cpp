@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "PulseServer.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcessEnvironment>
+#include <QTest>
+
+#include <sys/prctl.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstring>
+
+void dieWithTheTest(QProcess &process)
+{
+    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+}
+
+PulseServer::PulseServer(const QString &dir)
+    : m_dir(dir)
+{
+    dieWithTheTest(m_daemon);
+    dieWithTheTest(m_recorder);
+}
+
+PulseServer::~PulseServer()
+{
+    stopRecorder();
+    kill();
+}
+
+QString PulseServer::address() const
+{
+    return QStringLiteral("unix:%1/pulse.sock").arg(m_dir);
+}
+
+bool PulseServer::start()
+{
+    const QString runtime = m_dir + QStringLiteral("/run");
+    QDir().mkpath(runtime);
+    QFile::setPermissions(runtime, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
+    env.insert(QStringLiteral("HOME"), m_dir);
+    // Not the session's bus or display: the rig's own daemon holds the bus names.
+    env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+    env.remove(QStringLiteral("DISPLAY"));
+    m_daemon.setProcessEnvironment(env);
+    m_daemon.setStandardOutputFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
+    m_daemon.setStandardErrorFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
+    m_daemon.start(QStringLiteral("pulseaudio"),
+                   {QStringLiteral("--daemonize=no"), QStringLiteral("-n"),
+                    QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--use-pid-file=no"),
+                    QStringLiteral("--log-target=stderr"),
+                    QStringLiteral("--load=module-null-sink sink_name=t rate=24000 channels=1 "
+                                   "format=float32le sink_properties=device.description=t"),
+                    QStringLiteral("--load=module-native-protocol-unix auth-anonymous=1 socket=%1/pulse.sock")
+                        .arg(m_dir)});
+    if (!m_daemon.waitForStarted(5000))
+        return false;
+    for (int i = 0; i < 100; ++i) {
+        QProcess pactl;
+        pactl.start(QStringLiteral("pactl"), {QStringLiteral("-s"), address(), QStringLiteral("info")});
+        if (pactl.waitForFinished(2000) && pactl.exitStatus() == QProcess::NormalExit &&
+            pactl.exitCode() == 0)
+            return true;
+        QTest::qWait(100);
+    }
+    return false;
+}
+
+void PulseServer::kill()
+{
+    if (m_daemon.state() == QProcess::NotRunning)
+        return;
+    ::kill(pid_t(m_daemon.processId()), SIGCONT);
+    m_daemon.kill();
+    m_daemon.waitForFinished(5000);
+}
+
+void PulseServer::suspend()
+{
+    ::kill(pid_t(m_daemon.processId()), SIGSTOP);
+}
+
+void PulseServer::resume()
+{
+    ::kill(pid_t(m_daemon.processId()), SIGCONT);
+}
+
+bool PulseServer::startRecorder()
+{
+    m_recording = m_dir + QStringLiteral("/sink.f32");
+    m_recorder.setStandardOutputFile(m_recording);
+    m_recorder.setStandardErrorFile(m_dir + QStringLiteral("/parec.log"));
+    m_recorder.start(QStringLiteral("parec"),
+                     {QStringLiteral("-s"), address(), QStringLiteral("-d"), QStringLiteral("t.monitor"),
+                      QStringLiteral("--rate=24000"), QStringLiteral("--channels=1"),
+                      QStringLiteral("--format=float32le"), QStringLiteral("--latency-msec=10"),
+                      QStringLiteral("--raw")});
+    if (!m_recorder.waitForStarted(5000))
+        return false;
+    QTest::qWait(2200);
+    return true;
+}
+
+void PulseServer::stopRecorder()
+{
+    if (m_recorder.state() == QProcess::NotRunning)
+        return;
+    m_recorder.terminate();
+    if (!m_recorder.waitForFinished(5000)) {
+        m_recorder.kill();
+        m_recorder.waitForFinished(5000);
+    }
+}
+
+std::vector<float> PulseServer::recorded() const
+{
+    QFile file(m_recording);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll();
+    std::vector<float> samples(std::size_t(bytes.size()) / sizeof(float));
+    std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
+    return samples;
+}
+
+PulseServerEnvironment::PulseServerEnvironment(const QString &address)
+    : m_had(qEnvironmentVariableIsSet("PULSE_SERVER"))
+    , m_old(qgetenv("PULSE_SERVER"))
+{
+    qputenv("PULSE_SERVER", address.toLocal8Bit());
+}
+
+PulseServerEnvironment::~PulseServerEnvironment()
+{
+    if (m_had)
+        qputenv("PULSE_SERVER", m_old);
+    else
+        qunsetenv("PULSE_SERVER");
+}
+
+Sound findSound(const std::vector<float> &samples, float threshold)
+{
+    Sound sound;
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        if (std::abs(samples[i]) > threshold) {
+            if (sound.start < 0)
+                sound.start = qint64(i);
+            sound.end = qint64(i) + 1;
+        }
+    }
+    return sound;
+}
+
+double frequency(const std::vector<float> &samples, qint64 from, qint64 to)
+{
+    int crossings = 0;
+    qint64 first = 0, last = 0;
+    for (qint64 i = std::max<qint64>(from, 0) + 1; i < std::min<qint64>(to, qint64(samples.size())); ++i) {
+        if (samples[std::size_t(i - 1)] < 0 && samples[std::size_t(i)] >= 0) {
+            if (crossings == 0)
+                first = i;
+            last = i;
+            ++crossings;
+        }
+    }
+    return crossings < 2 ? 0 : (crossings - 1) * double(PulseServer::kRateHz) / double(last - first);
+}
