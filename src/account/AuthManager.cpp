@@ -4,6 +4,7 @@
 #include "account/AccountHttp.h"
 #include "account/KeychainHelper.h"
 #include "core/Clock.h"
+#include "core/SharedInstance.h"
 #include "platform/WakeMonitor.h"
 
 #include <QDesktopServices>
@@ -14,8 +15,6 @@
 #include <cmath>
 
 namespace {
-
-AuthManager *g_shared = nullptr;
 
 QByteArray bearer(const QString &token)
 {
@@ -40,26 +39,19 @@ AuthManager::AuthManager(Services services, QObject *parent)
         connect(m_services.wake, &WakeMonitor::woke, this, &AuthManager::validateAfterWake);
 }
 
-AuthManager::~AuthManager()
-{
-    if (g_shared == this)
-        g_shared = nullptr;
-}
-
 AuthManager &AuthManager::shared()
 {
-    Q_ASSERT_X(g_shared, "AuthManager::shared", "no shared instance installed");
-    return *g_shared;
+    return SharedInstance<AuthManager>::get();
 }
 
 bool AuthManager::hasShared()
 {
-    return g_shared != nullptr;
+    return SharedInstance<AuthManager>::has();
 }
 
 void AuthManager::installShared(AuthManager *manager)
 {
-    g_shared = manager;
+    SharedInstance<AuthManager>::install(manager);
 }
 
 QString AuthManager::stateName() const

@@ -63,7 +63,6 @@ public:
 
     // Restores the stored session at once (asynchronously when a token is stored).
     explicit AuthManager(Services services, QObject *parent = nullptr);
-    ~AuthManager() override;
 
     static AuthManager &shared();
     static bool hasShared();

@@ -4,6 +4,7 @@
 #include "account/AccountHttp.h"
 #include "account/AuthManager.h"
 #include "core/Clock.h"
+#include "core/SharedInstance.h"
 #include "platform/WakeMonitor.h"
 
 #include <QDesktopServices>
@@ -15,8 +16,6 @@
 #include <limits>
 
 namespace {
-
-BalanceManager *g_shared = nullptr;
 
 AccountResult<UsageStatsResponse> decodeUsage(const QJsonObject &object)
 {
@@ -75,26 +74,19 @@ BalanceManager::BalanceManager(Services services, QObject *parent)
     followAuthState();
 }
 
-BalanceManager::~BalanceManager()
-{
-    if (g_shared == this)
-        g_shared = nullptr;
-}
-
 BalanceManager &BalanceManager::shared()
 {
-    Q_ASSERT_X(g_shared, "BalanceManager::shared", "no shared instance installed");
-    return *g_shared;
+    return SharedInstance<BalanceManager>::get();
 }
 
 bool BalanceManager::hasShared()
 {
-    return g_shared != nullptr;
+    return SharedInstance<BalanceManager>::has();
 }
 
 void BalanceManager::installShared(BalanceManager *manager)
 {
-    g_shared = manager;
+    SharedInstance<BalanceManager>::install(manager);
 }
 
 void BalanceManager::print(const QString &line) const

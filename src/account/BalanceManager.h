@@ -57,7 +57,6 @@ public:
     };
 
     explicit BalanceManager(Services services, QObject *parent = nullptr);
-    ~BalanceManager() override;
 
     static BalanceManager &shared();
     static bool hasShared();

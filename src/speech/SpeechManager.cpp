@@ -3,6 +3,7 @@
 
 #include "account/KeychainHelper.h"
 #include "core/Logging.h"
+#include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
 #include "speech/AudioEngine.h"
@@ -29,8 +30,6 @@ double secondsForBytes(qint64 bytes)
 {
     return double(bytes) * 0.5 / SpeechManager::kSampleRateHz;
 }
-
-SpeechManager *g_shared = nullptr;
 
 } // namespace
 
@@ -65,19 +64,16 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
 SpeechManager::~SpeechManager()
 {
     cancelCurrentTask();
-    if (g_shared == this)
-        g_shared = nullptr;
 }
 
 void SpeechManager::installShared(SpeechManager *manager)
 {
-    g_shared = manager;
+    SharedInstance<SpeechManager>::install(manager);
 }
 
 SpeechManager &SpeechManager::shared()
 {
-    Q_ASSERT_X(g_shared, "SpeechManager::shared", "the application installs the shared instance at start");
-    return *g_shared;
+    return SharedInstance<SpeechManager>::get();
 }
 
 // ---------------------------------------------------------------------------------------------------
