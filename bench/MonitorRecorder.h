@@ -61,12 +61,12 @@ public:
                 },
                 5000))
             return false;
-        const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, PulseServer::kRateHz, 1};
+        const pa_sample_spec format{PA_SAMPLE_FLOAT32LE, PulseServer::kRateHz, 1};
         pa_buffer_attr attr{};
         attr.maxlength = std::uint32_t(-1);
-        attr.fragsize = std::uint32_t(pa_usec_to_bytes(5000, &spec));
+        attr.fragsize = std::uint32_t(pa_usec_to_bytes(5000, &format));
         pa_threaded_mainloop_lock(m_mainloop);
-        m_stream = pa_stream_new(m_context, "monitor", &spec, nullptr);
+        m_stream = pa_stream_new(m_context, "monitor", &format, nullptr);
         pa_stream_set_read_callback(m_stream, &MonitorRecorder::onRead, this);
         const int rc = pa_stream_connect_record(m_stream, "t.monitor", &attr,
                                                 pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY |
