@@ -19,6 +19,11 @@ constexpr char kTooLarge[] = "quillvoxTooLarge";
 
 } // namespace
 
+QByteArray bearer(const QString &token)
+{
+    return "Bearer " + token.toUtf8();
+}
+
 void sendAccountRequest(QNetworkAccessManager &network, const AccountRequest &request, const QObject *context,
                         std::function<void(const HttpAnswer &)> done)
 {

@@ -34,6 +34,9 @@ struct AccountRequest
     QByteArray body;
 };
 
+// An "Authorization" header value for `token`.
+QByteArray bearer(const QString &token);
+
 // Sends `request` with the account time-out (60 s) and calls `done` on the GUI thread unless `context`
 // goes away first. Redirects are not followed: every account endpoint answers directly.
 void sendAccountRequest(QNetworkAccessManager &network, const AccountRequest &request, const QObject *context,

@@ -4,6 +4,7 @@
 #include "account/AccountHttp.h"
 #include "account/KeychainHelper.h"
 #include "core/Clock.h"
+#include "core/Published.h"
 #include "core/SharedInstance.h"
 #include "platform/WakeMonitor.h"
 
@@ -14,14 +15,7 @@
 
 #include <cmath>
 
-namespace {
-
-QByteArray bearer(const QString &token)
-{
-    return "Bearer " + token.toUtf8();
-}
-
-} // namespace
+namespace {} // namespace
 
 AuthManager::AuthManager(Services services, QObject *parent)
     : QObject(parent)
@@ -316,8 +310,9 @@ void AuthManager::refreshSession(const QString &refreshToken, TokenCallback done
     request.url.setPath(request.url.path() + QStringLiteral("/auth/v1/token"));
     request.url.setQuery(QStringLiteral("grant_type=refresh_token"));
     const QByteArray anonKey = m_services.anonKey.toUtf8();
-    request.headers = {
-        {"Content-Type", "application/json"}, {"Authorization", "Bearer " + anonKey}, {"apikey", anonKey}};
+    request.headers = {{"Content-Type", "application/json"},
+                       {"Authorization", bearer(m_services.anonKey)},
+                       {"apikey", anonKey}};
     request.body = QJsonDocument(QJsonObject{{QStringLiteral("refresh_token"), refreshToken}})
                        .toJson(QJsonDocument::Compact);
     sendAccountRequest(
@@ -420,16 +415,12 @@ void AuthManager::setState(State state, std::optional<SupabaseUser> user)
 
 void AuthManager::setIsLoading(bool loading)
 {
-    if (m_isLoading == loading)
-        return;
-    m_isLoading = loading;
-    Q_EMIT isLoadingChanged();
+    if (assignIfChanged(m_isLoading, loading))
+        Q_EMIT isLoadingChanged();
 }
 
 void AuthManager::setCurrentError(std::optional<AuthError> error)
 {
-    if (m_currentError == error)
-        return;
-    m_currentError = std::move(error);
-    Q_EMIT currentErrorChanged();
+    if (assignIfChanged(m_currentError, std::move(error)))
+        Q_EMIT currentErrorChanged();
 }

@@ -4,6 +4,7 @@
 #include "account/AccountHttp.h"
 #include "account/AuthManager.h"
 #include "core/Clock.h"
+#include "core/Published.h"
 #include "core/SharedInstance.h"
 #include "platform/WakeMonitor.h"
 
@@ -36,6 +37,25 @@ struct BalanceAnswer
     qint64 balanceSeconds;
     qint64 minutesRemaining;
 };
+
+// The service's refusals of the balance and usage requests.
+AccountFailure serviceRefusal(int status)
+{
+    if (status == 401)
+        return BalanceError::make(BalanceError::unauthorized);
+    return BalanceError::makeServerError(status);
+}
+
+AccountResult<GenerateCodeResponse> decodeCode(const QJsonObject &object)
+{
+    const auto code = stringMember(object, QLatin1StringView("code"));
+    const auto expiresIn = integerMember(object, QLatin1StringView("expires_in"));
+    if (!code)
+        return missingMember(QLatin1StringView("code"));
+    if (!expiresIn)
+        return missingMember(QLatin1StringView("expires_in"));
+    return GenerateCodeResponse{*code, *expiresIn};
+}
 
 AccountResult<BalanceAnswer> decodeBalance(const QJsonObject &object)
 {
@@ -77,11 +97,6 @@ BalanceManager::BalanceManager(Services services, QObject *parent)
 BalanceManager &BalanceManager::shared()
 {
     return SharedInstance<BalanceManager>::get();
-}
-
-bool BalanceManager::hasShared()
-{
-    return SharedInstance<BalanceManager>::has();
 }
 
 void BalanceManager::installShared(BalanceManager *manager)
@@ -153,8 +168,8 @@ void BalanceManager::refreshBalance()
     setIsLoading(true);
     setLastError(std::nullopt);
 
-    getFromService<BalanceAnswer>(
-        QStringLiteral("/api/credits/balance"), this, decodeBalance,
+    askService<BalanceAnswer>(
+        "GET", QStringLiteral("/api/credits/balance"), this, serviceRefusal, decodeBalance,
         [this](const AccountResult<BalanceAnswer> &result) {
             if (result.ok()) {
                 // Taken as sent: the server's minute figure is not recomputed.
@@ -199,27 +214,28 @@ QString BalanceManager::formatBalance(qint64 seconds)
 // --- Usage and purchase ------------------------------------------------------------------------------
 
 template<typename T>
-void BalanceManager::getFromService(const QString &pathAndQuery, const QObject *context, Decoder<T> decode,
-                                    std::function<void(const AccountResult<T> &)> done)
+void BalanceManager::askService(const QByteArray &method, const QString &pathAndQuery, const QObject *context,
+                                Refusal refusal, Decoder<T> decode,
+                                std::function<void(const AccountResult<T> &)> done)
 {
     const QPointer<const QObject> guard(context);
-    m_services.auth->getValidAccessToken(this, [this, pathAndQuery, guard, decode = std::move(decode),
+    m_services.auth->getValidAccessToken(this, [this, method, pathAndQuery, guard,
+                                                refusal = std::move(refusal), decode = std::move(decode),
                                                 done = std::move(done)](const AccountResult<QString> &token) {
         if (!guard)
             return;
         if (!token.ok())
             return done(token.failure());
         AccountRequest request;
+        request.method = method;
         request.url = QUrl(m_services.serviceOrigin.toString() + pathAndQuery);
-        request.headers = {{"Authorization", "Bearer " + token.value().toUtf8()}};
+        request.headers = {{"Authorization", bearer(token.value())}};
         sendAccountRequest(*m_services.network, request, guard.data(),
-                           [decode, done](const HttpAnswer &answer) {
+                           [refusal, decode, done](const HttpAnswer &answer) {
                                if (!answer.status)
                                    return done(answer.transportFailure());
-                               if (*answer.status == 401)
-                                   return done(BalanceError::make(BalanceError::unauthorized));
                                if (*answer.status != 200)
-                                   return done(BalanceError::makeServerError(*answer.status));
+                                   return done(refusal(*answer.status));
                                const AccountResult<QJsonObject> object = decodeObject(answer.body);
                                if (!object.ok())
                                    return done(object.failure());
@@ -233,8 +249,8 @@ void BalanceManager::fetchUsageStats(const QString &period, const QObject *conte
 {
     const QString query =
         QStringLiteral("/api/credits/usage?period=") + QString::fromLatin1(QUrl::toPercentEncoding(period));
-    getFromService<UsageStatsResponse>(
-        query, context, decodeUsage,
+    askService<UsageStatsResponse>(
+        "GET", query, context, serviceRefusal, decodeUsage,
         [this, done = std::move(done)](const AccountResult<UsageStatsResponse> &result) {
             if (result.ok())
                 return done(result.value());
@@ -251,34 +267,12 @@ void BalanceManager::fetchUsageStats(const QString &period, const QObject *conte
 void BalanceManager::generateExchangeCode(
     const QObject *context, std::function<void(const AccountResult<GenerateCodeResponse> &)> done)
 {
-    const QPointer<const QObject> guard(context);
-    m_services.auth->getValidAccessToken(
-        this, [this, guard, done = std::move(done)](const AccountResult<QString> &token) {
-            if (!guard)
-                return;
-            if (!token.ok())
-                return done(token.failure());
-            AccountRequest request;
-            request.method = "POST";
-            request.url = serviceUrl(QStringLiteral("/api/auth/generate-code"));
-            request.headers = {{"Authorization", "Bearer " + token.value().toUtf8()}};
-            sendAccountRequest(*m_services.network, request, guard.data(), [done](const HttpAnswer &answer) {
-                if (!answer.status)
-                    return done(answer.transportFailure());
-                if (*answer.status != 200)
-                    return done(BalanceError::make(BalanceError::invalidResponse));
-                const AccountResult<QJsonObject> object = decodeObject(answer.body);
-                if (!object.ok())
-                    return done(object.failure());
-                const auto code = stringMember(object.value(), QLatin1StringView("code"));
-                const auto expiresIn = integerMember(object.value(), QLatin1StringView("expires_in"));
-                if (!code)
-                    return done(missingMember(QLatin1StringView("code")));
-                if (!expiresIn)
-                    return done(missingMember(QLatin1StringView("expires_in")));
-                done(GenerateCodeResponse{*code, *expiresIn});
-            });
-        });
+    // Any answer but 200 is simply not a code.
+    const auto refusal = [](int) -> AccountFailure {
+        return BalanceError::make(BalanceError::invalidResponse);
+    };
+    askService<GenerateCodeResponse>("POST", QStringLiteral("/api/auth/generate-code"), context, refusal,
+                                     decodeCode, std::move(done));
 }
 
 QUrl BalanceManager::tokenExchangeUrl(const QString &code) const
@@ -319,16 +313,12 @@ void BalanceManager::setBalance(qint64 seconds, qint64 minutes)
 
 void BalanceManager::setIsLoading(bool loading)
 {
-    if (m_isLoading == loading)
-        return;
-    m_isLoading = loading;
-    Q_EMIT isLoadingChanged();
+    if (assignIfChanged(m_isLoading, loading))
+        Q_EMIT isLoadingChanged();
 }
 
 void BalanceManager::setLastError(std::optional<QString> error)
 {
-    if (m_lastError == error)
-        return;
-    m_lastError = std::move(error);
-    Q_EMIT lastErrorChanged();
+    if (assignIfChanged(m_lastError, std::move(error)))
+        Q_EMIT lastErrorChanged();
 }

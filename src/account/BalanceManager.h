@@ -59,7 +59,6 @@ public:
     explicit BalanceManager(Services services, QObject *parent = nullptr);
 
     static BalanceManager &shared();
-    static bool hasShared();
     static void installShared(BalanceManager *manager);
 
     qint64 balanceSeconds() const { return m_balanceSeconds; }
@@ -95,9 +94,12 @@ Q_SIGNALS:
 
 private:
     template<typename T> using Decoder = std::function<AccountResult<T>(const QJsonObject &)>;
+    // What a status other than 200 means for a request.
+    using Refusal = std::function<AccountFailure(int status)>;
+    // A service request with a valid token; `done` runs while `context` lives.
     template<typename T>
-    void getFromService(const QString &pathAndQuery, const QObject *context, Decoder<T> decode,
-                        std::function<void(const AccountResult<T> &)> done);
+    void askService(const QByteArray &method, const QString &pathAndQuery, const QObject *context,
+                    Refusal refusal, Decoder<T> decode, std::function<void(const AccountResult<T> &)> done);
 
     void followAuthState();
     void schedulePoll(quint64 generation);

@@ -15,7 +15,6 @@
 #include "speech/SpeechManager.h"
 
 #include <QCoreApplication>
-#include <QPointer>
 
 #include <memory>
 

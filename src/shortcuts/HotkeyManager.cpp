@@ -2,6 +2,7 @@
 #include "shortcuts/HotkeyManager.h"
 
 #include "core/Logging.h"
+#include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/GlobalHotKeyBackend.h"
 #include "shortcuts/HotKeyCenter.h"
@@ -10,12 +11,9 @@
 #include "shortcuts/NarrationControls.h"
 #include "speech/NarrationServices.h"
 
-#include <QPointer>
 #include <QTimer>
 
 namespace {
-
-QPointer<HotkeyManager> g_shared;
 
 constexpr std::array<quint32, HotkeyManager::kBindingCount> kDefaultKeys = {
     KeyTable::kVK_ANSI_S, KeyTable::kVK_ANSI_E, KeyTable::kVK_ANSI_Q,
@@ -71,14 +69,12 @@ HotkeyManager::~HotkeyManager()
 
 HotkeyManager &HotkeyManager::shared()
 {
-    if (!g_shared)
-        qFatal("HotkeyManager::shared() used before the application installed it");
-    return *g_shared;
+    return SharedInstance<HotkeyManager>::get();
 }
 
 void HotkeyManager::installShared(HotkeyManager *manager)
 {
-    g_shared = manager;
+    SharedInstance<HotkeyManager>::install(manager);
 }
 
 quint32 HotkeyManager::defaultKeyFor(Binding binding)

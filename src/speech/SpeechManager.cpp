@@ -3,6 +3,7 @@
 
 #include "account/KeychainHelper.h"
 #include "core/Logging.h"
+#include "core/Published.h"
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
@@ -655,47 +656,39 @@ void SpeechManager::onLevelMeasured(float level, double timestamp)
 // ---------------------------------------------------------------------------------------------------
 // Published values
 
-template<typename T> static bool assign(T &field, const T &value)
-{
-    if (field == value)
-        return false;
-    field = value;
-    return true;
-}
-
 void SpeechManager::setIsProcessing(bool v)
 {
-    if (assign(m_isProcessing, v))
+    if (assignIfChanged(m_isProcessing, v))
         Q_EMIT isProcessingChanged();
 }
 
 void SpeechManager::setIsPlaying(bool v)
 {
-    if (assign(m_isPlaying, v))
+    if (assignIfChanged(m_isPlaying, v))
         Q_EMIT isPlayingChanged();
 }
 
 void SpeechManager::setHasContent(bool v)
 {
-    if (assign(m_hasContent, v))
+    if (assignIfChanged(m_hasContent, v))
         Q_EMIT hasContentChanged();
 }
 
 void SpeechManager::setCurrentTime(double v)
 {
-    if (assign(m_currentTime, v))
+    if (assignIfChanged(m_currentTime, v))
         Q_EMIT currentTimeChanged();
 }
 
 void SpeechManager::setTotalTime(double v)
 {
-    if (assign(m_totalTime, v))
+    if (assignIfChanged(m_totalTime, v))
         Q_EMIT totalTimeChanged();
 }
 
 void SpeechManager::setDisplayedTotalTime(double v)
 {
-    if (assign(m_displayedTotalTime, v))
+    if (assignIfChanged(m_displayedTotalTime, v))
         Q_EMIT displayedTotalTimeChanged();
 }
 
