@@ -6,7 +6,7 @@ set -euo pipefail
 
 PACKAGES=(
     build-essential cmake ninja-build pkg-config clang-format
-    qt6-base-dev qt6-declarative-dev qt6-tools-dev qcoro-qt6-dev
+    qt6-base-dev qt6-declarative-dev qt6-tools-dev qcoro-qt6-dev qt6-svg-dev libqt6svg6
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-window
     qml6-module-qtquick-layouts qml6-module-qtquick-templates qml6-module-qtqml-workerscript
     libpulse-dev libsoundtouch-dev libsndfile1-dev libsoxr-dev libsecret-1-dev

@@ -35,7 +35,7 @@ public:
 
 } // namespace
 
-void createSharedAccount()
+void createSharedAccount(std::function<void(const QString &)> log)
 {
     if (AuthManager::hasShared())
         return;
@@ -49,12 +49,14 @@ void createSharedAccount()
     auth.authOrigin = config.authOrigin;
     auth.serviceOrigin = config.serviceOrigin;
     auth.anonKey = config.authAnonKey;
+    auth.log = log;
     AuthManager::installShared(new AuthManager(std::move(auth), app));
 
     BalanceManager::Services balance;
     balance.auth = &AuthManager::shared();
     balance.wake = wake;
     balance.serviceOrigin = config.serviceOrigin;
+    balance.log = std::move(log);
     BalanceManager::installShared(new BalanceManager(std::move(balance), app));
 }
 

@@ -2,10 +2,12 @@
 #include "app/CommandLine.h"
 
 #include "account/KeychainHelper.h"
+#include "app/AppDelegate.h"
 #include "app/AppServices.h"
-#include "app/NormalOperation.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
+#include "core/Logging.h"
+#include "core/UserDefaults.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
@@ -14,29 +16,15 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QJsonDocument>
+#include <QLoggingCategory>
 #include <QTextStream>
 #include <QTimer>
 
 #include <cstdio>
 #include <functional>
+#include <variant>
 
 namespace {
-
-const QStringList kHeadlessOptions{QStringLiteral("--set-api-key"),
-                                   QStringLiteral("--clear-api-key"),
-                                   QStringLiteral("--narrate-selection"),
-                                   QStringLiteral("--toggle"),
-                                   QStringLiteral("--stop"),
-                                   QStringLiteral("--skip-back"),
-                                   QStringLiteral("--skip-forward"),
-                                   QStringLiteral("--cycle-speed"),
-                                   QStringLiteral("--status"),
-                                   QStringLiteral("--speak"),
-                                   QStringLiteral("--preview"),
-                                   QStringLiteral("--help"),
-                                   QStringLiteral("-h"),
-                                   QStringLiteral("--version"),
-                                   QStringLiteral("-v")};
 
 void printError(const QString &text)
 {
@@ -123,53 +111,232 @@ int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)
     return app.exec();
 }
 
-int speakOnce(QCoreApplication &app, const QString &text, const QString &voice, const QString &style,
-              const QString &speed)
+// What the command line asks for, once every argument has been checked.
+struct Invocation
 {
-    if (text.trimmed().isEmpty()) {
-        printError(QStringLiteral("Nothing to narrate: the text is empty."));
-        return 1;
+    enum class Mode { start, help, version, setApiKey, clearApiKey, control, speak, preview };
+    Mode mode = Mode::start;
+    QString control; // control: the command for the running instance
+    QString text;    // speak: the text; preview: the voice
+    QString voice;   // speak: this run's voice, or empty
+    std::optional<VoiceStyle> style;
+    std::optional<float> speed;
+    std::optional<QString> url; // start: a callback URL
+    bool verbose = false;
+
+    bool hasRunOptions() const { return !voice.isEmpty() || style || speed; }
+};
+
+// "0.5, 1.0, 1.25, 1.5, 2.0", as users write them.
+QString joined(const QList<float> &speeds)
+{
+    QStringList texts;
+    for (float speed : speeds) {
+        QString text = QString::number(double(speed), 'f', 2);
+        if (text.endsWith(u'0'))
+            text.chop(1);
+        texts.append(text);
     }
-    std::optional<VoiceStyle> chosenStyle;
-    if (!style.isEmpty()) {
-        chosenStyle = VoiceStyle::fromRawValue(style);
-        if (!chosenStyle) {
-            QStringList names;
-            for (VoiceStyle s : VoiceStyle::allCases())
-                names << s.rawValue();
-            printError(QStringLiteral("Unknown style \"") + style + QStringLiteral("\". Styles: ") +
-                       names.join(QStringLiteral(", ")));
-            return 1;
-        }
-    }
-    float rate = 1.0f;
-    if (!speed.isEmpty()) {
-        bool ok = false;
-        rate = speed.toFloat(&ok);
-        if (!ok || !playbackSpeeds().contains(rate)) {
-            printError(QStringLiteral("Unsupported speed \"") + speed +
-                       QStringLiteral("\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0"));
-            return 1;
-        }
-    }
-    return narrateOnce(app, [&](SpeechManager &speech) {
-        if (!voice.isEmpty())
-            speech.useVoiceForThisRun(voice);
-        if (chosenStyle)
-            speech.useStyleForThisRun(*chosenStyle);
-        speech.setPlaybackSpeed(rate);
-        speech.speak(text);
-    });
+    return texts.join(QStringLiteral(", "));
 }
 
-int previewVoice(QCoreApplication &app, const QString &voice)
+// Standalone runs keep the account's lines in its logging category, which --verbose shows; the default
+// (none) prints them as the running application does.
+std::function<void(const QString &)> accountLog(bool verbose)
 {
-    if (!availableVoices().contains(voice)) {
-        printError(QStringLiteral("Unknown voice \"") + voice + QStringLiteral("\". Voices: ") +
-                   availableVoices().join(QStringLiteral(", ")));
-        return 1;
+    if (verbose)
+        return {};
+    return [](const QString &line) { qCInfo(lcAccount).noquote() << line; };
+}
+
+QString styleNames()
+{
+    QStringList names;
+    for (VoiceStyle style : VoiceStyle::allCases())
+        names.append(style.rawValue());
+    return names.join(QStringLiteral(", "));
+}
+
+class CommandLine
+{
+public:
+    CommandLine()
+    {
+        m_parser.setApplicationDescription(QStringLiteral("Quillvox reads selected text aloud."));
+        m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+        m_parser.addOptions({m_help, m_version, m_setKey, m_clearKey, m_speak, m_voice, m_style, m_speed,
+                             m_preview, m_verbose});
+        for (const QString &command : RemoteControl::controlCommands()) {
+            m_controls.append(QCommandLineOption(command, controlDescription(command)));
+            m_parser.addOption(m_controls.last());
+        }
+        m_parser.addPositionalArgument(QStringLiteral("url"),
+                                       QStringLiteral("A quillvox:// callback URL from the browser."),
+                                       QStringLiteral("[url]"));
     }
-    return narrateOnce(app, [&](SpeechManager &speech) { speech.playVoicePreview(voice); });
+
+    // The invocation, or what is wrong with the arguments.
+    std::variant<Invocation, QString> check(const QStringList &arguments)
+    {
+        if (!m_parser.parse(arguments))
+            return m_parser.errorText();
+
+        Invocation invocation;
+        invocation.verbose = m_parser.isSet(m_verbose);
+        QStringList actions;
+        const auto action = [&](const QCommandLineOption &option, Invocation::Mode mode) {
+            if (!m_parser.isSet(option))
+                return;
+            actions.append(QStringLiteral("--") + option.names().constLast());
+            invocation.mode = mode;
+        };
+        action(m_help, Invocation::Mode::help);
+        action(m_version, Invocation::Mode::version);
+        action(m_setKey, Invocation::Mode::setApiKey);
+        action(m_clearKey, Invocation::Mode::clearApiKey);
+        action(m_speak, Invocation::Mode::speak);
+        action(m_preview, Invocation::Mode::preview);
+        for (const QCommandLineOption &control : std::as_const(m_controls)) {
+            action(control, Invocation::Mode::control);
+            if (m_parser.isSet(control))
+                invocation.control = control.names().constFirst();
+        }
+        if (actions.size() > 1)
+            return QStringLiteral("Give one of %1 at a time.").arg(actions.join(QStringLiteral(", ")));
+
+        const QStringList positional = m_parser.positionalArguments();
+        for (const QString &argument : positional) {
+            const bool isUrl = argument.startsWith(QStringLiteral("quillvox:"));
+            if (!isUrl || !actions.isEmpty() || invocation.url)
+                return QStringLiteral("Unexpected argument '%1'.").arg(argument);
+            // Kept as written: routing compares host and path exactly.
+            invocation.url = argument;
+        }
+
+        for (const QCommandLineOption *option : {&m_voice, &m_style, &m_speed}) {
+            if (m_parser.isSet(*option) && invocation.mode != Invocation::Mode::speak)
+                return QStringLiteral("--%1 goes with --speak.").arg(option->names().constFirst());
+        }
+
+        if (invocation.mode == Invocation::Mode::speak) {
+            invocation.text = m_parser.value(m_speak);
+            if (invocation.text.trimmed().isEmpty())
+                return QStringLiteral("Nothing to narrate: the text is empty.");
+            if (m_parser.isSet(m_voice)) {
+                invocation.voice = m_parser.value(m_voice);
+                if (!availableVoices().contains(invocation.voice))
+                    return unknownVoice(invocation.voice);
+            }
+            if (m_parser.isSet(m_style)) {
+                invocation.style = VoiceStyle::fromRawValue(m_parser.value(m_style));
+                if (!invocation.style)
+                    return QStringLiteral("Unknown style \"%1\". Styles: %2")
+                        .arg(m_parser.value(m_style), styleNames());
+            }
+            if (m_parser.isSet(m_speed)) {
+                bool ok = false;
+                const float speed = m_parser.value(m_speed).toFloat(&ok);
+                if (!ok || !playbackSpeeds().contains(speed))
+                    return QStringLiteral("Unsupported speed \"%1\". Speeds: %2")
+                        .arg(m_parser.value(m_speed), joined(playbackSpeeds()));
+                invocation.speed = speed;
+            }
+        }
+        if (invocation.mode == Invocation::Mode::preview) {
+            invocation.text = m_parser.value(m_preview);
+            if (!availableVoices().contains(invocation.text))
+                return unknownVoice(invocation.text);
+        }
+        return invocation;
+    }
+
+    // Needs the application object: Qt names the program from it.
+    QString helpText() const
+    {
+        QString text = m_parser.helpText();
+        text.replace(QCoreApplication::arguments().constFirst(), QStringLiteral("quillvox"));
+        text += QStringLiteral(
+                    "\nWithout options Quillvox starts in the tray and listens for its shortcuts; started "
+                    "again while it runs, it opens its settings window.\n\n"
+                    "Voices are %1. The default is %2, and the settings window keeps your choice.\n\n"
+                    "Speaking styles are %3. Put a style with spaces in quotes, as in "
+                    "--style \"Bedtime Story\".\n\n"
+                    "Speeds are %4; 1.0 is the normal pace.\n\n"
+                    "A quillvox:// URL is how the browser hands a finished sign-in or purchase back to "
+                    "Quillvox; it is passed to the running Quillvox, which starts first when needed.\n\n"
+                    "The playback commands and --status go to the running Quillvox; bind them to keys in "
+                    "your desktop's keyboard settings where global shortcuts are unavailable (Wayland).\n\n"
+                    "Exit status: 0 when done, 1 for a wrong argument or a failure, 2 when a command needs "
+                    "the running Quillvox and none runs.\n")
+                    .arg(availableVoices().join(QStringLiteral(", ")), defaultVoice(), styleNames(),
+                         joined(playbackSpeeds()));
+        return text;
+    }
+
+private:
+    static QString unknownVoice(const QString &voice)
+    {
+        return QStringLiteral("Unknown voice \"%1\". Voices: %2")
+            .arg(voice, availableVoices().join(QStringLiteral(", ")));
+    }
+
+    static QString controlDescription(const QString &command)
+    {
+        if (command == u"narrate-selection")
+            return QStringLiteral("Narrate the current selection, like the narration shortcut.");
+        if (command == u"toggle")
+            return QStringLiteral("Pause or resume the narration.");
+        if (command == u"stop")
+            return QStringLiteral("Stop the narration.");
+        if (command == u"skip-back")
+            return QStringLiteral("Go back 5 seconds.");
+        if (command == u"skip-forward")
+            return QStringLiteral("Go forward 5 seconds.");
+        if (command == u"cycle-speed")
+            return QStringLiteral("Switch to the next playback speed.");
+        if (command == u"status")
+            return QStringLiteral("Print the running Quillvox's state as JSON: narration, account, the "
+                                  "backend narration would use, whether an API key is stored, shortcuts.");
+        return command;
+    }
+
+    QCommandLineParser m_parser;
+    const QCommandLineOption m_help{{QStringLiteral("h"), QStringLiteral("help")},
+                                    QStringLiteral("Show this help.")};
+    const QCommandLineOption m_version{{QStringLiteral("v"), QStringLiteral("version")},
+                                       QStringLiteral("Show the version.")};
+    const QCommandLineOption m_setKey{QStringLiteral("set-api-key"),
+                                      QStringLiteral("Save the OpenAI API key read from standard input.")};
+    const QCommandLineOption m_clearKey{QStringLiteral("clear-api-key"),
+                                        QStringLiteral("Remove the saved OpenAI API key.")};
+    const QCommandLineOption m_speak{QStringLiteral("speak"),
+                                     QStringLiteral("Narrate TEXT (through the running Quillvox when one "
+                                                    "runs and no voice, style or speed is given)."),
+                                     QStringLiteral("TEXT")};
+    const QCommandLineOption m_voice{QStringLiteral("voice"), QStringLiteral("The voice for this --speak."),
+                                     QStringLiteral("NAME")};
+    const QCommandLineOption m_style{QStringLiteral("style"),
+                                     QStringLiteral("The speaking style for this --speak."),
+                                     QStringLiteral("NAME")};
+    const QCommandLineOption m_speed{
+        QStringLiteral("speed"), QStringLiteral("The playback speed for this --speak."), QStringLiteral("X")};
+    const QCommandLineOption m_preview{QStringLiteral("preview"), QStringLiteral("Play VOICE's sample."),
+                                       QStringLiteral("VOICE")};
+    const QCommandLineOption m_verbose{QStringLiteral("verbose"),
+                                       QStringLiteral("Also print Quillvox's log lines.")};
+    QList<QCommandLineOption> m_controls;
+};
+
+int speakOnce(QCoreApplication &app, const Invocation &invocation)
+{
+    return narrateOnce(app, [&](SpeechManager &speech) {
+        if (!invocation.voice.isEmpty())
+            speech.useVoiceForThisRun(invocation.voice);
+        if (invocation.style)
+            speech.useStyleForThisRun(*invocation.style);
+        speech.setPlaybackSpeed(invocation.speed.value_or(1.0f));
+        speech.speak(invocation.text);
+    });
 }
 
 // Hands a command to the running instance. 2 when none runs.
@@ -188,16 +355,23 @@ int sendControl(const QString &command)
     return reply->value(QStringLiteral("ok")).toBool() ? 0 : 1;
 }
 
-} // namespace
-
-bool isHeadlessMode(const QStringList &arguments)
+int runApplication(int argc, char *argv[], const std::optional<QString> &url)
 {
-    for (const QString &a : arguments) {
-        if (kHeadlessOptions.contains(a))
-            return true;
+    // Already running: a callback URL goes to it, a plain start shows its settings window.
+    if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
+                             url.value_or(QString()), 2000))
+        return 0;
+    QApplication app(argc, argv);
+    app.setQuitOnLastWindowClosed(false);
+    AppDelegate delegate(UserDefaults::standard(), KeychainHelper::shared());
+    if (!delegate.applicationDidFinishLaunching(url)) {
+        QTextStream(stderr) << "Quillvox is already running." << Qt::endl;
+        return 0;
     }
-    return false;
+    return app.exec();
 }
+
+} // namespace
 
 int runQuillvox(int argc, char *argv[])
 {
@@ -207,69 +381,50 @@ int runQuillvox(int argc, char *argv[])
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);
-    if (!isHeadlessMode(arguments.mid(1))) {
-        // A callback URL from the browser, or a plain start.
-        // Kept as written: routing compares host and path exactly.
-        std::optional<QString> url;
-        for (const QString &a : arguments.mid(1)) {
-            if (a.startsWith(QStringLiteral("quillvox:")))
-                url = a;
-        }
-        if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("ping"),
-                                 url.value_or(QString()), 2000)) {
-            if (!url)
-                QTextStream(stderr) << "Quillvox is already running." << Qt::endl;
-            return 0;
-        }
-        if (url || arguments.size() == 1) {
-            QApplication app(argc, argv);
-            return runNormalOperation(app, url);
-        }
+    CommandLine commandLine;
+    const std::variant<Invocation, QString> checked = commandLine.check(arguments);
+    if (const QString *error = std::get_if<QString>(&checked)) {
+        printError(QStringLiteral("quillvox: ") + *error);
+        printError(QStringLiteral("Try 'quillvox --help' for more information."));
+        return 1;
     }
+    const Invocation &invocation = std::get<Invocation>(checked);
+
+    if (invocation.mode == Invocation::Mode::start) {
+        if (invocation.verbose)
+            QLoggingCategory::setFilterRules(QStringLiteral("quillvox.*.debug=true"));
+        return runApplication(argc, argv, invocation.url);
+    }
+    // A one-off command prints what the user asked for and errors, nothing of the inner workings.
+    if (!invocation.verbose)
+        QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false\n*.info=false\n*.warning=false"));
 
     QCoreApplication app(argc, argv);
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Reads selected text aloud."));
-    parser.addHelpOption();
-    parser.addVersionOption();
-    const QCommandLineOption setKey(QStringLiteral("set-api-key"),
-                                    QStringLiteral("Save the OpenAI API key read from standard input."));
-    const QCommandLineOption clearKey(QStringLiteral("clear-api-key"),
-                                      QStringLiteral("Remove the saved OpenAI API key."));
-    const QCommandLineOption speak(QStringLiteral("speak"), QStringLiteral("Narrate TEXT once and exit."),
-                                   QStringLiteral("TEXT"));
-    const QCommandLineOption voice(QStringLiteral("voice"), QStringLiteral("Voice for this run."),
-                                   QStringLiteral("NAME"));
-    const QCommandLineOption style(QStringLiteral("style"), QStringLiteral("Speaking style for this run."),
-                                   QStringLiteral("NAME"));
-    const QCommandLineOption speed(QStringLiteral("speed"), QStringLiteral("Playback speed for this run."),
-                                   QStringLiteral("X"));
-    const QCommandLineOption preview(QStringLiteral("preview"), QStringLiteral("Play a voice's sample."),
-                                     QStringLiteral("VOICE"));
-    parser.addOptions({setKey, clearKey, speak, voice, style, speed, preview});
-    QList<QCommandLineOption> controls;
-    for (const QString &command : RemoteControl::controlCommands()) {
-        controls.append(QCommandLineOption(command, QStringLiteral("Ask the running Quillvox to ") + command +
-                                                        QStringLiteral(".")));
-        parser.addOption(controls.last());
-    }
-    parser.process(app);
-
-    if (parser.isSet(setKey))
+    switch (invocation.mode) {
+    case Invocation::Mode::help:
+        QTextStream(stdout) << commandLine.helpText() << Qt::flush;
+        return 0;
+    case Invocation::Mode::version:
+        QTextStream(stdout) << "Quillvox " << QCoreApplication::applicationVersion() << Qt::endl;
+        return 0;
+    case Invocation::Mode::setApiKey:
         return setApiKey();
-    if (parser.isSet(clearKey))
+    case Invocation::Mode::clearApiKey:
         return clearApiKey();
-    for (const QCommandLineOption &control : controls) {
-        if (parser.isSet(control))
-            return sendControl(control.names().first());
+    case Invocation::Mode::control:
+        return sendControl(invocation.control);
+    case Invocation::Mode::speak:
+        if (!invocation.hasRunOptions() &&
+            SingleInstance::send(QStringLiteral("speak"), invocation.text, 2000))
+            return 0; // handed to the running instance
+        createSharedAccount(accountLog(invocation.verbose));
+        return speakOnce(app, invocation);
+    case Invocation::Mode::preview:
+        createSharedAccount(accountLog(invocation.verbose));
+        return narrateOnce(app, [&](SpeechManager &speech) { speech.playVoicePreview(invocation.text); });
+    case Invocation::Mode::start:
+        break;
     }
-    if (parser.isSet(speak) && !parser.isSet(voice) && !parser.isSet(style) && !parser.isSet(speed) &&
-        SingleInstance::send(QStringLiteral("speak"), parser.value(speak), 2000))
-        return 0; // handed to the running instance
-    if (parser.isSet(speak))
-        return speakOnce(app, parser.value(speak), parser.value(voice), parser.value(style),
-                         parser.value(speed));
-    if (parser.isSet(preview))
-        return previewVoice(app, parser.value(preview));
-    parser.showHelp(0);
+    Q_UNREACHABLE();
+    return 1;
 }

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <QStringList>
-
-// Entry point of the executable: picks the application type for the requested mode (modes that
-// need no window run on QCoreApplication, without a display) and runs it.
+// Entry point of the executable. Every argument is checked before anything runs, so that a mistake is
+// reported the same way whether or not Quillvox is already running; then the requested mode runs on
+// the application type it needs (modes without a window run on QCoreApplication, without a display).
+// Exit status: 0 done, 1 a wrong argument or a failure, 2 a command for the running Quillvox when none
+// runs.
 int runQuillvox(int argc, char *argv[]);
-
-// Modes that run without a window.
-bool isHeadlessMode(const QStringList &arguments);

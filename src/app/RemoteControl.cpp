@@ -3,7 +3,9 @@
 
 #include "account/AuthManager.h"
 #include "account/BalanceManager.h"
+#include "account/KeychainHelper.h"
 #include "capture/TextCaptureManager.h"
+#include "core/AppEvents.h"
 #include "core/Logging.h"
 #include "shortcuts/HotkeyManager.h"
 #include "speech/SpeechManager.h"
@@ -53,6 +55,8 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
         m_speech.cyclePlaybackSpeed();
     } else if (command == u"speak") {
         later([this, argument] { m_speech.speak(argument); });
+    } else if (command == u"activate") {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
     } else if (command == u"open-url") {
         routeUrl(argument);
     } else if (command == u"status") {
@@ -92,14 +96,28 @@ QJsonObject RemoteControl::status() const
             {"skipForward", HotkeyManager::SkipForward, h.skipForwardKey(), h.skipForwardModifiers()},
             {"cycleSpeed", HotkeyManager::CycleSpeed, h.cycleSpeedKey(), h.cycleSpeedModifiers()},
         };
-        for (const auto &row : rows)
-            shortcuts.append(
-                QJsonObject{{QStringLiteral("action"), QLatin1String(row.action)},
-                            {QStringLiteral("label"), HotkeyManager::shortcutLabel(row.key, row.modifiers)},
-                            {QStringLiteral("registered"), h.isRegistered(row.binding)}});
+        for (const auto &row : rows) {
+            QJsonObject shortcut{
+                {QStringLiteral("action"), QLatin1String(row.action)},
+                {QStringLiteral("label"), HotkeyManager::shortcutLabel(row.key, row.modifiers)},
+                {QStringLiteral("registered"), h.isRegistered(row.binding)}};
+            if (const QString problem = h.registrationProblem(row.binding); !problem.isEmpty())
+                shortcut.insert(QStringLiteral("problem"), problem);
+            shortcuts.append(shortcut);
+        }
     }
 
+    // The backend narration would choose now (never the key itself).
+    KeychainHelper &keychain = KeychainHelper::shared();
+    const bool hasAccessToken = keychain.load(KeychainKey::accessToken).has_value();
+    const bool apiKeyStored = keychain.load(KeychainKey::openAIAPIKey).has_value();
+    const QString backend = hasAccessToken ? QStringLiteral("service")
+                            : apiKeyStored ? QStringLiteral("ownKey")
+                                           : QStringLiteral("none");
+
     return QJsonObject{
+        {QStringLiteral("backend"), backend},
+        {QStringLiteral("apiKeyStored"), apiKeyStored},
         {QStringLiteral("isProcessing"), m_speech.isProcessing()},
         {QStringLiteral("isPlaying"), m_speech.isPlaying()},
         {QStringLiteral("hasContent"), m_speech.hasContent()},

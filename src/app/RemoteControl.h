@@ -11,11 +11,13 @@ class SpeechManager;
 class RemoteControl
 {
 public:
-    // hotkeys may be null (no global shortcuts in this session).
+    // hotkeys may be null (no global shortcuts in this session, or not yet).
     RemoteControl(SpeechManager &speech, HotkeyManager *hotkeys);
+    void setHotkeys(HotkeyManager *hotkeys) { m_hotkeys = hotkeys; }
 
     // "narrate-selection", "toggle", "stop", "skip-back", "skip-forward", "cycle-speed", "speak" (argument:
-    // the text), "status", "open-url" (argument: a quillvox:// URL).
+    // the text), "status", "open-url" (argument: a quillvox:// URL), "activate" (a plain start of
+    // `quillvox` while this one runs: opens the settings window, the way in when no tray shows us).
     QJsonObject handle(const QString &command, const QString &argument);
     QJsonObject status() const;
 

@@ -36,8 +36,8 @@ std::unique_ptr<HotKeyRegistration> HotKeyCenter::registerHotKey(quint32 virtual
     if (grab.registrations++ == 0) {
         grab.grabbed = m_backend->grab(*native);
         if (!grab.grabbed)
-            qCWarning(lcShortcuts) << "the system refused the combination of key" << virtualKeyCode
-                                   << "with modifiers" << Qt::hex << modifierFlags;
+            qCDebug(lcShortcuts) << "grab refused for key" << virtualKeyCode << "with modifiers" << Qt::hex
+                                 << modifierFlags;
     }
     return registration;
 }
@@ -72,6 +72,14 @@ bool HotKeyCenter::isRegistered(const HotKeyRegistration *registration) const
         return false;
     const auto it = m_grabs.constFind(*registration->m_native);
     return it != m_grabs.cend() && it->grabbed && owner(*registration->m_native) == registration;
+}
+
+bool HotKeyCenter::isRefusedBySystem(const HotKeyRegistration *registration) const
+{
+    if (!registration->m_native)
+        return false;
+    const auto it = m_grabs.constFind(*registration->m_native);
+    return it != m_grabs.cend() && !it->grabbed;
 }
 
 void HotKeyCenter::handleEvent(const NativeHotKeyEvent &event)

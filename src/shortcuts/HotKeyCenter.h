@@ -49,6 +49,7 @@ private:
 
     void unregister(HotKeyRegistration *registration);
     bool isRegistered(const HotKeyRegistration *registration) const;
+    bool isRefusedBySystem(const HotKeyRegistration *registration) const;
     const HotKeyRegistration *owner(const NativeHotKey &hotKey) const;
     void handleEvent(const NativeHotKeyEvent &event);
 

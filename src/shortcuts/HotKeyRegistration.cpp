@@ -21,3 +21,8 @@ bool HotKeyRegistration::isRegistered() const
 {
     return m_center->isRegistered(this);
 }
+
+bool HotKeyRegistration::isRefusedBySystem() const
+{
+    return m_center->isRefusedBySystem(this);
+}

@@ -22,6 +22,8 @@ public:
     void setKeyDownHandler(std::function<void()> handler) { m_keyDownHandler = std::move(handler); }
     // The system took the combination and this registration is the one that fires for it.
     bool isRegistered() const;
+    // The system would not give us the combination: another application holds it.
+    bool isRefusedBySystem() const;
 
 private:
     friend class HotKeyCenter;

@@ -168,8 +168,18 @@ void HotkeyManager::update(Binding binding, quint32 key, quint64 modifiers)
         std::exchange(row.registration, m_center->registerHotKey(key, modifiers, binding));
     previous.reset();
     row.registration->setKeyDownHandler([this, binding] { runAction(binding); });
+    if (const QString problem = registrationProblem(binding); !problem.isEmpty())
+        qCWarning(lcShortcuts).noquote() << problem;
 
     refreshRegistrationStatus();
+}
+
+QString HotkeyManager::registrationProblem(Binding binding) const
+{
+    const Row &row = m_rows[binding];
+    if (!row.registration || !row.registration->isRefusedBySystem())
+        return {};
+    return shortcutLabel(row.key, row.modifiers) + QStringLiteral(" is used by another application");
 }
 
 void HotkeyManager::setKey(Binding binding, quint32 key)

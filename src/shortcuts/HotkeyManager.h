@@ -115,6 +115,9 @@ public:
     bool skipForwardRegistered() const { return m_rows[SkipForward].registered; }
     bool cycleSpeedRegistered() const { return m_rows[CycleSpeed].registered; }
     Q_INVOKABLE bool isRegistered(HotkeyManager::Binding binding) const { return m_rows[binding].registered; }
+    // Why the system did not take the binding, as the user knows the combination ("Ctrl+Alt+S is used by
+    // another application"); empty otherwise.
+    Q_INVOKABLE QString registrationProblem(HotkeyManager::Binding binding) const;
 
     QString displayString() const;
     QStringList displayParts() const;

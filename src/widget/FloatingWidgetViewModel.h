@@ -22,8 +22,8 @@ class FloatingWidgetViewModel : public QObject
     Q_PROPERTY(bool isHovered READ isHovered NOTIFY isHoveredChanged)
     Q_PROPERTY(bool isDragging READ isDragging WRITE setDragging NOTIFY isDraggingChanged)
     Q_PROPERTY(bool isExpanded READ isExpanded WRITE setExpanded NOTIFY isExpandedChanged)
-    Q_PROPERTY(bool showFullControls READ showFullControls WRITE setShowFullControls NOTIFY
-                   showFullControlsChanged)
+    Q_PROPERTY(
+        bool showFullControls READ showFullControls WRITE setShowFullControls NOTIFY showFullControlsChanged)
     Q_PROPERTY(bool forceExpanded READ forceExpanded WRITE setForceExpanded NOTIFY forceExpandedChanged)
     Q_PROPERTY(SpeechManager *speech READ speech CONSTANT)
     Q_PROPERTY(PlayState playState READ playState NOTIFY playStateChanged)

@@ -94,8 +94,8 @@ void FloatingWindowController::createWindow()
     m_window->setTitle(QStringLiteral("Quillvox"));
     // A tool window out of the task bar, above the others, that never takes the keyboard: the user's
     // window must stay active, or the next capture would copy from us.
-    m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint
-                       | Qt::WindowDoesNotAcceptFocus | Qt::NoDropShadowWindowHint);
+    m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
+                       Qt::WindowDoesNotAcceptFocus | Qt::NoDropShadowWindowHint);
     QSurfaceFormat format = m_window->format();
     format.setAlphaBufferSize(8);
     m_window->setFormat(format);
@@ -175,9 +175,10 @@ void FloatingWindowController::updateVisibility()
             showWidget();
         return;
     case AuthManager::State::signedOut: {
-        const bool withOwnKey = m_services.defaults
-            && m_services.defaults->boolean(QString::fromLatin1(kShowWithOwnKeyKey)).value_or(false)
-            && m_services.keychain && m_services.keychain->load(KeychainKey::openAIAPIKey).has_value();
+        const bool withOwnKey =
+            m_services.defaults &&
+            m_services.defaults->boolean(QString::fromLatin1(kShowWithOwnKeyKey)).value_or(false) &&
+            m_services.keychain && m_services.keychain->load(KeychainKey::openAIAPIKey).has_value();
         if (!withOwnKey)
             hideWidget();
         else if (!isWidgetVisible())

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "widget/FloatingWidgetViewModel.h"
+
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
@@ -11,7 +13,6 @@
 
 class AuthManager;
 class Clock;
-class FloatingWidgetViewModel;
 class KeychainHelper;
 class PanelWindowHints;
 class QQmlEngine;
@@ -38,12 +39,12 @@ public:
     struct Services
     {
         SpeechManager *speech = nullptr;
-        AuthManager *auth = nullptr;         // none: visibility only by showWidget()/hideWidget()
-        KeychainHelper *keychain = nullptr;  // for the own-key rule
-        UserDefaults *defaults = nullptr;    // "showWidgetWithOwnKey"
-        Clock *clock = nullptr;              // none: the system clock
+        AuthManager *auth = nullptr;             // none: visibility only by showWidget()/hideWidget()
+        KeychainHelper *keychain = nullptr;      // for the own-key rule
+        UserDefaults *defaults = nullptr;        // "showWidgetWithOwnKey"
+        Clock *clock = nullptr;                  // none: the system clock
         std::unique_ptr<PanelWindowHints> hints; // none: no window-manager hints
-        QQmlEngine *engine = nullptr;        // none: one of its own
+        QQmlEngine *engine = nullptr;            // none: one of its own
     };
 
     explicit FloatingWindowController(Services services, QObject *parent = nullptr);

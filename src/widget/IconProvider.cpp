@@ -8,8 +8,7 @@
 
 IconProvider::IconProvider()
     : QQuickImageProvider(QQuickImageProvider::Image)
-{
-}
+{}
 
 QByteArray IconProvider::coloredSvg(const QString &name, const QString &color)
 {
@@ -22,7 +21,8 @@ QByteArray IconProvider::coloredSvg(const QString &name, const QString &color)
     const QByteArray rgb = c.name(QColor::HexRgb).toLatin1();
     const QByteArray opacity = QByteArray::number(c.alphaF());
     for (const QByteArray &attribute : {QByteArrayLiteral("fill"), QByteArrayLiteral("stroke")}) {
-        const QByteArray colored = attribute + "=\"" + rgb + "\" " + attribute + "-opacity=\"" + opacity + '"';
+        const QByteArray colored =
+            attribute + "=\"" + rgb + "\" " + attribute + "-opacity=\"" + opacity + '"';
         svg.replace(QByteArray(attribute + "=\"currentColor\""), colored);
     }
     return svg;

@@ -26,9 +26,8 @@ WaveformView::WaveformView(QQuickItem *parent)
     setAntialiasing(true);
     m_timeline.setInterval(kFrameIntervalMs);
     m_timeline.setTimerType(Qt::PreciseTimer);
-    connect(&m_timeline, &QTimer::timeout, this, [this] {
-        advanceFrame(steadyNow(), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0);
-    });
+    connect(&m_timeline, &QTimer::timeout, this,
+            [this] { advanceFrame(steadyNow(), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0); });
     connect(this, &WaveformView::barHeightRangeChanged, this, [this] {
         m_heights.fill(m_minimumBarHeight);
         update();
@@ -46,8 +45,10 @@ void WaveformView::setSpeech(SpeechManager *speech)
     m_speech = speech;
     m_interpolator.reset();
     if (speech) {
-        m_connections << connect(speech, &SpeechManager::isPlayingChanged, this, &WaveformView::onPlayingChanged)
-                      << connect(speech, &SpeechManager::isProcessingChanged, this, &WaveformView::updateTimeline)
+        m_connections << connect(speech, &SpeechManager::isPlayingChanged, this,
+                                 &WaveformView::onPlayingChanged)
+                      << connect(speech, &SpeechManager::isProcessingChanged, this,
+                                 &WaveformView::updateTimeline)
                       << connect(speech, &SpeechManager::lastLevelTimestampChanged, this, [this] {
                              m_interpolator.push(m_speech->rawAudioLevel(), m_speech->lastLevelTimestamp());
                          });
@@ -67,8 +68,8 @@ void WaveformView::setBarColors(const QList<QColor> &colors)
 
 bool WaveformView::shouldRun(bool isPlaying, bool isProcessing, const std::array<float, kBarCount> &levels)
 {
-    return isPlaying || isProcessing
-        || std::any_of(levels.begin(), levels.end(), [](float level) { return level > 0.01f; });
+    return isPlaying || isProcessing ||
+           std::any_of(levels.begin(), levels.end(), [](float level) { return level > 0.01f; });
 }
 
 const std::array<std::array<double, WaveformView::kBarCount>, WaveformView::kVariationRows> &

@@ -15,6 +15,13 @@ QColor grey(double level)
     return rgb(level, level, level);
 }
 
+// Dark ink on a light fill, white on a dark one (relative luminance, sRGB approximated).
+QColor inkOn(const QColor &fill)
+{
+    const double luminance = 0.2126 * fill.redF() + 0.7152 * fill.greenF() + 0.0722 * fill.blueF();
+    return luminance > 0.55 ? QColor(0x1c, 0x1c, 0x21) : QColor(Qt::white);
+}
+
 } // namespace
 
 std::array<QColor, 3> WidgetPalette::themeColorsOf(WidgetTheme theme)
@@ -80,7 +87,6 @@ WidgetPalette WidgetPalette::make(WidgetTheme theme, WidgetAppearance appearance
         p.track = QColor(255, 255, 255, 0x2e);
         p.accent = themeAccent.isValid() ? themeAccent : QColor(0xf5, 0xf5, 0xf7);
         p.playButton = p.accent;
-        p.playSymbol = QColor(0x1c, 0x1c, 0x21);
         p.warning = QColor(0xff, 0xb3, 0x40);
     } else {
         p.panel = QColor(0xf7, 0xf7, 0xf9, 0xf5);
@@ -94,9 +100,9 @@ WidgetPalette WidgetPalette::make(WidgetTheme theme, WidgetAppearance appearance
         p.track = QColor(0, 0, 0, 0x1f);
         p.accent = themeAccent.isValid() ? themeAccent.darker(130) : QColor(0x1d, 0x1d, 0x1f);
         p.playButton = themeAccent.isValid() ? themeAccent.darker(115) : QColor(0x1d, 0x1d, 0x1f);
-        p.playSymbol = QColor(Qt::white);
         p.warning = QColor(0xb2, 0x5e, 0x00);
     }
+    p.playSymbol = inkOn(p.playButton);
     return p;
 }
 

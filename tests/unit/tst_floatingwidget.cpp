@@ -27,13 +27,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class NoSelectionHere final : public SelectionSource
-{
-public:
-    bool isProcessTrusted(bool) override { return true; }
-    std::optional<QString> captureSelectedText() override { return std::nullopt; }
-};
-
 QByteArray silence(double seconds)
 {
     return QByteArray(qsizetype(seconds * SpeechManager::kSampleRateHz) * 2, '\0');
@@ -48,7 +41,7 @@ class TestFloatingWidget : public QObject
     QTemporaryDir m_dir;
     std::unique_ptr<UserDefaults> m_defaults;
     std::unique_ptr<KeychainHelper> m_keychain;
-    NoSelectionHere m_selection;
+    NoSelection m_selection;
     NullAudioSink *m_sink = nullptr;
     std::unique_ptr<SpeechManager> m_speech;
     ManualClock m_clock;
@@ -58,7 +51,8 @@ private Q_SLOTS:
     {
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
         m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("settings.conf")));
-        m_keychain = std::make_unique<KeychainHelper>(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
+        m_keychain =
+            std::make_unique<KeychainHelper>(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
     }
 
     void init()
@@ -84,13 +78,14 @@ private Q_SLOTS:
         QTest::newRow("still expanded at 199 ms") << QStringList{"in", "out", "+199"} << true;
         QTest::newRow("collapsed at 200 ms") << QStringList{"in", "out", "+200"} << false;
         QTest::newRow("back within the delay") << QStringList{"in", "out", "+150", "in", "+500"} << true;
-        QTest::newRow("a second leave restarts the delay") << QStringList{"in", "out", "+150", "out", "+100"}
-                                                           << true;
-        QTest::newRow("pinned: leaving schedules nothing") << QStringList{"force", "in", "out", "+500"} << true;
+        QTest::newRow("a second leave restarts the delay")
+            << QStringList{"in", "out", "+150", "out", "+100"} << true;
+        QTest::newRow("pinned: leaving schedules nothing")
+            << QStringList{"force", "in", "out", "+500"} << true;
         QTest::newRow("pinned after the collapse was scheduled")
             << QStringList{"in", "out", "+100", "force", "+500"} << true;
-        QTest::newRow("unpinned before the collapse runs") << QStringList{"in", "out", "force", "+100", "unforce", "+500"}
-                                                           << false;
+        QTest::newRow("unpinned before the collapse runs")
+            << QStringList{"in", "out", "force", "+100", "unforce", "+500"} << false;
     }
 
     void hoverCollapse()
@@ -218,9 +213,9 @@ private Q_SLOTS:
         QTest::newRow("an unknown theme falls back to Default") << "Plaid" << defaults;
         QTest::newRow("Sunset blends through its middle colour")
             << "Sunset"
-            << QList<QColor>{QColor::fromRgbF(1.0f, 0.5f, 0.2f), QColor::fromRgbF(1.0f, 0.46f, 0.32f),
+            << QList<QColor>{QColor::fromRgbF(1.0f, 0.5f, 0.2f),   QColor::fromRgbF(1.0f, 0.46f, 0.32f),
                              QColor::fromRgbF(1.0f, 0.42f, 0.44f), QColor::fromRgbF(1.0f, 0.44f, 0.5f),
-                             QColor::fromRgbF(1.0f, 0.52f, 0.5f), QColor::fromRgbF(1.0f, 0.6f, 0.5f)};
+                             QColor::fromRgbF(1.0f, 0.52f, 0.5f),  QColor::fromRgbF(1.0f, 0.6f, 0.5f)};
     }
 
     void barColors()
@@ -234,8 +229,8 @@ private Q_SLOTS:
         QCOMPARE(actual.size(), colors.size());
         for (qsizetype i = 0; i < colors.size(); ++i) {
             const QColor &a = actual[i], &e = colors[i];
-            QVERIFY2(qAbs(a.redF() - e.redF()) < 0.005 && qAbs(a.greenF() - e.greenF()) < 0.005
-                         && qAbs(a.blueF() - e.blueF()) < 0.005,
+            QVERIFY2(qAbs(a.redF() - e.redF()) < 0.005 && qAbs(a.greenF() - e.greenF()) < 0.005 &&
+                         qAbs(a.blueF() - e.blueF()) < 0.005,
                      qPrintable(QStringLiteral("bar %1: %2, expected %3").arg(i).arg(a.name(), e.name())));
         }
         m_speech->setWidgetTheme(WidgetTheme::Crimson);
@@ -276,7 +271,8 @@ private Q_SLOTS:
         // range above the minimum.
         view.advanceFrame(1000.0, 0.0);
         for (qreal h : view.barHeights())
-            QVERIFY2(h >= 3 + 0.2 * 0.85 * 0.9 * 21 - 0.01 && h <= 3 + 0.35 * 21 + 0.01, qPrintable(QString::number(h)));
+            QVERIFY2(h >= 3 + 0.2 * 0.85 * 0.9 * 21 - 0.01 && h <= 3 + 0.35 * 21 + 0.01,
+                     qPrintable(QString::number(h)));
         m_speech->stop();
         QVERIFY(!view.isRunning()); // reset on stop: nothing left to fall
         const QList<qreal> rest(WaveformView::kBarCount, 3.0);
@@ -301,8 +297,8 @@ private Q_SLOTS:
         FloatingWindowController controller(std::move(services));
         QQuickView *window = controller.window();
         QVERIFY2(window->status() == QQuickView::Ready, qPrintable(window->errors().value(0).toString()));
-        QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool
-                                          | Qt::FramelessWindowHint));
+        QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool |
+                                          Qt::FramelessWindowHint));
 
         controller.showWidget();
         const QRect area = QGuiApplication::primaryScreen()->availableGeometry();

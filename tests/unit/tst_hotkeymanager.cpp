@@ -358,10 +358,15 @@ private Q_SLOTS:
         useDefaults({});
         auto backend = std::make_unique<NullGlobalHotKeys>();
         backend->setTakenElsewhere(native(KEY_S));
+        // Named as the user knows the combination, in the log and for the status.
+        QTest::ignoreMessage(QtWarningMsg, "Ctrl+Alt+S is used by another application");
         const auto manager = makeManager(std::move(backend));
 
         QVERIFY(!manager->hotkeyRegistered());
+        QCOMPARE(manager->registrationProblem(HotkeyManager::Narration),
+                 QStringLiteral("Ctrl+Alt+S is used by another application"));
         QVERIFY(manager->playPauseRegistered());
+        QCOMPARE(manager->registrationProblem(HotkeyManager::PlayPause), QString());
         quint32 clock = 0;
         QVERIFY(!tap(native(KEY_S), clock));
         QCOMPARE(m_selection.captures, 0);
@@ -371,6 +376,7 @@ private Q_SLOTS:
         manager->updateHotkey(KeyTable::kVK_ANSI_A, kCommandOption);
         QVERIFY(manager->hotkeyRegistered());
         QCOMPARE(status.count(), 1);
+        QCOMPARE(manager->registrationProblem(HotkeyManager::Narration), QString());
     }
 
     void keyWithoutKeyCodeFailsToRegister()

@@ -9,8 +9,7 @@ class NullPanelHints final : public PanelWindowHints
 public:
     explicit NullPanelHints(bool compositing = true)
         : m_compositing(compositing)
-    {
-    }
+    {}
     void apply(QWindow &) override { ++appliedCount; }
     bool hasCompositingManager() const override { return m_compositing; }
 

@@ -20,12 +20,13 @@ constexpr quint32 kSourceApplication = 1;
 xcb_atom_t internAtom(xcb_connection_t *c, const char *name)
 {
     const xcb_intern_atom_cookie_t cookie = xcb_intern_atom(c, 0, quint16(strlen(name)), name);
-    std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(xcb_intern_atom_reply(c, cookie, nullptr),
-                                                                         &std::free);
+    std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(
+        xcb_intern_atom_reply(c, cookie, nullptr), &std::free);
     return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
 }
 
-void sendToRoot(xcb_connection_t *c, xcb_window_t window, xcb_atom_t type, std::initializer_list<quint32> data)
+void sendToRoot(xcb_connection_t *c, xcb_window_t window, xcb_atom_t type,
+                std::initializer_list<quint32> data)
 {
     xcb_client_message_event_t event{};
     event.response_type = XCB_CLIENT_MESSAGE;
@@ -55,7 +56,8 @@ void X11PanelHints::apply(QWindow &window)
                                  internAtom(c, "_NET_WM_STATE_SKIP_PAGER")};
     if (!window.isVisible()) {
         // An unmapped window tells the window manager through its properties, read when it is mapped.
-        xcb_change_property(c, XCB_PROP_MODE_APPEND, id, netWmState, XCB_ATOM_ATOM, 32, std::size(states), states);
+        xcb_change_property(c, XCB_PROP_MODE_APPEND, id, netWmState, XCB_ATOM_ATOM, 32, std::size(states),
+                            states);
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, id, desktop, XCB_ATOM_CARDINAL, 32, 1, &kAllDesktops);
     } else {
         // A mapped one only through messages to the root window.

@@ -26,7 +26,7 @@ Item {
         anchors.left: play.right
         anchors.leftMargin: 12
         anchors.verticalCenter: parent.verticalCenter
-        width: 52
+        width: 44
         height: 36
         radius: 10
         color: row.palette.waveformWell
@@ -36,7 +36,7 @@ Item {
             speech: row.viewModel.speech
             barColors: row.palette.barColors
             minimumBarHeight: 3
-            maximumBarHeight: 26
+            maximumBarHeight: 28
             Accessible.ignored: true
         }
     }
@@ -52,7 +52,7 @@ Item {
         Text {
             width: parent.width
             elide: Text.ElideRight
-            font.pixelSize: 14
+            font.pixelSize: 13
             font.weight: Font.DemiBold
             color: row.viewModel.errorTitle ? row.palette.warning : row.palette.foreground
             text: {

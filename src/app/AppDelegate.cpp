@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "app/AppDelegate.h"
+
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
+#include "account/KeychainHelper.h"
+#include "app/AppServices.h"
+#include "app/DesktopNotification.h"
+#include "app/RemoteControl.h"
+#include "app/SingleInstance.h"
+#include "app/StatusMenu.h"
+#include "capture/TextCaptureManager.h"
+#include "core/AppEvents.h"
+#include "core/Logging.h"
+#include "core/UserDefaults.h"
+#include "platform/x11/X11Session.h"
+#include "settings/SettingsWindow.h"
+#include "shortcuts/HotkeyManager.h"
+#include "shortcuts/ShortcutServices.h"
+#include "speech/SpeechManager.h"
+// FloatingWindowController.h needs the view model complete for its inline accessor.
+#include "widget/FloatingWidgetViewModel.h"
+#include "widget/FloatingWindowController.h"
+
+#include <QGuiApplication>
+#include <QQuickWindow>
+#include <QTextStream>
+#include <QTimer>
+#include <QWindow>
+
+namespace {
+
+AppDelegate *s_shared = nullptr;
+
+bool hasX11Session()
+{
+    return X11Session::connection() && !X11Session::isWaylandSession();
+}
+
+void explainWayland()
+{
+    QTextStream(stderr)
+        << "Quillvox: this is a Wayland session. Global shortcuts and selection capture need an X11 session "
+           "for now.\n"
+           "Bind these commands in your desktop's keyboard settings instead:\n"
+           "  quillvox --narrate-selection   quillvox --toggle        quillvox --stop\n"
+           "  quillvox --skip-back           quillvox --skip-forward  quillvox --cycle-speed\n"
+        << Qt::flush;
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(UserDefaults &defaults, KeychainHelper &keychain, QObject *parent)
+    : QObject(parent)
+    , m_defaults(defaults)
+    , m_keychain(keychain)
+{
+    s_shared = this;
+}
+
+AppDelegate::~AppDelegate()
+{
+    if (s_shared == this)
+        s_shared = nullptr;
+}
+
+AppDelegate *AppDelegate::shared()
+{
+    return s_shared;
+}
+
+bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &startUrl)
+{
+    // Our windows are small and mostly static: the software renderer needs no GL context per window
+    // and keeps the resident size down.
+    if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
+        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+
+    // Capture reads nothing outside an X11 session; the controller is then told there is no selection.
+    SpeechManager &speech =
+        createSharedSpeechManager(hasX11Session() ? &TextCaptureManager::shared() : nullptr);
+    m_speech = &speech;
+
+    m_remote = std::make_unique<RemoteControl>(speech, nullptr);
+    m_instance = std::make_unique<SingleInstance>();
+    if (!m_instance->listen([this](const QString &command, const QString &argument) {
+            return m_remote->handle(command, argument);
+        }))
+        return false;
+
+    m_statusMenu = std::make_unique<StatusMenu>(speech, TextCaptureManager::shared(), nullptr);
+    m_statusMenu->show();
+
+    if (shouldShowOnboarding())
+        openOnboardingWindow();
+    else
+        startMainApp();
+
+    addObservers();
+    connect(qGuiApp, &QGuiApplication::applicationStateChanged, this, [this](Qt::ApplicationState state) {
+        if (state == Qt::ApplicationActive)
+            applicationDidBecomeActive();
+    });
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
+
+    if (startUrl)
+        m_remote->routeUrl(*startUrl);
+    qCInfo(lcApp) << "ready";
+    return true;
+}
+
+bool AppDelegate::shouldShowOnboarding()
+{
+    if (!m_defaults.boolean(QString::fromLatin1(kHasCompletedOnboardingKey)).value_or(false))
+        return true;
+    // Finished once, but the credentials have gone since: the user needs the way in again.
+    return !m_keychain.load(KeychainKey::openAIAPIKey) && !m_keychain.load(KeychainKey::accessToken);
+}
+
+void AppDelegate::openOnboardingWindow()
+{
+    // The first-run flow is not part of this build: a new user goes straight to normal operation and
+    // signs in or saves a key in the settings window.
+    startMainApp();
+}
+
+void AppDelegate::startMainApp()
+{
+    if (std::exchange(m_mainAppStarted, true))
+        return;
+
+    TextCaptureManager::shared();
+    if (hasX11Session()) {
+        HotkeyManager &hotkeys = createSharedHotkeyManager();
+        if (m_remote)
+            m_remote->setHotkeys(&hotkeys);
+    } else {
+        explainWayland();
+    }
+
+    promptForTrust();
+
+    FloatingWindowController &widget = FloatingWindowController::shared();
+    widget.subscribeToAuthState();
+    if (m_statusMenu)
+        m_statusMenu->setWidget(&widget);
+
+    const bool hasAccessToken = m_keychain.load(KeychainKey::accessToken).has_value();
+    if (AuthManager::shared().isSignedIn() || hasAccessToken)
+        widget.showWidget();
+    else
+        widget.updateVisibility();
+
+    if (hasAccessToken)
+        QTimer::singleShot(0, this, [] { BalanceManager::shared().refreshBalance(); });
+}
+
+void AppDelegate::promptForTrust()
+{
+    // Asked once per start; where capture cannot work the user is told why, once.
+    TextCaptureManager &capture = TextCaptureManager::shared();
+    const QMetaObject::Connection explain =
+        connect(&capture, &TextCaptureManager::permissionExplanationRequested, this, [](const QString &why) {
+            showDesktopNotification(QStringLiteral("Quillvox cannot read selected text"), why);
+        });
+    capture.isProcessTrusted(true);
+    disconnect(explain);
+}
+
+void AppDelegate::openSettings(std::optional<SettingsSection> section)
+{
+    if (!m_settingsWindow) {
+        m_settingsWindow = std::make_unique<SettingsWindow>(section ? section : m_pendingSection);
+        m_pendingSection.reset();
+        m_settingsWindow->present();
+        return;
+    }
+    m_settingsWindow->present();
+    if (section)
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(*section));
+}
+
+void AppDelegate::addObservers()
+{
+    AppEvents &events = AppEvents::shared();
+    m_onboardingObserver = connect(
+        &events, &AppEvents::onboardingCompleted, this,
+        [this] {
+            if (m_onboardingWindow)
+                m_onboardingWindow->close();
+            m_onboardingWindow.clear();
+            startMainApp();
+        },
+        Qt::QueuedConnection);
+    m_settingsObserver = connect(
+        &events, &AppEvents::openSettingsWindow, this, [this] { openSettings(std::nullopt); },
+        Qt::QueuedConnection);
+    m_openAboutObserver = connect(
+        &events, &AppEvents::openAboutSection, this, [this] { openSettings(SettingsSection::about); },
+        Qt::QueuedConnection);
+    // A view asks for the window and then for a section in one go; the window, opened from the event
+    // loop, is not there yet to hear the section, so it opens on it instead.
+    connect(&events, &AppEvents::navigateToSettingsSection, this, [this](const QString &label) {
+        if (m_settingsWindow)
+            return;
+        m_pendingSection = settingsSectionFromLabel(label);
+        QTimer::singleShot(0, this, [this] { m_pendingSection.reset(); });
+    });
+}
+
+void AppDelegate::applicationDidBecomeActive()
+{
+    if (m_keychain.load(KeychainKey::accessToken))
+        QTimer::singleShot(0, this, [] { BalanceManager::shared().refreshBalance(); });
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    for (QMetaObject::Connection *observer :
+         {&m_onboardingObserver, &m_settingsObserver, &m_openAboutObserver}) {
+        if (*observer)
+            disconnect(*observer);
+    }
+    if (m_speech)
+        m_speech->stop();
+    m_defaults.sync();
+}

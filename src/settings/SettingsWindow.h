@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include "settings/SettingsSection.h"
+
+#include <QObject>
+
+#include <memory>
+#include <optional>
+
+class QQmlEngine;
+class QQuickView;
+class SettingsViewModel;
+
+// The settings window: a sidebar of sections and the chosen section's page. Closing only hides it, so
+// the owner keeps one window for the life of the process and shows it again with the section it had.
+// Follows "navigateToSettingsSection" while it exists.
+class SettingsWindow : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr int kMinimumWidth = 900;
+    static constexpr int kMinimumHeight = 600;
+
+    // `engine` none: one of its own.
+    explicit SettingsWindow(std::optional<SettingsSection> initialSection = std::nullopt,
+                            QQmlEngine *engine = nullptr, QObject *parent = nullptr);
+    ~SettingsWindow() override;
+
+    SettingsViewModel *viewModel() const { return m_viewModel; }
+    QQuickView *window() const { return m_window.get(); }
+
+    // Shows the window, brings it to the front and asks for the keyboard focus.
+    void present();
+
+private:
+    SettingsViewModel *m_viewModel;
+    std::unique_ptr<QQuickView> m_window;
+};

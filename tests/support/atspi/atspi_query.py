@@ -1,0 +1,53 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
+# What a screen reader sees of one application, for the desktop tests:
+#   atspi_query.py APP find NAME   -> "x y width height" (screen pixels) of the first showing
+#                                     accessible called NAME, exit 1 when there is none
+#   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
+import sys
+
+import pyatspi
+
+
+def application(name):
+    desktop = pyatspi.Registry.getDesktop(0)
+    for i in range(desktop.childCount):
+        app = desktop.getChildAtIndex(i)
+        if app is not None and app.name == name:
+            return app
+    return None
+
+
+def walk(node):
+    yield node
+    for i in range(node.childCount):
+        child = node.getChildAtIndex(i)
+        if child is not None:
+            yield from walk(child)
+
+
+def showing(node):
+    return node.getState().contains(pyatspi.STATE_SHOWING)
+
+
+def main():
+    app_name, command = sys.argv[1], sys.argv[2]
+    app = application(app_name)
+    if app is None:
+        print(f"no application {app_name!r} on the accessibility bus", file=sys.stderr)
+        return 2
+    if command == "list":
+        for node in walk(app):
+            print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
+        return 0
+    wanted = sys.argv[3]
+    for node in walk(app):
+        if node.name == wanted and showing(node):
+            extents = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
+            print(extents.x, extents.y, extents.width, extents.height)
+            return 0
+    return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

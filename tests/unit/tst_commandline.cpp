@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The executable's argument checking, run as a user runs it: once with no Quillvox running and once with
+// an instance answering on this profile's socket, which must make no difference and hear nothing.
+#include "app/SingleInstance.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+struct Outcome
+{
+    int exitCode = -1;
+    QString firstErrorLine;
+};
+
+// Waits in the event loop, so that an instance in this process can answer the child.
+Outcome run(const QStringList &arguments)
+{
+    QProcess process;
+    QSignalSpy finished(&process, &QProcess::finished);
+    process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+    if (!finished.wait(30000))
+        return {};
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardError()).section(u'\n', 0, 0)};
+}
+
+} // namespace
+
+class TestCommandLine : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void wrongArguments_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("error");
+
+        const auto row = [](const char *name, const QStringList &arguments, const char *error) {
+            QTest::newRow(name) << arguments << QString::fromUtf8(error);
+        };
+        row("unknown option", {"--bogus"}, "quillvox: Unknown option 'bogus'.");
+        row("unknown single-dash option", {"-bogus"}, "quillvox: Unknown option 'bogus'.");
+        row("bare word", {"hello"}, "quillvox: Unexpected argument 'hello'.");
+        row("missing value", {"--speak"}, "quillvox: Missing value after '--speak'.");
+        row("empty text", {"--speak", " "}, "quillvox: Nothing to narrate: the text is empty.");
+        row("speed without speak", {"--speed", "3"}, "quillvox: --speed goes with --speak.");
+        row("unsupported speed", {"--speak", "hi", "--speed", "3"},
+            "quillvox: Unsupported speed \"3\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0");
+        row("unknown voice", {"--speak", "hi", "--voice", "nosuch"},
+            "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, onyx, "
+            "shimmer");
+        row("unknown style", {"--speak", "hi", "--style", "Loud"},
+            "quillvox: Unknown style \"Loud\". Styles: Standard, Calm, Friendly, Professional, Bedtime "
+            "Story, "
+            "Dramatic, Cheerful");
+        row("unknown preview voice", {"--preview", "nosuch"},
+            "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, onyx, "
+            "shimmer");
+        row("two actions", {"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time.");
+        row("URL with an action", {"--toggle", "quillvox://auth/callback"},
+            "quillvox: Unexpected argument 'quillvox://auth/callback'.");
+    }
+
+    void wrongArguments()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, error);
+
+        const Outcome alone = run(arguments);
+        QCOMPARE(alone.firstErrorLine, error);
+        QCOMPARE(alone.exitCode, 1);
+
+        SingleInstance instance;
+        QStringList heard;
+        QVERIFY(instance.listen([&heard](const QString &command, const QString &) {
+            heard.append(command);
+            return QJsonObject{{QStringLiteral("ok"), true}};
+        }));
+        const Outcome beside = run(arguments);
+        QCOMPARE(beside.firstErrorLine, error);
+        QCOMPARE(beside.exitCode, 1);
+        QCOMPARE(heard, QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestCommandLine)
+#include "tst_commandline.moc"

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Draws the widget in each of its states, themes and appearances into PNG files, on whatever platform Qt
+// runs (offscreen is enough): a narration of a tone plays on the null sink so that the waveform, times
+// and buttons show what they show during a real one.
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "platform/null/NullPanelHints.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+#include "widget/FloatingWidgetViewModel.h"
+#include "widget/FloatingWindowController.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QQuickView>
+#include <QTemporaryDir>
+#include <QTextStream>
+#include <QtEndian>
+
+#include <cmath>
+
+namespace {
+
+// A voice-like tone whose loudness swells, so that the bars differ.
+QByteArray tone(double seconds)
+{
+    const int frames = int(seconds * SpeechManager::kSampleRateHz);
+    QByteArray pcm(frames * 2, '\0');
+    for (int i = 0; i < frames; ++i) {
+        const double t = double(i) / SpeechManager::kSampleRateHz;
+        const double envelope = 0.2 + 0.12 * std::sin(2 * M_PI * 3.1 * t);
+        const auto sample = qint16(std::lround(32767 * envelope * std::sin(2 * M_PI * 220 * t)));
+        qToLittleEndian(sample, pcm.data() + 2 * i);
+    }
+    return pcm;
+}
+
+void settle(int ms)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    QGuiApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    const QDir out(args.value(1, QStringLiteral("screenshots")));
+    const QString suffix = args.value(2); // e.g. "@2x"
+    QDir().mkpath(out.path());
+
+    QTemporaryDir dir;
+    UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+    KeychainHelper keychain(QStringLiteral("screenshots"), std::make_unique<MemorySecretStore>());
+    NoSelection selection;
+    auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+    NullAudioSink *device = sink.get();
+    SpeechManager::Services services;
+    services.defaults = &defaults;
+    services.keychain = &keychain;
+    services.selection = &selection;
+    services.audioSink = std::move(sink);
+    SpeechManager speech(std::move(services));
+
+    FloatingWindowController::Services windowServices;
+    windowServices.speech = &speech;
+    windowServices.hints = std::make_unique<NullPanelHints>();
+    FloatingWindowController controller(std::move(windowServices));
+    FloatingWidgetViewModel &vm = *controller.viewModel();
+    controller.showWidget();
+    QQuickView &window = *controller.window();
+
+    int written = 0;
+    const auto shoot = [&](const QString &name) {
+        settle(250);
+        const QString path = out.filePath(QStringLiteral("widget-") + name + suffix + QStringLiteral(".png"));
+        if (!window.grabWindow().save(path)) {
+            QTextStream(stderr) << "could not write " << path << Qt::endl;
+            return;
+        }
+        ++written;
+    };
+    // Plays on from where it is for `seconds` of device time, while the view animates.
+    const auto play = [&](double seconds) {
+        for (int i = 0; i < int(seconds * 100); ++i) {
+            device->advance(240);
+            if (i % 2 == 0)
+                settle(1);
+        }
+    };
+
+    shoot(QStringLiteral("idle"));
+    vm.setHovered(true);
+    shoot(QStringLiteral("idle-expanded"));
+    vm.setHovered(false);
+    settle(300);
+
+    speech.replayStoredAudio(tone(48));
+    play(12.4);
+    shoot(QStringLiteral("playing"));
+    vm.setHovered(true);
+    play(0.3);
+    shoot(QStringLiteral("playing-expanded"));
+    vm.toggleFullControls();
+    play(0.3);
+    shoot(QStringLiteral("playing-full-controls"));
+
+    for (WidgetAppearance appearance : allWidgetAppearances()) {
+        speech.setWidgetAppearance(appearance);
+        for (WidgetTheme theme : allWidgetThemes()) {
+            speech.setWidgetTheme(theme);
+            play(0.3);
+            shoot(QStringLiteral("theme-") + rawValue(appearance).toLower() + u'-' +
+                  rawValue(theme).toLower());
+        }
+    }
+    speech.setWidgetTheme(WidgetTheme::Default);
+    speech.setWidgetAppearance(WidgetAppearance::Dark);
+    vm.toggleFullControls();
+    vm.setHovered(false);
+    settle(300);
+
+    speech.togglePlayPause();
+    shoot(QStringLiteral("paused"));
+
+    speech.stop();
+    speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+    shoot(QStringLiteral("error-permission"));
+    speech.setWidgetAppearance(WidgetAppearance::Light);
+    shoot(QStringLiteral("error-permission-light"));
+    speech.setWidgetAppearance(WidgetAppearance::Dark);
+    speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("Could not connect to the server.")));
+    shoot(QStringLiteral("error-other"));
+
+    QTextStream(stdout) << written << " screenshots in " << out.absolutePath() << Qt::endl;
+    return written > 0 ? 0 : 1;
+}
