@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The floating widget as a user meets it: the app signed in through the dev server, a maximised editor
+// under openbox with xcompmgr compositing, the controls found by their accessible names and clicked with
+// the pointer.
+#include "DevServer.h"
+#include "X11Desktop.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDir>
+#include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRect>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+constexpr int kWidth = 340;
+constexpr int kHeight = 140;
+
+QString program(const char *name)
+{
+    return QString::fromLatin1(name);
+}
+
+// The screen rectangle of the control called `name`, while it is showing; empty when it is not.
+QRect findControl(const QString &name)
+{
+    const QList<QByteArray> numbers =
+        runProgram(QStringLiteral("/usr/bin/python3"), {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
+            .trimmed()
+            .split(' ');
+    if (numbers.size() != 4)
+        return {};
+    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
+}
+
+void clickAt(QPoint point)
+{
+    xdotool({"mousemove", "--sync", QString::number(point.x()), QString::number(point.y())});
+    QTest::qWait(150); // the hover reaches the control before the press
+    xdotool({"click", "1"});
+}
+
+QByteArray activeWindow()
+{
+    return runProgram(program("xdotool"), {"getactivewindow"}).trimmed();
+}
+
+QJsonObject appStatus()
+{
+    const QJsonObject answer =
+        QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})).object();
+    return answer.value(QStringLiteral("status")).toObject(answer);
+}
+
+// The pixel's colour on the screen.
+QColor screenPixel(QPoint point)
+{
+    const QByteArray png = runProgram(program("import"), {"-window", "root", "-crop",
+                                                          QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()),
+                                                          "png:-"});
+    return QImage::fromData(png, "PNG").pixelColor(0, 0);
+}
+
+} // namespace
+
+class TestWidgetDesktop : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    DevServer m_server;
+    ChildProcess m_accessibility;
+    ChildProcess m_compositor;
+    ChildProcess m_editor;
+    std::unique_ptr<ChildProcess> m_app;
+    QByteArray m_editorWindow;
+    QByteArray m_widgetWindow;
+
+    bool startApp()
+    {
+        m_app = std::make_unique<ChildProcess>();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const char *origin : {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_OPENAI_ORIGIN"})
+            env.insert(QString::fromLatin1(origin), m_server.url().toString());
+        env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
+        m_app->process.setProcessEnvironment(env);
+        m_app->process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_app->process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+        m_widgetWindow = runProgram(program("xdotool"), {"search", "--sync", "--onlyvisible", "--name", "^Quillvox$"},
+                                    20000)
+                             .split('\n')
+                             .value(0);
+        // The accessibility tree is there a moment after the window.
+        return !m_widgetWindow.isEmpty()
+            && QTest::qWaitFor([] { return !findControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
+    }
+
+    void stopApp()
+    {
+        m_app.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(runProgram(program("xdotool"), {"search", "--name", "^Quillvox$"}).isEmpty(), 5000);
+    }
+
+    QRect widgetGeometry() const
+    {
+        QRect r;
+        for (const QByteArray &line : runProgram(program("xdotool"), {"getwindowgeometry", "--shell", m_widgetWindow})
+                                          .split('\n')) {
+            const QList<QByteArray> kv = line.split('=');
+            if (kv.size() != 2)
+                continue;
+            const int v = kv[1].toInt();
+            if (kv[0] == "X")
+                r.moveLeft(v);
+            else if (kv[0] == "Y")
+                r.moveTop(v);
+            else if (kv[0] == "WIDTH")
+                r.setWidth(v);
+            else if (kv[0] == "HEIGHT")
+                r.setHeight(v);
+        }
+        return r;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (qEnvironmentVariableIsEmpty("DISPLAY"))
+            QSKIP("needs the rig's X server");
+        QVERIFY(m_dir.isValid());
+        QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+        QVERIFY(bus);
+        if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
+            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"), {"--launch-immediately"});
+            QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
+        }
+        m_compositor.process.start(program("xcompmgr"), QStringList());
+        QVERIFY(m_compositor.process.waitForStarted());
+
+        QVERIFY2(m_server.start({"--synth", "sine"}), qPrintable(m_server.errorString()));
+        const QUrlQuery session = m_server.signIn();
+        KeychainHelper &keychain = KeychainHelper::shared();
+        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
+        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")), KeychainKey::refreshToken));
+        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
+        UserDefaults::standard().sync();
+
+        const QString text = m_dir.filePath(QStringLiteral("article.txt"));
+        QFile file(text);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("The widget floats above this editor while it reads these words aloud, and the editor "
+                              "stays the window that has the keyboard the whole time. ")
+                       .repeated(6));
+        file.close();
+        m_editorWindow = openInMousepad(m_editor, text);
+        QVERIFY(!m_editorWindow.isEmpty());
+        xdotool({"windowstate", "--add", "MAXIMIZED_VERT,MAXIMIZED_HORZ", m_editorWindow});
+        xdotool({"mousemove", "--sync", "200", "600"}); // away from where the widget will be
+        QVERIFY(startApp());
+    }
+
+    void appearsAtTheTopCentreAboveTheEditor()
+    {
+        const QList<QByteArray> screen = runProgram(program("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
+        QCOMPARE(screen.size(), 2);
+        QCOMPARE(widgetGeometry(), QRect((screen[0].toInt() - kWidth) / 2, 40, kWidth, kHeight));
+
+        const QByteArray states =
+            runProgram(program("xprop"), {"-id", m_widgetWindow, "_NET_WM_STATE", "_NET_WM_DESKTOP"});
+        for (const char *state : {"_NET_WM_STATE_ABOVE", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
+                                  "_NET_WM_DESKTOP(CARDINAL) = 4294967295"}) // every workspace
+            QVERIFY2(states.contains(state), states.constData());
+        // Later in the stacking list is higher on the screen.
+        const QByteArray stacking = runProgram(program("xprop"), {"-root", "_NET_CLIENT_LIST_STACKING"});
+        const auto position = [&](const QByteArray &window) {
+            return stacking.indexOf(QByteArray::number(window.toULongLong(), 16));
+        };
+        QVERIFY2(position(m_editorWindow) >= 0 && position(m_widgetWindow) > position(m_editorWindow),
+                 stacking.constData());
+    }
+
+    void hoverShowsTheControlsAndLeavingHidesThem()
+    {
+        QVERIFY(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
+        const QRect widget = widgetGeometry();
+        xdotool({"mousemove", "--sync", QString::number(widget.center().x()), QString::number(widget.center().y())});
+        QTRY_VERIFY_WITH_TIMEOUT(!findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
+        QVERIFY(!findControl(QStringLiteral("Expand controls")).isEmpty());
+        xdotool({"mousemove", "--sync", "200", "600"});
+        QTRY_VERIFY_WITH_TIMEOUT(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
+    }
+
+    void buttonsDrivePlaybackAndLeaveTheEditorActive()
+    {
+        xdotool({"windowactivate", "--sync", m_editorWindow});
+        xdotool({"key", "--clearmodifiers", "ctrl+a"});
+        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+
+        clickAt(findControl(QStringLiteral("Play")).center());
+        QTRY_VERIFY_WITH_TIMEOUT(appStatus().value(QStringLiteral("isPlaying")).toBool(), 15000);
+        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+
+        clickAt(findControl(QStringLiteral("Pause")).center());
+        QTRY_VERIFY(!appStatus().value(QStringLiteral("isPlaying")).toBool());
+        QTRY_VERIFY(!findControl(QStringLiteral("Play")).isEmpty());
+
+        clickAt(findControl(QStringLiteral("Expand controls")).center());
+        QTRY_VERIFY(!findControl(QStringLiteral("Stop narration")).isEmpty());
+        clickAt(findControl(QStringLiteral("Stop narration")).center());
+        QTRY_VERIFY(!appStatus().value(QStringLiteral("hasContent")).toBool());
+        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+        // What was narrated is the editor's selection (its exchange is logged once the stop ended it).
+        const auto narrated = [this] {
+            for (const QJsonObject &request : m_server.requests())
+                if (request.value(QStringLiteral("path")).toString() == u"/api/tts/stream")
+                    return request.value(QStringLiteral("body")).toString();
+            return QString();
+        };
+        QTRY_VERIFY2(narrated().contains(QStringLiteral("floats above this editor")), qPrintable(narrated()));
+        // Pinned: the controls stay when the pointer leaves.
+        xdotool({"mousemove", "--sync", "200", "600"});
+        QTest::qWait(500);
+        QVERIFY(!findControl(QStringLiteral("Collapse controls")).isEmpty());
+        clickAt(findControl(QStringLiteral("Collapse controls")).center());
+        xdotool({"mousemove", "--sync", "200", "600"});
+    }
+
+    // The bars at rest are 3 pixels high in the middle of their well: their centre pixels carry the
+    // theme's colours.
+    void themeColoursTheBars_data()
+    {
+        QTest::addColumn<QString>("theme");
+        QTest::addColumn<QColor>("firstBar");
+        QTest::addColumn<QColor>("lastBar");
+        QTest::newRow("Default") << "Default" << QColor::fromRgbF(1, 1, 1) << QColor::fromRgbF(0.6f, 0.6f, 0.6f);
+        QTest::newRow("Crimson") << "Crimson" << QColor::fromRgbF(0.9f, 0.15f, 0.25f)
+                                 << QColor::fromRgbF(1.0f, 0.5f, 0.6f);
+    }
+
+    void themeColoursTheBars()
+    {
+        QFETCH(QString, theme);
+        QFETCH(QColor, firstBar);
+        QFETCH(QColor, lastBar);
+        stopApp();
+        UserDefaults::standard().setString(QStringLiteral("widgetTheme"), theme);
+        UserDefaults::standard().sync();
+        QVERIFY(startApp());
+        // The bars' well starts 12 px right of the play button, is 44 wide and shares its middle.
+        const QRect play = findControl(QStringLiteral("Play"));
+        const qreal firstBarLeft = play.right() + 1 + 12 + (44 - (6 * 2.5 + 5 * 2.5)) / 2;
+        for (const auto &[bar, expected] : {std::pair{0, firstBar}, std::pair{5, lastBar}}) {
+            const QPoint pixel(int(firstBarLeft + bar * 5 + 1), play.center().y());
+            QColor actual;
+            QTRY_VERIFY2_WITH_TIMEOUT(
+                [&] {
+                    actual = screenPixel(pixel);
+                    return qAbs(actual.red() - expected.red()) <= 12 && qAbs(actual.green() - expected.green()) <= 12
+                        && qAbs(actual.blue() - expected.blue()) <= 12;
+                }(),
+                qPrintable(QStringLiteral("bar %1 at %2,%3 is %4, expected %5")
+                               .arg(bar)
+                               .arg(pixel.x())
+                               .arg(pixel.y())
+                               .arg(actual.name(), expected.name())),
+                5000);
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestWidgetDesktop)
+#include "tst_widgetdesktop.moc"
