@@ -15,7 +15,7 @@ PACKAGES=(
     xvfb xauth x11-utils x11-xserver-utils xdotool xclip openbox
     dbus-daemon dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils sox mousepad
     curl python3 xdg-utils desktop-file-utils
-    qt6-svg-dev at-spi2-core python3-pyatspi xcompmgr imagemagick
+    qt6-svg-dev at-spi2-core python3-pyatspi xcompmgr imagemagick playerctl
 )
 
 missing=()

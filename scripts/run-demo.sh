@@ -32,6 +32,23 @@ else
     echo "No keyring: own-key mode needs a Secret Service (GNOME Keyring, KWallet or KeePassXC)." >&2
 fi
 
+# A signed-in dev-server account, as its sign-in page hands it out, so that the widget, the balance and
+# narrations through the service show from the start.
+callback=$(curl -s -o /dev/null -w '%{redirect_url}' "$origin/auth/v1/consent?redirect_to=quillvox://auth/callback")
+fragment_item() { tr '&' '\n' <<<"${callback#*#}" | sed -n "s/^$1=//p"; }
+if fragment_item access_token | secret-tool store --label="Quillvox demo access token" \
+        service "$QUILLVOX_KEYCHAIN_SERVICE" account access-token 2>/dev/null &&
+    fragment_item refresh_token | secret-tool store --label="Quillvox demo refresh token" \
+        service "$QUILLVOX_KEYCHAIN_SERVICE" account refresh-token 2>/dev/null; then
+    echo "Signed in to the dev server's account (its balance: 20 minutes)."
+fi
+conf="$XDG_CONFIG_HOME/Quillvox/Quillvox.conf"
+if ! grep -qs '^hasCompletedOnboarding=' "$conf"; then
+    mkdir -p "$(dirname "$conf")"
+    grep -qs '^\[General\]' "$conf" || echo '[General]' >>"$conf"
+    sed -i 's/^\[General\]$/[General]\nhasCompletedOnboarding=true/' "$conf"
+fi
+
 cat <<MSG
 
 Narrate any text through the local voice in this profile:
@@ -50,9 +67,12 @@ mkdir -p "$XDG_DATA_HOME/applications"
 profile_env="XDG_CONFIG_HOME=$XDG_CONFIG_HOME XDG_DATA_HOME=$XDG_DATA_HOME XDG_CACHE_HOME=$XDG_CACHE_HOME"
 profile_env+=" QUILLVOX_KEYCHAIN_SERVICE=$QUILLVOX_KEYCHAIN_SERVICE QUILLVOX_OPENAI_ORIGIN=$origin"
 profile_env+=" QUILLVOX_SERVICE_ORIGIN=$origin QUILLVOX_AUTH_ORIGIN=$origin QUILLVOX_AUTH_ANON_KEY=$QUILLVOX_AUTH_ANON_KEY"
-sed "s|^Exec=quillvox|Exec=env $profile_env $root/build/src/quillvox|" resources/quillvox.desktop \
-    >"$XDG_DATA_HOME/applications/quillvox.desktop"
-xdg-mime default quillvox.desktop x-scheme-handler/quillvox 2>/dev/null || true
+# The profile's instance owns a bus name of its own (the first ten hex digits of its configuration
+# folder's SHA-1), and a D-Bus-activatable entry must be named after it.
+name="com.vantor.Quillvox.Profile_$(printf '%s' "$XDG_CONFIG_HOME" | sha1sum | cut -c1-10)"
+sed "s|^Exec=quillvox|Exec=env $profile_env $root/build/src/quillvox|" resources/com.vantor.Quillvox.desktop \
+    >"$XDG_DATA_HOME/applications/$name.desktop"
+xdg-mime default "$name.desktop" x-scheme-handler/quillvox 2>/dev/null || true
 
 echo "Quillvox is running (Ctrl+C quits). Select text anywhere and press Ctrl+Alt+S; or from another"
 echo "terminal with the variables above: build/src/quillvox --narrate-selection | --toggle | --stop | --status"

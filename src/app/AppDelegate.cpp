@@ -6,13 +6,16 @@
 #include "account/KeychainHelper.h"
 #include "app/AppServices.h"
 #include "app/DesktopNotification.h"
+#include "app/MprisPlayer.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
 #include "app/StatusMenu.h"
 #include "capture/TextCaptureManager.h"
 #include "core/AppEvents.h"
+#include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
+#include "onboarding/OnboardingWindow.h"
 #include "platform/x11/X11Session.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
@@ -23,6 +26,7 @@
 #include "widget/FloatingWindowController.h"
 
 #include <QGuiApplication>
+#include <QQuickView>
 #include <QQuickWindow>
 #include <QTextStream>
 #include <QTimer>
@@ -87,6 +91,10 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
             return m_remote->handle(command, argument);
         }))
         return false;
+    m_remote->setOnboardingRaiser([this] { return raiseOnboardingWindow(); });
+    m_mpris = std::make_unique<MprisPlayer>(speech);
+    m_mpris->registerOnBus(MprisPlayer::busNameFor(
+        SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
     m_statusMenu = std::make_unique<StatusMenu>(speech, TextCaptureManager::shared(), nullptr);
     m_statusMenu->show();
@@ -119,9 +127,36 @@ bool AppDelegate::shouldShowOnboarding()
 
 void AppDelegate::openOnboardingWindow()
 {
-    // The first-run flow is not part of this build: a new user goes straight to normal operation and
-    // signs in or saves a key in the settings window.
-    startMainApp();
+    OnboardingViewModel::Services services;
+    services.auth = &AuthManager::shared();
+    services.balance = &BalanceManager::shared();
+    services.speech = m_speech;
+    services.keychain = &m_keychain;
+    services.defaults = &m_defaults;
+    services.serviceOrigin = DeploymentConfig::current().serviceOrigin;
+    services.isTrusted = [] { return TextCaptureManager::shared().isProcessTrusted(false); };
+    services.untrustedReason = [] { return TextCaptureManager::shared().untrustedReason(); };
+    services.prepareTryIt = [this] { ensureShortcuts(); };
+    services.showWidget = [](bool show) {
+        FloatingWindowController &widget = FloatingWindowController::shared();
+        if (show)
+            widget.showWidget();
+        else
+            widget.updateVisibility();
+    };
+    m_onboarding = std::make_unique<OnboardingWindow>(std::move(services));
+    m_onboardingWindow = m_onboarding->window();
+    m_onboarding->present();
+}
+
+bool AppDelegate::raiseOnboardingWindow()
+{
+    if (!m_onboardingWindow)
+        return false;
+    m_onboardingWindow->show();
+    m_onboardingWindow->raise();
+    m_onboardingWindow->requestActivate();
+    return true;
 }
 
 void AppDelegate::startMainApp()
@@ -129,15 +164,7 @@ void AppDelegate::startMainApp()
     if (std::exchange(m_mainAppStarted, true))
         return;
 
-    TextCaptureManager::shared();
-    if (hasX11Session()) {
-        HotkeyManager &hotkeys = createSharedHotkeyManager();
-        if (m_remote)
-            m_remote->setHotkeys(&hotkeys);
-    } else {
-        explainWayland();
-    }
-
+    ensureShortcuts();
     promptForTrust();
 
     FloatingWindowController &widget = FloatingWindowController::shared();
@@ -155,6 +182,20 @@ void AppDelegate::startMainApp()
         QTimer::singleShot(0, this, [] { BalanceManager::shared().refreshBalance(); });
 }
 
+void AppDelegate::ensureShortcuts()
+{
+    if (std::exchange(m_shortcutsMade, true))
+        return;
+    TextCaptureManager::shared();
+    if (hasX11Session()) {
+        HotkeyManager &hotkeys = createSharedHotkeyManager();
+        if (m_remote)
+            m_remote->setHotkeys(&hotkeys);
+    } else {
+        explainWayland();
+    }
+}
+
 void AppDelegate::promptForTrust()
 {
     // Asked once per start; where capture cannot work the user is told why, once.
@@ -170,7 +211,8 @@ void AppDelegate::promptForTrust()
 void AppDelegate::openSettings(std::optional<SettingsSection> section)
 {
     if (!m_settingsWindow) {
-        m_settingsWindow = std::make_unique<SettingsWindow>(section ? section : m_pendingSection);
+        m_settingsWindow = std::make_unique<SettingsWindow>(section ? section : m_pendingSection,
+                                                            SettingsServices::fromShared());
         m_pendingSection.reset();
         m_settingsWindow->present();
         return;
@@ -189,6 +231,9 @@ void AppDelegate::addObservers()
             if (m_onboardingWindow)
                 m_onboardingWindow->close();
             m_onboardingWindow.clear();
+            // The flow may still be inside the click that completed it.
+            if (m_onboarding)
+                m_onboarding.release()->deleteLater();
             startMainApp();
         },
         Qt::QueuedConnection);

@@ -12,6 +12,8 @@
 #include <optional>
 
 class KeychainHelper;
+class OnboardingWindow;
+class MprisPlayer;
 class QWindow;
 class RemoteControl;
 class SettingsWindow;
@@ -57,6 +59,10 @@ public:
 
 private:
     void openOnboardingWindow();
+    // The six global shortcuts and capture, made once: by the tutorial's try-it or by normal operation.
+    void ensureShortcuts();
+    // Brings the onboarding window forward; false when it is not open.
+    bool raiseOnboardingWindow();
     void promptForTrust();
     void applicationDidBecomeActive();
     void applicationWillTerminate();
@@ -76,6 +82,9 @@ private:
     std::unique_ptr<RemoteControl> m_remote;
     std::unique_ptr<SingleInstance> m_instance;
     std::unique_ptr<StatusMenu> m_statusMenu;
+    std::unique_ptr<OnboardingWindow> m_onboarding;
+    bool m_shortcutsMade = false;
+    std::unique_ptr<MprisPlayer> m_mpris;
     bool m_mainAppStarted = false;
     bool m_trustExplained = false;
 };

@@ -98,6 +98,7 @@ SpeechManager &createSharedSpeechManager(SelectionSource *selection)
     services.audioSink = createAudioSink(config.audioOutput);
     services.serviceOrigin = config.serviceOrigin;
     services.openAIOrigin = config.openAIOrigin;
+    services.openAIOriginFromEnvironment = config.openAIOriginFromEnvironment;
     auto *manager = new SpeechManager(std::move(services), QCoreApplication::instance());
     SpeechManager::installShared(manager);
     return *manager;

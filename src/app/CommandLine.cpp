@@ -357,11 +357,12 @@ int sendControl(const QString &command)
 
 int runApplication(int argc, char *argv[], const std::optional<QString> &url)
 {
+    // The bus connection wants the application object first.
+    QApplication app(argc, argv);
     // Already running: a callback URL goes to it, a plain start shows its settings window.
     if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
                              url.value_or(QString()), 2000))
         return 0;
-    QApplication app(argc, argv);
     app.setQuitOnLastWindowClosed(false);
     AppDelegate delegate(UserDefaults::standard(), KeychainHelper::shared());
     if (!delegate.applicationDidFinishLaunching(url)) {

@@ -56,6 +56,9 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
     } else if (command == u"speak") {
         later([this, argument] { m_speech.speak(argument); });
     } else if (command == u"activate") {
+        if (!m_raiseOnboarding || !m_raiseOnboarding())
+            Q_EMIT AppEvents::shared().openSettingsWindow();
+    } else if (command == u"settings") {
         Q_EMIT AppEvents::shared().openSettingsWindow();
     } else if (command == u"open-url") {
         routeUrl(argument);
@@ -168,6 +171,11 @@ void RemoteControl::routeUrl(const QString &text)
         AuthManager::shared().handleCallback(url);
         return;
     case UrlRoute::PurchaseSuccess:
+        // During the first run the flow shows the purchase and refreshes the balance itself.
+        if (m_raiseOnboarding && m_raiseOnboarding()) {
+            Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
+            return;
+        }
         BalanceManager::shared().refreshBalance();
         // Nothing to bring forward until the application has windows of its own.
         qCInfo(lcApp) << "purchase completed";

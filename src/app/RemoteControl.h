@@ -4,6 +4,8 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <functional>
+
 class HotkeyManager;
 class SpeechManager;
 
@@ -14,10 +16,13 @@ public:
     // hotkeys may be null (no global shortcuts in this session, or not yet).
     RemoteControl(SpeechManager &speech, HotkeyManager *hotkeys);
     void setHotkeys(HotkeyManager *hotkeys) { m_hotkeys = hotkeys; }
+    // Brings the first-run window forward when it is open; false when it is not.
+    void setOnboardingRaiser(std::function<bool()> raise) { m_raiseOnboarding = std::move(raise); }
 
-    // "narrate-selection", "toggle", "stop", "skip-back", "skip-forward", "cycle-speed", "speak" (argument:
-    // the text), "status", "open-url" (argument: a quillvox:// URL), "activate" (a plain start of
-    // `quillvox` while this one runs: opens the settings window, the way in when no tray shows us).
+    // "narrate-selection", "toggle", "stop", "skip-back", "skip-forward", "cycle-speed", "settings",
+    // "speak" (argument: the text), "status", "open-url" (argument: a quillvox:// URL), "activate" (a
+    // plain start of `quillvox` while this one runs, or the desktop's launcher: the onboarding window
+    // when it is open, otherwise the settings window, the way in when no tray shows us).
     QJsonObject handle(const QString &command, const QString &argument);
     QJsonObject status() const;
 
@@ -32,4 +37,5 @@ public:
 private:
     SpeechManager &m_speech;
     HotkeyManager *m_hotkeys;
+    std::function<bool()> m_raiseOnboarding;
 };

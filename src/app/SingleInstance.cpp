@@ -4,111 +4,223 @@
 #include "core/Logging.h"
 
 #include <QCryptographicHash>
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnectionInterface>
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QDBusVariant>
 #include <QDir>
 #include <QJsonDocument>
-#include <QLocalServer>
-#include <QLocalSocket>
 #include <QStandardPaths>
 
 namespace {
 
-constexpr qint64 kMaxRequestBytes = 1 << 20; // a text to speak can be long, but not unbounded
+const QString kApplicationInterface = QStringLiteral("org.freedesktop.Application");
+const QString kFailed = QStringLiteral("com.vantor.Quillvox.Error.Failed");
 
-QByteArray encode(const QJsonObject &object)
+// Runs one request and turns a refusal into a D-Bus error for the caller.
+QJsonObject answer(const SingleInstance::Handler &handler, QDBusContext &context, const QString &command,
+                   const QString &argument)
 {
-    return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+    const QJsonObject reply = handler(command, argument);
+    if (!reply.value(QStringLiteral("ok")).toBool())
+        context.sendErrorReply(kFailed, reply.value(QStringLiteral("error")).toString());
+    return reply;
 }
 
 } // namespace
 
-SingleInstance::SingleInstance(QObject *parent)
+// The exported object. Qt keeps the calling context of an adaptor's call on the object it adapts.
+class InstanceObject : public QObject, public QDBusContext
+{
+    Q_OBJECT
+public:
+    using QObject::QObject;
+};
+
+class ApplicationAdaptor : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
+public:
+    ApplicationAdaptor(InstanceObject *object, const SingleInstance::Handler &handler)
+        : QDBusAbstractAdaptor(object)
+        , m_context(*object)
+        , m_handler(handler)
+    {}
+
+public Q_SLOTS:
+    void Activate(const QVariantMap &platformData)
+    {
+        Q_UNUSED(platformData)
+        answer(m_handler, m_context, QStringLiteral("activate"), {});
+    }
+
+    void Open(const QStringList &uris, const QVariantMap &platformData)
+    {
+        Q_UNUSED(platformData)
+        for (const QString &uri : uris)
+            answer(m_handler, m_context, QStringLiteral("open-url"), uri);
+    }
+
+    void ActivateAction(const QString &actionName, const QVariantList &parameter,
+                        const QVariantMap &platformData)
+    {
+        Q_UNUSED(parameter)
+        Q_UNUSED(platformData)
+        if (!SingleInstance::actionNames().contains(actionName)) {
+            m_context.sendErrorReply(QDBusError::InvalidArgs,
+                                     QStringLiteral("No action \"%1\".").arg(actionName));
+            return;
+        }
+        answer(m_handler, m_context, actionName, {});
+    }
+
+private:
+    QDBusContext &m_context;
+    const SingleInstance::Handler &m_handler;
+};
+
+class RemoteAdaptor : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "com.vantor.Quillvox.Remote")
+public:
+    RemoteAdaptor(InstanceObject *object, const SingleInstance::Handler &handler)
+        : QDBusAbstractAdaptor(object)
+        , m_context(*object)
+        , m_handler(handler)
+    {}
+
+public Q_SLOTS:
+    // The --status JSON.
+    QString Status()
+    {
+        const QJsonObject reply = answer(m_handler, m_context, QStringLiteral("status"), {});
+        return QString::fromUtf8(
+            QJsonDocument(reply.value(QStringLiteral("status")).toObject()).toJson(QJsonDocument::Compact));
+    }
+
+    void Speak(const QString &text) { answer(m_handler, m_context, QStringLiteral("speak"), text); }
+
+private:
+    QDBusContext &m_context;
+    const SingleInstance::Handler &m_handler;
+};
+
+SingleInstance::SingleInstance(QDBusConnection bus, QObject *parent)
     : QObject(parent)
+    , m_bus(std::move(bus))
 {}
 
-SingleInstance::~SingleInstance() = default;
-
-QString SingleInstance::socketPath()
+SingleInstance::~SingleInstance()
 {
-    QString runtime = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
-    if (runtime.isEmpty())
-        runtime = QDir::tempPath();
-    // A demo or test profile (its own config folder) runs beside the user's real instance.
-    const QByteArray profile =
-        QCryptographicHash::hash(
-            QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation).toUtf8(),
-            QCryptographicHash::Sha1)
-            .toHex()
-            .left(10);
-    return runtime + QStringLiteral("/quillvox-") + QString::fromLatin1(profile) + QStringLiteral(".sock");
+    if (!m_registered)
+        return;
+    m_bus.unregisterService(m_name);
+    m_bus.unregisterObject(objectPathFor(m_name));
+}
+
+QString SingleInstance::busNameFor(const QString &configFolder, const QString &home)
+{
+    const QString folder = QDir::cleanPath(configFolder);
+    if (folder == QDir::cleanPath(home + QStringLiteral("/.config")))
+        return QString::fromLatin1(kDefaultBusName);
+    const QByteArray digest = QCryptographicHash::hash(folder.toUtf8(), QCryptographicHash::Sha1).toHex();
+    return QString::fromLatin1(kDefaultBusName) + QStringLiteral(".Profile_") +
+           QString::fromLatin1(digest.left(10));
+}
+
+QString SingleInstance::busName()
+{
+    return busNameFor(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation),
+                      QDir::homePath());
+}
+
+QString SingleInstance::objectPathFor(const QString &busName)
+{
+    QString path = u'/' + busName;
+    path.replace(u'.', u'/').replace(u'-', u'_');
+    return path;
+}
+
+const QStringList &SingleInstance::actionNames()
+{
+    static const QStringList names{
+        QStringLiteral("narrate-selection"), QStringLiteral("toggle"),       QStringLiteral("stop"),
+        QStringLiteral("skip-back"),         QStringLiteral("skip-forward"), QStringLiteral("cycle-speed"),
+        QStringLiteral("settings")};
+    return names;
 }
 
 bool SingleInstance::listen(Handler handler)
 {
-    m_handler = std::move(handler);
-    m_server = new QLocalServer(this);
-    m_server->setSocketOptions(QLocalServer::UserAccessOption);
-    const QString path = socketPath();
-    if (!m_server->listen(path)) {
-        if (send(QStringLiteral("ping"), {}, 1000))
-            return false; // another instance is alive
-        // Left behind by a crash: nobody answers there any more.
-        QLocalServer::removeServer(path);
-        if (!m_server->listen(path)) {
-            qCWarning(lcApp) << "cannot listen on" << path << m_server->errorString();
-            return false;
-        }
+    if (!m_bus.isConnected()) {
+        qCWarning(lcApp) << "no session bus: later starts cannot reach this instance";
+        return true;
     }
-    connect(m_server, &QLocalServer::newConnection, this, &SingleInstance::onNewConnection);
+    m_name = busName();
+    // Exported before the name is taken: a bus activation's queued call arrives the moment we own it.
+    auto *object = new InstanceObject(this);
+    m_handler = std::move(handler);
+    new ApplicationAdaptor(object, m_handler);
+    new RemoteAdaptor(object, m_handler);
+    if (!m_bus.registerObject(objectPathFor(m_name), object)) {
+        qCWarning(lcApp) << "cannot export" << objectPathFor(m_name) << m_bus.lastError().message();
+        return false;
+    }
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+        m_bus.interface()->registerService(m_name, QDBusConnectionInterface::DontQueueService,
+                                           QDBusConnectionInterface::DontAllowReplacement);
+    if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+        m_bus.unregisterObject(objectPathFor(m_name));
+        return false;
+    }
+    m_registered = true;
     return true;
 }
 
-void SingleInstance::onNewConnection()
+std::optional<QJsonObject> SingleInstance::send(const QString &command, const QString &argument,
+                                                int timeoutMs, QDBusConnection bus)
 {
-    while (QLocalSocket *socket = m_server->nextPendingConnection()) {
-        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-        connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
-            if (!socket->canReadLine()) {
-                if (socket->bytesAvailable() > kMaxRequestBytes)
-                    socket->abort();
-                return;
-            }
-            const QByteArray line = socket->readLine(kMaxRequestBytes);
-            QJsonParseError error{};
-            const QJsonDocument doc = QJsonDocument::fromJson(line, &error);
-            const QJsonObject request = doc.object();
-            if (error.error != QJsonParseError::NoError || !doc.isObject() ||
-                !request.value(QStringLiteral("command")).isString()) {
-                socket->abort(); // garbage: drop it
-                return;
-            }
-            const QString command = request.value(QStringLiteral("command")).toString();
-            QJsonObject reply{{QStringLiteral("ok"), true}};
-            if (command != u"ping" && m_handler)
-                reply = m_handler(command, request.value(QStringLiteral("argument")).toString());
-            socket->write(encode(reply));
-            socket->disconnectFromServer();
-        });
+    if (!bus.isConnected())
+        return std::nullopt;
+    const QString name = busName();
+    const QString path = objectPathFor(name);
+    QDBusMessage call;
+    if (command == u"activate") {
+        call = QDBusMessage::createMethodCall(name, path, kApplicationInterface, QStringLiteral("Activate"));
+        call << QVariantMap();
+    } else if (command == u"open-url") {
+        call = QDBusMessage::createMethodCall(name, path, kApplicationInterface, QStringLiteral("Open"));
+        call << QStringList{argument} << QVariantMap();
+    } else if (command == u"status" || command == u"speak") {
+        call = QDBusMessage::createMethodCall(name, path, QString::fromLatin1(kRemoteInterface),
+                                              command == u"status" ? QStringLiteral("Status")
+                                                                   : QStringLiteral("Speak"));
+        if (command == u"speak")
+            call << argument;
+    } else {
+        call = QDBusMessage::createMethodCall(name, path, kApplicationInterface,
+                                              QStringLiteral("ActivateAction"));
+        call << command << QVariantList() << QVariantMap();
     }
+    call.setAutoStartService(false);
+    const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        const QString error = reply.errorName();
+        if (error == u"org.freedesktop.DBus.Error.ServiceUnknown" ||
+            error == u"org.freedesktop.DBus.Error.NameHasNoOwner" ||
+            error == u"org.freedesktop.DBus.Error.NoReply")
+            return std::nullopt;
+        return QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), reply.errorMessage()}};
+    }
+    QJsonObject result{{QStringLiteral("ok"), true}};
+    if (command == u"status") {
+        const QJsonDocument status = QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8());
+        result.insert(QStringLiteral("status"), status.object());
+    }
+    return result;
 }
 
-std::optional<QJsonObject> SingleInstance::send(const QString &command, const QString &argument,
-                                                int timeoutMs)
-{
-    QLocalSocket socket;
-    socket.connectToServer(socketPath());
-    if (!socket.waitForConnected(timeoutMs))
-        return std::nullopt;
-    socket.write(encode({{QStringLiteral("command"), command}, {QStringLiteral("argument"), argument}}));
-    if (!socket.waitForBytesWritten(timeoutMs))
-        return std::nullopt;
-    QByteArray line;
-    while (!socket.canReadLine()) {
-        if (!socket.waitForReadyRead(timeoutMs))
-            return std::nullopt;
-    }
-    line = socket.readLine(kMaxRequestBytes);
-    const QJsonDocument doc = QJsonDocument::fromJson(line);
-    if (!doc.isObject())
-        return std::nullopt;
-    return doc.object();
-}
+#include "SingleInstance.moc"

@@ -1,42 +1,57 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <QDBusConnection>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <optional>
 
-class QLocalServer;
-
-// One running Quillvox per user and profile. The first instance listens on a local socket in
-// $XDG_RUNTIME_DIR; later ones hand their request over (a callback URL, a playback command, a text to
-// speak, a status query) and exit. One JSON object per line each way; anything else is dropped.
+// One running Quillvox per user and profile. The first instance owns the profile's name on the session
+// bus and answers org.freedesktop.Application (Activate, Open, ActivateAction) and our own
+// com.vantor.Quillvox.Remote (Status, Speak) at the object path derived from that name; a later
+// `quillvox` hands its request over the bus and exits. Callback URLs travel in the call, never in a
+// command line another user could read.
 class SingleInstance : public QObject
 {
     Q_OBJECT
 public:
-    // Answers one request: {"command": ..., "argument": ...} -> the reply object.
+    // Answers one request: ("activate" | "open-url" | an action | "status" | "speak", argument) -> the
+    // reply object, {"ok": bool, "error"?: text, "status"?: object}.
     using Handler = std::function<QJsonObject(const QString &command, const QString &argument)>;
 
-    explicit SingleInstance(QObject *parent = nullptr);
+    static constexpr const char *kDefaultBusName = "com.vantor.Quillvox";
+    static constexpr const char *kRemoteInterface = "com.vantor.Quillvox.Remote";
+
+    explicit SingleInstance(QDBusConnection bus = QDBusConnection::sessionBus(), QObject *parent = nullptr);
     ~SingleInstance() override;
 
-    // The socket of this user and profile.
-    static QString socketPath();
+    // The name of the profile whose configuration folder is `configFolder`: the default folder
+    // (`home`/.config) has the plain name, any other one a name of its own.
+    static QString busNameFor(const QString &configFolder, const QString &home);
+    // This process's profile.
+    static QString busName();
+    // "/com/vantor/Quillvox" for "com.vantor.Quillvox", as org.freedesktop.Application derives it.
+    static QString objectPathFor(const QString &busName);
+    // The actions ActivateAction runs.
+    static const QStringList &actionNames();
 
-    // Starts listening; a socket left behind by a crashed instance is replaced. False when another
-    // instance already answers there (or the socket cannot be created).
+    // Exports the object and takes the name. False when another instance owns it already. Without a
+    // session bus nothing can be shared, and this instance simply runs.
     bool listen(Handler handler);
 
-    // Sends one request to the running instance and returns its reply, or nothing when none answers.
+    // Sends one request to the running instance and returns its reply; nothing when none runs. Never
+    // starts one through bus activation: the caller decides whether to become the instance.
     static std::optional<QJsonObject> send(const QString &command, const QString &argument = {},
-                                           int timeoutMs = 5000);
+                                           int timeoutMs = 5000,
+                                           QDBusConnection bus = QDBusConnection::sessionBus());
 
 private:
-    void onNewConnection();
-
-    QLocalServer *m_server = nullptr;
+    QDBusConnection m_bus;
     Handler m_handler;
+    QString m_name;
+    bool m_registered = false;
 };

@@ -1,12 +1,59 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "settings/SettingsViewModel.h"
 
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
+#include "settings/ApiKeySettingsModel.h"
+#include "settings/AppearanceSettingsModel.h"
+#include "settings/HistorySettingsModel.h"
+#include "settings/ShortcutSettingsModel.h"
+#include "settings/UsageSettingsModel.h"
+#include "settings/VoiceSettingsModel.h"
+#include "widget/FloatingWindowController.h"
+
 #include <QCoreApplication>
 
-SettingsViewModel::SettingsViewModel(std::optional<SettingsSection> initialSection, QObject *parent)
+SettingsViewModel::SettingsViewModel(std::optional<SettingsSection> initialSection, SettingsServices services,
+                                     QObject *parent)
     : QObject(parent)
     , m_current(initialSection.value_or(SettingsSection::account))
-{}
+    , m_services(std::move(services))
+{
+    SettingsServices &s = m_services;
+    if (!s.ownKeyChanged) {
+        s.ownKeyChanged = [] {
+            if (FloatingWindowController::hasShared())
+                FloatingWindowController::shared().updateVisibility();
+        };
+    }
+    if (s.speech) {
+        m_voice = new VoiceSettingsModel(*s.speech, this);
+        if (s.defaults)
+            m_appearance = new AppearanceSettingsModel(*s.speech, *s.defaults, s.ownKeyChanged, this);
+        if (s.history)
+            m_history = new HistorySettingsModel(*s.history, *s.speech, s.chooseExportPath, this);
+    }
+    if (s.hotkeys)
+        m_shortcuts =
+            new ShortcutSettingsModel(*s.hotkeys, s.captureProblem ? s.captureProblem() : QString(), this);
+    if (s.keychain && s.defaults) {
+        m_apiKeys = new ApiKeySettingsModel({.keychain = s.keychain,
+                                             .defaults = s.defaults,
+                                             .speech = s.speech,
+                                             .network = s.network,
+                                             .openAIOrigin = s.openAIOrigin,
+                                             .openAIOriginFromEnvironment = s.openAIOriginFromEnvironment,
+                                             .ownKeyChanged = s.ownKeyChanged},
+                                            this);
+    }
+    if (s.usage)
+        m_usage = new UsageSettingsModel(*s.usage, s.auth, s.balance, this);
+    if (s.auth && s.balance) {
+        m_auth = s.auth;
+        m_balance = s.balance;
+    }
+    connect(this, &SettingsViewModel::currentSectionChanged, this, &SettingsViewModel::refreshShownSection);
+}
 
 QStringList SettingsViewModel::sections() const
 {
@@ -41,4 +88,13 @@ bool SettingsViewModel::selectLabel(const QString &label)
         return false;
     select(*section);
     return true;
+}
+
+void SettingsViewModel::refreshShownSection()
+{
+    if (m_current == SettingsSection::account && m_services.balance && m_services.auth &&
+        m_services.auth->isSignedIn())
+        m_services.balance->refreshBalance();
+    if (m_current == SettingsSection::usage && m_usage)
+        m_usage->refresh();
 }

@@ -1,7 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "settings/ApiKeySettingsModel.h"
+#include "settings/AppearanceSettingsModel.h"
+#include "settings/HistorySettingsModel.h"
 #include "settings/SettingsSection.h"
+#include "settings/SettingsServices.h"
+#include "settings/ShortcutSettingsModel.h"
+#include "settings/UsageSettingsModel.h"
+#include "settings/VoiceSettingsModel.h"
 
 #include <QObject>
 #include <QStringList>
@@ -9,8 +16,9 @@
 
 #include <optional>
 
-// The settings window's own state: which section it shows. Sections are named by their labels towards
-// QML and the rest of the application.
+// The settings window's own state: which section it shows, and each section's view model (none where
+// the section's manager is missing). Sections are named by their labels towards QML and the rest of the
+// application.
 class SettingsViewModel : public QObject
 {
     Q_OBJECT
@@ -20,11 +28,20 @@ class SettingsViewModel : public QObject
     Q_PROPERTY(QString currentSection READ currentSectionLabel NOTIFY currentSectionChanged)
     Q_PROPERTY(int currentIndex READ currentIndex NOTIFY currentSectionChanged)
     Q_PROPERTY(QString version READ version CONSTANT)
+    Q_PROPERTY(VoiceSettingsModel *voice MEMBER m_voice CONSTANT)
+    Q_PROPERTY(AppearanceSettingsModel *appearance MEMBER m_appearance CONSTANT)
+    Q_PROPERTY(ShortcutSettingsModel *shortcuts MEMBER m_shortcuts CONSTANT)
+    Q_PROPERTY(ApiKeySettingsModel *apiKeys MEMBER m_apiKeys CONSTANT)
+    Q_PROPERTY(HistorySettingsModel *history MEMBER m_history CONSTANT)
+    Q_PROPERTY(UsageSettingsModel *usage MEMBER m_usage CONSTANT)
+    // The account's own managers: their published values are what the Account section shows.
+    Q_PROPERTY(QObject *auth MEMBER m_auth CONSTANT)
+    Q_PROPERTY(QObject *balance MEMBER m_balance CONSTANT)
 
 public:
     // None shows the default section, Account.
     explicit SettingsViewModel(std::optional<SettingsSection> initialSection = std::nullopt,
-                               QObject *parent = nullptr);
+                               SettingsServices services = {}, QObject *parent = nullptr);
 
     QStringList sections() const;
     SettingsSection currentSection() const { return m_current; }
@@ -36,9 +53,28 @@ public:
     // False, and nothing changes, for a label that names no section.
     Q_INVOKABLE bool selectLabel(const QString &label);
 
+    VoiceSettingsModel *voice() const { return m_voice; }
+    AppearanceSettingsModel *appearance() const { return m_appearance; }
+    ShortcutSettingsModel *shortcuts() const { return m_shortcuts; }
+    ApiKeySettingsModel *apiKeys() const { return m_apiKeys; }
+    HistorySettingsModel *history() const { return m_history; }
+    UsageSettingsModel *usage() const { return m_usage; }
+
+    // What showing the current section asks for: a fresh balance, fresh server usage.
+    void refreshShownSection();
+
 Q_SIGNALS:
     void currentSectionChanged();
 
 private:
     SettingsSection m_current;
+    SettingsServices m_services;
+    VoiceSettingsModel *m_voice = nullptr;
+    AppearanceSettingsModel *m_appearance = nullptr;
+    ShortcutSettingsModel *m_shortcuts = nullptr;
+    ApiKeySettingsModel *m_apiKeys = nullptr;
+    HistorySettingsModel *m_history = nullptr;
+    UsageSettingsModel *m_usage = nullptr;
+    QObject *m_auth = nullptr;
+    QObject *m_balance = nullptr;
 };

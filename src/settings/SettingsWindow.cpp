@@ -5,18 +5,57 @@
 #include "core/Logging.h"
 #include "settings/SettingsViewModel.h"
 
+#include <QApplication>
+#include <QFileDialog>
 #include <QGuiApplication>
 #include <QQmlEngine>
 #include <QQuickView>
 #include <QScreen>
+#include <QStandardPaths>
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_SettingsPlugin)
+Q_IMPORT_QML_PLUGIN(Quillvox_ShortcutsPlugin)
 
-SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, QQmlEngine *engine,
-                               QObject *parent)
+namespace {
+
+// Asynchronous, so that no nested event loop runs under the view model.
+void chooseExportPathWithDialog(const QString &suggestedName, std::function<void(const QString &)> done)
+{
+    auto *dialog = new QFileDialog(nullptr, QStringLiteral("Export Narration"),
+                                   QStandardPaths::writableLocation(QStandardPaths::MusicLocation));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setAcceptMode(QFileDialog::AcceptSave);
+    dialog->setNameFilters({QStringLiteral("FLAC audio (*.flac)"), QStringLiteral("WAV audio (*.wav)"),
+                            QStringLiteral("Ogg Vorbis audio (*.ogg)")});
+    dialog->selectFile(suggestedName);
+    // The extension chooses the format, so a name typed without one gets the chosen filter's.
+    QObject::connect(dialog, &QFileDialog::filterSelected, dialog, [dialog](const QString &filter) {
+        const QString extension = filter.section(QStringLiteral("*."), 1).chopped(1);
+        dialog->setDefaultSuffix(extension);
+    });
+    dialog->setDefaultSuffix(QStringLiteral("flac"));
+    QObject::connect(dialog, &QFileDialog::fileSelected, dialog,
+                     [done = std::move(done)](const QString &path) {
+                         if (!path.isEmpty())
+                             done(path);
+                     });
+    dialog->open();
+}
+
+SettingsServices withDialogs(SettingsServices services)
+{
+    if (!services.chooseExportPath && qobject_cast<QApplication *>(QCoreApplication::instance()))
+        services.chooseExportPath = chooseExportPathWithDialog;
+    return services;
+}
+
+} // namespace
+
+SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, SettingsServices services,
+                               QQmlEngine *engine, QObject *parent)
     : QObject(parent)
-    , m_viewModel(new SettingsViewModel(initialSection, this))
+    , m_viewModel(new SettingsViewModel(initialSection, withDialogs(std::move(services)), this))
     , m_window(engine ? std::make_unique<QQuickView>(engine, nullptr) : std::make_unique<QQuickView>())
 {
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
@@ -42,6 +81,7 @@ SettingsWindow::~SettingsWindow() = default;
 
 void SettingsWindow::present()
 {
+    m_viewModel->refreshShownSection();
     m_window->show();
     m_window->raise();
     m_window->requestActivate();

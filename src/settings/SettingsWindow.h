@@ -2,6 +2,7 @@
 #pragma once
 
 #include "settings/SettingsSection.h"
+#include "settings/SettingsServices.h"
 
 #include <QObject>
 
@@ -23,9 +24,10 @@ public:
     static constexpr int kMinimumWidth = 900;
     static constexpr int kMinimumHeight = 600;
 
-    // `engine` none: one of its own.
+    // `engine` none: one of its own. Without services every section but About is left empty.
     explicit SettingsWindow(std::optional<SettingsSection> initialSection = std::nullopt,
-                            QQmlEngine *engine = nullptr, QObject *parent = nullptr);
+                            SettingsServices services = {}, QQmlEngine *engine = nullptr,
+                            QObject *parent = nullptr);
     ~SettingsWindow() override;
 
     SettingsViewModel *viewModel() const { return m_viewModel; }

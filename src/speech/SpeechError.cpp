@@ -56,6 +56,13 @@ QString SpeechError::id() const
     return {};
 }
 
+SpeechError speechErrorForStatus(int status, int minutesRemaining)
+{
+    if (status == 402)
+        return SpeechError::makeInsufficientBalance(minutesRemaining);
+    return SpeechError::makeApiError(status, httpReasonPhrase(status));
+}
+
 QString httpReasonPhrase(int status)
 {
     static const QHash<int, QString> phrases{

@@ -56,3 +56,6 @@ private:
 // The standard reason phrase of an HTTP status code ("Unauthorized" for 401); unknown codes get a
 // generic phrase for their class.
 QString httpReasonPhrase(int status);
+
+// What a narration shows for a response status other than 200.
+SpeechError speechErrorForStatus(int status, int minutesRemaining);

@@ -10,6 +10,7 @@
 #include "speech/AudioEngine.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechStream.h"
 
 #include <QFile>
@@ -125,6 +126,7 @@ void SpeechManager::speak(const QString &text)
     const QString n = NarrationText::normalizedText(text);
     if (n.isEmpty())
         return;
+    m_lastSpokenText = text;
     m_lastSpokenTextNormalized = n;
     m_lastSpokenTextComparable = NarrationText::comparableText(text);
     m_currentNarrationText = text;
@@ -192,8 +194,13 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
     body.input = text;
     body.voice = m_selectedVoice;
     body.instructions = m_selectedVoiceStyle.instructions();
-    const QUrl origin =
-        backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
+    QUrl origin = backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
+    // Read per request, so that a server chosen in the settings applies to the next narration.
+    if (backend == SpeechBackend::OpenAI && m_services.defaults) {
+        body.model = OpenAIServer::effectiveModel(*m_services.defaults);
+        origin = OpenAIServer::effectiveOrigin(*m_services.defaults, m_services.openAIOrigin,
+                                               m_services.openAIOriginFromEnvironment);
+    }
 
     auto *stream =
         new SpeechStream(m_network, buildSpeechRequest(backend, origin, credential), body.toJson(), this);
@@ -212,10 +219,8 @@ void SpeechManager::onStreamHead(int status)
     if (status == 200)
         return;
     cancelCurrentTask();
-    if (status == 402)
-        setCurrentError(SpeechError::makeInsufficientBalance(m_services.account->minutesRemaining()));
-    else
-        setCurrentError(SpeechError::makeApiError(status, httpReasonPhrase(status)));
+    const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
+    setCurrentError(speechErrorForStatus(status, minutes));
     setIsProcessing(false);
     if (m_engine && !m_isPlaying)
         m_engine->stop(); // let the device idle again

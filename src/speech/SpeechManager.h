@@ -75,6 +75,8 @@ public:
         QNetworkAccessManager *network = nullptr; // none: one of its own
         QUrl serviceOrigin;
         QUrl openAIOrigin;
+        // The deployment fixed openAIOrigin; otherwise the user's "openAIServer" setting wins over it.
+        bool openAIOriginFromEnvironment = false;
         QString voiceSampleFolder = QStringLiteral(":/voices");
     };
 
@@ -90,6 +92,8 @@ public:
     Q_INVOKABLE void speak(const QString &text);
     Q_INVOKABLE void handleNarrationTrigger();
     bool isNewText(const QString &text) const;
+    // The text of the latest narration as given, for media controls' titles.
+    QString lastSpokenText() const { return m_lastSpokenText; }
     Q_INVOKABLE void playVoicePreview(const QString &voice);
     Q_INVOKABLE void playFromHistory(const QUuid &sessionId);
     void recordNarration(bool viaService);
@@ -273,6 +277,7 @@ private:
     quint64 m_speakGeneration = 0; // a stop() or a newer speak() abandons a pending token wait
     QByteArray m_pendingBytes;
     qint64 m_currentFrameOffset = 0;
+    QString m_lastSpokenText;
     std::optional<QString> m_lastSpokenTextNormalized;
     std::optional<QString> m_lastSpokenTextComparable;
     std::optional<QString> m_currentNarrationText;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The executable's argument checking, run as a user runs it: once with no Quillvox running and once with
-// an instance answering on this profile's socket, which must make no difference and hear nothing.
+// an instance owning this profile's bus name, which must make no difference and hear nothing.
 #include "app/SingleInstance.h"
 
 #include <QProcess>
@@ -13,6 +13,7 @@ struct Outcome
 {
     int exitCode = -1;
     QString firstErrorLine;
+    QByteArray output;
 };
 
 // Waits in the event loop, so that an instance in this process can answer the child.
@@ -23,7 +24,8 @@ Outcome run(const QStringList &arguments)
     process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
     if (!finished.wait(30000))
         return {};
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardError()).section(u'\n', 0, 0)};
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardError()).section(u'\n', 0, 0),
+            process.readAllStandardOutput()};
 }
 
 } // namespace
@@ -83,6 +85,23 @@ private Q_SLOTS:
         QCOMPARE(beside.firstErrorLine, error);
         QCOMPARE(beside.exitCode, 1);
         QCOMPARE(heard, QStringList());
+    }
+
+    // The running instance's reply, as one line of JSON; none running is exit status 2.
+    void status()
+    {
+        const Outcome alone = run({QStringLiteral("--status")});
+        QCOMPARE(alone.exitCode, 2);
+        QCOMPARE(alone.firstErrorLine, QStringLiteral("Quillvox is not running."));
+
+        SingleInstance instance;
+        QVERIFY(instance.listen([](const QString &command, const QString &) {
+            return QJsonObject{{QStringLiteral("ok"), command == u"status"},
+                               {QStringLiteral("status"), QJsonObject{{QStringLiteral("backend"), "none"}}}};
+        }));
+        const Outcome beside = run({QStringLiteral("--status")});
+        QCOMPARE(beside.exitCode, 0);
+        QCOMPARE(beside.output, QByteArray("{\"backend\":\"none\"}\n"));
     }
 };
 

@@ -5,12 +5,15 @@
 #include "Routes.h"
 
 // GET /health: lets scripts see that the server is up and which synthesiser it runs.
+// GET /appcast.xml: the update feed, with one release of the version asked for.
 class HealthRoutes final : public Routes
 {
 public:
-    explicit HealthRoutes(Options::Synth synth);
+    explicit HealthRoutes(const Options &options);
     void install(httplib::Server &server) override;
 
 private:
     Options::Synth m_synth;
+    std::string m_appcastVersion;
+    std::optional<int> m_appcastFailStatus;
 };

@@ -76,6 +76,9 @@ Options Options::parse(const std::vector<std::string> &args)
         {"--user-email", [&](auto v) { options.userEmail = nonEmpty("--user-email", v); }},
         {"--fail-refresh",
          [&](auto v) { options.failRefresh = parseNumber<int>("--fail-refresh", v, 0, 1'000'000); }},
+        {"--appcast-version", [&](auto v) { options.appcastVersion = nonEmpty("--appcast-version", v); }},
+        {"--appcast-fail",
+         [&](auto v) { options.appcastFailStatus = parseNumber<int>("--appcast-fail", v, 400, 599); }},
         {"--balance-seconds",
          [&](auto v) {
              options.balanceSeconds = parseNumber<std::int64_t>("--balance-seconds", v, 0, 1'000'000'000);
@@ -143,6 +146,10 @@ Account (all state in memory, lost at exit):
   --fail-refresh N     the next N token refreshes answer 400
   --balance-seconds N  starting balance of narration seconds (default 1200)
 
+Updates:
+  --appcast-version V  the version /appcast.xml advertises (default 0.1.0)
+  --appcast-fail CODE  answer /appcast.xml with CODE (400-599)
+
   -h, --help           show this text
 
 Speech: POST /v1/audio/speech, POST /api/tts/stream (a valid access token; charges the seconds
@@ -155,6 +162,7 @@ Account service: GET /api/credits/balance, GET /api/credits/usage?period=week|mo
 Test control (no auth): POST /dev/balance {"seconds":N},
   POST /dev/fail {"route":"refresh|user|balance|usage|generate-code|tts","status":S,"count":N},
   GET /dev/state.
+Updates: GET /appcast.xml (an RSS appcast with one item).
 SIGTERM or SIGINT ends the server with exit code 0.
 )";
 }

@@ -31,6 +31,10 @@ struct Options
     int failRefresh = 0;
     std::int64_t balanceSeconds = 1200;
 
+    // The update feed.
+    std::string appcastVersion = "0.1.0";
+    std::optional<int> appcastFailStatus;
+
     bool showHelp = false;
 
     // Throws std::invalid_argument with a message meant for the person who typed the command.

@@ -85,7 +85,7 @@ int main(int argc, char **argv)
         listener = std::make_unique<DropBeforeHeadServer>(log.get(), stop);
     } else {
         std::vector<std::unique_ptr<Routes>> routes;
-        routes.push_back(std::make_unique<HealthRoutes>(options.synth));
+        routes.push_back(std::make_unique<HealthRoutes>(options));
         routes.push_back(std::make_unique<SpeechRoutes>(options, *synthesizer, account, stop));
         routes.push_back(std::make_unique<AuthRoutes>(account, options.autoConsent));
         routes.push_back(std::make_unique<AccountRoutes>(account));

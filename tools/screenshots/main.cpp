@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Draws the widget in each of its states, themes and appearances into PNG files, on whatever platform Qt
-// runs (offscreen is enough): a narration of a tone plays on the null sink so that the waveform, times
-// and buttons show what they show during a real one.
+// Draws the widget in each of its states, themes and appearances, and each section of the settings
+// window, into PNG files, on whatever platform Qt runs (offscreen is enough): a narration of a tone plays
+// on the null sink so that the waveform, times and buttons show what they show during a real one.
+#include "OnboardingShots.h"
+#include "SettingsShots.h"
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 #include "platform/null/MemorySecretStore.h"
@@ -139,6 +141,11 @@ int main(int argc, char *argv[])
     speech.setWidgetAppearance(WidgetAppearance::Dark);
     speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("Could not connect to the server.")));
     shoot(QStringLiteral("error-other"));
+
+    written += shootOnboarding(out, suffix, speech);
+    speech.setCurrentError(std::nullopt);
+    controller.hideWidget();
+    written += shootSettingsWindow(out, suffix, speech, defaults, keychain);
 
     QTextStream(stdout) << written << " screenshots in " << out.absolutePath() << Qt::endl;
     return written > 0 ? 0 : 1;

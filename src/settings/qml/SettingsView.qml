@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
+import QtQuick.Window
 import QtQuick.Layouts
 import Quillvox.Settings
 
@@ -12,6 +13,9 @@ Rectangle {
     implicitWidth: 900
     implicitHeight: 600
     color: systemPalette.window
+
+    focus: true
+    Keys.onEscapePressed: Window.window.close()
 
     SystemPalette {
         id: systemPalette
@@ -35,28 +39,51 @@ Rectangle {
             Layout.fillHeight: true
             currentIndex: root.viewModel.currentIndex
 
-            SectionPage {
-                title: "Account"
+            Loader {
+                active: root.viewModel.auth !== null
+                sourceComponent: AccountSection {
+                    auth: root.viewModel.auth
+                    balance: root.viewModel.balance
+                }
             }
-            SectionPage {
-                title: "Voice"
+            Loader {
+                active: root.viewModel.voice !== null
+                sourceComponent: VoiceSection {
+                    model: root.viewModel.voice
+                }
             }
-            SectionPage {
-                title: "Appearance"
+            Loader {
+                active: root.viewModel.appearance !== null
+                sourceComponent: AppearanceSection {
+                    model: root.viewModel.appearance
+                }
             }
-            SectionPage {
-                title: "Shortcuts"
+            Loader {
+                active: root.viewModel.shortcuts !== null
+                sourceComponent: ShortcutsSection {
+                    model: root.viewModel.shortcuts
+                }
             }
-            SectionPage {
-                title: "API Keys"
+            Loader {
+                active: root.viewModel.apiKeys !== null
+                sourceComponent: ApiKeysSection {
+                    model: root.viewModel.apiKeys
+                }
             }
-            SectionPage {
-                title: "History"
+            Loader {
+                active: root.viewModel.history !== null
+                sourceComponent: HistorySection {
+                    model: root.viewModel.history
+                }
             }
-            SectionPage {
-                title: "Usage"
+            Loader {
+                active: root.viewModel.usage !== null
+                sourceComponent: UsageSection {
+                    model: root.viewModel.usage
+                }
             }
             AboutSection {
+                objectName: "aboutSection"
                 version: root.viewModel.version
             }
         }

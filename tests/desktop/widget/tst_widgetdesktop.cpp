@@ -32,7 +32,8 @@ QString program(const char *name)
 QRect findControl(const QString &name)
 {
     const QList<QByteArray> numbers =
-        runProgram(QStringLiteral("/usr/bin/python3"), {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
+        runProgram(QStringLiteral("/usr/bin/python3"),
+                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
             .trimmed()
             .split(' ');
     if (numbers.size() != 4)
@@ -62,9 +63,9 @@ QJsonObject appStatus()
 // The pixel's colour on the screen.
 QColor screenPixel(QPoint point)
 {
-    const QByteArray png = runProgram(program("import"), {"-window", "root", "-crop",
-                                                          QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()),
-                                                          "png:-"});
+    const QByteArray png =
+        runProgram(program("import"), {"-window", "root", "-crop",
+                                       QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()), "png:-"});
     return QImage::fromData(png, "PNG").pixelColor(0, 0);
 }
 
@@ -87,7 +88,8 @@ class TestWidgetDesktop : public QObject
     {
         m_app = std::make_unique<ChildProcess>();
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *origin : {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_OPENAI_ORIGIN"})
+        for (const char *origin :
+             {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_OPENAI_ORIGIN"})
             env.insert(QString::fromLatin1(origin), m_server.url().toString());
         env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
         env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
@@ -95,26 +97,27 @@ class TestWidgetDesktop : public QObject
         m_app->process.setProcessEnvironment(env);
         m_app->process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app->process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        m_widgetWindow = runProgram(program("xdotool"), {"search", "--sync", "--onlyvisible", "--name", "^Quillvox$"},
-                                    20000)
+        m_widgetWindow = runProgram(program("xdotool"),
+                                    {"search", "--sync", "--onlyvisible", "--name", "^Quillvox$"}, 20000)
                              .split('\n')
                              .value(0);
         // The accessibility tree is there a moment after the window.
-        return !m_widgetWindow.isEmpty()
-            && QTest::qWaitFor([] { return !findControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
+        return !m_widgetWindow.isEmpty() &&
+               QTest::qWaitFor([] { return !findControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
     }
 
     void stopApp()
     {
         m_app.reset();
-        QTRY_VERIFY_WITH_TIMEOUT(runProgram(program("xdotool"), {"search", "--name", "^Quillvox$"}).isEmpty(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(runProgram(program("xdotool"), {"search", "--name", "^Quillvox$"}).isEmpty(),
+                                 5000);
     }
 
     QRect widgetGeometry() const
     {
         QRect r;
-        for (const QByteArray &line : runProgram(program("xdotool"), {"getwindowgeometry", "--shell", m_widgetWindow})
-                                          .split('\n')) {
+        for (const QByteArray &line :
+             runProgram(program("xdotool"), {"getwindowgeometry", "--shell", m_widgetWindow}).split('\n')) {
             const QList<QByteArray> kv = line.split('=');
             if (kv.size() != 2)
                 continue;
@@ -140,7 +143,8 @@ private Q_SLOTS:
         QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
         QVERIFY(bus);
         if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
-            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"), {"--launch-immediately"});
+            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"),
+                                          {"--launch-immediately"});
             QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
         }
         m_compositor.process.start(program("xcompmgr"), QStringList());
@@ -149,17 +153,20 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({"--synth", "sine"}), qPrintable(m_server.errorString()));
         const QUrlQuery session = m_server.signIn();
         KeychainHelper &keychain = KeychainHelper::shared();
-        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
-        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")), KeychainKey::refreshToken));
+        QVERIFY(
+            keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
+        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")),
+                              KeychainKey::refreshToken));
         UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
         UserDefaults::standard().sync();
 
         const QString text = m_dir.filePath(QStringLiteral("article.txt"));
         QFile file(text);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray("The widget floats above this editor while it reads these words aloud, and the editor "
-                              "stays the window that has the keyboard the whole time. ")
-                       .repeated(6));
+        file.write(
+            QByteArray("The widget floats above this editor while it reads these words aloud, and the editor "
+                       "stays the window that has the keyboard the whole time. ")
+                .repeated(6));
         file.close();
         m_editorWindow = openInMousepad(m_editor, text);
         QVERIFY(!m_editorWindow.isEmpty());
@@ -170,14 +177,16 @@ private Q_SLOTS:
 
     void appearsAtTheTopCentreAboveTheEditor()
     {
-        const QList<QByteArray> screen = runProgram(program("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
+        const QList<QByteArray> screen =
+            runProgram(program("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
         QCOMPARE(screen.size(), 2);
         QCOMPARE(widgetGeometry(), QRect((screen[0].toInt() - kWidth) / 2, 40, kWidth, kHeight));
 
         const QByteArray states =
             runProgram(program("xprop"), {"-id", m_widgetWindow, "_NET_WM_STATE", "_NET_WM_DESKTOP"});
-        for (const char *state : {"_NET_WM_STATE_ABOVE", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
-                                  "_NET_WM_DESKTOP(CARDINAL) = 4294967295"}) // every workspace
+        for (const char *state :
+             {"_NET_WM_STATE_ABOVE", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
+              "_NET_WM_DESKTOP(CARDINAL) = 4294967295"}) // every workspace
             QVERIFY2(states.contains(state), states.constData());
         // Later in the stacking list is higher on the screen.
         const QByteArray stacking = runProgram(program("xprop"), {"-root", "_NET_CLIENT_LIST_STACKING"});
@@ -192,7 +201,8 @@ private Q_SLOTS:
     {
         QVERIFY(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
         const QRect widget = widgetGeometry();
-        xdotool({"mousemove", "--sync", QString::number(widget.center().x()), QString::number(widget.center().y())});
+        xdotool({"mousemove", "--sync", QString::number(widget.center().x()),
+                 QString::number(widget.center().y())});
         QTRY_VERIFY_WITH_TIMEOUT(!findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
         QVERIFY(!findControl(QStringLiteral("Expand controls")).isEmpty());
         xdotool({"mousemove", "--sync", "200", "600"});
@@ -241,7 +251,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("theme");
         QTest::addColumn<QColor>("firstBar");
         QTest::addColumn<QColor>("lastBar");
-        QTest::newRow("Default") << "Default" << QColor::fromRgbF(1, 1, 1) << QColor::fromRgbF(0.6f, 0.6f, 0.6f);
+        QTest::newRow("Default") << "Default" << QColor::fromRgbF(1, 1, 1)
+                                 << QColor::fromRgbF(0.6f, 0.6f, 0.6f);
         QTest::newRow("Crimson") << "Crimson" << QColor::fromRgbF(0.9f, 0.15f, 0.25f)
                                  << QColor::fromRgbF(1.0f, 0.5f, 0.6f);
     }
@@ -264,8 +275,9 @@ private Q_SLOTS:
             QTRY_VERIFY2_WITH_TIMEOUT(
                 [&] {
                     actual = screenPixel(pixel);
-                    return qAbs(actual.red() - expected.red()) <= 12 && qAbs(actual.green() - expected.green()) <= 12
-                        && qAbs(actual.blue() - expected.blue()) <= 12;
+                    return qAbs(actual.red() - expected.red()) <= 12 &&
+                           qAbs(actual.green() - expected.green()) <= 12 &&
+                           qAbs(actual.blue() - expected.blue()) <= 12;
                 }(),
                 qPrintable(QStringLiteral("bar %1 at %2,%3 is %4, expected %5")
                                .arg(bar)

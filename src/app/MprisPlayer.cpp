@@ -1,0 +1,285 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "app/MprisPlayer.h"
+
+#include "core/AppEvents.h"
+#include "core/Logging.h"
+#include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
+
+#include <QCoreApplication>
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QTimer>
+
+#include <cmath>
+
+namespace {
+
+const QString kObjectPath = QStringLiteral("/org/mpris/MediaPlayer2");
+const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
+const QString kNoTrack = QStringLiteral("/org/mpris/MediaPlayer2/TrackList/NoTrack");
+constexpr double kMicroseconds = 1e6;
+constexpr int kTitleWords = 8;
+
+qlonglong toMicroseconds(double seconds)
+{
+    return qlonglong(std::llround(seconds * kMicroseconds));
+}
+
+QString firstWords(const QString &text)
+{
+    const QStringList words = text.simplified().split(u' ', Qt::SkipEmptyParts);
+    QString title = words.mid(0, kTitleWords).join(u' ');
+    if (words.size() > kTitleWords)
+        title += QStringLiteral("…");
+    return title;
+}
+
+} // namespace
+
+class MprisRootAdaptor : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.mpris.MediaPlayer2")
+    Q_PROPERTY(bool CanQuit READ canQuit)
+    Q_PROPERTY(bool CanRaise READ canRaise)
+    Q_PROPERTY(bool HasTrackList READ hasTrackList)
+    Q_PROPERTY(QString Identity READ identity)
+    Q_PROPERTY(QString DesktopEntry READ desktopEntry)
+    Q_PROPERTY(QStringList SupportedUriSchemes READ none)
+    Q_PROPERTY(QStringList SupportedMimeTypes READ none)
+public:
+    explicit MprisRootAdaptor(QObject *object)
+        : QDBusAbstractAdaptor(object)
+    {}
+
+    bool canQuit() const { return true; }
+    bool canRaise() const { return true; }
+    bool hasTrackList() const { return false; }
+    QString identity() const { return QStringLiteral("Quillvox"); }
+    QString desktopEntry() const { return QStringLiteral("com.vantor.Quillvox"); }
+    QStringList none() const { return {}; }
+
+public Q_SLOTS:
+    // Our only window that a user raises is the settings window.
+    void Raise() { Q_EMIT AppEvents::shared().openSettingsWindow(); }
+    void Quit() { QTimer::singleShot(0, qApp, &QCoreApplication::quit); }
+};
+
+class MprisPlayerAdaptor : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.mpris.MediaPlayer2.Player")
+    Q_PROPERTY(QString PlaybackStatus READ playbackStatus)
+    Q_PROPERTY(double Rate READ rate WRITE setRate)
+    Q_PROPERTY(double MinimumRate READ minimumRate)
+    Q_PROPERTY(double MaximumRate READ maximumRate)
+    Q_PROPERTY(QVariantMap Metadata READ metadata)
+    Q_PROPERTY(double Volume READ volume WRITE setVolume)
+    Q_PROPERTY(qlonglong Position READ position)
+    Q_PROPERTY(bool CanGoNext READ no)
+    Q_PROPERTY(bool CanGoPrevious READ no)
+    Q_PROPERTY(bool CanPlay READ canPlay)
+    Q_PROPERTY(bool CanPause READ canPause)
+    Q_PROPERTY(bool CanSeek READ canSeek)
+    Q_PROPERTY(bool CanControl READ canControl)
+public:
+    explicit MprisPlayerAdaptor(MprisPlayer *player)
+        : QDBusAbstractAdaptor(player)
+        , m_player(*player)
+    {
+        connect(player, &MprisPlayer::seeked, this, &MprisPlayerAdaptor::Seeked);
+    }
+
+    QVariant property(const char *name) const
+    {
+        return m_player.playerProperties().value(QLatin1String(name));
+    }
+    QString playbackStatus() const { return property("PlaybackStatus").toString(); }
+    double rate() const { return property("Rate").toDouble(); }
+    void setRate(double rate)
+    {
+        // A rate of 0 means pause; any other picks the nearest speed we have.
+        if (rate <= 0) {
+            Pause();
+            return;
+        }
+        const QList<float> &speeds = playbackSpeeds();
+        const auto nearest = std::min_element(speeds.begin(), speeds.end(), [rate](float a, float b) {
+            return std::abs(double(a) - rate) < std::abs(double(b) - rate);
+        });
+        speech().setPlaybackSpeed(*nearest);
+    }
+    double minimumRate() const { return MprisPlayer::kMinimumRate; }
+    double maximumRate() const { return MprisPlayer::kMaximumRate; }
+    QVariantMap metadata() const { return property("Metadata").toMap(); }
+    double volume() const { return 1.0; }
+    void setVolume(double) {}
+    qlonglong position() const { return property("Position").toLongLong(); }
+    bool no() const { return false; }
+    bool canPlay() const { return property("CanPlay").toBool(); }
+    bool canPause() const { return property("CanPause").toBool(); }
+    bool canSeek() const { return property("CanSeek").toBool(); }
+    bool canControl() const { return true; }
+
+public Q_SLOTS:
+    void Next() {}
+    void Previous() {}
+    void Pause()
+    {
+        if (speech().isPlaying())
+            speech().togglePlayPause();
+    }
+    void PlayPause()
+    {
+        if (speech().hasContent())
+            speech().togglePlayPause();
+    }
+    void Stop() { speech().stop(); }
+    void Play()
+    {
+        if (!speech().isPlaying() && speech().hasContent())
+            speech().togglePlayPause();
+    }
+    void Seek(qlonglong offsetUs)
+    {
+        m_player.seekTo(speech().currentTime() + double(offsetUs) / kMicroseconds);
+    }
+    void SetPosition(const QDBusObjectPath &trackId, qlonglong positionUs)
+    {
+        // A position meant for an earlier narration, or outside this one, is ignored.
+        if (trackId.path() != m_player.trackId() || positionUs < 0 ||
+            double(positionUs) / kMicroseconds > speech().displayedTotalTime())
+            return;
+        m_player.seekTo(double(positionUs) / kMicroseconds);
+    }
+    void OpenUri(const QString &) {}
+
+Q_SIGNALS:
+    void Seeked(qlonglong position);
+
+private:
+    SpeechManager &speech() const { return m_player.speech(); }
+
+    MprisPlayer &m_player;
+};
+
+MprisPlayer::MprisPlayer(SpeechManager &speech, QDBusConnection bus, QObject *parent)
+    : QObject(parent)
+    , m_speech(speech)
+    , m_bus(std::move(bus))
+{
+    new MprisRootAdaptor(this);
+    new MprisPlayerAdaptor(this);
+
+    connect(&m_speech, &SpeechManager::isProcessingChanged, this, [this] {
+        if (m_speech.isProcessing())
+            ++m_narrationNumber; // a new narration: a new track
+    });
+    connect(&m_speech, &SpeechManager::seekPerformed, this, [this](qint64 frame) {
+        Q_EMIT seeked(toMicroseconds(double(frame) / SpeechManager::kSampleRateHz));
+    });
+    for (auto signal : {&SpeechManager::isProcessingChanged, &SpeechManager::isPlayingChanged,
+                        &SpeechManager::hasContentChanged, &SpeechManager::playbackSpeedChanged,
+                        &SpeechManager::displayedTotalTimeChanged, &SpeechManager::selectedVoiceChanged}) {
+        connect(&m_speech, signal, this, [this] {
+            // Several values change in one step; one announcement carries them all.
+            if (!std::exchange(m_publishQueued, true))
+                QTimer::singleShot(0, this, &MprisPlayer::publishChanges);
+        });
+    }
+    m_published = playerProperties();
+    m_published.remove(QStringLiteral("Position"));
+}
+
+MprisPlayer::~MprisPlayer()
+{
+    if (!m_name.isEmpty()) {
+        m_bus.unregisterService(m_name);
+        m_bus.unregisterObject(kObjectPath);
+    }
+}
+
+QString MprisPlayer::busNameFor(bool defaultProfile, qint64 pid)
+{
+    QString name = QStringLiteral("org.mpris.MediaPlayer2.quillvox");
+    if (!defaultProfile)
+        name += QStringLiteral(".instance") + QString::number(pid);
+    return name;
+}
+
+bool MprisPlayer::registerOnBus(const QString &name)
+{
+    if (!m_bus.isConnected() || !m_bus.registerObject(kObjectPath, this))
+        return false;
+    if (!m_bus.registerService(name)) {
+        qCWarning(lcApp) << "cannot own" << name << m_bus.lastError().message();
+        m_bus.unregisterObject(kObjectPath);
+        return false;
+    }
+    m_name = name;
+    return true;
+}
+
+QString MprisPlayer::trackId() const
+{
+    if (!m_speech.hasContent() && !m_speech.isProcessing())
+        return kNoTrack;
+    return QStringLiteral("/com/vantor/Quillvox/Narration/%1").arg(m_narrationNumber);
+}
+
+QVariantMap MprisPlayer::playerProperties() const
+{
+    const SpeechManager &s = m_speech;
+    const QString status = s.isPlaying()      ? QStringLiteral("Playing")
+                           : s.hasContent()   ? QStringLiteral("Paused")
+                           : s.isProcessing() ? QStringLiteral("Playing")
+                                              : QStringLiteral("Stopped");
+    QVariantMap metadata{{QStringLiteral("mpris:trackid"), QVariant::fromValue(QDBusObjectPath(trackId()))}};
+    if (trackId() != kNoTrack) {
+        metadata.insert(QStringLiteral("mpris:length"), toMicroseconds(s.displayedTotalTime()));
+        metadata.insert(QStringLiteral("xesam:title"), firstWords(s.lastSpokenText()));
+        metadata.insert(QStringLiteral("xesam:artist"), QStringList{s.selectedVoice()});
+    }
+    return {
+        {QStringLiteral("PlaybackStatus"), status},
+        {QStringLiteral("Rate"), double(s.playbackSpeed())},
+        {QStringLiteral("Metadata"), metadata},
+        {QStringLiteral("Position"), toMicroseconds(s.currentTime())},
+        {QStringLiteral("CanPlay"), s.hasContent()},
+        {QStringLiteral("CanPause"), s.hasContent()},
+        {QStringLiteral("CanSeek"), s.hasContent()},
+    };
+}
+
+void MprisPlayer::seekTo(double seconds)
+{
+    if (seconds > m_speech.displayedTotalTime()) {
+        m_speech.stop();
+        return;
+    }
+    m_speech.seekToFrame(qint64(std::max(0.0, seconds) * SpeechManager::kSampleRateHz));
+}
+
+void MprisPlayer::publishChanges()
+{
+    m_publishQueued = false;
+    QVariantMap now = playerProperties();
+    now.remove(QStringLiteral("Position")); // clients extrapolate it from Rate and Seeked
+    QVariantMap changed;
+    for (auto it = now.constBegin(); it != now.constEnd(); ++it) {
+        if (m_published.value(it.key()) != it.value())
+            changed.insert(it.key(), it.value());
+    }
+    m_published = now;
+    if (changed.isEmpty() || !m_bus.isConnected())
+        return;
+    QDBusMessage signal = QDBusMessage::createSignal(
+        kObjectPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"));
+    signal << kPlayerInterface << changed << QStringList();
+    m_bus.send(signal);
+}
+
+#include "MprisPlayer.moc"

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+import QtQuick
+import QtQuick.Templates as T
+
+// The voices as a grid: a click chooses the voice and plays its sample.
+Grid {
+    id: picker
+
+    required property var speech
+
+    columns: 4
+    spacing: 10
+
+    Repeater {
+        model: picker.speech ? picker.speech.availableVoices : []
+        delegate: T.AbstractButton {
+            id: card
+            required property string modelData
+            readonly property bool chosen: picker.speech.selectedVoice === modelData
+
+            width: 110
+            height: 56
+            hoverEnabled: true
+            Accessible.name: modelData.charAt(0).toUpperCase() + modelData.slice(1)
+            Accessible.role: Accessible.RadioButton
+            Accessible.checkable: true
+            Accessible.checked: chosen
+            onClicked: {
+                picker.speech.selectedVoice = modelData
+                picker.speech.playVoicePreview(modelData)
+            }
+            background: Rectangle {
+                radius: Theme.radius
+                color: card.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.08)
+                                   : (card.hovered ? Theme.surface : Theme.background)
+                border.width: card.chosen ? 2 : 1
+                border.color: card.chosen ? Theme.accent : Theme.border
+            }
+            contentItem: Row {
+                leftPadding: 12
+                spacing: 8
+                Symbol {
+                    name: "play.circle"
+                    color: card.chosen ? Theme.accent : Theme.secondaryText
+                    size: 20
+                    anchors.verticalCenter: parent.verticalCenter
+                }
+                Text {
+                    text: card.Accessible.name
+                    color: Theme.text
+                    font.pixelSize: Theme.bodySize
+                    font.weight: card.chosen ? Font.DemiBold : Font.Normal
+                    anchors.verticalCenter: parent.verticalCenter
+                }
+            }
+        }
+    }
+}

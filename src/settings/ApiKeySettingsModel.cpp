@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "settings/ApiKeySettingsModel.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "speech/OpenAIServer.h"
+#include "speech/SpeechError.h"
+#include "speech/SpeechManager.h"
+#include "speech/SpeechStream.h"
+#include "speech/TTSRequest.h"
+#include "speech/VoiceStyle.h"
+
+#include <QNetworkAccessManager>
+
+ApiKeySettingsModel::ApiKeySettingsModel(Services services, QObject *parent)
+    : QObject(parent)
+    , m_services(std::move(services))
+{
+    if (!m_services.network) {
+        m_ownNetwork = std::make_unique<QNetworkAccessManager>();
+        m_services.network = m_ownNetwork.get();
+    }
+    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    if (m_key && m_key->isEmpty())
+        m_key.reset();
+}
+
+ApiKeySettingsModel::~ApiKeySettingsModel()
+{
+    cancelTest();
+}
+
+QString ApiKeySettingsModel::maskKey(const QString &key)
+{
+    return QStringLiteral("sk-…") + key.right(4);
+}
+
+QString ApiKeySettingsModel::server() const
+{
+    return OpenAIServer::effectiveOrigin(*m_services.defaults, m_services.openAIOrigin,
+                                         m_services.openAIOriginFromEnvironment)
+        .toString();
+}
+
+QString ApiKeySettingsModel::serverNote() const
+{
+    if (m_services.openAIOriginFromEnvironment)
+        return QStringLiteral("Set by QUILLVOX_OPENAI_ORIGIN, which wins over this field.");
+    const OpenAIServer::Verdict verdict = OpenAIServer::check(server());
+    return verdict.kind == OpenAIServer::Verdict::Unencrypted ? verdict.message : QString();
+}
+
+QString ApiKeySettingsModel::model() const
+{
+    return OpenAIServer::effectiveModel(*m_services.defaults);
+}
+
+QString ApiKeySettingsModel::defaultModel() const
+{
+    return OpenAIServer::defaultModel();
+}
+
+bool ApiKeySettingsModel::saveKey(const QString &text)
+{
+    const QString key = text.trimmed();
+    if (key.isEmpty() || key == m_key)
+        return true;
+    const bool saved = m_services.keychain->save(key, KeychainKey::openAIAPIKey);
+    if (saved) {
+        m_key = key;
+        m_keyProblem.clear();
+    } else {
+        m_keyProblem = m_services.keychain->lastFailureReason();
+    }
+    Q_EMIT keyChanged();
+    if (saved && m_services.ownKeyChanged)
+        m_services.ownKeyChanged();
+    return saved;
+}
+
+bool ApiKeySettingsModel::removeKey()
+{
+    const bool removed = m_services.keychain->remove(KeychainKey::openAIAPIKey);
+    if (removed) {
+        m_key.reset();
+        m_keyProblem.clear();
+    } else {
+        m_keyProblem = m_services.keychain->lastFailureReason();
+    }
+    Q_EMIT keyChanged();
+    if (removed && m_services.ownKeyChanged)
+        m_services.ownKeyChanged();
+    return removed;
+}
+
+bool ApiKeySettingsModel::setServer(const QString &text)
+{
+    if (text.trimmed().isEmpty()) {
+        m_services.defaults->remove(OpenAIServer::serverKey);
+        m_serverError.clear();
+        Q_EMIT serverChanged();
+        return true;
+    }
+    const OpenAIServer::Verdict verdict = OpenAIServer::check(text);
+    if (verdict.kind == OpenAIServer::Verdict::Refused) {
+        m_serverError = verdict.message;
+        Q_EMIT serverChanged();
+        return false;
+    }
+    m_serverError.clear();
+    if (verdict.origin == OpenAIServer::defaultOrigin())
+        m_services.defaults->remove(OpenAIServer::serverKey);
+    else
+        m_services.defaults->setString(OpenAIServer::serverKey, verdict.origin.toString());
+    Q_EMIT serverChanged();
+    return true;
+}
+
+void ApiKeySettingsModel::setModel(const QString &text)
+{
+    const QString model = text.trimmed();
+    if (model.isEmpty() || model == defaultModel())
+        m_services.defaults->remove(OpenAIServer::modelKey);
+    else
+        m_services.defaults->setString(OpenAIServer::modelKey, model);
+    Q_EMIT modelChanged();
+}
+
+void ApiKeySettingsModel::test()
+{
+    cancelTest();
+    if (!m_key) {
+        finishTest(TestState::Failed, SpeechError::make(SpeechError::apiKeyMissing).description());
+        return;
+    }
+    TTSRequest body;
+    body.model = model();
+    body.input = QStringLiteral("Test");
+    body.voice = m_services.speech ? m_services.speech->selectedVoice() : defaultVoice();
+    const QNetworkRequest request = buildSpeechRequest(SpeechBackend::OpenAI, QUrl(server()), *m_key);
+    auto *stream = new SpeechStream(m_services.network, request, body.toJson(), this);
+    m_test = stream;
+    connect(stream, &SpeechStream::headReceived, this, [this](int status) {
+        if (status == 200)
+            finishTest(TestState::Works, QStringLiteral("Works"));
+        else
+            finishTest(TestState::Failed, speechErrorForStatus(status, 0).description());
+    });
+    connect(stream, &SpeechStream::failedBeforeHead, this, [this] {
+        finishTest(TestState::Failed, SpeechError::make(SpeechError::invalidResponse).description());
+    });
+    m_testState = TestState::Testing;
+    m_testResult.clear();
+    Q_EMIT testChanged();
+    stream->start();
+}
+
+void ApiKeySettingsModel::finishTest(TestState state, const QString &result)
+{
+    cancelTest();
+    m_testState = state;
+    m_testResult = result;
+    Q_EMIT testChanged();
+}
+
+void ApiKeySettingsModel::cancelTest()
+{
+    if (SpeechStream *stream = m_test) {
+        m_test = nullptr;
+        stream->disconnect(this);
+        stream->cancel();
+        stream->deleteLater();
+    }
+}

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QUrl>
+#include <QtQml/qqmlregistration.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class KeychainHelper;
+class QNetworkAccessManager;
+class SpeechManager;
+class SpeechStream;
+class UserDefaults;
+
+// The API Keys section: the personal OpenAI key (kept only in the keyring), and the OpenAI-compatible
+// server and model that own-key narration uses.
+class ApiKeySettingsModel : public QObject
+{
+    Q_OBJECT
+    QML_ELEMENT
+    QML_UNCREATABLE("The settings window provides its view models")
+    Q_PROPERTY(bool hasKey READ hasKey NOTIFY keyChanged)
+    // "sk-…" and the key's last four characters; empty without a key.
+    Q_PROPERTY(QString maskedKey READ maskedKey NOTIFY keyChanged)
+    // Why the keyring refused the last save or removal; empty after one that worked.
+    Q_PROPERTY(QString keyProblem READ keyProblem NOTIFY keyChanged)
+    Q_PROPERTY(QString server READ server NOTIFY serverChanged)
+    Q_PROPERTY(bool serverFromEnvironment READ serverFromEnvironment CONSTANT)
+    // The warning for plain http to a local server, or the note that the environment decides.
+    Q_PROPERTY(QString serverNote READ serverNote NOTIFY serverChanged)
+    // Why the last address typed was not taken; empty once one is.
+    Q_PROPERTY(QString serverError READ serverError NOTIFY serverChanged)
+    Q_PROPERTY(QString model READ model NOTIFY modelChanged)
+    Q_PROPERTY(QString defaultModel READ defaultModel CONSTANT)
+    Q_PROPERTY(TestState testState READ testState NOTIFY testChanged)
+    // "Works", or what a narration would show for the same failure.
+    Q_PROPERTY(QString testResult READ testResult NOTIFY testChanged)
+
+public:
+    enum class TestState { Idle, Testing, Works, Failed };
+    Q_ENUM(TestState)
+
+    struct Services
+    {
+        KeychainHelper *keychain = nullptr;
+        UserDefaults *defaults = nullptr;
+        SpeechManager *speech = nullptr; // for the voice of the test; none: the default voice
+        QNetworkAccessManager *network = nullptr;
+        QUrl openAIOrigin;
+        bool openAIOriginFromEnvironment = false;
+        std::function<void()> ownKeyChanged;
+    };
+
+    explicit ApiKeySettingsModel(Services services, QObject *parent = nullptr);
+    ~ApiKeySettingsModel() override;
+
+    static QString maskKey(const QString &key);
+
+    bool hasKey() const { return m_key.has_value(); }
+    QString maskedKey() const { return m_key ? maskKey(*m_key) : QString(); }
+    QString keyProblem() const { return m_keyProblem; }
+    QString server() const;
+    bool serverFromEnvironment() const { return m_services.openAIOriginFromEnvironment; }
+    QString serverNote() const;
+    QString serverError() const { return m_serverError; }
+    QString model() const;
+    QString defaultModel() const;
+    TestState testState() const { return m_testState; }
+    QString testResult() const { return m_testResult; }
+
+    // Saves the typed key to the keyring; blank text changes nothing. False when the keyring refused it.
+    Q_INVOKABLE bool saveKey(const QString &text);
+    Q_INVOKABLE bool removeKey();
+    // Blank restores the default. False, and nothing stored, for an address that is refused.
+    Q_INVOKABLE bool setServer(const QString &text);
+    // Blank restores the default.
+    Q_INVOKABLE void setModel(const QString &text);
+    // Sends a one-word request with the stored key to the server in use; nothing is played or recorded.
+    Q_INVOKABLE void test();
+
+Q_SIGNALS:
+    void keyChanged();
+    void serverChanged();
+    void modelChanged();
+    void testChanged();
+
+private:
+    void finishTest(TestState state, const QString &result);
+    void cancelTest();
+
+    Services m_services;
+    std::unique_ptr<QNetworkAccessManager> m_ownNetwork;
+    std::optional<QString> m_key;
+    QString m_keyProblem;
+    QString m_serverError;
+    TestState m_testState = TestState::Idle;
+    QString m_testResult;
+    QPointer<SpeechStream> m_test;
+};

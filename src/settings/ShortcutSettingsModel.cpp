@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "settings/ShortcutSettingsModel.h"
+
+#include "shortcuts/HotkeyManager.h"
+
+#include <QMetaMethod>
+
+namespace {
+
+using Binding = HotkeyManager::Binding;
+
+bool isRow(int row)
+{
+    return row >= 0 && row < HotkeyManager::kBindingCount;
+}
+
+quint32 keyOf(const HotkeyManager &m, Binding b)
+{
+    switch (b) {
+    case Binding::Narration:
+        return m.currentKey();
+    case Binding::PlayPause:
+        return m.playPauseKey();
+    case Binding::Stop:
+        return m.stopKey();
+    case Binding::SkipBack:
+        return m.skipBackKey();
+    case Binding::SkipForward:
+        return m.skipForwardKey();
+    case Binding::CycleSpeed:
+        return m.cycleSpeedKey();
+    }
+    Q_UNREACHABLE();
+}
+
+quint64 modifiersOf(const HotkeyManager &m, Binding b)
+{
+    switch (b) {
+    case Binding::Narration:
+        return m.currentModifiers();
+    case Binding::PlayPause:
+        return m.playPauseModifiers();
+    case Binding::Stop:
+        return m.stopModifiers();
+    case Binding::SkipBack:
+        return m.skipBackModifiers();
+    case Binding::SkipForward:
+        return m.skipForwardModifiers();
+    case Binding::CycleSpeed:
+        return m.cycleSpeedModifiers();
+    }
+    Q_UNREACHABLE();
+}
+
+} // namespace
+
+ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager &hotkeys, QString captureProblem, QObject *parent)
+    : QObject(parent)
+    , m_hotkeys(hotkeys)
+    , m_captureProblem(std::move(captureProblem))
+{
+    // Every binding and registration signal means the rows changed.
+    const QMetaObject *meta = hotkeys.metaObject();
+    const QMetaMethod rowsChangedSignal = QMetaMethod::fromSignal(&ShortcutSettingsModel::rowsChanged);
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
+        if (meta->method(i).methodType() == QMetaMethod::Signal)
+            connect(&hotkeys, meta->method(i), this, rowsChangedSignal);
+    }
+}
+
+QString ShortcutSettingsModel::rowTitle(int row)
+{
+    static const QStringList titles{QStringLiteral("Narrate Selection"),
+                                    QStringLiteral("Play/Pause"),
+                                    QStringLiteral("Stop"),
+                                    QStringLiteral("Skip Back 5 Seconds"),
+                                    QStringLiteral("Skip Forward 5 Seconds"),
+                                    QStringLiteral("Cycle Speed")};
+    return titles.value(row);
+}
+
+QString ShortcutSettingsModel::problem(int row) const
+{
+    const auto binding = Binding(row);
+    if (!isRow(row) || m_hotkeys.isRegistered(binding))
+        return {};
+    if (!m_hotkeys.registrationProblem(binding).isEmpty())
+        return QStringLiteral("Used by another application");
+    for (int earlier = 0; earlier < row; ++earlier) {
+        if (keyOf(m_hotkeys, Binding(earlier)) == keyOf(m_hotkeys, binding) &&
+            modifiersOf(m_hotkeys, Binding(earlier)) == modifiersOf(m_hotkeys, binding))
+            return QStringLiteral("Already used for ") + rowTitle(earlier);
+    }
+    return QStringLiteral("Not available in this session");
+}
+
+QVariantList ShortcutSettingsModel::rows() const
+{
+    QVariantList list;
+    for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
+        const auto binding = Binding(row);
+        const quint32 key = keyOf(m_hotkeys, binding);
+        const quint64 modifiers = modifiersOf(m_hotkeys, binding);
+        list.append(QVariantMap{
+            {QStringLiteral("title"), rowTitle(row)},
+            {QStringLiteral("label"), HotkeyManager::shortcutLabel(key, modifiers)},
+            {QStringLiteral("problem"), problem(row)},
+            {QStringLiteral("isDefault"), key == HotkeyManager::defaultKeyFor(binding) &&
+                                              modifiers == HotkeyManager::defaultModifiersFor(binding)},
+        });
+    }
+    return list;
+}
+
+void ShortcutSettingsModel::record(int row, quint32 key, quint64 modifiers)
+{
+    if (!isRow(row))
+        return;
+    switch (Binding(row)) {
+    case Binding::Narration:
+        m_hotkeys.updateHotkey(key, modifiers);
+        break;
+    case Binding::PlayPause:
+        m_hotkeys.updatePlayPauseHotKey(key, modifiers);
+        break;
+    case Binding::Stop:
+        m_hotkeys.updateStopHotKey(key, modifiers);
+        break;
+    case Binding::SkipBack:
+        m_hotkeys.updateSkipBackHotKey(key, modifiers);
+        break;
+    case Binding::SkipForward:
+        m_hotkeys.updateSkipForwardHotKey(key, modifiers);
+        break;
+    case Binding::CycleSpeed:
+        m_hotkeys.updateCycleSpeedHotKey(key, modifiers);
+        break;
+    }
+}
+
+void ShortcutSettingsModel::reset(int row)
+{
+    if (isRow(row))
+        record(row, HotkeyManager::defaultKeyFor(Binding(row)),
+               HotkeyManager::defaultModifiersFor(Binding(row)));
+}

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+import QtQuick
+import QtQuick.Controls.Fusion
+import QtQuick.Layouts
+import Quillvox.Settings
+
+SectionPage {
+    id: root
+
+    required property ApiKeySettingsModel model
+
+    title: "API Keys"
+
+    readonly property color errorColor: "#d0342c"
+    readonly property color warningColor: "#b86e00"
+
+    SettingsCard {
+        title: "OpenAI API key"
+        subtitle: "Used when you are not signed in. It is kept only in your keyring."
+
+        RowLayout {
+            Layout.fillWidth: true
+            visible: root.model.hasKey
+            spacing: 12
+
+            Label {
+                Layout.fillWidth: true
+                text: root.model.maskedKey
+                font.family: "monospace"
+                Accessible.name: "Saved key " + text
+            }
+            Button {
+                text: "Remove"
+                Accessible.name: "Remove"
+                onClicked: root.model.removeKey()
+            }
+        }
+        TextField {
+            id: keyField
+            Layout.fillWidth: true
+            echoMode: TextInput.Password
+            placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
+            Accessible.name: "OpenAI API key"
+            onEditingFinished: {
+                if (text !== "" && root.model.saveKey(text))
+                    text = "";
+            }
+        }
+        Label {
+            Layout.fillWidth: true
+            visible: text !== ""
+            text: root.model.keyProblem
+            color: root.errorColor
+            wrapMode: Text.WordWrap
+            Accessible.name: text
+        }
+    }
+
+    SettingsCard {
+        title: "Speech server"
+        subtitle: "Any server that offers the OpenAI speech API, such as a speech server on this computer."
+
+        GridLayout {
+            Layout.fillWidth: true
+            columns: 2
+            columnSpacing: 12
+            rowSpacing: 8
+
+            Label {
+                text: "Server"
+            }
+            TextField {
+                Layout.fillWidth: true
+                text: root.model.server
+                enabled: !root.model.serverFromEnvironment
+                placeholderText: "https://api.openai.com"
+                Accessible.name: "Server"
+                onEditingFinished: root.model.setServer(text)
+            }
+            Item {
+                visible: serverMessage.visible
+            }
+            Label {
+                id: serverMessage
+                Layout.fillWidth: true
+                visible: text !== ""
+                text: root.model.serverError !== "" ? root.model.serverError : root.model.serverNote
+                color: root.model.serverError !== "" ? root.errorColor
+                                                     : (root.model.serverFromEnvironment ? palette.text : root.warningColor)
+                wrapMode: Text.WordWrap
+                Accessible.name: text
+            }
+            Label {
+                text: "Model"
+            }
+            TextField {
+                Layout.fillWidth: true
+                text: root.model.model
+                placeholderText: root.model.defaultModel
+                Accessible.name: "Model"
+                onEditingFinished: root.model.setModel(text)
+            }
+        }
+        RowLayout {
+            spacing: 12
+
+            Button {
+                text: "Test"
+                enabled: root.model.testState !== ApiKeySettingsModel.Testing
+                Accessible.name: "Test"
+                onClicked: root.model.test()
+            }
+            BusyIndicator {
+                visible: root.model.testState === ApiKeySettingsModel.Testing
+                implicitWidth: 24
+                implicitHeight: 24
+            }
+            Label {
+                Layout.fillWidth: true
+                text: root.model.testState === ApiKeySettingsModel.Works ? "✓ " + root.model.testResult
+                                                                        : root.model.testResult
+                color: root.model.testState === ApiKeySettingsModel.Failed ? root.errorColor : "#2e8540"
+                wrapMode: Text.WordWrap
+                Accessible.name: root.model.testResult
+            }
+        }
+    }
+
+    SystemPalette {
+        id: palette
+    }
+}

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+import QtQuick
+import QtQuick.Controls.Fusion
+import QtQuick.Layouts
+import Quillvox.Settings
+import Quillvox.Shortcuts
+
+SectionPage {
+    id: root
+
+    required property ShortcutSettingsModel model
+    property int recordingRow: -1
+
+    title: "Shortcuts"
+
+    SystemPalette {
+        id: palette
+    }
+
+    SettingsCard {
+        title: "Keyboard shortcuts"
+        subtitle: "Click a shortcut, then press the new combination. Escape cancels."
+
+        Repeater {
+            model: root.model.rows
+
+            delegate: RowLayout {
+                required property var modelData
+                required property int index
+
+                Layout.fillWidth: true
+                spacing: 12
+
+                ColumnLayout {
+                    Layout.fillWidth: true
+                    spacing: 2
+                    Label {
+                        Layout.fillWidth: true
+                        text: modelData.title
+                    }
+                    Label {
+                        visible: modelData.problem !== ""
+                        text: modelData.problem
+                        color: "#d0342c"
+                        font.pixelSize: 12
+                        Accessible.name: text
+                    }
+                }
+                ShortcutRecorder {
+                    Layout.preferredWidth: 180
+                    Layout.preferredHeight: 32
+                    label: modelData.label
+                    isRecording: root.recordingRow === index
+                    activeFocusOnTab: true
+                    Accessible.role: Accessible.Button
+                    Accessible.name: modelData.title + " shortcut"
+                    Accessible.description: modelData.label
+                    Accessible.onPressAction: root.recordingRow = index
+                    Keys.onReturnPressed: root.recordingRow = index
+                    Keys.onSpacePressed: root.recordingRow = index
+                    onRecorded: (key, modifiers) => root.model.record(index, key, modifiers)
+                    onFinished: root.recordingRow = -1
+
+                    TapHandler {
+                        onTapped: root.recordingRow = index
+                    }
+                }
+                Button {
+                    text: "Reset"
+                    enabled: !modelData.isDefault
+                    flat: true
+                    Accessible.name: "Reset " + modelData.title
+                    onClicked: root.model.reset(index)
+                }
+            }
+        }
+    }
+
+    SettingsCard {
+        title: "Selection capture"
+        subtitle: root.model.captureProblem !== ""
+                  ? root.model.captureProblem
+                  : "Quillvox can read the text selected in other applications in this session."
+    }
+}

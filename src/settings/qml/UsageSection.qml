@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+import QtQuick
+import QtQuick.Controls.Fusion
+import QtQuick.Layouts
+import Quillvox.Settings
+
+SectionPage {
+    id: root
+
+    required property UsageSettingsModel model
+
+    title: "Usage"
+
+    TabBar {
+        id: periods
+        Layout.preferredWidth: 360
+        currentIndex: root.model.periodIndex
+        Accessible.name: "Period"
+        onCurrentIndexChanged: root.model.periodIndex = currentIndex
+
+        Repeater {
+            model: root.model.periods
+            delegate: TabButton {
+                required property string modelData
+                text: modelData
+                Accessible.name: modelData
+            }
+        }
+    }
+
+    SettingsCard {
+        title: "On this computer"
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 16
+
+            UsageFigure {
+                label: "Narrations"
+                value: Number(root.model.narrations).toLocaleString(Qt.locale(), "f", 0)
+            }
+            UsageFigure {
+                label: "Characters"
+                value: Number(root.model.characters).toLocaleString(Qt.locale(), "f", 0)
+            }
+        }
+    }
+
+    SettingsCard {
+        visible: root.model.showsServer
+        title: "Your account"
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 16
+            visible: !root.model.serverLoading && !root.model.serverFailed
+
+            UsageFigure {
+                label: "Narrations"
+                value: root.model.serverNarrations
+            }
+            UsageFigure {
+                label: "Minutes"
+                value: root.model.serverMinutes
+            }
+        }
+        BusyIndicator {
+            visible: root.model.serverLoading
+        }
+        Label {
+            visible: root.model.serverFailed
+            text: "The account's usage could not be loaded."
+            opacity: 0.7
+        }
+    }
+
+    component UsageFigure: ColumnLayout {
+        property string label
+        property string value
+
+        Layout.fillWidth: true
+        Layout.preferredWidth: 1
+        spacing: 2
+        Accessible.name: label + " " + value
+
+        Label {
+            Layout.fillWidth: true
+            text: parent.value
+            font.pixelSize: 28
+            font.bold: true
+        }
+        Label {
+            text: parent.label
+            opacity: 0.7
+        }
+    }
+}

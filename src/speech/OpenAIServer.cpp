@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "speech/OpenAIServer.h"
+
+#include "core/UserDefaults.h"
+#include "speech/TTSRequest.h"
+
+#include <QHostAddress>
+
+namespace OpenAIServer {
+
+QUrl defaultOrigin()
+{
+    return QUrl(QStringLiteral("https://api.openai.com"));
+}
+
+QString defaultModel()
+{
+    return speechModel(SpeechBackend::OpenAI);
+}
+
+bool isLocalHost(const QString &host)
+{
+    const QString name = host.toLower();
+    if (name == u"localhost" || name.endsWith(u".localhost") || name.endsWith(u".local"))
+        return true;
+    const QHostAddress address(name);
+    if (address.isNull())
+        return false;
+    if (address.isLoopback())
+        return true;
+    static const QList<QPair<QHostAddress, int>> privateNetworks{
+        QHostAddress::parseSubnet(QStringLiteral("10.0.0.0/8")),
+        QHostAddress::parseSubnet(QStringLiteral("172.16.0.0/12")),
+        QHostAddress::parseSubnet(QStringLiteral("192.168.0.0/16")),
+        QHostAddress::parseSubnet(QStringLiteral("fc00::/7")),
+    };
+    for (const auto &[network, prefix] : privateNetworks) {
+        if (address.isInSubnet(network, prefix))
+            return true;
+    }
+    return false;
+}
+
+Verdict check(const QString &text)
+{
+    const QUrl url(text.trimmed(), QUrl::StrictMode);
+    const QString scheme = url.scheme().toLower();
+    if (!url.isValid() || url.host().isEmpty() || (scheme != u"https" && scheme != u"http") ||
+        url.hasQuery() || url.hasFragment() || !url.userInfo().isEmpty()) {
+        return {Verdict::Refused, {}, QStringLiteral("Enter an address such as https://api.openai.com.")};
+    }
+    // The speech path is appended to the origin, so it must not end in a slash.
+    QUrl origin = url.adjusted(QUrl::NormalizePathSegments);
+    QString path = origin.path();
+    while (path.endsWith(u'/'))
+        path.chop(1);
+    origin.setPath(path);
+    origin.setScheme(scheme);
+    if (scheme == u"https")
+        return {Verdict::Encrypted, origin, {}};
+    if (!isLocalHost(url.host()))
+        return {Verdict::Refused,
+                {},
+                QStringLiteral("Plain http is allowed only for this computer and private networks; use "
+                               "https:// for %1.")
+                    .arg(url.host())};
+    return {Verdict::Unencrypted, origin, QStringLiteral("The key is sent unencrypted.")};
+}
+
+QUrl effectiveOrigin(const UserDefaults &defaults, const QUrl &deploymentOrigin,
+                     bool deploymentFromEnvironment)
+{
+    if (deploymentFromEnvironment)
+        return deploymentOrigin;
+    if (const std::optional<QString> stored = defaults.string(serverKey)) {
+        const Verdict verdict = check(*stored);
+        if (verdict.kind != Verdict::Refused)
+            return verdict.origin;
+    }
+    return deploymentOrigin;
+}
+
+QString effectiveModel(const UserDefaults &defaults)
+{
+    const QString stored = defaults.string(modelKey).value_or(QString()).trimmed();
+    return stored.isEmpty() ? defaultModel() : stored;
+}
+
+} // namespace OpenAIServer

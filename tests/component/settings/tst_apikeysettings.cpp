@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The API Keys section against real speech servers on loopback: "Test" and the next narration go to
+// the server the user chose, with the key from the keyring.
+#include "DevServer.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "settings/ApiKeySettingsModel.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+
+#include <QJsonDocument>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using TestState = ApiKeySettingsModel::TestState;
+
+namespace {
+
+struct Rig
+{
+    QTemporaryDir dir;
+    UserDefaults defaults{dir.filePath(QStringLiteral("q.conf"))};
+    KeychainHelper keychain{QStringLiteral("test"), std::make_unique<MemorySecretStore>()};
+    ApiKeySettingsModel model{{.keychain = &keychain,
+                               .defaults = &defaults,
+                               .openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:9")),
+                               .ownKeyChanged = [] {}}};
+};
+
+} // namespace
+
+class TestApiKeySettings : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void test_data()
+    {
+        QTest::addColumn<QStringList>("serverArguments");
+        QTest::addColumn<bool>("serverRunning");
+        QTest::addColumn<TestState>("state");
+        QTest::addColumn<QString>("result");
+
+        QTest::newRow("works") << QStringList{"--pace", "0", "--openai-key", "sk-test-1234"} << true
+                               << TestState::Works << "Works";
+        QTest::newRow("401") << QStringList{"--fail-status", "401"} << true << TestState::Failed
+                             << "API error (401): Unauthorized";
+        QTest::newRow("no server") << QStringList() << false << TestState::Failed
+                                   << "Received invalid response from server";
+    }
+    void test()
+    {
+        QFETCH(QStringList, serverArguments);
+        QFETCH(bool, serverRunning);
+        QFETCH(TestState, state);
+        QFETCH(QString, result);
+
+        DevServer server;
+        QVERIFY2(server.start(serverArguments), qPrintable(server.errorString()));
+        const QUrl origin = server.url();
+        if (!serverRunning)
+            server.stop();
+        Rig rig;
+        QVERIFY(rig.model.saveKey(QStringLiteral("sk-test-1234")));
+        QVERIFY(rig.model.setServer(origin.toString()));
+        rig.model.setModel(QStringLiteral("local-tts"));
+
+        rig.model.test();
+        QCOMPARE(rig.model.testState(), TestState::Testing);
+        QTRY_VERIFY(rig.model.testState() != TestState::Testing);
+        QCOMPARE(rig.model.testResult(), result);
+        QCOMPARE(rig.model.testState(), state);
+        if (!serverRunning)
+            return;
+        const QList<QJsonObject> log = server.waitForRequests(1);
+        QCOMPARE(log.size(), 1);
+        QCOMPARE(log.first().value(QStringLiteral("path")).toString(), QStringLiteral("/v1/audio/speech"));
+        QCOMPARE(DevServer::header(log.first(), u"Authorization"), QStringLiteral("Bearer sk-test-1234"));
+        const QJsonObject body =
+            QJsonDocument::fromJson(log.first().value(QStringLiteral("body")).toString().toUtf8()).object();
+        QCOMPARE(body.value(QStringLiteral("model")).toString(), QStringLiteral("local-tts"));
+    }
+
+    // A server chosen in the section takes the next narration, and the environment's origin wins over it.
+    void narrationFollowsServer_data()
+    {
+        QTest::addColumn<bool>("fromEnvironment");
+        QTest::newRow("chosen server") << false;
+        QTest::newRow("environment wins") << true;
+    }
+    void narrationFollowsServer()
+    {
+        QFETCH(bool, fromEnvironment);
+        DevServer first;
+        DevServer second;
+        QVERIFY2(first.start({"--pace", "0"}), qPrintable(first.errorString()));
+        QVERIFY2(second.start({"--pace", "0"}), qPrintable(second.errorString()));
+
+        Rig rig;
+        NoSelection selection;
+        SpeechManager::Services services;
+        services.defaults = &rig.defaults;
+        services.keychain = &rig.keychain;
+        services.selection = &selection;
+        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        services.openAIOrigin = first.url();
+        services.openAIOriginFromEnvironment = fromEnvironment;
+        SpeechManager speech(std::move(services));
+
+        QVERIFY(rig.model.saveKey(QStringLiteral("sk-test-1234")));
+        QVERIFY(rig.model.setServer(second.url().toString()));
+        speech.speak(QStringLiteral("Hello there."));
+        DevServer &expected = fromEnvironment ? first : second;
+        QCOMPARE(expected.waitForRequests(1).size(), 1);
+        QVERIFY((fromEnvironment ? second : first).requests().isEmpty());
+        speech.stop();
+    }
+};
+
+QTEST_GUILESS_MAIN(TestApiKeySettings)
+#include "tst_apikeysettings.moc"

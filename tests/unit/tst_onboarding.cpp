@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "ManualClock.h"
+
+#include "core/AppEvents.h"
+#include "onboarding/OnboardingPackage.h"
+#include "onboarding/OnboardingViewModel.h"
+
+#include <QSignalSpy>
+#include <QTest>
+#include <QUrlQuery>
+
+using namespace std::chrono_literals;
+
+class TestOnboarding : public QObject
+{
+    Q_OBJECT
+
+    ManualClock m_clock;
+
+    std::unique_ptr<OnboardingViewModel> model(std::function<bool()> isTrusted = {})
+    {
+        OnboardingViewModel::Services services;
+        services.clock = &m_clock;
+        services.isTrusted = std::move(isTrusted);
+        return std::make_unique<OnboardingViewModel>(std::move(services));
+    }
+
+    // Brings a fresh model to `step` the way the views do.
+    static void reach(OnboardingViewModel &vm, const QString &step)
+    {
+        if (step == u"signIn")
+            vm.nextStep();
+        else if (step == u"freeMinutes")
+            vm.goToFreeMinutes();
+        else if (step == u"permissions")
+            vm.goToPermissions();
+        else if (step == u"tutorial")
+            vm.goToTutorial();
+        else if (step == u"pricing")
+            vm.goToPricing();
+        else if (step == u"purchaseConfirmation")
+            Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
+        else if (step == u"completion")
+            vm.goToCompletion();
+    }
+
+private Q_SLOTS:
+    void steps_data()
+    {
+        QTest::addColumn<QString>("from");
+        QTest::addColumn<QString>("afterNext");
+        QTest::addColumn<QString>("afterPrevious");
+        QTest::addColumn<bool>("showsBack");
+
+        QTest::newRow("welcome") << "welcome"
+                                 << "signIn"
+                                 << "welcome" << false;
+        QTest::newRow("signIn") << "signIn"
+                                << "freeMinutes"
+                                << "welcome" << true;
+        QTest::newRow("freeMinutes") << "freeMinutes"
+                                     << "permissions"
+                                     << "freeMinutes" << false;
+        QTest::newRow("permissions") << "permissions"
+                                     << "tutorial"
+                                     << "freeMinutes" << true;
+        QTest::newRow("tutorial") << "tutorial"
+                                  << "pricing"
+                                  << "tutorial" << false;
+        QTest::newRow("pricing") << "pricing"
+                                 << "purchaseConfirmation"
+                                 << "pricing" << false;
+        QTest::newRow("purchaseConfirmation") << "purchaseConfirmation"
+                                              << "completion"
+                                              << "purchaseConfirmation" << false;
+        QTest::newRow("completion") << "completion"
+                                    << "completion"
+                                    << "completion" << false;
+    }
+
+    void steps()
+    {
+        QFETCH(QString, from);
+        for (const bool forward : {true, false}) {
+            const auto vm = model();
+            reach(*vm, from);
+            QCOMPARE(vm->currentStepName(), from);
+            QTEST(vm->canGoBack(), "showsBack");
+            if (forward) {
+                vm->nextStep();
+                QTEST(vm->currentStepName(), "afterNext");
+            } else {
+                vm->previousStep();
+                QTEST(vm->currentStepName(), "afterPrevious");
+            }
+        }
+    }
+
+    // Trust as the session answers it at each poll (the first answer is the construction's own check).
+    void permissionPoll_data()
+    {
+        QTest::addColumn<QList<bool>>("answers");
+        QTest::addColumn<int>("publications");
+        QTest::addColumn<bool>("finally");
+
+        QTest::newRow("never trusted") << QList<bool>{false, false, false, false} << 0 << false;
+        QTest::newRow("trusted from the start") << QList<bool>{true, true, true, true} << 1 << true;
+        QTest::newRow("granted later") << QList<bool>{false, false, true, true} << 1 << true;
+        QTest::newRow("granted then lost") << QList<bool>{false, true, true, false} << 2 << false;
+    }
+
+    void permissionPoll()
+    {
+        QFETCH(QList<bool>, answers);
+        qsizetype asked = 0;
+        const auto vm = model([&] { return answers.value(std::min(asked++, answers.size() - 1)); });
+        QSignalSpy published(vm.get(), &OnboardingViewModel::hasPermissionsChanged);
+        QCoreApplication::processEvents();
+        for (qsizetype tick = 1; tick < answers.size(); ++tick) {
+            m_clock.advance(999ms);
+            QCOMPARE(asked, tick);
+            m_clock.advance(1ms);
+            QCOMPARE(asked, tick + 1);
+            QCoreApplication::processEvents();
+        }
+        QTEST(int(published.count()), "publications");
+        QTEST(vm->hasPermissions(), "finally");
+    }
+
+    void packageTexts_data()
+    {
+        QTest::addColumn<double>("hours");
+        QTest::addColumn<QString>("hoursText");
+        QTest::addColumn<int>("cents");
+        QTest::addColumn<QString>("priceText");
+
+        QTest::newRow("starter") << 2.5 << "2.5 hours" << 500 << "$5.00";
+        QTest::newRow("popular") << 8.0 << "8 hours" << 1500 << "$15.00";
+        QTest::newRow("pro") << 20.0 << "20 hours" << 3500 << "$35.00";
+        QTest::newRow("one hour, odd cents") << 1.0 << "1 hour" << 1999 << "$19.99";
+        QTest::newRow("fraction, few cents") << 3.33 << "3.3 hours" << 5 << "$0.05";
+    }
+
+    void packageTexts()
+    {
+        QFETCH(double, hours);
+        QFETCH(int, cents);
+        QTEST(OnboardingPackage::hoursText(hours), "hoursText");
+        QTEST(OnboardingPackage::priceText(cents), "priceText");
+    }
+
+    void tokenExchangeUrl_data()
+    {
+        QTest::addColumn<QString>("packageId");
+        QTest::addColumn<QString>("url");
+
+        QTest::newRow("popular") << "popular"
+                                 << "https://svc.test/api/auth/token-exchange?code=c0de"
+                                    "&next=/api/credits/purchase-redirect?package=popular";
+        QTest::newRow("unknown id is passed on") << "gold"
+                                                 << "https://svc.test/api/auth/token-exchange?code=c0de"
+                                                    "&next=/api/credits/purchase-redirect?package=gold";
+        QTest::newRow("characters outside the query set are escaped")
+            << "a b#c"
+            << "https://svc.test/api/auth/token-exchange?code=c0de"
+               "&next=/api/credits/purchase-redirect?package=a%20b%23c";
+    }
+
+    void tokenExchangeUrl()
+    {
+        QFETCH(QString, packageId);
+        const QUrl url = OnboardingViewModel::tokenExchangeUrl(QUrl(QStringLiteral("https://svc.test/")),
+                                                               QStringLiteral("c0de"), packageId);
+        QVERIFY(url.isValid());
+        QTEST(url.toString(QUrl::FullyEncoded), "url");
+        QCOMPARE(QUrlQuery(url).queryItemValue(QStringLiteral("next"), QUrl::FullyDecoded),
+                 QStringLiteral("/api/credits/purchase-redirect?package=") + packageId);
+    }
+
+    void purchaseSuccessConfirmsTheSelectedPackage()
+    {
+        const auto vm = model();
+        vm->goToPricing();
+        vm->purchase(QStringLiteral("pro")); // no session: fails, but the package stays selected
+        QCOMPARE(vm->purchaseError(), QStringLiteral("Failed to generate authentication code"));
+        QVERIFY(!vm->purchasedPackage());
+        Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
+        QCOMPARE(vm->currentStep(), OnboardingStep::purchaseConfirmation);
+        QCOMPARE(vm->purchasedPackage()->id, QStringLiteral("pro"));
+        QCOMPARE(vm->purchasedMinutesText(), QStringLiteral("1200 minutes added to your account"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestOnboarding)
+#include "tst_onboarding.moc"

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Update feeds as they come, hostile ones included, the version order, and when automatic checks run.
+#include "ManualClock.h"
+
+#include "core/UserDefaults.h"
+#include "updates/AppcastFeed.h"
+#include "updates/UpdateChecker.h"
+
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+QByteArray feed(const QByteArray &items)
+{
+    return "<?xml version=\"1.0\"?><rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>" +
+           items + "</channel></rss>";
+}
+
+} // namespace
+
+class TestUpdates : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void versionOrder_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<int>("order");
+        QTest::newRow("numeric, not textual") << "1.10"
+                                              << "1.9" << 1;
+        QTest::newRow("missing parts are zero") << "1.2"
+                                                << "1.2.0" << 0;
+        QTest::newRow("older") << "0.9.9"
+                               << "1.0" << -1;
+        QTest::newRow("a pre-release comes first") << "2.0b1"
+                                                   << "2.0" << -1;
+        QTest::newRow("pre-releases as text") << "2.0b1"
+                                              << "2.0rc1" << -1;
+        QTest::newRow("pre-release of a later number") << "2.1b1"
+                                                       << "2.0" << 1;
+        QTest::newRow("huge numbers saturate") << "99999999999999999999999"
+                                               << "1" << 1;
+        QTest::newRow("garbage is zero") << "beta"
+                                         << "0" << -1;
+    }
+
+    void versionOrder()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(int, order);
+        QCOMPARE(Appcast::compareVersions(a, b), order);
+        QCOMPARE(Appcast::compareVersions(b, a), -order);
+    }
+
+    // "error: ..." rows expect a refusal containing that text; otherwise the newest item's
+    // version, display version and link.
+    void parse_data()
+    {
+        QTest::addColumn<QByteArray>("xml");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("element form, highest wins")
+            << feed("<item><sparkle:version>1.9</sparkle:version><link>https://q.example/1.9</link></item>"
+                    "<item><sparkle:version>1.10</sparkle:version><sparkle:shortVersionString>1.10 "
+                    "beta</sparkle:shortVersionString><link>https://q.example/1.10</link></item>")
+            << "1.10|1.10 beta|https://q.example/1.10";
+        QTest::newRow("attribute form only")
+            << feed("<item><enclosure url=\"https://q.example/q.deb\" sparkle:version=\"2.0\"/></item>")
+            << "2.0|2.0|https://q.example/q.deb";
+        QTest::newRow("the element wins over the attribute")
+            << feed("<item><enclosure url=\"https://q.example/q.deb\" sparkle:version=\"9.0\"/>"
+                    "<sparkle:version>2.0</sparkle:version></item>")
+            << "2.0|2.0|https://q.example/q.deb";
+        QTest::newRow("no items") << feed("") << "error: no release";
+        QTest::newRow("items without versions are skipped")
+            << feed("<item><title>x</title></item>") << "error: no release";
+        QTest::newRow("not a link")
+            << feed("<item><sparkle:version>1.0</sparkle:version><link>file:///etc/passwd"
+                    "</link></item>")
+            << "1.0|1.0|";
+        QTest::newRow("entities are refused")
+            << QByteArray("<?xml version=\"1.0\"?><!DOCTYPE rss [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b "
+                          "\"&a;&a;&a;&a;&a;&a;&a;&a;\">]><rss><channel><item><sparkle:version>&b;"
+                          "</sparkle:version></item></channel></rss>")
+            << "error: document type";
+        QTest::newRow("not XML") << QByteArray("<html><body>502 Bad Gateway") << "error: not well-formed";
+        QTest::newRow("wrong root") << QByteArray("<feed><entry/></feed>") << "error: no channel";
+        QTest::newRow("huge") << feed(QByteArray(Appcast::kMaxBodyBytes, ' ')) << "error: larger than 1 MB";
+    }
+
+    void parse()
+    {
+        QFETCH(QByteArray, xml);
+        QFETCH(QString, expected);
+        const auto parsed = Appcast::parse(xml);
+        QString actual;
+        if (const QString *error = std::get_if<QString>(&parsed)) {
+            actual = QStringLiteral("error: ") + *error;
+        } else if (const auto item = Appcast::newest(std::get<QList<AppcastItem>>(parsed))) {
+            actual = item->version + u'|' + item->displayVersion() + u'|' + item->link.toString();
+        } else {
+            actual = QStringLiteral("error: no release");
+        }
+        if (expected.startsWith(u"error: "))
+            QVERIFY2(actual.startsWith(u"error: ") && actual.contains(expected.mid(7)), qPrintable(actual));
+        else
+            QCOMPARE(actual, expected);
+    }
+
+    // Automatic checks against a feed that cannot answer: whether a check starts shows in the time of
+    // the last check.
+    void automaticChecksAtMostDaily_data()
+    {
+        QTest::addColumn<bool>("enabled");
+        QTest::addColumn<int>("lastCheckHoursAgo"); // -1: never; negative hours: in the future
+        QTest::addColumn<bool>("checks");
+        QTest::newRow("never checked") << true << -1 << true;
+        QTest::newRow("23 hours ago") << true << 23 << false;
+        QTest::newRow("24 hours ago") << true << 24 << true;
+        QTest::newRow("clock set back") << true << -5 << true;
+        QTest::newRow("switched off") << false << -1 << false;
+    }
+
+    void automaticChecksAtMostDaily()
+    {
+        QFETCH(bool, enabled);
+        QFETCH(int, lastCheckHoursAgo);
+        QFETCH(bool, checks);
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+        ManualClock clock;
+        const QDateTime before =
+            clock.now().addSecs(lastCheckHoursAgo == -1 ? 0 : -3600LL * lastCheckHoursAgo);
+        if (lastCheckHoursAgo != -1)
+            defaults.setDate(QString::fromLatin1(UpdateChecker::kLastCheckKey), before);
+        UpdateChecker checker({&defaults, nullptr, &clock,
+                               QUrl(QStringLiteral("http://updates.example/feed")), QStringLiteral("1.0")});
+        checker.setAutomaticChecks(enabled);
+        QSignalSpy found(&checker, &UpdateChecker::updateFound);
+        QSignalSpy finished(&checker, &UpdateChecker::finished);
+        checker.checkAutomaticallyIfDue();
+        const auto last = defaults.date(QString::fromLatin1(UpdateChecker::kLastCheckKey));
+        QCOMPARE(last == clock.now(), checks);
+        // A plain http feed away from this machine is refused, and an automatic check never says so.
+        QCOMPARE(found.size() + finished.size(), 0);
+    }
+
+    void skippedVersionStaysQuiet_data()
+    {
+        QTest::addColumn<QString>("skipped");
+        QTest::addColumn<bool>("announced");
+        QTest::newRow("nothing skipped") << QString() << true;
+        QTest::newRow("that version skipped") << "2.0" << false;
+        QTest::newRow("an older one skipped") << "1.5" << true;
+    }
+
+    void skippedVersionStaysQuiet()
+    {
+        QFETCH(QString, skipped);
+        QFETCH(bool, announced);
+        QTemporaryDir dir;
+        QFile file(dir.filePath(QStringLiteral("appcast.xml")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(feed("<item><sparkle:version>2.0</sparkle:version></item>"));
+        file.close();
+        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+        ManualClock clock;
+        // A loopback server stands in for the feed: the file's bytes served once over real HTTP.
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        connect(&server, &QTcpServer::newConnection, this, [&] {
+            QTcpSocket *socket = server.nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, socket, [socket, &file] {
+                QVERIFY(file.open(QIODevice::ReadOnly));
+                const QByteArray body = file.readAll();
+                file.close();
+                socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/rss+xml\r\nContent-Length: " +
+                              QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
+                socket->disconnectFromHost();
+            });
+        });
+        UpdateChecker checker(
+            {&defaults, nullptr, &clock,
+             QUrl(QStringLiteral("http://127.0.0.1:%1/appcast.xml").arg(server.serverPort())),
+             QStringLiteral("1.0")});
+        if (!skipped.isEmpty())
+            checker.skipVersion(skipped);
+        QSignalSpy found(&checker, &UpdateChecker::updateFound);
+        checker.checkAutomaticallyIfDue();
+        QTRY_VERIFY(!checker.isChecking());
+        QCOMPARE(found.size(), announced ? 1 : 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestUpdates)
+#include "tst_updates.moc"

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "OnboardingShots.h"
+
+#include "core/AppEvents.h"
+#include "onboarding/OnboardingWindow.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QQuickView>
+#include <QTextStream>
+
+namespace {
+
+void settle(int ms)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+}
+
+} // namespace
+
+int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speech)
+{
+    bool trusted = false;
+    OnboardingViewModel::Services services;
+    services.speech = &speech;
+    services.isTrusted = [&trusted] { return trusted; };
+    services.untrustedReason = [] {
+        return QStringLiteral("This is a Wayland session: selection capture needs an X11 session for now.");
+    };
+    services.shortcutLabel = [] { return QStringLiteral("Ctrl+Alt+S"); };
+    OnboardingWindow onboarding(std::move(services));
+    OnboardingViewModel &vm = *onboarding.viewModel();
+    onboarding.present();
+
+    int written = 0;
+    const auto shoot = [&](const QString &name) {
+        settle(450); // the step's entrance animation
+        const QString path =
+            out.filePath(QStringLiteral("onboarding-") + name + suffix + QStringLiteral(".png"));
+        if (onboarding.window()->grabWindow().save(path))
+            ++written;
+        else
+            QTextStream(stderr) << "could not write " << path << Qt::endl;
+    };
+
+    shoot(QStringLiteral("1-welcome"));
+    vm.nextStep();
+    shoot(QStringLiteral("2-sign-in"));
+    vm.goToFreeMinutes();
+    shoot(QStringLiteral("3-free-minutes"));
+    vm.goToPermissions();
+    vm.requestPermission();
+    shoot(QStringLiteral("4-permissions-missing"));
+    trusted = true;
+    vm.checkPermissions();
+    shoot(QStringLiteral("4-permissions-granted"));
+    vm.goToTutorial();
+    shoot(QStringLiteral("5-tutorial-intro"));
+    vm.nextTutorialPhase();
+    shoot(QStringLiteral("5-tutorial-try-it"));
+    speech.replayStoredAudio(QByteArray(48000, '\0'));
+    shoot(QStringLiteral("5-tutorial-try-it-done"));
+    speech.stop();
+    vm.nextTutorialPhase();
+    shoot(QStringLiteral("5-tutorial-voice"));
+    vm.nextTutorialPhase();
+    shoot(QStringLiteral("5-tutorial-appearance"));
+    vm.nextTutorialPhase();
+    shoot(QStringLiteral("5-tutorial-shortcut"));
+    vm.goToPricing();
+    shoot(QStringLiteral("6-pricing"));
+    vm.purchase(QStringLiteral("popular")); // no account here: shows the failure text
+    shoot(QStringLiteral("6-pricing-error"));
+    Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
+    shoot(QStringLiteral("7-purchase-confirmation"));
+    vm.goToCompletion();
+    shoot(QStringLiteral("8-completion"));
+    return written;
+}

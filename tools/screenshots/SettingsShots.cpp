@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "SettingsShots.h"
+
+#include "account/AuthManager.h"
+#include "account/BalanceManager.h"
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/input/NullGlobalHotKeys.h"
+#include "records/HistoryManager.h"
+#include "records/UsageManager.h"
+#include "settings/SettingsViewModel.h"
+#include "settings/SettingsWindow.h"
+#include "shortcuts/HotkeyManager.h"
+#include "shortcuts/NarrationControls.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QQuickView>
+#include <QTemporaryDir>
+#include <QTextStream>
+
+#include <linux/input-event-codes.h>
+
+namespace {
+
+class IdleControls final : public NarrationControls
+{
+public:
+    void speak(const QString &) override {}
+    void togglePlayPause() override {}
+    void stop() override {}
+    void seekToFrame(qint64) override {}
+    void cyclePlaybackSpeed() override {}
+    qint64 currentPlaybackFrame() const override { return 0; }
+};
+
+void settle(int ms)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+}
+
+} // namespace
+
+int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &speech, UserDefaults &defaults,
+                        KeychainHelper &keychain)
+{
+    QTemporaryDir dir;
+    const QDateTime now = QDateTime::currentDateTime();
+    HistoryManager history(defaults, dir.filePath(QStringLiteral("History")), [now] { return now; });
+    const QStringList texts{
+        QStringLiteral("The quick brown fox jumps over the lazy dog, and keeps running into the woods."),
+        QStringLiteral("Chapter 3\nThe morning fog had not yet lifted when the ferry left the harbour."),
+        QStringLiteral("Remember to send the quarterly report before Friday."),
+    };
+    for (int i = 0; i < texts.size(); ++i)
+        history.addSession(texts.at(i), availableVoices().at(i * 2), 12.5 + 40 * i, QByteArray(4800, '\0'));
+    UsageManager usage(defaults);
+    for (int i = 0; i < 14; ++i)
+        usage.recordNarration(180 + 37 * i);
+
+    auto backend = std::make_unique<NullGlobalHotKeys>();
+    backend->setTakenElsewhere({KEY_Q, NativeHotKey::ControlMask | NativeHotKey::AltMask});
+    NoSelection selection;
+    IdleControls controls;
+    HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
+
+    AuthManager::Services authServices;
+    authServices.keychain = &keychain;
+    authServices.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+    authServices.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+    authServices.openUrl = [](const QUrl &) {};
+    authServices.log = [](const QString &) {};
+    AuthManager auth(std::move(authServices));
+    BalanceManager::Services balanceServices;
+    balanceServices.auth = &auth;
+    balanceServices.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+    balanceServices.log = [](const QString &) {};
+    BalanceManager balance(std::move(balanceServices));
+
+    keychain.save(QStringLiteral("sk-proj-example0000000000007f3a"), KeychainKey::openAIAPIKey);
+    SettingsServices services;
+    services.speech = &speech;
+    services.auth = &auth;
+    services.balance = &balance;
+    services.hotkeys = &hotkeys;
+    services.keychain = &keychain;
+    services.history = &history;
+    services.usage = &usage;
+    services.defaults = &defaults;
+    services.openAIOrigin = QUrl(QStringLiteral("https://api.openai.com"));
+    services.ownKeyChanged = [] {};
+    services.captureProblem = [] { return QString(); };
+    SettingsWindow settings(std::nullopt, std::move(services));
+    settings.present();
+    QQuickView &window = *settings.window();
+
+    int written = 0;
+    for (const QString &section : settings.viewModel()->sections()) {
+        settings.viewModel()->selectLabel(section);
+        settle(300);
+        QString name = section.toLower();
+        name.replace(u' ', u'-');
+        const QString path =
+            out.filePath(QStringLiteral("settings-") + name + suffix + QStringLiteral(".png"));
+        if (!window.grabWindow().save(path)) {
+            QTextStream(stderr) << "could not write " << path << Qt::endl;
+            continue;
+        }
+        ++written;
+    }
+    return written;
+}
