@@ -24,7 +24,7 @@ read -r line <&"${DEVSERVER[0]}"
 origin=${line#listening on }
 echo "Dev server: $origin"
 export QUILLVOX_OPENAI_ORIGIN="$origin" QUILLVOX_SERVICE_ORIGIN="$origin" QUILLVOX_AUTH_ORIGIN="$origin"
-export QUILLVOX_AUTH_ANON_KEY=quillvox-dev-anon-key
+export QUILLVOX_AUTH_ANON_KEY=quillvox-dev-anon-key QUILLVOX_APPCAST_URL="$origin/appcast.xml"
 
 if printf 'local\n' | build/src/quillvox --set-api-key; then
     echo "Own-key mode: the key \"local\" is in the demo keyring item ($QUILLVOX_KEYCHAIN_SERVICE)."
@@ -67,6 +67,7 @@ mkdir -p "$XDG_DATA_HOME/applications"
 profile_env="XDG_CONFIG_HOME=$XDG_CONFIG_HOME XDG_DATA_HOME=$XDG_DATA_HOME XDG_CACHE_HOME=$XDG_CACHE_HOME"
 profile_env+=" QUILLVOX_KEYCHAIN_SERVICE=$QUILLVOX_KEYCHAIN_SERVICE QUILLVOX_OPENAI_ORIGIN=$origin"
 profile_env+=" QUILLVOX_SERVICE_ORIGIN=$origin QUILLVOX_AUTH_ORIGIN=$origin QUILLVOX_AUTH_ANON_KEY=$QUILLVOX_AUTH_ANON_KEY"
+profile_env+=" QUILLVOX_APPCAST_URL=$QUILLVOX_APPCAST_URL"
 # The profile's instance owns a bus name of its own (the first ten hex digits of its configuration
 # folder's SHA-1), and a D-Bus-activatable entry must be named after it.
 name="com.vantor.Quillvox.Profile_$(printf '%s' "$XDG_CONFIG_HOME" | sha1sum | cut -c1-10)"

@@ -21,6 +21,8 @@
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
 #include "speech/SpeechManager.h"
+#include "updates/UpdateChecker.h"
+#include "updates/UpdateWindow.h"
 // FloatingWindowController.h needs the view model complete for its inline accessor.
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
@@ -111,10 +113,36 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
     });
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
 
+    startUpdateChecks();
     if (startUrl)
         m_remote->routeUrl(*startUrl);
     qCInfo(lcApp) << "ready";
     return true;
+}
+
+void AppDelegate::startUpdateChecks()
+{
+    m_updateChecker = std::make_unique<UpdateChecker>(
+        UpdateChecker::Services{&m_defaults, nullptr, nullptr, DeploymentConfig::current().appcastUrl,
+                                QStringLiteral(QUILLVOX_VERSION)});
+    connect(&AppEvents::shared(), &AppEvents::checkForUpdates, this,
+            [this] { updateWindow().checkForUpdates(); });
+    connect(m_updateChecker.get(), &UpdateChecker::updateFound, this,
+            [this](const UpdateChecker::Result &result) { updateWindow().showResult(result); });
+    // Once a day at most, across restarts: an hourly look at when the last check was is enough.
+    auto *daily = new QTimer(this);
+    daily->setInterval(std::chrono::hours(1));
+    connect(daily, &QTimer::timeout, m_updateChecker.get(), &UpdateChecker::checkAutomaticallyIfDue);
+    daily->start();
+    QTimer::singleShot(std::chrono::seconds(10), m_updateChecker.get(),
+                       &UpdateChecker::checkAutomaticallyIfDue);
+}
+
+UpdateWindow &AppDelegate::updateWindow()
+{
+    if (!m_updateWindow)
+        m_updateWindow = std::make_unique<UpdateWindow>(*m_updateChecker);
+    return *m_updateWindow;
 }
 
 bool AppDelegate::shouldShowOnboarding()

@@ -20,6 +20,8 @@ class SettingsWindow;
 class SingleInstance;
 class SpeechManager;
 class StatusMenu;
+class UpdateChecker;
+class UpdateWindow;
 class UserDefaults;
 
 // The application shell: starts the program, chooses between the first-run flow and normal operation,
@@ -66,6 +68,8 @@ private:
     void promptForTrust();
     void applicationDidBecomeActive();
     void applicationWillTerminate();
+    void startUpdateChecks();
+    UpdateWindow &updateWindow();
 
     UserDefaults &m_defaults;
     KeychainHelper &m_keychain;
@@ -86,5 +90,7 @@ private:
     bool m_shortcutsMade = false;
     std::unique_ptr<MprisPlayer> m_mpris;
     bool m_mainAppStarted = false;
+    std::unique_ptr<UpdateChecker> m_updateChecker;
+    std::unique_ptr<UpdateWindow> m_updateWindow;
     bool m_trustExplained = false;
 };

@@ -6,10 +6,12 @@
 #include "app/AppServices.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
+#include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
+#include "updates/UpdateChecker.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -114,7 +116,17 @@ int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)
 // What the command line asks for, once every argument has been checked.
 struct Invocation
 {
-    enum class Mode { start, help, version, setApiKey, clearApiKey, control, speak, preview };
+    enum class Mode {
+        start,
+        help,
+        version,
+        setApiKey,
+        clearApiKey,
+        control,
+        speak,
+        preview,
+        checkForUpdates
+    };
     Mode mode = Mode::start;
     QString control; // control: the command for the running instance
     QString text;    // speak: the text; preview: the voice
@@ -165,7 +177,7 @@ public:
         m_parser.setApplicationDescription(QStringLiteral("Quillvox reads selected text aloud."));
         m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
         m_parser.addOptions({m_help, m_version, m_setKey, m_clearKey, m_speak, m_voice, m_style, m_speed,
-                             m_preview, m_verbose});
+                             m_preview, m_checkUpdates, m_verbose});
         for (const QString &command : RemoteControl::controlCommands()) {
             m_controls.append(QCommandLineOption(command, controlDescription(command)));
             m_parser.addOption(m_controls.last());
@@ -196,6 +208,7 @@ public:
         action(m_clearKey, Invocation::Mode::clearApiKey);
         action(m_speak, Invocation::Mode::speak);
         action(m_preview, Invocation::Mode::preview);
+        action(m_checkUpdates, Invocation::Mode::checkForUpdates);
         for (const QCommandLineOption &control : std::as_const(m_controls)) {
             action(control, Invocation::Mode::control);
             if (m_parser.isSet(control))
@@ -322,6 +335,9 @@ private:
         QStringLiteral("speed"), QStringLiteral("The playback speed for this --speak."), QStringLiteral("X")};
     const QCommandLineOption m_preview{QStringLiteral("preview"), QStringLiteral("Play VOICE's sample."),
                                        QStringLiteral("VOICE")};
+    const QCommandLineOption m_checkUpdates{
+        QStringLiteral("check-for-updates"),
+        QStringLiteral("Ask the update feed whether a newer Quillvox exists; exit 1 when the check failed.")};
     const QCommandLineOption m_verbose{QStringLiteral("verbose"),
                                        QStringLiteral("Also print Quillvox's log lines.")};
     QList<QCommandLineOption> m_controls;
@@ -337,6 +353,30 @@ int speakOnce(QCoreApplication &app, const Invocation &invocation)
         speech.setPlaybackSpeed(invocation.speed.value_or(1.0f));
         speech.speak(invocation.text);
     });
+}
+
+// The check of "Check for Updates...", in the same words.
+int checkForUpdatesOnce(QCoreApplication &app)
+{
+    UpdateChecker checker({&UserDefaults::standard(), nullptr, nullptr,
+                           DeploymentConfig::current().appcastUrl, QStringLiteral(QUILLVOX_VERSION)});
+    int code = 1;
+    bool done = false;
+    QObject::connect(&checker, &UpdateChecker::finished, &app, [&](const UpdateChecker::Result &result) {
+        QTextStream out(result.outcome == UpdateChecker::Result::Outcome::Failed ? stderr : stdout);
+        out << result.headline() << Qt::endl;
+        if (result.outcome == UpdateChecker::Result::Outcome::UpToDate)
+            out << "Quillvox " << result.currentVersion << " is the newest version." << Qt::endl;
+        if (result.outcome == UpdateChecker::Result::Outcome::Available && result.item->link.isValid())
+            out << "Download: " << result.item->link.toString() << Qt::endl;
+        code = result.outcome == UpdateChecker::Result::Outcome::Failed ? 1 : 0;
+        done = true;
+        app.quit();
+    });
+    checker.checkForUpdates();
+    if (!done) // a feed refused before any request answers at once
+        app.exec();
+    return code;
 }
 
 // Hands a command to the running instance. 2 when none runs.
@@ -423,6 +463,8 @@ int runQuillvox(int argc, char *argv[])
     case Invocation::Mode::preview:
         createSharedAccount(accountLog(invocation.verbose));
         return narrateOnce(app, [&](SpeechManager &speech) { speech.playVoicePreview(invocation.text); });
+    case Invocation::Mode::checkForUpdates:
+        return checkForUpdatesOnce(app);
     case Invocation::Mode::start:
         break;
     }

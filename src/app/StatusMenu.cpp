@@ -43,8 +43,8 @@ StatusMenu::StatusMenu(SpeechManager &speech, SelectionSource &selection, Floati
         m_menu->addAction(QStringLiteral("Pause Narration"), &m_speech, &SpeechManager::togglePlayPause);
     m_stop = m_menu->addAction(QStringLiteral("Stop Narration"), &m_speech, &SpeechManager::stop);
     m_menu->addSeparator();
-    // Wired by the update checker.
-    m_menu->addAction(QStringLiteral("Check for Updates..."))->setEnabled(false);
+    m_menu->addAction(QStringLiteral("Check for Updates..."), &AppEvents::shared(),
+                      &AppEvents::checkForUpdates);
     m_menu->addAction(QStringLiteral("About Quillvox"), &AppEvents::shared(), &AppEvents::openAboutSection);
     m_menu->addSeparator();
     m_menu->addAction(QStringLiteral("Settings..."), &AppEvents::shared(), &AppEvents::openSettingsWindow)

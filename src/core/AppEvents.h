@@ -17,6 +17,8 @@ Q_SIGNALS:
     void openAboutSection();
     void navigateToSettingsSection(const QString &section);
     void onboardingPurchaseSuccess();
+    // "Check for Updates..." in the tray menu or in About.
+    void checkForUpdates();
 
 private:
     AppEvents() = default;

@@ -33,21 +33,19 @@ QRect findControl(const QString &name)
 
 bool click(const QString &name)
 {
-    QRect rect;
-    const auto moveTo = [&] {
+    QPoint at;
+    // Hovering can move controls (the widget expands), so the pointer follows until the control stays
+    // put. --sync waits for a movement, so the pointer is only sent where it is not.
+    for (int look = 0; look < 3; ++look) {
+        QRect rect;
         if (!QTest::qWaitFor([&] { return !(rect = findControl(name)).isEmpty(); }, 10000))
             return false;
-        xdotool(
-            {"mousemove", "--sync", QString::number(rect.center().x()), QString::number(rect.center().y())});
-        return true;
-    };
-    // Hovering can move controls (the widget expands), so the second look is the one clicked.
-    if (!moveTo())
-        return false;
-    QTest::qWait(400);
-    if (!moveTo())
-        return false;
-    QTest::qWait(100);
+        if (rect.center() == at)
+            break;
+        at = rect.center();
+        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
+        QTest::qWait(300);
+    }
     xdotool({"click", "1"});
     return true;
 }

@@ -43,7 +43,7 @@ QRect findControl(const QString &name)
 
 void clickAt(QPoint point)
 {
-    xdotool({"mousemove", "--sync", QString::number(point.x()), QString::number(point.y())});
+    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
     QTest::qWait(150); // the hover reaches the control before the press
     xdotool({"click", "1"});
 }
@@ -171,7 +171,7 @@ private Q_SLOTS:
         m_editorWindow = openInMousepad(m_editor, text);
         QVERIFY(!m_editorWindow.isEmpty());
         xdotool({"windowstate", "--add", "MAXIMIZED_VERT,MAXIMIZED_HORZ", m_editorWindow});
-        xdotool({"mousemove", "--sync", "200", "600"}); // away from where the widget will be
+        xdotool({"mousemove", "200", "600"}); // away from where the widget will be
         QVERIFY(startApp());
     }
 
@@ -201,11 +201,10 @@ private Q_SLOTS:
     {
         QVERIFY(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
         const QRect widget = widgetGeometry();
-        xdotool({"mousemove", "--sync", QString::number(widget.center().x()),
-                 QString::number(widget.center().y())});
+        xdotool({"mousemove", QString::number(widget.center().x()), QString::number(widget.center().y())});
         QTRY_VERIFY_WITH_TIMEOUT(!findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
         QVERIFY(!findControl(QStringLiteral("Expand controls")).isEmpty());
-        xdotool({"mousemove", "--sync", "200", "600"});
+        xdotool({"mousemove", "200", "600"});
         QTRY_VERIFY_WITH_TIMEOUT(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
     }
 
@@ -237,11 +236,11 @@ private Q_SLOTS:
         };
         QTRY_VERIFY2(narrated().contains(QStringLiteral("floats above this editor")), qPrintable(narrated()));
         // Pinned: the controls stay when the pointer leaves.
-        xdotool({"mousemove", "--sync", "200", "600"});
+        xdotool({"mousemove", "200", "600"});
         QTest::qWait(500);
         QVERIFY(!findControl(QStringLiteral("Collapse controls")).isEmpty());
         clickAt(findControl(QStringLiteral("Collapse controls")).center());
-        xdotool({"mousemove", "--sync", "200", "600"});
+        xdotool({"mousemove", "200", "600"});
     }
 
     // The bars at rest are 3 pixels high in the middle of their well: their centre pixels carry the
