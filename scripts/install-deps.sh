@@ -16,6 +16,7 @@ PACKAGES=(
     dbus-daemon dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils sox mousepad
     curl python3 xdg-utils desktop-file-utils
     qt6-svg-dev at-spi2-core python3-pyatspi xcompmgr imagemagick playerctl
+    help2man lintian appstream dpkg-dev
 )
 
 missing=()

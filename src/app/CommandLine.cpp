@@ -134,6 +134,7 @@ struct Invocation
     std::optional<VoiceStyle> style;
     std::optional<float> speed;
     std::optional<QString> url; // start: a callback URL
+    bool autostart = false;     // start: from the login entry
     bool verbose = false;
 
     bool hasRunOptions() const { return !voice.isEmpty() || style || speed; }
@@ -177,7 +178,7 @@ public:
         m_parser.setApplicationDescription(QStringLiteral("Quillvox reads selected text aloud."));
         m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
         m_parser.addOptions({m_help, m_version, m_setKey, m_clearKey, m_speak, m_voice, m_style, m_speed,
-                             m_preview, m_checkUpdates, m_verbose});
+                             m_preview, m_checkUpdates, m_autostart, m_verbose});
         for (const QString &command : RemoteControl::controlCommands()) {
             m_controls.append(QCommandLineOption(command, controlDescription(command)));
             m_parser.addOption(m_controls.last());
@@ -209,6 +210,8 @@ public:
         action(m_speak, Invocation::Mode::speak);
         action(m_preview, Invocation::Mode::preview);
         action(m_checkUpdates, Invocation::Mode::checkForUpdates);
+        action(m_autostart, Invocation::Mode::start);
+        invocation.autostart = m_parser.isSet(m_autostart);
         for (const QCommandLineOption &control : std::as_const(m_controls)) {
             action(control, Invocation::Mode::control);
             if (m_parser.isSet(control))
@@ -270,7 +273,9 @@ public:
         text.replace(QCoreApplication::arguments().constFirst(), QStringLiteral("quillvox"));
         text += QStringLiteral(
                     "\nWithout options Quillvox starts in the tray and listens for its shortcuts; started "
-                    "again while it runs, it opens its settings window.\n\n"
+                    "again while it runs, it opens its settings window. --autostart starts it the same "
+                    "way (the login entry of \"Start Quillvox at login\" uses it) but does nothing when it "
+                    "already runs.\n\n"
                     "Voices are %1. The default is %2, and the settings window keeps your choice.\n\n"
                     "Speaking styles are %3. Put a style with spaces in quotes, as in "
                     "--style \"Bedtime Story\".\n\n"
@@ -338,6 +343,10 @@ private:
     const QCommandLineOption m_checkUpdates{
         QStringLiteral("check-for-updates"),
         QStringLiteral("Ask the update feed whether a newer Quillvox exists; exit 1 when the check failed.")};
+    const QCommandLineOption m_autostart{
+        QStringLiteral("autostart"),
+        QStringLiteral(
+            "Start as at login: the tray and the widget only, nothing when Quillvox already runs.")};
     const QCommandLineOption m_verbose{QStringLiteral("verbose"),
                                        QStringLiteral("Also print Quillvox's log lines.")};
     QList<QCommandLineOption> m_controls;
@@ -395,14 +404,20 @@ int sendControl(const QString &command)
     return reply->value(QStringLiteral("ok")).toBool() ? 0 : 1;
 }
 
-int runApplication(int argc, char *argv[], const std::optional<QString> &url)
+int runApplication(int argc, char *argv[], const Invocation &invocation)
 {
+    const std::optional<QString> &url = invocation.url;
     // The bus connection wants the application object first.
     QApplication app(argc, argv);
-    // Already running: a callback URL goes to it, a plain start shows its settings window.
-    if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
-                             url.value_or(QString()), 2000))
+    // Already running: a callback URL goes to it, a plain start shows its settings window. A login start
+    // opens nothing: the user did not ask for a window.
+    if (invocation.autostart) {
+        if (SingleInstance::send(QStringLiteral("status"), {}, 2000))
+            return 0;
+    } else if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
+                                    url.value_or(QString()), 2000)) {
         return 0;
+    }
     app.setQuitOnLastWindowClosed(false);
     AppDelegate delegate(UserDefaults::standard(), KeychainHelper::shared());
     if (!delegate.applicationDidFinishLaunching(url)) {
@@ -434,7 +449,7 @@ int runQuillvox(int argc, char *argv[])
     if (invocation.mode == Invocation::Mode::start) {
         if (invocation.verbose)
             QLoggingCategory::setFilterRules(QStringLiteral("quillvox.*.debug=true"));
-        return runApplication(argc, argv, invocation.url);
+        return runApplication(argc, argv, invocation);
     }
     // A one-off command prints what the user asked for and errors, nothing of the inner workings.
     if (!invocation.verbose)

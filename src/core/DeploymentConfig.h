@@ -5,7 +5,8 @@
 #include <QString>
 #include <QUrl>
 
-// Origins, keys and backends that differ between deployments. Built-in defaults, overridden by
+// Origins, keys and backends that differ between deployments. Built-in defaults (the service, auth and
+// appcast ones chosen when building, see the QUILLVOX_* CMake cache variables), overridden by
 // the environment (QUILLVOX_*); the environment always wins over anything the user set.
 struct DeploymentConfig
 {

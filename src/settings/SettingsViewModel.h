@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
 #include "settings/AppearanceSettingsModel.h"
 #include "settings/HistorySettingsModel.h"
@@ -34,6 +35,7 @@ class SettingsViewModel : public QObject
     Q_PROPERTY(ApiKeySettingsModel *apiKeys MEMBER m_apiKeys CONSTANT)
     Q_PROPERTY(HistorySettingsModel *history MEMBER m_history CONSTANT)
     Q_PROPERTY(UsageSettingsModel *usage MEMBER m_usage CONSTANT)
+    Q_PROPERTY(AboutSettingsModel *about MEMBER m_about CONSTANT)
     // The account's own managers: their published values are what the Account section shows.
     Q_PROPERTY(QObject *auth MEMBER m_auth CONSTANT)
     Q_PROPERTY(QObject *balance MEMBER m_balance CONSTANT)
@@ -75,6 +77,7 @@ private:
     ApiKeySettingsModel *m_apiKeys = nullptr;
     HistorySettingsModel *m_history = nullptr;
     UsageSettingsModel *m_usage = nullptr;
+    AboutSettingsModel *m_about = nullptr;
     QObject *m_auth = nullptr;
     QObject *m_balance = nullptr;
 };

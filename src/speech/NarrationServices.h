@@ -46,6 +46,20 @@ public:
     virtual std::optional<QString> captureSelectedText() = 0;
 };
 
+// No account: never signed in, so narration goes to the own-key backend or asks for sign-in.
+class NoAccount final : public AccountGate
+{
+public:
+    bool isSignedIn() const override { return false; }
+    qint64 balanceSeconds() const override { return 0; }
+    int minutesRemaining() const override { return 0; }
+    void getValidAccessToken(QObject *, std::function<void(std::optional<QString>)> done) override
+    {
+        done(std::nullopt);
+    }
+    void deductSeconds(double) override {}
+};
+
 // Where no selection can be read (no capture backend for this session).
 class NoSelection final : public SelectionSource
 {

@@ -62,6 +62,8 @@ private Q_SLOTS:
             "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, onyx, "
             "shimmer");
         row("two actions", {"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time.");
+        row("login start with an action", {"--toggle", "--autostart"},
+            "quillvox: Give one of --autostart, --toggle at a time.");
         row("URL with an action", {"--toggle", "quillvox://auth/callback"},
             "quillvox: Unexpected argument 'quillvox://auth/callback'.");
     }
@@ -85,6 +87,33 @@ private Q_SLOTS:
         QCOMPARE(beside.firstErrorLine, error);
         QCOMPARE(beside.exitCode, 1);
         QCOMPARE(heard, QStringList());
+    }
+
+    // A login start beside a running Quillvox leaves it alone; a plain start asks it for its window.
+    void startBesideRunning_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QStringList>("heard");
+
+        QTest::newRow("plain") << QStringList() << QStringList{QStringLiteral("activate")};
+        QTest::newRow("at login") << QStringList{QStringLiteral("--autostart")}
+                                  << QStringList{QStringLiteral("status")};
+    }
+
+    void startBesideRunning()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QStringList, heard);
+
+        SingleInstance instance;
+        QStringList commands;
+        QVERIFY(instance.listen([&commands](const QString &command, const QString &) {
+            commands.append(command);
+            return QJsonObject{{QStringLiteral("ok"), true}};
+        }));
+        const Outcome outcome = run(arguments);
+        QCOMPARE(outcome.exitCode, 0);
+        QCOMPARE(commands, heard);
     }
 
     // The running instance's reply, as one line of JSON; none running is exit status 2.

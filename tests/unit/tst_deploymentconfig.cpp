@@ -3,6 +3,21 @@
 
 #include <QTest>
 
+namespace {
+
+QString valueOf(const DeploymentConfig &c, const QString &name)
+{
+    if (name == u"QUILLVOX_SERVICE_ORIGIN")
+        return c.serviceOrigin.toString();
+    if (name == u"QUILLVOX_AUTH_ORIGIN")
+        return c.authOrigin.toString();
+    if (name == u"QUILLVOX_AUTH_ANON_KEY")
+        return c.authAnonKey;
+    return c.appcastUrl.toString();
+}
+
+} // namespace
+
 class TestDeploymentConfig : public QObject
 {
     Q_OBJECT
@@ -16,6 +31,37 @@ private Q_SLOTS:
         QCOMPARE(c.keychainService, QStringLiteral("com.vantor.quillvox"));
         QCOMPARE(c.audioOutput, DeploymentConfig::AudioOutput::Pulse);
         QCOMPARE(c.serviceOrigin.scheme(), QStringLiteral("https"));
+    }
+
+    // The build's cache variables reach the program as its defaults, and the environment still wins.
+    void builtInDefaults_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("builtIn");
+        QTest::addColumn<QString>("fromEnvironment");
+
+        QTest::newRow("service origin")
+            << "QUILLVOX_SERVICE_ORIGIN" << BUILT_IN_SERVICE_ORIGIN << "http://127.0.0.1:8080";
+        QTest::newRow("auth origin") << "QUILLVOX_AUTH_ORIGIN" << BUILT_IN_AUTH_ORIGIN
+                                     << "http://127.0.0.1:8081";
+        QTest::newRow("anonymous key")
+            << "QUILLVOX_AUTH_ANON_KEY" << BUILT_IN_AUTH_ANON_KEY << "anon-from-env";
+        QTest::newRow("appcast") << "QUILLVOX_APPCAST_URL" << BUILT_IN_APPCAST_URL
+                                 << "http://127.0.0.1:8080/appcast.xml";
+    }
+
+    void builtInDefaults()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, builtIn);
+        QFETCH(QString, fromEnvironment);
+
+        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(QProcessEnvironment()), name), builtIn);
+        QProcessEnvironment env;
+        env.insert(name, QString());
+        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(env), name), builtIn);
+        env.insert(name, fromEnvironment);
+        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(env), name), fromEnvironment);
     }
 
     void overrides_data()

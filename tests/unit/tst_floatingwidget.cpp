@@ -42,6 +42,7 @@ class TestFloatingWidget : public QObject
     std::unique_ptr<UserDefaults> m_defaults;
     std::unique_ptr<KeychainHelper> m_keychain;
     NoSelection m_selection;
+    NoAccount m_account;
     NullAudioSink *m_sink = nullptr;
     std::unique_ptr<SpeechManager> m_speech;
     ManualClock m_clock;
@@ -63,6 +64,7 @@ private Q_SLOTS:
         services.defaults = m_defaults.get();
         services.keychain = m_keychain.get();
         services.selection = &m_selection;
+        services.account = &m_account;
         services.audioSink = std::move(sink);
         m_speech = std::make_unique<SpeechManager>(std::move(services));
     }

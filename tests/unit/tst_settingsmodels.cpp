@@ -9,6 +9,7 @@
 #include "records/HistoryManager.h"
 #include "records/UsageManager.h"
 #include "records/UsageStats.h"
+#include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
@@ -268,6 +269,23 @@ private Q_SLOTS:
         const UsagePeriod period = allUsagePeriods().at(index);
         QCOMPARE(usagePeriodLabel(period), label);
         QCOMPARE(UsageSettingsModel::serverPeriod(period), server);
+    }
+
+    // About's switches land where the update checker and the desktop session read them.
+    void aboutSwitches()
+    {
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+        AboutSettingsModel about(&defaults, Autostart(dir.path()));
+        QVERIFY(about.checkForUpdatesAutomatically());
+        about.setCheckForUpdatesAutomatically(false);
+        QCOMPARE(defaults.boolean(QStringLiteral("checkForUpdatesAutomatically")),
+                 std::optional<bool>(false));
+        about.setStartAtLogin(true);
+        QVERIFY(QFile::exists(dir.filePath(QStringLiteral("autostart/com.vantor.Quillvox.desktop"))));
+        QVERIFY(about.startAtLogin() && about.startAtLoginError().isEmpty());
+        about.setStartAtLogin(false);
+        QVERIFY(!about.startAtLogin());
     }
 };
 

@@ -63,12 +63,14 @@ int main(int argc, char *argv[])
     UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
     KeychainHelper keychain(QStringLiteral("screenshots"), std::make_unique<MemorySecretStore>());
     NoSelection selection;
+    NoAccount account;
     auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
     NullAudioSink *device = sink.get();
     SpeechManager::Services services;
     services.defaults = &defaults;
     services.keychain = &keychain;
     services.selection = &selection;
+    services.account = &account;
     services.audioSink = std::move(sink);
     SpeechManager speech(std::move(services));
 

@@ -2,11 +2,13 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Settings
 
 SectionPage {
     id: root
 
     property string version
+    property AboutSettingsModel about
     // Where "Check for Updates" and the update switches go.
     property alias updateControls: updateControls.data
 
@@ -47,6 +49,46 @@ SectionPage {
             objectName: "updateControls"
             Layout.fillWidth: true
             spacing: 8
+
+            RowLayout {
+                visible: !!root.about
+                Layout.fillWidth: true
+                Label {
+                    text: "Check for updates automatically"
+                    Layout.fillWidth: true
+                }
+                Switch {
+                    checked: root.about ? root.about.checkForUpdatesAutomatically : true
+                    Accessible.name: "Check for updates automatically"
+                    onToggled: root.about.checkForUpdatesAutomatically = checked
+                }
+            }
+            RowLayout {
+                visible: !!root.about
+                Layout.fillWidth: true
+                Label {
+                    text: "Start Quillvox at login"
+                    Layout.fillWidth: true
+                }
+                Switch {
+                    checked: root.about ? root.about.startAtLogin : false
+                    Accessible.name: "Start Quillvox at login"
+                    onToggled: root.about.startAtLogin = checked
+                }
+            }
+            Label {
+                visible: !!root.about && root.about.startAtLoginError !== ""
+                text: root.about ? root.about.startAtLoginError : ""
+                color: "#b3261e"
+                wrapMode: Text.Wrap
+                Layout.fillWidth: true
+            }
+            Button {
+                visible: !!root.about
+                text: "Check for Updates..."
+                Accessible.name: text
+                onClicked: root.about.checkForUpdates()
+            }
         }
     }
 

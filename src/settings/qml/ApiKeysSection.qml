@@ -15,7 +15,7 @@ SectionPage {
     readonly property color warningColor: "#b86e00"
 
     SettingsCard {
-        title: "OpenAI API key"
+        title: "Your OpenAI key"
         subtitle: "Used when you are not signed in. It is kept only in your keyring."
 
         RowLayout {
@@ -35,15 +35,24 @@ SectionPage {
                 onClicked: root.model.removeKey()
             }
         }
-        TextField {
-            id: keyField
+        Item {
+            // WORKAROUND: Qt 6.4 hands a password field to the accessibility bus without its name, so
+            // the group around it carries the name.
             Layout.fillWidth: true
-            echoMode: TextInput.Password
-            placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
+            implicitHeight: keyField.implicitHeight
+            Accessible.role: Accessible.Grouping
             Accessible.name: "OpenAI API key"
-            onEditingFinished: {
-                if (text !== "" && root.model.saveKey(text))
-                    text = "";
+
+            TextField {
+                id: keyField
+                anchors.fill: parent
+                echoMode: TextInput.Password
+                placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
+                Accessible.name: "OpenAI API key"
+                onEditingFinished: {
+                    if (text !== "" && root.model.saveKey(text))
+                        text = "";
+                }
             }
         }
         Label {
@@ -68,6 +77,8 @@ SectionPage {
 
             Label {
                 text: "Server"
+                // The field beside it carries the name.
+                Accessible.ignored: true
             }
             TextField {
                 Layout.fillWidth: true
@@ -92,6 +103,8 @@ SectionPage {
             }
             Label {
                 text: "Model"
+                // The field beside it carries the name.
+                Accessible.ignored: true
             }
             TextField {
                 Layout.fillWidth: true

@@ -85,6 +85,7 @@ Rectangle {
             AboutSection {
                 objectName: "aboutSection"
                 version: root.viewModel.version
+                about: root.viewModel.about
             }
         }
     }

@@ -102,10 +102,12 @@ private Q_SLOTS:
 
         Rig rig;
         NoSelection selection;
+        NoAccount account;
         SpeechManager::Services services;
         services.defaults = &rig.defaults;
         services.keychain = &rig.keychain;
         services.selection = &selection;
+        services.account = &account;
         services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
         services.openAIOrigin = first.url();
         services.openAIOriginFromEnvironment = fromEnvironment;

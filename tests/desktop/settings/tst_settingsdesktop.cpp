@@ -91,10 +91,7 @@ private Q_SLOTS:
         m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
         QVERIFY(m_app.process.waitForStarted());
         QVERIFY(click(QStringLiteral("Open Settings")));
-        QVERIFY2(shows(QStringLiteral("API Keys")),
-                 runProgram(QStringLiteral("/usr/bin/python3"),
-                            {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "list"})
-                     .constData());
+        QVERIFY(shows(QStringLiteral("API Keys")));
     }
 
     void eachSectionByName_data()
