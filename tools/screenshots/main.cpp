@@ -54,6 +54,7 @@ int main(int argc, char *argv[])
 {
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
     QGuiApplication app(argc, argv);
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLVOX_VERSION));
     const QStringList args = app.arguments();
     const QDir out(args.value(1, QStringLiteral("screenshots")));
     const QString suffix = args.value(2); // e.g. "@2x"

@@ -41,7 +41,7 @@ SectionPage {
     }
 
     SettingsCard {
-        title: "Updates"
+        title: "Start-up and updates"
         visible: updateControls.children.length > 0
 
         ColumnLayout {
