@@ -59,10 +59,12 @@ private Q_SLOTS:
         UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
         KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
         NoSelection selection;
+        NoAccount account;
         SpeechManager::Services speechServices;
         speechServices.defaults = &defaults;
         speechServices.keychain = &keychain;
         speechServices.selection = &selection;
+        speechServices.account = &account;
         speechServices.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
         SpeechManager speech(std::move(speechServices));
         HistoryManager history(defaults, dir.filePath(QStringLiteral("History")));
