@@ -55,20 +55,6 @@ public:
     }
 
 private:
-    // Own-key mode never asks the account.
-    class NoAccount final : public AccountGate
-    {
-    public:
-        bool isSignedIn() const override { return false; }
-        qint64 balanceSeconds() const override { return 0; }
-        int minutesRemaining() const override { return 0; }
-        void getValidAccessToken(QObject *, std::function<void(std::optional<QString>)> done) override
-        {
-            done(std::nullopt);
-        }
-        void deductSeconds(double) override {}
-    };
-
     class Records final : public NarrationRecords
     {
     public:

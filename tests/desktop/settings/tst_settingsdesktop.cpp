@@ -18,19 +18,6 @@ namespace {
 
 const QString kKey = QStringLiteral("sk-desktop-5678");
 
-// The screen rectangle of the showing control called `name`; empty when there is none.
-QRect findControl(const QString &name)
-{
-    const QList<QByteArray> numbers =
-        runProgram(QStringLiteral("/usr/bin/python3"),
-                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
-            .trimmed()
-            .split(' ');
-    if (numbers.size() != 4)
-        return {};
-    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
-}
-
 bool click(const QString &name)
 {
     QPoint at;
@@ -38,7 +25,7 @@ bool click(const QString &name)
     // put. --sync waits for a movement, so the pointer is only sent where it is not.
     for (int look = 0; look < 3; ++look) {
         QRect rect;
-        if (!QTest::qWaitFor([&] { return !(rect = findControl(name)).isEmpty(); }, 10000))
+        if (!QTest::qWaitFor([&] { return !(rect = findAccessibleControl(name)).isEmpty(); }, 10000))
             return false;
         if (rect.center() == at)
             break;
@@ -52,7 +39,7 @@ bool click(const QString &name)
 
 bool shows(const QString &name)
 {
-    return QTest::qWaitFor([&] { return !findControl(name).isEmpty(); }, 10000);
+    return QTest::qWaitFor([&] { return !findAccessibleControl(name).isEmpty(); }, 10000);
 }
 
 } // namespace

@@ -28,19 +28,6 @@ QString program(const char *name)
     return QString::fromLatin1(name);
 }
 
-// The screen rectangle of the control called `name`, while it is showing; empty when it is not.
-QRect findControl(const QString &name)
-{
-    const QList<QByteArray> numbers =
-        runProgram(QStringLiteral("/usr/bin/python3"),
-                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
-            .trimmed()
-            .split(' ');
-    if (numbers.size() != 4)
-        return {};
-    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
-}
-
 void clickAt(QPoint point)
 {
     xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
@@ -103,7 +90,8 @@ class TestWidgetDesktop : public QObject
                              .value(0);
         // The accessibility tree is there a moment after the window.
         return !m_widgetWindow.isEmpty() &&
-               QTest::qWaitFor([] { return !findControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
+               QTest::qWaitFor(
+                   [] { return !findAccessibleControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
     }
 
     void stopApp()
@@ -199,13 +187,15 @@ private Q_SLOTS:
 
     void hoverShowsTheControlsAndLeavingHidesThem()
     {
-        QVERIFY(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
+        QVERIFY(findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
         const QRect widget = widgetGeometry();
         xdotool({"mousemove", QString::number(widget.center().x()), QString::number(widget.center().y())});
-        QTRY_VERIFY_WITH_TIMEOUT(!findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
-        QVERIFY(!findControl(QStringLiteral("Expand controls")).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty(),
+                                 5000);
+        QVERIFY(!findAccessibleControl(QStringLiteral("Expand controls")).isEmpty());
         xdotool({"mousemove", "200", "600"});
-        QTRY_VERIFY_WITH_TIMEOUT(findControl(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty(),
+                                 5000);
     }
 
     void buttonsDrivePlaybackAndLeaveTheEditorActive()
@@ -214,17 +204,17 @@ private Q_SLOTS:
         xdotool({"key", "--clearmodifiers", "ctrl+a"});
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
 
-        clickAt(findControl(QStringLiteral("Play")).center());
+        clickAt(findAccessibleControl(QStringLiteral("Play")).center());
         QTRY_VERIFY_WITH_TIMEOUT(appStatus().value(QStringLiteral("isPlaying")).toBool(), 15000);
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
 
-        clickAt(findControl(QStringLiteral("Pause")).center());
+        clickAt(findAccessibleControl(QStringLiteral("Pause")).center());
         QTRY_VERIFY(!appStatus().value(QStringLiteral("isPlaying")).toBool());
-        QTRY_VERIFY(!findControl(QStringLiteral("Play")).isEmpty());
+        QTRY_VERIFY(!findAccessibleControl(QStringLiteral("Play")).isEmpty());
 
-        clickAt(findControl(QStringLiteral("Expand controls")).center());
-        QTRY_VERIFY(!findControl(QStringLiteral("Stop narration")).isEmpty());
-        clickAt(findControl(QStringLiteral("Stop narration")).center());
+        clickAt(findAccessibleControl(QStringLiteral("Expand controls")).center());
+        QTRY_VERIFY(!findAccessibleControl(QStringLiteral("Stop narration")).isEmpty());
+        clickAt(findAccessibleControl(QStringLiteral("Stop narration")).center());
         QTRY_VERIFY(!appStatus().value(QStringLiteral("hasContent")).toBool());
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
         // What was narrated is the editor's selection (its exchange is logged once the stop ended it).
@@ -238,8 +228,8 @@ private Q_SLOTS:
         // Pinned: the controls stay when the pointer leaves.
         xdotool({"mousemove", "200", "600"});
         QTest::qWait(500);
-        QVERIFY(!findControl(QStringLiteral("Collapse controls")).isEmpty());
-        clickAt(findControl(QStringLiteral("Collapse controls")).center());
+        QVERIFY(!findAccessibleControl(QStringLiteral("Collapse controls")).isEmpty());
+        clickAt(findAccessibleControl(QStringLiteral("Collapse controls")).center());
         xdotool({"mousemove", "200", "600"});
     }
 
@@ -266,7 +256,7 @@ private Q_SLOTS:
         UserDefaults::standard().sync();
         QVERIFY(startApp());
         // The bars' well starts 12 px right of the play button, is 44 wide and shares its middle.
-        const QRect play = findControl(QStringLiteral("Play"));
+        const QRect play = findAccessibleControl(QStringLiteral("Play"));
         const qreal firstBarLeft = play.right() + 1 + 12 + (44 - (6 * 2.5 + 5 * 2.5)) / 2;
         for (const auto &[bar, expected] : {std::pair{0, firstBar}, std::pair{5, lastBar}}) {
             const QPoint pixel(int(firstBarLeft + bar * 5 + 1), play.center().y());

@@ -68,3 +68,15 @@ QByteArray openInMousepad(ChildProcess &editor, const QString &file)
     QTest::qWait(300);
     return window;
 }
+
+QRect findAccessibleControl(const QString &name)
+{
+    const QList<QByteArray> numbers =
+        runProgram(QStringLiteral("/usr/bin/python3"),
+                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
+            .trimmed()
+            .split(' ');
+    if (numbers.size() != 4)
+        return {};
+    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
+}

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QProcess>
+#include <QRect>
 #include <QString>
 #include <QStringList>
 
@@ -31,6 +32,10 @@ struct ChildProcess
 // go through files in `dir`; true once it said it is ready.
 bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardContent &content,
                   const QString &dir);
+
+// The on-screen rectangle of Quillvox's showing control called `name`, found on the accessibility bus
+// as a screen reader finds it; empty when there is none.
+QRect findAccessibleControl(const QString &name);
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);
