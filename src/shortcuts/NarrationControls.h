@@ -18,3 +18,15 @@ public:
     // The narration frame being heard now.
     virtual qint64 currentPlaybackFrame() const = 0;
 };
+
+// Controls that drive nothing: for shortcut views shown without a narration to control.
+class IdleNarrationControls final : public NarrationControls
+{
+public:
+    void speak(const QString &) override {}
+    void togglePlayPause() override {}
+    void stop() override {}
+    void seekToFrame(qint64) override {}
+    void cyclePlaybackSpeed() override {}
+    qint64 currentPlaybackFrame() const override { return 0; }
+};

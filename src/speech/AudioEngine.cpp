@@ -186,11 +186,6 @@ inline void convertSamples(const char *bytes, float *out, qint64 frames)
         out[i] = static_cast<float>(qFromLittleEndian<qint16>(bytes + 2 * i)) * kSampleScale;
 }
 
-double steadySeconds()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 } // namespace
 
 class AudioEngine::Private final : public AudioRenderSource
@@ -560,7 +555,7 @@ void AudioEngine::Private::measure(const float *samples, std::size_t frames)
         if (r.tapCount == kTapFrames) {
             const double rms = std::sqrt(r.tapSum / kTapFrames);
             const float level = std::min(1.0f, static_cast<float>(rms * 8.0));
-            if (levels.push({level, steadySeconds(), r.generation}))
+            if (levels.push({level, AudioEngine::steadySeconds(), r.generation}))
                 r.notify = true;
             r.tapSum = 0;
             r.tapCount = 0;
@@ -863,4 +858,9 @@ bool AudioEngine::isTapEnabled() const
 void AudioEngine::deliverPending()
 {
     d->deliver();
+}
+
+double AudioEngine::steadySeconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }

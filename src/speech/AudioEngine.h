@@ -62,6 +62,8 @@ public:
     // while the tap is on. Timestamps are std::chrono::steady_clock seconds.
     void setTapEnabled(bool enabled);
     bool isTapEnabled() const;
+    // The clock of level timestamps, for whoever compares them with "now".
+    static double steadySeconds();
 
     // Emits now what the render side has reported so far (completions, levels, a lost device). The
     // event loop does this by itself; a test driving a manual clock calls it to observe them at once.

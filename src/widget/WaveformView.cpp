@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "widget/WaveformView.h"
 
+#include "speech/AudioEngine.h"
 #include "speech/SpeechManager.h"
 
 #include <QDateTime>
@@ -8,17 +9,7 @@
 #include <QPainterPath>
 #include <QRandomGenerator>
 
-#include <chrono>
 #include <cmath>
-
-namespace {
-
-double steadyNow()
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-} // namespace
 
 WaveformView::WaveformView(QQuickItem *parent)
     : QQuickPaintedItem(parent)
@@ -26,8 +17,9 @@ WaveformView::WaveformView(QQuickItem *parent)
     setAntialiasing(true);
     m_timeline.setInterval(kFrameIntervalMs);
     m_timeline.setTimerType(Qt::PreciseTimer);
-    connect(&m_timeline, &QTimer::timeout, this,
-            [this] { advanceFrame(steadyNow(), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0); });
+    connect(&m_timeline, &QTimer::timeout, this, [this] {
+        advanceFrame(AudioEngine::steadySeconds(), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0);
+    });
     connect(this, &WaveformView::barHeightRangeChanged, this, [this] {
         m_heights.fill(m_minimumBarHeight);
         update();

@@ -30,21 +30,6 @@
 using Verdict = OpenAIServer::Verdict;
 Q_DECLARE_METATYPE(Verdict::Kind)
 
-namespace {
-
-class IdleControls final : public NarrationControls
-{
-public:
-    void speak(const QString &) override {}
-    void togglePlayPause() override {}
-    void stop() override {}
-    void seekToFrame(qint64) override {}
-    void cyclePlaybackSpeed() override {}
-    qint64 currentPlaybackFrame() const override { return 0; }
-};
-
-} // namespace
-
 class TestSettingsModels : public QObject
 {
     Q_OBJECT
@@ -71,7 +56,7 @@ private Q_SLOTS:
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
         UsageManager usage(defaults);
-        IdleControls controls;
+        IdleNarrationControls controls;
         HotkeyManager hotkeys(defaults, std::make_unique<NullGlobalHotKeys>(), selection, controls);
         AuthManager::Services authServices;
         authServices.keychain = &keychain;
@@ -229,7 +214,7 @@ private Q_SLOTS:
         auto backend = std::make_unique<NullGlobalHotKeys>();
         NullGlobalHotKeys *keys = backend.get();
         NoSelection selection;
-        IdleControls controls;
+        IdleNarrationControls controls;
         HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
         ShortcutSettingsModel model(hotkeys, QString());
         const auto binding = HotkeyManager::Binding(row);

@@ -25,17 +25,6 @@
 
 namespace {
 
-class IdleControls final : public NarrationControls
-{
-public:
-    void speak(const QString &) override {}
-    void togglePlayPause() override {}
-    void stop() override {}
-    void seekToFrame(qint64) override {}
-    void cyclePlaybackSpeed() override {}
-    qint64 currentPlaybackFrame() const override { return 0; }
-};
-
 void settle(int ms)
 {
     QElapsedTimer timer;
@@ -66,7 +55,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     auto backend = std::make_unique<NullGlobalHotKeys>();
     backend->setTakenElsewhere({KEY_Q, NativeHotKey::ControlMask | NativeHotKey::AltMask});
     NoSelection selection;
-    IdleControls controls;
+    IdleNarrationControls controls;
     HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
 
     AuthManager::Services authServices;

@@ -54,6 +54,9 @@ Item {
             elide: Text.ElideRight
             font.pixelSize: 13
             font.weight: Font.DemiBold
+            // The error titles are the longest; they shrink a little rather than lose their end.
+            fontSizeMode: Text.HorizontalFit
+            minimumPixelSize: 11
             color: row.viewModel.errorTitle ? row.palette.warning : row.palette.foreground
             text: {
                 if (row.viewModel.errorTitle)
