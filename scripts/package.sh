@@ -2,18 +2,15 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 # Builds the Debian package, quillvox_<version>_amd64.deb in the build folder, and checks what it installs
 # with desktop-file-validate, appstreamcli and lintian (errors fail; warnings are printed).
-# BUILD_DIR (default build-deb) is the build folder, JOBS (default 2) the parallel compile jobs.
+# BUILD_DIR (default build-deb) is the build folder, JOBS (default 2) the parallel compile jobs; a compiler
+# launcher such as ccache comes from the CMAKE_CXX_COMPILER_LAUNCHER environment variable.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD_DIR=${BUILD_DIR:-build-deb}
 
 scripts/install-deps.sh
-launcher=()
-if command -v ccache >/dev/null; then
-    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-fi
 cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-    -DQUILLVOX_PACKAGING=ON "${launcher[@]}"
+    -DQUILLVOX_PACKAGING=ON
 cmake --build "$BUILD_DIR" -j "${JOBS:-2}" --target quillvox quillvox_package_docs
 rm -f "$BUILD_DIR"/quillvox_*.deb
 (cd "$BUILD_DIR" && cpack -G DEB)

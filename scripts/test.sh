@@ -15,7 +15,9 @@ step "Installing dependencies"
 scripts/install-deps.sh </dev/null
 
 step "Building"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Configured as the package is, so that the package is made from this very build.
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+    -DQUILLVOX_PACKAGING=ON
 cmake --build build -j "$jobs"
 
 step "Checking formatting"
@@ -24,9 +26,14 @@ cmake --build build --target check-format
 step "Unit and component tests"
 ctest --test-dir build -L 'unit|component' --output-on-failure -j "$jobs" </dev/null
 
+step "Debian package"
+BUILD_DIR=build scripts/package.sh </dev/null
+debs=("$root"/build/quillvox_*_amd64.deb)
+
 step "Desktop tests (headless rig)"
 mkdir -p build/rig
-RIG_DIR=$(mktemp -d "$root/build/rig/run.XXXXXX") \
+# tst_package installs the package with apt-get (as root) and removes it again.
+QUILLVOX_TEST_DEB=${debs[0]} RIG_DIR=$(mktemp -d "$root/build/rig/run.XXXXXX") \
     scripts/rig.sh -- ctest --test-dir build -L desktop --output-on-failure </dev/null
 
 if [ "${QUILLVOX_SKIP_SANITIZERS:-0}" != 1 ]; then
