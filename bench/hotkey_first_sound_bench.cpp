@@ -6,6 +6,9 @@
 //
 //     RIG_DIR=$(mktemp -d) scripts/rig.sh -- build-x11app/bench/hotkey_first_sound_bench [runs, default 20]
 //
+// QUILLVOX_BENCH_APP names another quillvox binary to measure (a saved build, for a comparison in the
+// same rig); the default is the one built in this tree.
+//
 // The floor is what the design waits for: the 0.1 s copy wait of the capture, the 0.2 s to the first
 // byte, and 0.15 s for the 0.6 s of audio that playback waits for to arrive at 4x. The overhead is the
 // median above it. The baseline fetches the same request whole with curl and then plays it with paplay.
@@ -83,6 +86,12 @@ Clock::time_point pressNarrationShortcut(X11Connection &x)
     return pressed;
 }
 
+QString appExecutable()
+{
+    const QString other = qEnvironmentVariable("QUILLVOX_BENCH_APP");
+    return other.isEmpty() ? QStringLiteral(QUILLVOX_EXECUTABLE) : other;
+}
+
 int fail(const char *what)
 {
     std::fprintf(stderr, "%s\n", what);
@@ -128,7 +137,7 @@ int main(int argc, char **argv)
     const auto quillvox = [&env](const QStringList &arguments, const QByteArray &input = {}) {
         QProcess process;
         process.setProcessEnvironment(env);
-        process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+        process.start(appExecutable(), arguments);
         process.write(input);
         process.closeWriteChannel();
         return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
@@ -142,7 +151,7 @@ int main(int argc, char **argv)
     running.process.setStandardOutputFile(dir.filePath(QStringLiteral("app.log")));
     running.process.setStandardErrorFile(dir.filePath(QStringLiteral("app.log")));
     dieWithTheTest(running.process);
-    running.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+    running.process.start(appExecutable(), QStringList());
     if (!waitFor([&] { return quillvox({"--status"}); }, 10000))
         return fail("the app did not start");
 

@@ -60,12 +60,13 @@ if(QUILLVOX_PACKAGING)
     set(CPACK_DEBIAN_PACKAGE_SECTION sound)
     set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
     # Linked libraries come from dpkg-shlibdeps; these are loaded at run time, where no linker sees them:
-    # the QML modules the windows import, the SVG image and icon plugins, the Wayland platform plugin.
+    # the QML modules the windows import, the SVG image and icon plugins, the Wayland platform plugin, and
+    # wl-paste, which reads the highlighted text on Wayland.
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     string(CONCAT CPACK_DEBIAN_PACKAGE_DEPENDS
         "qml6-module-qtquick, qml6-module-qtquick-controls, qml6-module-qtquick-layouts, "
         "qml6-module-qtquick-templates, qml6-module-qtquick-window, qml6-module-qtqml-workerscript, "
-        "libqt6svg6, qt6-wayland")
+        "libqt6svg6, qt6-wayland, wl-clipboard")
     # Secrets need a Secret Service provider; any one of these is one.
     set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "gnome-keyring | libkf5wallet-bin | keepassxc")
     include(CPack)

@@ -8,6 +8,15 @@ if(QUILLVOX_SANITIZE)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
+if(QUILLVOX_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "QUILLVOX_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++) and libFuzzer")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                        -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+
 # quillvox_defaults(<target>): warnings (errors under CI) for our own code.
 function(quillvox_defaults target)
     target_compile_options(${target} PRIVATE ${QUILLVOX_WARNINGS})

@@ -5,18 +5,19 @@
 set -euo pipefail
 
 PACKAGES=(
-    build-essential cmake ninja-build pkg-config clang-format
+    build-essential cmake ninja-build pkg-config clang-format clang libclang-rt-14-dev
     qt6-base-dev qt6-declarative-dev qt6-tools-dev qcoro-qt6-dev qt6-svg-dev libqt6svg6
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-window
     qml6-module-qtquick-layouts qml6-module-qtquick-templates qml6-module-qtqml-workerscript
     libpulse-dev libsoundtouch-dev libsndfile1-dev libsoxr-dev libsecret-1-dev
-    libxtst-dev libx11-dev libxcb1-dev libxcb-keysyms1-dev libxcb-xtest0-dev
+    libxtst-dev libx11-dev libxcb1-dev libxcb-keysyms1-dev libxcb-xtest0-dev libxcb-xfixes0-dev
     libespeak-ng-dev espeak-ng libcpp-httplib-dev
     xvfb xauth x11-utils x11-xserver-utils xdotool xclip openbox
     dbus-daemon dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils sox mousepad
     curl python3 xdg-utils desktop-file-utils
     qt6-svg-dev at-spi2-core python3-pyatspi xcompmgr imagemagick playerctl
     help2man lintian appstream dpkg-dev
+    libwayland-dev qt6-wayland wl-clipboard sway
 )
 
 missing=()

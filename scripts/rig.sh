@@ -101,6 +101,13 @@ rig_up() {
         RIG_PAREC_PID=$!
         sleep 2.2   # null sink sleeps up to 2 s before it adopts the short latency
     fi
+    # --- 5. Wayland tests start their own headless sway, which refuses to run as root: they run it as
+    #        this unprivileged user (RIG_WAYLAND_USER), made once per machine.
+    if [ "$(id -u)" -eq 0 ] && command -v sway >/dev/null; then
+        id quillvox-rig >/dev/null 2>&1 \
+            || useradd --system --no-create-home --shell /usr/sbin/nologin quillvox-rig
+        export RIG_WAYLAND_USER=quillvox-rig
+    fi
     export RIG_PIDS_STR="${RIG_PIDS[*]}"
     _rig_log "up: DISPLAY=$DISPLAY DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS PULSE_SERVER=$PULSE_SERVER pids=${RIG_PIDS[*]}"
 }

@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 # Installs what is needed, builds, checks formatting and runs every test: unit and component tests
 # directly, desktop tests inside the headless rig, then unit and component tests again under
-# AddressSanitizer + UndefinedBehaviorSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer, and runs each fuzz target of tests/fuzz for 20 seconds.
 #   QUILLVOX_SKIP_SANITIZERS=1  skip the sanitizer build (quicker local runs)
+#   QUILLVOX_SKIP_FUZZ=1        skip the fuzz targets
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -44,6 +45,11 @@ if [ "${QUILLVOX_SKIP_SANITIZERS:-0}" != 1 ]; then
     LSAN_OPTIONS=suppressions=$root/tests/sanitizers/lsan.supp:print_suppressions=0 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build-asan -L 'unit|component' --output-on-failure -j "$jobs" </dev/null
+fi
+
+if [ "${QUILLVOX_SKIP_FUZZ:-0}" != 1 ]; then
+    step "Fuzzing the parsers (20 s per target)"
+    BUILD_DIR=build-fuzz scripts/fuzz.sh 20 </dev/null
 fi
 
 step "All tests passed"

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "account/AuthManager.h"
 
+#include "account/AccountDecoders.h"
 #include "account/AccountHttp.h"
 #include "account/KeychainHelper.h"
 #include "core/Clock.h"
@@ -292,13 +293,7 @@ void AuthManager::fetchUser(const QString &accessToken, UserCallback done)
             const AccountResult<QJsonObject> object = decodeObject(answer.body);
             if (!object.ok())
                 return done(object.failure());
-            const std::optional<QString> id = stringMember(object.value(), QLatin1StringView("id"));
-            const std::optional<QString> email = stringMember(object.value(), QLatin1StringView("email"));
-            if (!id)
-                return done(missingMember(QLatin1StringView("id")));
-            if (!email)
-                return done(missingMember(QLatin1StringView("email")));
-            done(SupabaseUser{*id, *email});
+            done(decodeUser(object.value()));
         });
 }
 
@@ -324,18 +319,14 @@ void AuthManager::refreshSession(const QString &refreshToken, TokenCallback done
             const AccountResult<QJsonObject> object = decodeObject(answer.body);
             if (!object.ok())
                 return done(object.failure());
-            const std::optional<QString> access =
-                stringMember(object.value(), QLatin1StringView("access_token"));
-            const std::optional<QString> refresh =
-                stringMember(object.value(), QLatin1StringView("refresh_token"));
-            if (!access)
-                return done(missingMember(QLatin1StringView("access_token")));
-            if (!refresh)
-                return done(missingMember(QLatin1StringView("refresh_token")));
+            const AccountResult<SessionTokens> tokens = decodeSessionTokens(object.value());
+            if (!tokens.ok())
+                return done(tokens.failure());
+            const QString access = tokens.value().accessToken;
             // The refresh token rotates: the one just used is no longer valid.
-            m_services.keychain->save(*access, KeychainKey::accessToken);
-            m_services.keychain->save(*refresh, KeychainKey::refreshToken);
-            fetchUser(*access, [this, token = *access, done](const AccountResult<SupabaseUser> &user) {
+            m_services.keychain->save(access, KeychainKey::accessToken);
+            m_services.keychain->save(tokens.value().refreshToken, KeychainKey::refreshToken);
+            fetchUser(access, [this, token = access, done](const AccountResult<SupabaseUser> &user) {
                 if (!user.ok())
                     return done(user.failure());
                 log(QStringLiteral("Session refreshed for ") + user.value().email);

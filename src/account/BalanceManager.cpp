@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "account/BalanceManager.h"
 
+#include "account/AccountDecoders.h"
 #include "account/AccountHttp.h"
 #include "account/AuthManager.h"
 #include "core/Clock.h"
@@ -18,54 +19,12 @@
 
 namespace {
 
-AccountResult<UsageStatsResponse> decodeUsage(const QJsonObject &object)
-{
-    const auto narrations = integerMember(object, QLatin1StringView("narrations"));
-    const auto minutes = numberMember(object, QLatin1StringView("minutes"));
-    const auto seconds = integerMember(object, QLatin1StringView("seconds"));
-    if (!narrations)
-        return missingMember(QLatin1StringView("narrations"));
-    if (!minutes)
-        return missingMember(QLatin1StringView("minutes"));
-    if (!seconds)
-        return missingMember(QLatin1StringView("seconds"));
-    return UsageStatsResponse{*narrations, *minutes, *seconds};
-}
-
-struct BalanceAnswer
-{
-    qint64 balanceSeconds;
-    qint64 minutesRemaining;
-};
-
 // The service's refusals of the balance and usage requests.
 AccountFailure serviceRefusal(int status)
 {
     if (status == 401)
         return BalanceError::make(BalanceError::unauthorized);
     return BalanceError::makeServerError(status);
-}
-
-AccountResult<GenerateCodeResponse> decodeCode(const QJsonObject &object)
-{
-    const auto code = stringMember(object, QLatin1StringView("code"));
-    const auto expiresIn = integerMember(object, QLatin1StringView("expires_in"));
-    if (!code)
-        return missingMember(QLatin1StringView("code"));
-    if (!expiresIn)
-        return missingMember(QLatin1StringView("expires_in"));
-    return GenerateCodeResponse{*code, *expiresIn};
-}
-
-AccountResult<BalanceAnswer> decodeBalance(const QJsonObject &object)
-{
-    const auto seconds = integerMember(object, QLatin1StringView("balance_seconds"));
-    const auto minutes = integerMember(object, QLatin1StringView("minutes_remaining"));
-    if (!seconds)
-        return missingMember(QLatin1StringView("balance_seconds"));
-    if (!minutes)
-        return missingMember(QLatin1StringView("minutes_remaining"));
-    return BalanceAnswer{*seconds, *minutes};
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
 #include "app/StatusMenu.h"
-#include "capture/TextCaptureManager.h"
+#include "capture/SelectionCapture.h"
 #include "core/AppEvents.h"
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
@@ -46,9 +46,9 @@ bool hasX11Session()
 void explainWayland()
 {
     QTextStream(stderr)
-        << "Quillvox: this is a Wayland session. Global shortcuts and selection capture need an X11 session "
-           "for now.\n"
-           "Bind these commands in your desktop's keyboard settings instead:\n"
+        << "Quillvox: this is a Wayland session, where applications cannot bind global shortcuts.\n"
+           "Bind these commands in your desktop's keyboard settings instead (on sway, bindsym lines in its "
+           "configuration):\n"
            "  quillvox --narrate-selection   quillvox --toggle        quillvox --stop\n"
            "  quillvox --skip-back           quillvox --skip-forward  quillvox --cycle-speed\n"
         << Qt::flush;
@@ -82,9 +82,8 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
     if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 
-    // Capture reads nothing outside an X11 session; the controller is then told there is no selection.
-    SpeechManager &speech =
-        createSharedSpeechManager(hasX11Session() ? &TextCaptureManager::shared() : nullptr);
+    // Where no capture backend works, the capture says so and the controller shows why.
+    SpeechManager &speech = createSharedSpeechManager(&SelectionCapture::shared());
     m_speech = &speech;
 
     m_remote = std::make_unique<RemoteControl>(speech, nullptr);
@@ -98,7 +97,7 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
     m_mpris->registerOnBus(MprisPlayer::busNameFor(
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
-    m_statusMenu = std::make_unique<StatusMenu>(speech, TextCaptureManager::shared(), nullptr);
+    m_statusMenu = std::make_unique<StatusMenu>(speech, SelectionCapture::shared(), nullptr);
     m_statusMenu->show();
 
     if (shouldShowOnboarding())
@@ -162,8 +161,8 @@ void AppDelegate::openOnboardingWindow()
     services.keychain = &m_keychain;
     services.defaults = &m_defaults;
     services.serviceOrigin = DeploymentConfig::current().serviceOrigin;
-    services.isTrusted = [] { return TextCaptureManager::shared().isProcessTrusted(false); };
-    services.untrustedReason = [] { return TextCaptureManager::shared().untrustedReason(); };
+    services.isTrusted = [] { return SelectionCapture::shared().isProcessTrusted(false); };
+    services.untrustedReason = [] { return SelectionCapture::shared().untrustedReason(); };
     services.prepareTryIt = [this] { ensureShortcuts(); };
     services.showWidget = [](bool show) {
         FloatingWindowController &widget = FloatingWindowController::shared();
@@ -214,7 +213,7 @@ void AppDelegate::ensureShortcuts()
 {
     if (std::exchange(m_shortcutsMade, true))
         return;
-    TextCaptureManager::shared();
+    SelectionCapture::shared();
     if (hasX11Session()) {
         HotkeyManager &hotkeys = createSharedHotkeyManager();
         if (m_remote)
@@ -227,9 +226,9 @@ void AppDelegate::ensureShortcuts()
 void AppDelegate::promptForTrust()
 {
     // Asked once per start; where capture cannot work the user is told why, once.
-    TextCaptureManager &capture = TextCaptureManager::shared();
+    SelectionCapture &capture = SelectionCapture::shared();
     const QMetaObject::Connection explain =
-        connect(&capture, &TextCaptureManager::permissionExplanationRequested, this, [](const QString &why) {
+        connect(&capture, &SelectionCapture::permissionExplanationRequested, this, [](const QString &why) {
             showDesktopNotification(QStringLiteral("Quillvox cannot read selected text"), why);
         });
     capture.isProcessTrusted(true);

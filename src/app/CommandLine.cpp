@@ -445,6 +445,14 @@ int runQuillvox(int argc, char *argv[])
         return 1;
     }
     const Invocation &invocation = std::get<Invocation>(checked);
+    const bool narrates = invocation.mode == Invocation::Mode::start ||
+                          invocation.mode == Invocation::Mode::speak ||
+                          invocation.mode == Invocation::Mode::preview;
+    if (narrates && !DeploymentConfig::current().refusals.isEmpty()) {
+        for (const QString &refusal : DeploymentConfig::current().refusals)
+            printError(QStringLiteral("quillvox: ") + refusal);
+        return 1;
+    }
 
     if (invocation.mode == Invocation::Mode::start) {
         if (invocation.verbose)

@@ -4,10 +4,11 @@
 #include "account/AuthManager.h"
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
-#include "capture/TextCaptureManager.h"
+#include "capture/SelectionCapture.h"
 #include "core/AppEvents.h"
 #include "core/Logging.h"
 #include "shortcuts/HotkeyManager.h"
+#include "speech/SpeechError.h"
 #include "speech/SpeechManager.h"
 
 #include <QJsonArray>
@@ -39,8 +40,13 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
     const auto later = [this](auto action) { QTimer::singleShot(0, &m_speech, action); };
     if (command == u"narrate-selection") {
         later([this] {
-            // Like the narration shortcut: capture, then speak the text as captured.
-            if (const std::optional<QString> text = TextCaptureManager::shared().captureSelectedText())
+            // Like the narration shortcut: capture, then speak the text as captured. Where capture cannot
+            // work (the desktop's own binding in a Wayland session) the widget says so, as for the
+            // shortcut, and its "Open Settings" shows why.
+            SelectionCapture &capture = SelectionCapture::shared();
+            if (!capture.isProcessTrusted(false))
+                m_speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+            else if (const std::optional<QString> text = capture.captureSelectedText())
                 m_speech.speak(*text);
         });
     } else if (command == u"toggle") {

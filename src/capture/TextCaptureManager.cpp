@@ -109,9 +109,11 @@ std::optional<QString> TextCaptureManager::focusedEditorSelection()
     QObject *focus = QGuiApplication::focusObject();
     if (!focus)
         return std::nullopt;
-    QInputMethodQueryEvent query(Qt::ImEnabled | Qt::ImHints | Qt::ImCurrentSelection);
+    QInputMethodQueryEvent query(Qt::ImEnabled | Qt::ImHints | Qt::ImCurrentSelection | Qt::ImReadOnly);
     QCoreApplication::sendEvent(focus, &query);
-    if (!query.value(Qt::ImEnabled).toBool())
+    // A read-only text view takes no input but has a selection all the same: it counts as an editor
+    // here, so that its selection is read directly.
+    if (!query.value(Qt::ImEnabled).toBool() && !query.value(Qt::ImReadOnly).toBool())
         return std::nullopt;
     // A password field answers like any other editor; its text must not leave it.
     const auto hints = Qt::InputMethodHints(query.value(Qt::ImHints).toInt());
@@ -142,8 +144,10 @@ std::optional<QString> TextCaptureManager::captureSelectedText()
     // An application that copies nothing must leave the clipboard empty, not showing the old contents.
     m_backends.clipboard->clear();
     postCopy(method == TerminalProfiles::CopyMethod::TerminalCopyShortcut);
-    // No polling and no retry: whatever the clipboard holds after the wait is the result.
-    m_backends.sleep(kCopyWait);
+    // The wait ends as soon as the copy has landed, where the clipboard can tell; never later than
+    // kCopyWait, and with no retry: whatever the clipboard holds then is the result.
+    if (!m_backends.clipboard->waitForNewOwner(kCopyWait).has_value())
+        m_backends.sleep(kCopyWait);
     const std::optional<QString> text = readPlainText(Buffer::Clipboard);
     restoreClipboard(saved);
     return text;

@@ -4,6 +4,8 @@
 #include "core/BuiltInDeployment.h"
 #include "core/Logging.h"
 
+#include <algorithm>
+
 namespace {
 
 // Paths are appended to origins; a trailing slash would double them.
@@ -29,7 +31,35 @@ QUrl originFrom(const QProcessEnvironment &env, const QString &name, const QStri
     return withoutTrailingSlash(url);
 }
 
+QString refusal(const QString &name, const QUrl &origin)
+{
+    return QStringLiteral("%1 is %2, but sign-in tokens are only sent over https:// (plain http only to "
+                          "this computer: localhost, 127.0.0.1 or ::1).")
+        .arg(name, origin.toString());
+}
+
 } // namespace
+
+bool DeploymentConfig::isLoopbackHost(const QString &host)
+{
+    const QString name = host.toLower();
+    if (name == u"localhost" || name == u"::1")
+        return true;
+    const QStringList octets = name.split(u'.');
+    if (octets.size() != 4 || octets.first() != u"127")
+        return false;
+    return std::all_of(octets.begin(), octets.end(), [](const QString &octet) {
+        bool ok = false;
+        const uint value = octet.toUInt(&ok);
+        return ok && value <= 255 && !octet.isEmpty() && octet.size() <= 3;
+    });
+}
+
+bool DeploymentConfig::carriesTokensSafely(const QUrl &origin)
+{
+    const QString scheme = origin.scheme().toLower();
+    return scheme == u"https" || (scheme == u"http" && isLoopbackHost(origin.host()));
+}
 
 DeploymentConfig DeploymentConfig::fromEnvironment(const QProcessEnvironment &env)
 {
@@ -38,6 +68,10 @@ DeploymentConfig DeploymentConfig::fromEnvironment(const QProcessEnvironment &en
                                  QString::fromUtf8(builtInDeployment::serviceOrigin));
     c.authOrigin = originFrom(env, QStringLiteral("QUILLVOX_AUTH_ORIGIN"),
                               QString::fromUtf8(builtInDeployment::authOrigin));
+    if (!carriesTokensSafely(c.serviceOrigin))
+        c.refusals << refusal(QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), c.serviceOrigin);
+    if (!carriesTokensSafely(c.authOrigin))
+        c.refusals << refusal(QStringLiteral("QUILLVOX_AUTH_ORIGIN"), c.authOrigin);
     c.authAnonKey = env.value(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"));
     if (c.authAnonKey.isEmpty())
         c.authAnonKey = QString::fromUtf8(builtInDeployment::authAnonKey);

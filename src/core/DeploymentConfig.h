@@ -3,6 +3,7 @@
 
 #include <QProcessEnvironment>
 #include <QString>
+#include <QStringList>
 #include <QUrl>
 
 // Origins, keys and backends that differ between deployments. Built-in defaults (the service, auth and
@@ -20,6 +21,13 @@ struct DeploymentConfig
     QUrl appcastUrl;
     AudioOutput audioOutput = AudioOutput::Pulse;
     QString keychainService;
+    // The service and auth origins are sent sign-in tokens: https, or plain http only to this computer.
+    // One message for each that is refused; Quillvox does not start with any.
+    QStringList refusals;
+
+    // https, or http to localhost, 127.0.0.0/8 or ::1.
+    static bool carriesTokensSafely(const QUrl &origin);
+    static bool isLoopbackHost(const QString &host);
 
     static DeploymentConfig
     fromEnvironment(const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());

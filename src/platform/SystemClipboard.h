@@ -6,6 +6,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <chrono>
 #include <optional>
 #include <utility>
 
@@ -31,4 +32,7 @@ public:
     virtual void clear() = 0;
     // Makes this process the CLIPBOARD owner, offering exactly these targets with exactly these bytes.
     virtual void setContent(const ClipboardContent &content) = 0;
+    // After clear(): waits until another client takes the CLIPBOARD (a copy has landed), at most
+    // `timeout`; false when none did. Nothing at once when this clipboard cannot tell.
+    virtual std::optional<bool> waitForNewOwner(std::chrono::milliseconds) { return std::nullopt; }
 };

@@ -4,7 +4,7 @@
 #include "account/AuthManager.h"
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
-#include "capture/TextCaptureManager.h"
+#include "capture/SelectionCapture.h"
 #include "core/DeploymentConfig.h"
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
@@ -31,6 +31,6 @@ SettingsServices SettingsServices::fromShared()
     const DeploymentConfig &config = DeploymentConfig::current();
     s.openAIOrigin = config.openAIOrigin;
     s.openAIOriginFromEnvironment = config.openAIOriginFromEnvironment;
-    s.captureProblem = [] { return TextCaptureManager::shared().untrustedReason(); };
+    s.captureProblem = [] { return SelectionCapture::shared().untrustedReason(); };
     return s;
 }

@@ -33,9 +33,9 @@ SettingsViewModel::SettingsViewModel(std::optional<SettingsSection> initialSecti
         if (s.history)
             m_history = new HistorySettingsModel(*s.history, *s.speech, s.chooseExportPath, this);
     }
-    if (s.hotkeys)
-        m_shortcuts =
-            new ShortcutSettingsModel(*s.hotkeys, s.captureProblem ? s.captureProblem() : QString(), this);
+    // Also without global shortcuts: the section is where a missing permission sends the user.
+    m_shortcuts =
+        new ShortcutSettingsModel(s.hotkeys, s.captureProblem ? s.captureProblem() : QString(), this);
     if (s.keychain && s.defaults) {
         m_apiKeys = new ApiKeySettingsModel({.keychain = s.keychain,
                                              .defaults = s.defaults,

@@ -54,18 +54,58 @@ quint64 modifiersOf(const HotkeyManager &m, Binding b)
 
 } // namespace
 
-ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager &hotkeys, QString captureProblem, QObject *parent)
+ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, QString captureProblem, QObject *parent)
     : QObject(parent)
     , m_hotkeys(hotkeys)
     , m_captureProblem(std::move(captureProblem))
 {
+    if (!hotkeys)
+        return;
     // Every binding and registration signal means the rows changed.
-    const QMetaObject *meta = hotkeys.metaObject();
+    const QMetaObject *meta = hotkeys->metaObject();
     const QMetaMethod rowsChangedSignal = QMetaMethod::fromSignal(&ShortcutSettingsModel::rowsChanged);
     for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
         if (meta->method(i).methodType() == QMetaMethod::Signal)
-            connect(&hotkeys, meta->method(i), this, rowsChangedSignal);
+            connect(hotkeys, meta->method(i), this, rowsChangedSignal);
     }
+}
+
+bool ShortcutSettingsModel::isSway()
+{
+    return !qEnvironmentVariableIsEmpty("SWAYSOCK");
+}
+
+QString ShortcutSettingsModel::desktopBindingsIntro(bool sway)
+{
+    return sway
+               ? QStringLiteral(
+                     "sway lets applications bind no global shortcuts. Add these lines to your sway "
+                     "configuration (~/.config/sway/config), then reload it with Super+Shift+C:")
+               : QStringLiteral("Global shortcuts need an X11 session. Bind these commands in your desktop's "
+                                "keyboard settings instead:");
+}
+
+QString ShortcutSettingsModel::desktopBindings(bool sway)
+{
+    static const char *const commands[HotkeyManager::kBindingCount] = {
+        "narrate-selection", "toggle", "stop", "skip-back", "skip-forward", "cycle-speed"};
+    QStringList lines;
+    for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
+        const QString command = QStringLiteral("quillvox --") + QLatin1String(commands[row]);
+        if (!sway) {
+            lines.append(command);
+            continue;
+        }
+        // "Ctrl+Alt+S" in sway's words: the same modifier names, the key by its keysym ("s").
+        const auto binding = HotkeyManager::Binding(row);
+        QStringList parts = HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
+                                                         HotkeyManager::defaultModifiersFor(binding))
+                                .split(u'+');
+        parts.last() = parts.last().toLower();
+        parts.replaceInStrings(QStringLiteral("Super"), QStringLiteral("Mod4"));
+        lines.append(QStringLiteral("bindsym ") + parts.join(u'+') + QStringLiteral(" exec ") + command);
+    }
+    return lines.join(u'\n');
 }
 
 QString ShortcutSettingsModel::rowTitle(int row)
@@ -82,13 +122,13 @@ QString ShortcutSettingsModel::rowTitle(int row)
 QString ShortcutSettingsModel::problem(int row) const
 {
     const auto binding = Binding(row);
-    if (!isRow(row) || m_hotkeys.isRegistered(binding))
+    if (!m_hotkeys || !isRow(row) || m_hotkeys->isRegistered(binding))
         return {};
-    if (!m_hotkeys.registrationProblem(binding).isEmpty())
+    if (!m_hotkeys->registrationProblem(binding).isEmpty())
         return QStringLiteral("Used by another application");
     for (int earlier = 0; earlier < row; ++earlier) {
-        if (keyOf(m_hotkeys, Binding(earlier)) == keyOf(m_hotkeys, binding) &&
-            modifiersOf(m_hotkeys, Binding(earlier)) == modifiersOf(m_hotkeys, binding))
+        if (keyOf(*m_hotkeys, Binding(earlier)) == keyOf(*m_hotkeys, binding) &&
+            modifiersOf(*m_hotkeys, Binding(earlier)) == modifiersOf(*m_hotkeys, binding))
             return QStringLiteral("Already used for ") + rowTitle(earlier);
     }
     return QStringLiteral("Not available in this session");
@@ -97,10 +137,12 @@ QString ShortcutSettingsModel::problem(int row) const
 QVariantList ShortcutSettingsModel::rows() const
 {
     QVariantList list;
+    if (!m_hotkeys)
+        return list;
     for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
         const auto binding = Binding(row);
-        const quint32 key = keyOf(m_hotkeys, binding);
-        const quint64 modifiers = modifiersOf(m_hotkeys, binding);
+        const quint32 key = keyOf(*m_hotkeys, binding);
+        const quint64 modifiers = modifiersOf(*m_hotkeys, binding);
         list.append(QVariantMap{
             {QStringLiteral("title"), rowTitle(row)},
             {QStringLiteral("label"), HotkeyManager::shortcutLabel(key, modifiers)},
@@ -114,26 +156,26 @@ QVariantList ShortcutSettingsModel::rows() const
 
 void ShortcutSettingsModel::record(int row, quint32 key, quint64 modifiers)
 {
-    if (!isRow(row))
+    if (!m_hotkeys || !isRow(row))
         return;
     switch (Binding(row)) {
     case Binding::Narration:
-        m_hotkeys.updateHotkey(key, modifiers);
+        m_hotkeys->updateHotkey(key, modifiers);
         break;
     case Binding::PlayPause:
-        m_hotkeys.updatePlayPauseHotKey(key, modifiers);
+        m_hotkeys->updatePlayPauseHotKey(key, modifiers);
         break;
     case Binding::Stop:
-        m_hotkeys.updateStopHotKey(key, modifiers);
+        m_hotkeys->updateStopHotKey(key, modifiers);
         break;
     case Binding::SkipBack:
-        m_hotkeys.updateSkipBackHotKey(key, modifiers);
+        m_hotkeys->updateSkipBackHotKey(key, modifiers);
         break;
     case Binding::SkipForward:
-        m_hotkeys.updateSkipForwardHotKey(key, modifiers);
+        m_hotkeys->updateSkipForwardHotKey(key, modifiers);
         break;
     case Binding::CycleSpeed:
-        m_hotkeys.updateCycleSpeedHotKey(key, modifiers);
+        m_hotkeys->updateCycleSpeedHotKey(key, modifiers);
         break;
     }
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "shortcuts/ShortcutServices.h"
 
-#include "capture/TextCaptureManager.h"
+#include "capture/SelectionCapture.h"
 #include "core/UserDefaults.h"
 #include "platform/null/input/NullGlobalHotKeys.h"
 #include "platform/x11/X11GlobalHotKeys.h"
@@ -23,7 +23,7 @@ HotkeyManager &createSharedHotkeyManager()
 
     static SpeechManagerControls controls(SpeechManager::shared());
     auto *manager = new HotkeyManager(UserDefaults::standard(), std::move(backend),
-                                      TextCaptureManager::shared(), controls, qGuiApp);
+                                      SelectionCapture::shared(), controls, qGuiApp);
     HotkeyManager::installShared(manager);
     return *manager;
 }

@@ -209,6 +209,7 @@ public:
     std::unique_ptr<AudioSink> sink;
     bool running = false;
     bool playingGui = false;
+    bool silenceAhead = false; // prepare() woke the device: what it holds now is silence
     float rateGui = 1.0f;
     bool tapGui = false;
     quint32 generation = 0;
@@ -714,10 +715,14 @@ void AudioEngine::Private::handleFailure(quint64 serial, const QString &reason)
         return;
     qCWarning(lcAudio) << "audio output lost:" << reason;
     playingGui = false;
+    silenceAhead = false;
     playing.store(false, std::memory_order_release);
+    const qint64 heard = sampleTime.load(std::memory_order_acquire);
     resetQueue();
     sink->close();
     running = false;
+    // Nothing renders any more: keep telling how far playback got, so that it can go on from there.
+    sampleTime.store(heard, std::memory_order_release);
     Q_EMIT q->failed(reason);
 }
 
@@ -768,8 +773,10 @@ bool AudioEngine::isRunning() const
 
 void AudioEngine::prepare()
 {
-    if (d->ensureRunning())
-        d->sink->setActive(true);
+    if (!d->ensureRunning())
+        return;
+    d->silenceAhead = d->silenceAhead || !d->playingGui;
+    d->sink->setActive(true);
 }
 
 void AudioEngine::scheduleBuffer(const QByteArray &storage, qsizetype offset, qsizetype bytes, quint64 token)
@@ -794,6 +801,10 @@ void AudioEngine::play()
 {
     if (!d->ensureRunning())
         return;
+    // The silence rendered since prepare() would be heard before the first samples: drop it. (Before
+    // playing starts: what render() makes after the drop must be the narration, never dropped itself.)
+    if (std::exchange(d->silenceAhead, false))
+        d->sink->discardPending();
     d->playingGui = true;
     d->playing.store(true, std::memory_order_release);
     d->sink->setActive(true);
@@ -810,6 +821,7 @@ void AudioEngine::pause()
 void AudioEngine::stop()
 {
     d->playingGui = false;
+    d->silenceAhead = false;
     d->playing.store(false, std::memory_order_release);
     d->resetQueue();
     if (d->running) {

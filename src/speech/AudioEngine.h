@@ -32,7 +32,8 @@ public:
     // Connects the sink. After a failure, calling it again reconnects.
     bool start(QString *error = nullptr);
     bool isRunning() const;
-    // Wakes the device ahead of the first samples (a request has started).
+    // Wakes the device ahead of the first samples (a request has started). The silence it plays meanwhile
+    // is dropped at play(), so that the first samples are heard at once.
     void prepare();
 
     // Queues bytes [offset, offset + bytes) of `storage` (shared, not copied; an odd trailing byte is
@@ -72,7 +73,8 @@ public:
 Q_SIGNALS:
     void bufferCompleted(quint64 token);
     void levelMeasured(float level, double timestampSeconds);
-    // The device connection was lost (sound server gone); the engine is stopped and closed.
+    // The device connection was lost (sound server gone); the engine is closed and its queue dropped, and
+    // sampleTime() tells how far playback had got until the next stop(). start() (or play()) reconnects.
     void failed(const QString &reason);
 
 private:

@@ -11,7 +11,8 @@
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 #include "speech/OpenAIServer.h"
-#include "speech/SpeechStream.h"
+#include "speech/SpeechSequence.h"
+#include "speech/TextPieces.h"
 
 #include <QFile>
 #include <QNetworkAccessManager>
@@ -202,15 +203,29 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
                                                m_services.openAIOriginFromEnvironment);
     }
 
-    auto *stream =
-        new SpeechStream(m_network, buildSpeechRequest(backend, origin, credential), body.toJson(), this);
+    // OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the
+    // service takes any length in one request.
+    const QStringList texts = backend == SpeechBackend::OpenAI ? TextPieces::split(text) : QStringList{text};
+    const QNetworkRequest request = buildSpeechRequest(backend, origin, credential);
+    QList<SpeechSequence::Piece> pieces;
+    for (const QString &piece : texts) {
+        body.input = piece;
+        pieces.append({request, body.toJson()});
+    }
+    auto *stream = new SpeechSequence(m_network, std::move(pieces), this);
     m_currentTask = stream;
     m_currentTaskViaService = backend == SpeechBackend::Service;
-    m_pendingBytes.clear();
-    connect(stream, &SpeechStream::headReceived, this, &SpeechManager::onStreamHead);
-    connect(stream, &SpeechStream::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
-    connect(stream, &SpeechStream::dataReceived, this, &SpeechManager::appendStreamBytes);
-    connect(stream, &SpeechStream::bodyFinished, this, [this] { recordNarration(m_currentTaskViaService); });
+    m_chunker.clear();
+    connect(stream, &SpeechSequence::headReceived, this, &SpeechManager::onStreamHead);
+    connect(stream, &SpeechSequence::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
+    connect(stream, &SpeechSequence::dataReceived, this, &SpeechManager::appendStreamBytes);
+    connect(stream, &SpeechSequence::laterPieceFailed, this, [this](int status) {
+        const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
+        m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
+                                        : speechErrorForStatus(status, minutes);
+    });
+    connect(stream, &SpeechSequence::bodyFinished, this,
+            [this] { recordNarration(m_currentTaskViaService); });
     stream->start();
 }
 
@@ -237,7 +252,7 @@ void SpeechManager::onStreamFailedBeforeHead()
 
 void SpeechManager::cancelCurrentTask()
 {
-    if (SpeechStream *stream = m_currentTask) {
+    if (SpeechSequence *stream = m_currentTask) {
         m_currentTask = nullptr;
         stream->disconnect(this);
         stream->cancel();
@@ -309,20 +324,11 @@ void SpeechManager::playFromHistory(const QUuid &sessionId)
 
 void SpeechManager::appendStreamBytes(const QByteArray &piece)
 {
-    m_pendingBytes.append(piece);
-    qsizetype consumed = 0;
-    while (m_pendingBytes.size() - consumed >= kAudioChunkSize) {
-        // Always a copy of exactly one chunk: mid() would hand back the network's whole buffer, spare
-        // capacity included, when a piece is exactly one chunk long, and it is kept for the narration.
-        acceptChunk(QByteArray(m_pendingBytes.constData() + consumed, kAudioChunkSize));
-        consumed += kAudioChunkSize;
+    m_chunker.push(piece, [this](const QByteArray &chunk) {
+        acceptChunk(chunk);
         publishTotals();
         startCheck(false);
-    }
-    // The leftover is copied out: trimming in place would keep the whole arrival's allocation (a fast
-    // server can send minutes of audio in one piece) alive for the rest of the narration.
-    if (consumed > 0)
-        m_pendingBytes = QByteArray(m_pendingBytes.constData() + consumed, m_pendingBytes.size() - consumed);
+    });
 }
 
 void SpeechManager::acceptChunk(const QByteArray &chunk)
@@ -351,11 +357,8 @@ void SpeechManager::startCheck(bool streamEnded)
 
 void SpeechManager::finishStream()
 {
-    if (!m_pendingBytes.isEmpty()) {
-        const QByteArray remainder(m_pendingBytes.constData(), m_pendingBytes.size());
-        m_pendingBytes.clear();
-        acceptChunk(remainder);
-    }
+    if (const QByteArray tail = m_chunker.takeTail(); !tail.isEmpty())
+        acceptChunk(tail);
     withState([](StreamState &s) { s.isStreamActive = false; });
     publishTotals();
     startCheck(true);
@@ -412,6 +415,8 @@ void SpeechManager::endOfPlayback()
     withState([](StreamState &s) { s.hasStartedPlayback = false; });
     setCurrentTime(m_totalTime);
     raiseDisplayedTotalTime();
+    if (m_errorAfterHeard)
+        setCurrentError(std::exchange(m_errorAfterHeard, std::nullopt));
     Q_EMIT playbackEnded();
 }
 
@@ -443,14 +448,14 @@ void SpeechManager::togglePlayPause()
         withState([](StreamState &s) { return std::pair(s.activeBuffersCount, s.accumulatedData.size()); });
     if (m_hasContent && active == 0 && held > 0) {
         // Played to the end: start again from the beginning.
-        if (!ensureAudioEngine())
+        if (!ensureAudioEngine(true))
             return;
         m_engine->stop();
         m_currentFrameOffset = 0;
         setCurrentTime(0);
         scheduleAllFrom(0);
     }
-    if (!ensureAudioEngine())
+    if (!ensureAudioEngine(true))
         return;
     m_engine->play();
     setIsPlaying(true);
@@ -463,6 +468,7 @@ void SpeechManager::togglePlayPause()
 void SpeechManager::stop()
 {
     ++m_speakGeneration;
+    m_errorAfterHeard.reset();
     m_seekDebounce.stop();
     m_pendingSeekFrame.reset();
     cancelCurrentTask();
@@ -473,7 +479,7 @@ void SpeechManager::stop()
         m_engine->stop();
     m_progressTimer.stop();
     removeLevelTap();
-    m_pendingBytes.clear();
+    m_chunker.clear();
     withState([](StreamState &s) {
         s.accumulatedData.clear();
         s.receivedByteCount = 0;
@@ -605,14 +611,15 @@ void SpeechManager::setupAudioEngine()
         setCurrentError(SpeechError::makeAudioEngineFailure(error));
 }
 
-bool SpeechManager::ensureAudioEngine()
+bool SpeechManager::ensureAudioEngine(bool keepNarration)
 {
     if (m_engine->isRunning())
         return true;
     QString error;
     if (m_engine->start(&error))
         return true;
-    stop();
+    if (!keepNarration)
+        stop();
     setCurrentError(SpeechError::makeAudioEngineFailure(error));
     return false;
 }
@@ -620,9 +627,38 @@ bool SpeechManager::ensureAudioEngine()
 void SpeechManager::onEngineFailed(const QString &reason)
 {
     qCWarning(lcSpeech) << "audio output lost:" << reason;
-    // The narration ends as if stopped; the next one reconnects.
-    stop();
+    if (m_hasContent)
+        holdAfterLostOutput();
     setCurrentError(SpeechError::makeAudioEngineFailure(reason));
+}
+
+// The sound server went away: the narration keeps its audio, place and record, and waits, paused, for
+// the user to press play once a server is back. Nothing reconnects by itself, not even when more audio
+// arrives.
+void SpeechManager::holdAfterLostOutput()
+{
+    const qint64 heard = m_pendingSeekFrame.value_or(currentPlaybackFrame());
+    m_seekDebounce.stop();
+    m_pendingSeekFrame.reset();
+    setIsPlaying(false);
+    m_progressTimer.stop();
+    removeLevelTap();
+    // Queued again from the place heard, paused; what is still to come is queued after it.
+    const qint64 frames = accumulatedByteCount() / 2;
+    const qint64 target = std::clamp<qint64>(heard, 0, frames);
+    const bool streaming = withState([](StreamState &s) {
+        s.hasStartedPlayback = true;
+        s.activeBuffersCount = 0;
+        return s.isStreamActive;
+    });
+    ++m_bufferGeneration;
+    m_engine->stop();
+    m_currentFrameOffset = target;
+    setCurrentTime(double(target) / kSampleRateHz);
+    if (target < frames)
+        scheduleAllFrom(target * 2);
+    else if (!streaming)
+        endOfPlayback();
 }
 
 void SpeechManager::installLevelTap()

@@ -3,6 +3,7 @@
 
 #include "speech/AccumulatedAudio.h"
 #include "speech/SpeechError.h"
+#include "speech/StreamChunker.h"
 #include "speech/TTSRequest.h"
 #include "speech/VoiceStyle.h"
 #include "speech/WidgetStyle.h"
@@ -25,7 +26,7 @@ class KeychainHelper;
 class NarrationRecords;
 class QNetworkAccessManager;
 class SelectionSource;
-class SpeechStream;
+class SpeechSequence;
 class UserDefaults;
 
 // The one long-lived object that turns text into a spoken narration: the checks before a request,
@@ -208,7 +209,9 @@ private:
     }
 
     void setupAudioEngine();
-    bool ensureAudioEngine();
+    // Connects the audio output if it is not; on failure publishes why and, unless told to keep it,
+    // ends the narration.
+    bool ensureAudioEngine(bool keepNarration = false);
     void startServiceNarration(const QString &text, quint64 speakGeneration);
     void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
     void onStreamHead(int status);
@@ -233,6 +236,7 @@ private:
     void removeLevelTap();
     void onLevelMeasured(float level, double timestamp);
     void onEngineFailed(const QString &reason);
+    void holdAfterLostOutput();
 
     void setIsProcessing(bool v);
     void setIsPlaying(bool v);
@@ -272,10 +276,12 @@ private:
     QTimer m_seekDebounce;
     quint64 m_bufferGeneration = 0;
     QTimer m_progressTimer;
-    QPointer<SpeechStream> m_currentTask;
+    QPointer<SpeechSequence> m_currentTask;
+    // A later piece of a long text failed: published once what came before it has been heard.
+    std::optional<SpeechError> m_errorAfterHeard;
     bool m_currentTaskViaService = false;
     quint64 m_speakGeneration = 0; // a stop() or a newer speak() abandons a pending token wait
-    QByteArray m_pendingBytes;
+    StreamChunker m_chunker{kAudioChunkSize};
     qint64 m_currentFrameOffset = 0;
     QString m_lastSpokenText;
     std::optional<QString> m_lastSpokenTextNormalized;

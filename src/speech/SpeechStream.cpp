@@ -87,6 +87,7 @@ void SpeechStream::onFinished()
             return;
     }
     const bool streaming = m_streaming;
+    m_cutOff = streaming && m_reply->error() != QNetworkReply::NoError;
     tearDown();
     if (streaming)
         Q_EMIT bodyFinished();

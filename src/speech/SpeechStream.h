@@ -22,6 +22,8 @@ public:
     void start();
     // Tears the request down; nothing is reported afterwards.
     void cancel();
+    // The body ended early: the connection failed or was dropped after the head.
+    bool wasCutOff() const { return m_cutOff; }
 
 Q_SIGNALS:
     // The HTTP head arrived. After any status but 200 the request is torn down and nothing follows.
@@ -29,7 +31,7 @@ Q_SIGNALS:
     // The request ended without an HTTP head (refused, dropped, timed out, not HTTP).
     void failedBeforeHead();
     void dataReceived(const QByteArray &piece);
-    // The body ended after a 200 head, completely or cut off: what came is all there is.
+    // The body ended after a 200 head, completely or cut off (see wasCutOff()): what came is all there is.
     void bodyFinished();
 
 private:
@@ -44,4 +46,5 @@ private:
     QPointer<QNetworkReply> m_reply;
     bool m_headSeen = false;
     bool m_streaming = false;
+    bool m_cutOff = false;
 };

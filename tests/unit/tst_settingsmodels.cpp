@@ -216,7 +216,7 @@ private Q_SLOTS:
         NoSelection selection;
         IdleNarrationControls controls;
         HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
-        ShortcutSettingsModel model(hotkeys, QString());
+        ShortcutSettingsModel model(&hotkeys, QString());
         const auto binding = HotkeyManager::Binding(row);
         const QSet<NativeHotKey> defaultGrabs = keys->grabbed();
 
@@ -273,6 +273,17 @@ private Q_SLOTS:
         QVERIFY(about.startAtLogin() && about.startAtLoginError().isEmpty());
         about.setStartAtLogin(false);
         QVERIFY(!about.startAtLogin());
+    }
+
+    // Without global shortcuts: sway's configuration lines (keysyms in lower case), or the bare commands.
+    void desktopBindings()
+    {
+        const QStringList sway = ShortcutSettingsModel::desktopBindings(true).split(u'\n');
+        QCOMPARE(sway.size(), 6);
+        QCOMPARE(sway.first(), QStringLiteral("bindsym Ctrl+Alt+s exec quillvox --narrate-selection"));
+        QCOMPARE(sway.last(), QStringLiteral("bindsym Ctrl+Alt+t exec quillvox --cycle-speed"));
+        QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
+                 QStringLiteral("quillvox --toggle"));
     }
 };
 

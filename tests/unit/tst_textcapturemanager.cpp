@@ -75,6 +75,7 @@ class FakeEditor : public QObject
 {
 public:
     bool enabled = true;
+    bool readOnly = false;
     Qt::InputMethodHints hints;
     QString selection;
 
@@ -84,6 +85,7 @@ public:
             return QObject::event(event);
         auto *query = static_cast<QInputMethodQueryEvent *>(event);
         query->setValue(Qt::ImEnabled, enabled);
+        query->setValue(Qt::ImReadOnly, readOnly);
         query->setValue(Qt::ImHints, int(hints));
         query->setValue(Qt::ImCurrentSelection, selection);
         query->accept();
@@ -485,23 +487,29 @@ private Q_SLOTS:
     void focusedEditorSelection_data()
     {
         QTest::addColumn<bool>("enabled");
+        QTest::addColumn<bool>("readOnly");
         QTest::addColumn<int>("hints");
         QTest::addColumn<std::optional<QString>>("expected");
 
-        QTest::newRow("text field") << true << int(Qt::ImhNone) << std::optional(u"picked"_qs);
-        QTest::newRow("password field") << true << int(Qt::ImhHiddenText) << std::optional<QString>();
-        QTest::newRow("sensitive field") << true << int(Qt::ImhSensitiveData) << std::optional<QString>();
-        QTest::newRow("not an editor") << false << int(Qt::ImhNone) << std::optional<QString>();
+        QTest::newRow("text field") << true << false << int(Qt::ImhNone) << std::optional(u"picked"_qs);
+        QTest::newRow("read-only text") << false << true << int(Qt::ImhNone) << std::optional(u"picked"_qs);
+        QTest::newRow("password field")
+            << true << false << int(Qt::ImhHiddenText) << std::optional<QString>();
+        QTest::newRow("sensitive field")
+            << true << false << int(Qt::ImhSensitiveData) << std::optional<QString>();
+        QTest::newRow("not an editor") << false << false << int(Qt::ImhNone) << std::optional<QString>();
     }
 
     void focusedEditorSelection()
     {
         QFETCH(bool, enabled);
+        QFETCH(bool, readOnly);
         QFETCH(int, hints);
         QFETCH(std::optional<QString>, expected);
 
         EditorWindow window;
         window.editor.enabled = enabled;
+        window.editor.readOnly = readOnly;
         window.editor.hints = Qt::InputMethodHints(hints);
         window.editor.selection = QStringLiteral("picked");
         window.show();

@@ -63,6 +63,7 @@ std::optional<AccountState::Route> AccountState::routeNamed(std::string_view nam
         {"usage", Route::Usage},
         {"generate-code", Route::GenerateCode},
         {"tts", Route::Tts},
+        {"speech", Route::Speech},
     };
     const auto found = routes.find(name);
     return found == routes.end() ? std::nullopt : std::optional(found->second);
@@ -185,10 +186,10 @@ AccountState::Usage AccountState::usage(Period period) const
     return usage;
 }
 
-void AccountState::injectFailure(Route route, int status, int count)
+void AccountState::injectFailure(Route route, int status, int count, int after)
 {
     std::lock_guard lock(m_mutex);
-    m_failures[indexOf(route)] = {status, count};
+    m_failures[indexOf(route)] = {status, count, after};
 }
 
 std::optional<int> AccountState::takeFailure(Route route)
@@ -197,6 +198,10 @@ std::optional<int> AccountState::takeFailure(Route route)
     Failure &failure = m_failures[indexOf(route)];
     if (failure.count <= 0)
         return std::nullopt;
+    if (failure.after > 0) {
+        --failure.after;
+        return std::nullopt;
+    }
     --failure.count;
     return failure.status;
 }

@@ -23,7 +23,7 @@ class AccountState
 {
 public:
     // The routes /dev/fail can make fail.
-    enum class Route { Refresh, User, Balance, Usage, GenerateCode, Tts };
+    enum class Route { Refresh, User, Balance, Usage, GenerateCode, Tts, Speech };
     enum class Period { Week, Month, All };
 
     struct User
@@ -72,8 +72,8 @@ public:
     void recordNarration(std::int64_t seconds);
     Usage usage(Period period) const;
 
-    // The next count requests of the route answer status instead; count 0 clears.
-    void injectFailure(Route route, int status, int count);
+    // After the next `after` requests of the route, count requests answer status instead; count 0 clears.
+    void injectFailure(Route route, int status, int count, int after = 0);
     // The status an injected failure asks this request to answer with, using it up.
     std::optional<int> takeFailure(Route route);
     int pendingFailures(Route route) const;
@@ -84,6 +84,7 @@ private:
     {
         int status = 0;
         int count = 0;
+        int after = 0;
     };
     struct Narration
     {
@@ -103,6 +104,6 @@ private:
     std::map<std::string, std::chrono::steady_clock::time_point> m_codes;
     std::int64_t m_balance;
     std::vector<Narration> m_narrations;
-    std::array<Failure, 6> m_failures{};
+    std::array<Failure, 7> m_failures{};
     int m_refreshes = 0;
 };

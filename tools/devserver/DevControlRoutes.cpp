@@ -58,12 +58,16 @@ void DevControlRoutes::install(httplib::Server &server)
         const auto route = AccountState::routeNamed(body.value("route").toString().toStdString());
         const std::int64_t status = wholeNumber(body.value("status"), 400, 599).value_or(0);
         const std::int64_t count = wholeNumber(body.value("count"), 0, 1e6).value_or(-1);
-        if (!route || status == 0 || count < 0) {
-            setBadRequest(response, "Expected {\"route\": \"refresh|user|balance|usage|generate-code|tts\", "
-                                    "\"status\": 400-599, \"count\": N}.");
+        const std::int64_t after =
+            body.contains("after") ? wholeNumber(body.value("after"), 0, 1e6).value_or(-1) : 0;
+        if (!route || status == 0 || count < 0 || after < 0) {
+            setBadRequest(response,
+                          "Expected {\"route\": \"refresh|user|balance|usage|generate-code|tts|speech\", "
+                          "\"status\": 400-599, \"count\": N, \"after\": N (optional)}.");
             return;
         }
-        m_state.injectFailure(*route, static_cast<int>(status), static_cast<int>(count));
+        m_state.injectFailure(*route, static_cast<int>(status), static_cast<int>(count),
+                              static_cast<int>(after));
         setJson(response, 200,
                 {{"route", body.value("route")}, {"status", qint64(status)}, {"count", qint64(count)}});
     });

@@ -152,15 +152,16 @@ Updates:
 
   -h, --help           show this text
 
-Speech: POST /v1/audio/speech, POST /api/tts/stream (a valid access token; charges the seconds
-streamed), GET /health.
+Speech: POST /v1/audio/speech (an input of at most 4096 characters, as OpenAI's), POST /api/tts/stream
+  (a valid access token; charges the seconds streamed), GET /health.
 Auth backend: GET /auth/v1/authorize?provider=google|apple&redirect_to=URL, GET /auth/v1/consent,
   POST /auth/v1/token?grant_type=refresh_token, GET /auth/v1/user.
 Account service: GET /api/credits/balance, GET /api/credits/usage?period=week|month|all,
   POST /api/auth/generate-code, GET /api/auth/token-exchange?code=C&next=PATH,
   GET /api/credits/purchase-redirect?package=NAME, GET /purchase, GET /auth/app-callback.
 Test control (no auth): POST /dev/balance {"seconds":N},
-  POST /dev/fail {"route":"refresh|user|balance|usage|generate-code|tts","status":S,"count":N},
+  POST /dev/fail {"route":"refresh|user|balance|usage|generate-code|tts|speech","status":S,"count":N,
+    "after":N} (the "after" requests that come first still pass),
   GET /dev/state.
 Updates: GET /appcast.xml (an RSS appcast with one item).
 SIGTERM or SIGINT ends the server with exit code 0.

@@ -11,6 +11,8 @@
 
 #include <httplib.h>
 
+#include <QString>
+
 #include <exception>
 #include <utility>
 
@@ -51,8 +53,8 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         return;
     }
     const bool service = backend == Backend::Service;
-    if ((service &&
-         DevControlRoutes::answeredWithInjectedFailure(m_account, AccountState::Route::Tts, response)) ||
+    if (DevControlRoutes::answeredWithInjectedFailure(
+            m_account, service ? AccountState::Route::Tts : AccountState::Route::Speech, response) ||
         !authorise(request, response, backend) || (service && !hasBalance(response))) {
         waitForHead();
         return;
@@ -64,6 +66,14 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         return;
     }
     const auto &speech = std::get<SpeechRequest>(parsed);
+    // OpenAI's limit, in code points (what its server counts); the service takes any length.
+    if (!service && QString::fromStdString(speech.input).toUcs4().size() > kOpenAIInputLimit) {
+        setJsonError(response, 400,
+                     "String should have at most " + std::to_string(kOpenAIInputLimit) + " characters",
+                     "invalid_request_error", "input", "string_above_max_length");
+        waitForHead();
+        return;
+    }
 
     std::vector<std::int16_t> samples;
     try {

@@ -21,10 +21,12 @@ class Synthesizer;
 // POST /v1/audio/speech (OpenAI-compatible, one accepted key) and POST /api/tts/stream (the Quillvox
 // service: wants a signed-in user's access token and time left on the balance, and charges the seconds
 // streamed to it). Both answer with streamed PCM or a JSON error, after the configured delay and with the
-// configured faults.
+// configured faults. /v1/audio/speech refuses an input longer than OpenAI's, with OpenAI's 400.
 class SpeechRoutes final : public Routes
 {
 public:
+    static constexpr int kOpenAIInputLimit = 4096;
+
     SpeechRoutes(const Options &options, Synthesizer &synthesizer, AccountState &account,
                  const StopFlag &stop);
     void install(httplib::Server &server) override;

@@ -17,6 +17,8 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QPalette>
 #include <QQuickView>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -31,6 +33,35 @@ void settle(int ms)
     timer.start();
     while (timer.elapsed() < ms)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+}
+
+// What a dark desktop theme hands to Qt applications; the window follows the system palette.
+QPalette darkPalette()
+{
+    QPalette p;
+    const QColor window(0x2b, 0x2b, 0x2e), base(0x1f, 0x1f, 0x22), text(0xe8, 0xe8, 0xea);
+    p.setColor(QPalette::Window, window);
+    p.setColor(QPalette::WindowText, text);
+    p.setColor(QPalette::Base, base);
+    p.setColor(QPalette::AlternateBase, QColor(0x25, 0x25, 0x28));
+    p.setColor(QPalette::Text, text);
+    p.setColor(QPalette::PlaceholderText, QColor(0x8e, 0x8e, 0x93));
+    p.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3e));
+    p.setColor(QPalette::ButtonText, text);
+    p.setColor(QPalette::BrightText, Qt::white);
+    p.setColor(QPalette::Highlight, QColor(0x3d, 0x7e, 0xd6));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::Link, QColor(0x6c, 0xa8, 0xf0));
+    p.setColor(QPalette::ToolTipBase, window);
+    p.setColor(QPalette::ToolTipText, text);
+    p.setColor(QPalette::Light, QColor(0x4a, 0x4a, 0x4f));
+    p.setColor(QPalette::Midlight, QColor(0x42, 0x42, 0x46));
+    p.setColor(QPalette::Mid, QColor(0x55, 0x55, 0x5a));
+    p.setColor(QPalette::Dark, QColor(0x18, 0x18, 0x1a));
+    p.setColor(QPalette::Shadow, Qt::black);
+    for (const QPalette::ColorRole role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        p.setColor(QPalette::Disabled, role, QColor(0x7a, 0x7a, 0x7f));
+    return p;
 }
 
 } // namespace
@@ -84,23 +115,42 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     services.openAIOrigin = QUrl(QStringLiteral("https://api.openai.com"));
     services.ownKeyChanged = [] {};
     services.captureProblem = [] { return QString(); };
+    // sway: no global shortcuts for applications, so the Shortcuts section gives configuration lines.
+    SettingsServices swayServices = services;
+    swayServices.hotkeys = nullptr;
     SettingsWindow settings(std::nullopt, std::move(services));
     settings.present();
     QQuickView &window = *settings.window();
 
     int written = 0;
-    for (const QString &section : settings.viewModel()->sections()) {
-        settings.viewModel()->selectLabel(section);
-        settle(300);
-        QString name = section.toLower();
-        name.replace(u' ', u'-');
-        const QString path =
-            out.filePath(QStringLiteral("settings-") + name + suffix + QStringLiteral(".png"));
-        if (!window.grabWindow().save(path)) {
-            QTextStream(stderr) << "could not write " << path << Qt::endl;
-            continue;
+    const QPalette light = QGuiApplication::palette();
+    for (const auto &[appearance, palette] :
+         {std::pair{QStringLiteral("light"), light}, std::pair{QStringLiteral("dark"), darkPalette()}}) {
+        QGuiApplication::setPalette(palette);
+        for (const QString &section : settings.viewModel()->sections()) {
+            settings.viewModel()->selectLabel(section);
+            settle(300);
+            QString name = section.toLower();
+            name.replace(u' ', u'-');
+            const QString path = out.filePath(QStringLiteral("settings-") + name + u'-' + appearance +
+                                              suffix + QStringLiteral(".png"));
+            if (!window.grabWindow().save(path)) {
+                QTextStream(stderr) << "could not write " << path << Qt::endl;
+                continue;
+            }
+            ++written;
         }
-        ++written;
     }
+    QGuiApplication::setPalette(light);
+
+    qputenv("SWAYSOCK", "/run/user/1000/sway-ipc.sock");
+    SettingsWindow sway(SettingsSection::shortcuts, std::move(swayServices));
+    sway.present();
+    settle(300);
+    const QString swayPath =
+        out.filePath(QStringLiteral("settings-shortcuts-sway") + suffix + QStringLiteral(".png"));
+    if (sway.window()->grabWindow().save(swayPath))
+        ++written;
+    qunsetenv("SWAYSOCK");
     return written;
 }

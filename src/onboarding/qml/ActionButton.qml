@@ -13,6 +13,8 @@ T.Button {
 
     implicitWidth: Math.max(flat ? 0 : 240, contentItem.implicitWidth + 32)
     implicitHeight: flat ? 32 : 44
+    // A disabled button fades as a whole, its label too, so that it does not read as one to press.
+    opacity: enabled ? 1 : 0.5
     hoverEnabled: true
     Accessible.name: text
     Accessible.role: Accessible.Button
@@ -24,7 +26,6 @@ T.Button {
                            : (button.hovered ? Qt.darker(button.fill, 1.05) : button.fill)
         border.width: button.prominent ? 0 : 1
         border.color: Theme.border
-        opacity: button.enabled ? 1 : 0.5
     }
     contentItem: Item {
         implicitWidth: row.implicitWidth

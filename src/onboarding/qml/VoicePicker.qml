@@ -9,7 +9,8 @@ Grid {
     required property var speech
 
     columns: 4
-    spacing: 10
+    // Four across the window's content width, with room for the longest name set in bold.
+    spacing: 8
 
     Repeater {
         model: picker.speech ? picker.speech.availableVoices : []
@@ -18,7 +19,7 @@ Grid {
             required property string modelData
             readonly property bool chosen: picker.speech.selectedVoice === modelData
 
-            width: 110
+            width: 114
             height: 56
             hoverEnabled: true
             Accessible.name: modelData.charAt(0).toUpperCase() + modelData.slice(1)
@@ -37,12 +38,12 @@ Grid {
                 border.color: card.chosen ? Theme.accent : Theme.border
             }
             contentItem: Row {
-                leftPadding: 12
-                spacing: 8
+                leftPadding: 10
+                spacing: 6
                 Symbol {
                     name: "play.circle"
                     color: card.chosen ? Theme.accent : Theme.secondaryText
-                    size: 20
+                    size: 18
                     anchors.verticalCenter: parent.verticalCenter
                 }
                 Text {

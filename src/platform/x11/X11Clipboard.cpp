@@ -11,8 +11,11 @@
 #include <QMimeData>
 
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <memory>
 
 namespace {
 
@@ -134,6 +137,11 @@ void X11Clipboard::clear()
     if (!m_reader->isValid())
         return;
     X11Connection &connection = m_reader->connection();
+    if (watchOwners()) {
+        // Notices from before this clear say nothing about the copy that follows it.
+        while (connection.nextEvent(0ms)) {
+        }
+    }
     // The current time always wins over the owner's, however recently it took the selection.
     xcb_set_selection_owner(connection.connection(), XCB_WINDOW_NONE, selectionAtom(Buffer::Clipboard),
                             XCB_CURRENT_TIME);
@@ -154,4 +162,42 @@ void X11Clipboard::setContent(const ClipboardContent &content)
         m_reader->connection().serverTime(X11Connection::Clock::now() + kOwnerTimeout);
     if (!now || !m_owner->own(content, *now))
         qCWarning(lcCapture) << "could not take the clipboard back to restore its contents";
+}
+
+bool X11Clipboard::watchOwners()
+{
+    if (m_ownerNotice || std::exchange(m_ownerNoticeTried, true))
+        return m_ownerNotice.has_value();
+    xcb_connection_t *c = m_reader->connection().connection();
+    const xcb_query_extension_reply_t *extension = xcb_get_extension_data(c, &xcb_xfixes_id);
+    if (!extension || !extension->present)
+        return false;
+    // The version must be asked before any other XFixes request.
+    const std::unique_ptr<xcb_xfixes_query_version_reply_t, decltype(&std::free)> version(
+        xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, 0), nullptr),
+        &std::free);
+    if (!version)
+        return false;
+    xcb_xfixes_select_selection_input(c, m_reader->connection().window(), selectionAtom(Buffer::Clipboard),
+                                      XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
+    m_ownerNotice = quint8(extension->first_event + XCB_XFIXES_SELECTION_NOTIFY);
+    return true;
+}
+
+std::optional<bool> X11Clipboard::waitForNewOwner(std::chrono::milliseconds timeout)
+{
+    if (!m_reader || !m_reader->isValid() || !watchOwners())
+        return std::nullopt;
+    const quint8 notice = *m_ownerNotice;
+    const quint32 clipboard = selectionAtom(Buffer::Clipboard);
+    // Our own clear() is a notice too, with no owner.
+    const X11Connection::Event event = m_reader->connection().waitForEvent(
+        [notice, clipboard](const void *e) {
+            if ((static_cast<const xcb_generic_event_t *>(e)->response_type & 0x7f) != notice)
+                return false;
+            const auto *n = static_cast<const xcb_xfixes_selection_notify_event_t *>(e);
+            return n->selection == clipboard && n->owner != XCB_WINDOW_NONE;
+        },
+        X11Connection::Clock::now() + timeout);
+    return event != nullptr;
 }

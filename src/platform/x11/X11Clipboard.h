@@ -30,13 +30,20 @@ public:
     std::optional<QByteArray> data(Buffer buffer, const QString &target) override;
     void clear() override;
     void setContent(const ClipboardContent &content) override;
+    // Through XFixes on the reader's connection; nothing when the server lacks it.
+    std::optional<bool> waitForNewOwner(std::chrono::milliseconds timeout) override;
 
 private:
     quint32 selectionAtom(Buffer buffer);
+    // Asks for XFixes notices of new CLIPBOARD owners, once; false when the server has no XFixes.
+    bool watchOwners();
 
     std::unique_ptr<X11SelectionReader> m_reader;
     std::unique_ptr<X11SelectionOwner> m_owner;
     // An owner that once failed to answer in time is not asked again, so that one stuck application
     // costs one timeout per capture, not one per target.
     quint32 m_unresponsiveOwner = 0;
+    // The response type of XFixes selection notices, once watchOwners() has set them up.
+    std::optional<quint8> m_ownerNotice;
+    bool m_ownerNoticeTried = false;
 };

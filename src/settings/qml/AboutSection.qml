@@ -98,10 +98,18 @@ SectionPage {
         Flow {
             Layout.fillWidth: true
             spacing: 8
+            // A link, aligned with the card's text, that still takes the focus like a button.
             Button {
+                id: website
                 text: "Website"
-                flat: true
+                padding: 0
                 Accessible.name: "Website"
+                contentItem: Label {
+                    text: website.text
+                    color: website.palette.link
+                    font.underline: website.hovered || website.visualFocus
+                }
+                background: Item {}
                 onClicked: Qt.openUrlExternally("https://quillvox.app")
             }
         }

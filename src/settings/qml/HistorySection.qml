@@ -40,6 +40,7 @@ SectionPage {
             Layout.bottomMargin: 16
             text: "No narrations yet"
             opacity: 0.6
+            Accessible.name: text
         }
 
         Repeater {

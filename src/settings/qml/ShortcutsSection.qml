@@ -14,12 +14,30 @@ SectionPage {
     title: "Shortcuts"
 
     SystemPalette {
-        id: palette
+        id: systemPalette
     }
 
     SettingsCard {
         title: "Keyboard shortcuts"
-        subtitle: "Click a shortcut, then press the new combination. Escape cancels."
+        subtitle: root.model.rows.length > 0
+                  ? "Click a shortcut, then press the new combination. Escape cancels."
+                  : root.model.desktopBindingsIntro
+
+        // Selectable, so that the lines can be copied into the desktop's settings.
+        TextEdit {
+            visible: root.model.rows.length === 0
+            Layout.fillWidth: true
+            readOnly: true
+            selectByMouse: true
+            color: systemPalette.text
+            selectionColor: systemPalette.highlight
+            selectedTextColor: systemPalette.highlightedText
+            text: root.model.desktopBindings
+            wrapMode: Text.WrapAnywhere
+            font.family: "monospace"
+            textFormat: Text.PlainText
+            Accessible.name: text
+        }
 
         Repeater {
             model: root.model.rows

@@ -11,6 +11,10 @@ SectionPage {
 
     title: "Usage"
 
+    SystemPalette {
+        id: periodPalette
+    }
+
     TabBar {
         id: periods
         Layout.preferredWidth: 360
@@ -20,10 +24,25 @@ SectionPage {
 
         Repeater {
             model: root.model.periods
+            // The chosen period in the highlight colour, as the chosen speed is: Fusion's own tabs
+            // differ too little to tell at a glance.
             delegate: TabButton {
+                id: tab
                 required property string modelData
                 text: modelData
                 Accessible.name: modelData
+                contentItem: Label {
+                    text: tab.text
+                    horizontalAlignment: Text.AlignHCenter
+                    verticalAlignment: Text.AlignVCenter
+                    color: tab.checked ? periodPalette.highlightedText : periodPalette.buttonText
+                }
+                background: Rectangle {
+                    implicitHeight: 28
+                    color: tab.checked ? periodPalette.highlight
+                                       : (tab.hovered ? Qt.lighter(periodPalette.button, 1.08) : periodPalette.button)
+                    border.color: tab.checked ? periodPalette.highlight : periodPalette.mid
+                }
             }
         }
     }

@@ -106,7 +106,10 @@ SectionPage {
                     required property var modelData
 
                     text: modelData.label
+                    // The chosen speed in the highlight colour: Fusion's checked look barely differs
+                    // on a dark palette.
                     checked: root.model.speed === modelData.value
+                    highlighted: checked
                     Accessible.name: "Speed " + modelData.label
                     onClicked: root.model.selectSpeed(modelData.value)
                 }

@@ -178,6 +178,11 @@ private Q_SLOTS:
     {
         QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
         const QString text = sentence(12);
+        qsizetype heldAtStart = -1;
+        connect(m_speech.get(), &SpeechManager::isPlayingChanged, this, [&] {
+            if (m_speech->isPlaying() && heldAtStart < 0)
+                heldAtStart = m_speech->accumulatedByteCount();
+        });
         m_speech->speak(text);
         QVERIFY(m_speech->isProcessing());
         QVERIFY(m_speech->hasContent());
@@ -185,6 +190,7 @@ private Q_SLOTS:
         QCOMPARE(m_speech->displayedTotalTime(), m_speech->estimatedDuration(text));
 
         QVERIFY(waitUntilPlaying());
+        QCOMPARE(heldAtStart, 3 * SpeechManager::kAudioChunkSize); // the first chunk past 0.5 s of audio
         QVERIFY(!m_speech->isProcessing());
         QVERIFY(!m_speech->currentError());
         QTRY_COMPARE(m_records.sessions.size(), 1); // recorded when the stream ends, before playback does
@@ -255,11 +261,14 @@ private Q_SLOTS:
     {
         QVERIFY(startServer({"--pace", "0", "--cut-after", "30000"}));
         m_speech->speak(sentence(20));
+        const double estimate = m_speech->displayedTotalTime();
         QTRY_COMPARE(m_records.sessions.size(), 1);
         QCOMPARE(m_records.sessions.first().bytes, qsizetype(30000));
         QCOMPARE(m_records.sessions.first().duration, 0.625);
         QVERIFY(!m_speech->currentError());
         QVERIFY(playToEnd());
+        QCOMPARE(m_speech->totalTime(), 0.625);
+        QCOMPARE(m_speech->displayedTotalTime(), estimate); // the displayed total never shrinks
     }
 
     void stopDuringDownloadPublishesAndRecordsNothing()
@@ -281,7 +290,9 @@ private Q_SLOTS:
     void shortNarrationIsPlayedAnyway()
     {
         QVERIFY(startServer({"--pace", "0"}));
+        m_speech->setPlaybackSpeed(2.0f);
         m_speech->speak(QStringLiteral("Hi"));
+        QCOMPARE(m_speech->displayedTotalTime(), 0.1); // the estimate, 0.06 s, is raised to 0.1 s
         QVERIFY(waitUntilPlaying());
         QVERIFY(m_speech->totalTime() < 0.5);
         QVERIFY(playToEnd());
@@ -360,8 +371,15 @@ private Q_SLOTS:
         QVERIFY(waitUntilPlaying());
         m_sink->advance(12000);
         QCoreApplication::processEvents();
+        // Levels measured before the pause but delivered after it leave the smoothed level alone.
+        m_sink->advance(4800);
         m_speech->togglePlayPause();
         QVERIFY(!m_speech->isPlaying());
+        const float level = m_speech->currentAudioLevel();
+        QSignalSpy measured(m_speech.get(), &SpeechManager::lastLevelTimestampChanged);
+        QCoreApplication::processEvents();
+        QVERIFY(!measured.isEmpty());
+        QCOMPARE(m_speech->currentAudioLevel(), level);
         const qint64 position = m_speech->currentPlaybackFrame();
         m_sink->advance(24000);
         QCoreApplication::processEvents();

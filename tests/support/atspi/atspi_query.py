@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: GPL-3.0-or-later
 # What a screen reader sees of one application, for the desktop tests:
-#   atspi_query.py APP find NAME   -> "x y width height" (screen pixels) of the first showing
-#                                     accessible called NAME, exit 1 when there is none
+#   atspi_query.py APP find NAME [N] -> "x y width height" (screen pixels) of the first (or N-th,
+#                                     from 0) showing accessible called NAME, exit 1 when there is none
 #   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
 import sys
 
@@ -41,8 +41,12 @@ def main():
             print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
         return 0
     wanted = sys.argv[3]
+    skip = int(sys.argv[4]) if len(sys.argv) > 4 else 0
     for node in walk(app):
         if node.name == wanted and showing(node):
+            if skip > 0:
+                skip -= 1
+                continue
             extents = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
             print(extents.x, extents.y, extents.width, extents.height)
             return 0

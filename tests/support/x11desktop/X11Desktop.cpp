@@ -69,11 +69,11 @@ QByteArray openInMousepad(ChildProcess &editor, const QString &file)
     return window;
 }
 
-QRect findAccessibleControl(const QString &name)
+QRect findAccessibleControl(const QString &name, int index)
 {
     const QList<QByteArray> numbers =
         runProgram(QStringLiteral("/usr/bin/python3"),
-                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name})
+                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name, QString::number(index)})
             .trimmed()
             .split(' ');
     if (numbers.size() != 4)

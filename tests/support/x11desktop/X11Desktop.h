@@ -34,8 +34,8 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
                   const QString &dir);
 
 // The on-screen rectangle of Quillvox's showing control called `name`, found on the accessibility bus
-// as a screen reader finds it; empty when there is none.
-QRect findAccessibleControl(const QString &name);
+// as a screen reader finds it; empty when there is none. `index` picks a later one of the same name.
+QRect findAccessibleControl(const QString &name, int index = 0);
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "capture/SelectionCapture.h"
+
+#include "capture/TextCaptureManager.h"
+#include "core/Logging.h"
+#include "platform/wayland/WaylandSelection.h"
+
+#include <QGuiApplication>
+
+namespace {
+
+// wl-paste answers within milliseconds; a client that keeps the selection but never sends it must not
+// hold the shortcut up for long.
+constexpr std::chrono::milliseconds kPasteTimeLimit{1000};
+
+CaptureBackend syntheticCopy()
+{
+    return {[] { return TextCaptureManager::shared().untrustedReason(); },
+            [] { return TextCaptureManager::shared().captureSelectedText(); }};
+}
+
+CaptureBackend waylandPrimarySelection()
+{
+    return {[] { return WaylandSelection::explanation(WaylandSelection::support()); },
+            []() -> std::optional<QString> {
+                // Our own window in front (the onboarding's sample text): its editor answers directly.
+                if (QGuiApplication::focusWindow()) {
+                    const std::optional<QString> own = TextCaptureManager::focusedEditorSelection();
+                    if (own && !own->isEmpty())
+                        return own;
+                }
+                return WaylandSelection::readPrimarySelection(kPasteTimeLimit);
+            }};
+}
+
+} // namespace
+
+SelectionCapture::SelectionCapture(QList<CaptureBackend> backends, QObject *parent)
+    : QObject(parent)
+    , m_backends(std::move(backends))
+{}
+
+SelectionCapture &SelectionCapture::shared()
+{
+    static SelectionCapture *instance = [] {
+        // In a Wayland session synthetic X11 keys reach X11 clients only, so the compositor's own
+        // selection comes first; its reason is the one that explains a session where nothing works.
+        QList<CaptureBackend> backends;
+        if (WaylandSelection::support() != WaylandSelection::Support::NotWayland)
+            backends = {waylandPrimarySelection(), syntheticCopy()};
+        else
+            backends = {syntheticCopy()};
+        // Lives as long as the application, which cleans it up with its other children.
+        return new SelectionCapture(std::move(backends), qGuiApp);
+    }();
+    return *instance;
+}
+
+const CaptureBackend *SelectionCapture::usable() const
+{
+    for (const CaptureBackend &backend : m_backends) {
+        if (backend.unavailableReason().isEmpty())
+            return &backend;
+    }
+    return nullptr;
+}
+
+bool SelectionCapture::isProcessTrusted(bool prompt)
+{
+    if (usable())
+        return true;
+    if (prompt) {
+        const QString why = untrustedReason();
+        qCWarning(lcCapture).noquote() << why;
+        Q_EMIT permissionExplanationRequested(why);
+    }
+    return false;
+}
+
+std::optional<QString> SelectionCapture::captureSelectedText()
+{
+    const CaptureBackend *backend = usable();
+    if (!backend)
+        return std::nullopt;
+    return backend->capture();
+}
+
+QString SelectionCapture::untrustedReason() const
+{
+    if (usable() || m_backends.isEmpty())
+        return {};
+    return m_backends.first().unavailableReason();
+}

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "platform/wayland/WaylandSelection.h"
+
+#include "core/Logging.h"
+
+#include <QCoreApplication>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <cstring>
+
+#include <wayland-client.h>
+
+namespace WaylandSelection {
+
+namespace {
+
+const QString kReader = QStringLiteral("wl-paste");
+
+void announceGlobal(void *data, wl_registry *, uint32_t, const char *interface, uint32_t version)
+{
+    auto *facts = static_cast<CompositorFacts *>(data);
+    if (std::strcmp(interface, "zwlr_data_control_manager_v1") == 0)
+        facts->wlrDataControlVersion = version;
+    else if (std::strcmp(interface, "ext_data_control_manager_v1") == 0)
+        facts->extDataControl = true;
+}
+
+void removeGlobal(void *, wl_registry *, uint32_t) {}
+
+const wl_registry_listener kRegistryListener{announceGlobal, removeGlobal};
+
+CompositorFacts askCompositor()
+{
+    CompositorFacts facts;
+    // A connection of our own, whatever Qt's platform is: Qt may run on XWayland.
+    wl_display *display = wl_display_connect(nullptr);
+    if (!display)
+        return facts;
+    wl_registry *registry = wl_display_get_registry(display);
+    wl_registry_add_listener(registry, &kRegistryListener, &facts);
+    facts.connected = wl_display_roundtrip(display) >= 0;
+    wl_registry_destroy(registry);
+    wl_display_disconnect(display);
+    return facts;
+}
+
+} // namespace
+
+Support decide(bool waylandSession, const CompositorFacts &compositor, bool haveReader)
+{
+    if (!waylandSession)
+        return Support::NotWayland;
+    if (!compositor.connected)
+        return Support::CompositorUnreachable;
+    if (!compositor.extDataControl && compositor.wlrDataControlVersion == 0)
+        return Support::NoDataControl;
+    if (!compositor.extDataControl && compositor.wlrDataControlVersion < 2)
+        return Support::ClipboardOnly;
+    return haveReader ? Support::Available : Support::NoReader;
+}
+
+Support support()
+{
+    static const Support answer = [] {
+        const bool waylandSession = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+        const Support s = decide(waylandSession, waylandSession ? askCompositor() : CompositorFacts{},
+                                 !QStandardPaths::findExecutable(kReader).isEmpty());
+        if (waylandSession)
+            qCInfo(lcCapture) << "Wayland selection support:" << int(s);
+        return s;
+    }();
+    return answer;
+}
+
+QString explanation(Support support)
+{
+    switch (support) {
+    case Support::Available:
+        return {};
+    case Support::NotWayland:
+        return QCoreApplication::translate("WaylandSelection", "This is not a Wayland session.");
+    case Support::CompositorUnreachable:
+        return QCoreApplication::translate(
+            "WaylandSelection",
+            "Quillvox cannot connect to the Wayland compositor named by WAYLAND_DISPLAY, so "
+            "it cannot read the text selected in other applications.");
+    case Support::NoDataControl:
+        return QCoreApplication::translate(
+            "WaylandSelection",
+            "This Wayland desktop does not let applications read the text highlighted in other applications "
+            "(it offers no data-control protocol). Log in to an X11 session to narrate selected text.");
+    case Support::ClipboardOnly:
+        return QCoreApplication::translate(
+            "WaylandSelection",
+            "This Wayland desktop shares the clipboard with Quillvox but not the highlighted text (its "
+            "data-control protocol has no primary selection). Log in to an X11 session to narrate selected "
+            "text.");
+    case Support::NoReader:
+        return QCoreApplication::translate(
+            "WaylandSelection", "Reading the highlighted text on Wayland needs wl-paste. Install the "
+                                "wl-clipboard package.");
+    }
+    return {};
+}
+
+std::optional<QString> readPrimarySelection(std::chrono::milliseconds timeLimit)
+{
+    QProcess paste;
+    // "text" picks the best text type the selection offers.
+    paste.start(kReader, {QStringLiteral("--primary"), QStringLiteral("--no-newline"),
+                          QStringLiteral("--type"), QStringLiteral("text")});
+    if (!paste.waitForFinished(int(timeLimit.count()))) {
+        qCWarning(lcCapture) << "wl-paste did not answer within" << timeLimit.count() << "ms";
+        paste.kill();
+        paste.waitForFinished(1000);
+        return std::nullopt;
+    }
+    // Exit status 1 with "No selection" when nothing is highlighted.
+    if (paste.exitStatus() != QProcess::NormalExit || paste.exitCode() != 0)
+        return std::nullopt;
+    const QString text = QString::fromUtf8(paste.readAllStandardOutput());
+    if (text.isEmpty())
+        return std::nullopt;
+    return text;
+}
+
+} // namespace WaylandSelection

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QNetworkRequest>
+#include <QObject>
+#include <QPointer>
+
+#include <optional>
+
+class QNetworkAccessManager;
+class SpeechStream;
+
+// The requests of one narration, delivered as one byte stream. A text too long for a single request is
+// sent as consecutive pieces: the next piece is requested as soon as the current one has answered 200,
+// so that its first bytes are there when the current body ends, and what it sends meanwhile is held back
+// until then. At most two requests are under way at a time.
+class SpeechSequence : public QObject
+{
+    Q_OBJECT
+public:
+    struct Piece
+    {
+        QNetworkRequest request;
+        QByteArray body;
+    };
+
+    SpeechSequence(QNetworkAccessManager *network, QList<Piece> pieces, QObject *parent = nullptr);
+    ~SpeechSequence() override;
+
+    void start();
+    // Tears every request down; nothing is reported afterwards.
+    void cancel();
+
+Q_SIGNALS:
+    // The first piece's head, as SpeechStream reports it; after any status but 200 nothing follows.
+    void headReceived(int status);
+    // The first piece ended without an HTTP head.
+    void failedBeforeHead();
+    void dataReceived(const QByteArray &bytes);
+    // A later piece failed: with its status, or 0 when it ended without a head. The audio before it is
+    // complete, and bodyFinished() follows at once.
+    void laterPieceFailed(int status);
+    // The last body ended, or a body was cut off, or a later piece failed: what came is all there is.
+    void bodyFinished();
+
+private:
+    struct Request
+    {
+        QPointer<SpeechStream> stream;
+        qsizetype index = -1;
+        std::optional<int> status; // 0: ended without a head
+        bool finished = false;
+        bool cutOff = false;
+        QByteArray held; // the next piece's bytes while the current one still streams
+    };
+
+    void startPiece(Request &request, qsizetype index);
+    void onHead(SpeechStream *stream, int status);
+    void onFailedBeforeHead(SpeechStream *stream);
+    void onData(SpeechStream *stream, const QByteArray &bytes);
+    void onFinished(SpeechStream *stream);
+    void advance();
+    void requestNextIfDue();
+    void end();
+    static void drop(Request &request);
+
+    QNetworkAccessManager *m_network;
+    QList<Piece> m_pieces;
+    Request m_current;
+    Request m_next;
+};

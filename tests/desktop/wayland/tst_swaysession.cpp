@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Narrating on sway: a Wayland client's highlighted text (wl-copy --primary stands in for an editor)
+// reaches the speech server through `quillvox --narrate-selection`, which is what a sway user binds, and
+// the clipboard stays as it was.
+#include "DevServer.h"
+#include "X11Desktop.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+
+#include <QDir>
+#include <QJsonDocument>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QString kKey = QStringLiteral("sk-sway-2468");
+
+QString inputOf(const QJsonObject &record)
+{
+    return QJsonDocument::fromJson(record.value(QStringLiteral("body")).toString().toUtf8())
+        .object()
+        .value(QStringLiteral("input"))
+        .toString();
+}
+
+} // namespace
+
+class TestSwaySession : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_runtime{QDir::tempPath() + QStringLiteral("/qv-sway-XXXXXX")};
+    DevServer m_server;
+    ChildProcess m_sway;
+    ChildProcess m_app;
+    QProcessEnvironment m_wayland;
+
+    // A wl-clipboard command on the sway session; its exit code.
+    int wl(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
+    {
+        QProcess process;
+        process.setProcessEnvironment(m_wayland);
+        process.start(program, arguments);
+        if (!process.waitForFinished(10000))
+            return -1;
+        if (output)
+            *output = process.readAllStandardOutput();
+        return process.exitCode();
+    }
+
+    int narrateSelection()
+    {
+        QProcess client;
+        client.setProcessEnvironment(m_wayland);
+        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--narrate-selection")});
+        return client.waitForFinished(15000) ? client.exitCode() : -1;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        const QString user = qEnvironmentVariable("RIG_WAYLAND_USER");
+        if (user.isEmpty())
+            QSKIP("needs the rig's unprivileged user for sway (RIG_WAYLAND_USER)");
+        for (const char *program : {"sway", "wl-copy", "wl-paste"}) {
+            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
+                QSKIP("sway and wl-clipboard are not installed");
+        }
+        QVERIFY(m_runtime.isValid());
+        QFile config(m_runtime.filePath(QStringLiteral("sway.conf")));
+        QVERIFY(config.open(QIODevice::WriteOnly));
+        config.write("output HEADLESS-1 resolution 1280x800\n");
+        config.close();
+        QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, m_runtime.path()}), QByteArray());
+
+        // Not on our output: a compositor outliving the test would hold ctest's pipe open.
+        m_sway.process.setStandardOutputFile(m_runtime.filePath(QStringLiteral("sway.log")));
+        m_sway.process.setStandardErrorFile(m_runtime.filePath(QStringLiteral("sway.log")),
+                                            QIODevice::Append);
+        m_sway.process.start(QStringLiteral("runuser"),
+                             {"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin", "HOME=" + m_runtime.path(),
+                              "XDG_RUNTIME_DIR=" + m_runtime.path(), "WLR_BACKENDS=headless",
+                              "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1", "sway", "-c",
+                              config.fileName()});
+        QString socket;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            [&] {
+                const QStringList sockets =
+                    QDir(m_runtime.path()).entryList({QStringLiteral("wayland-?")}, QDir::System);
+                socket = sockets.isEmpty() ? QString() : m_runtime.filePath(sockets.first());
+                return !socket.isEmpty();
+            }(),
+            15000);
+
+        QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
+        QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
+        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
+        UserDefaults::standard().sync();
+
+        // The app is a native Wayland client of that session, with no X11 to fall back on.
+        m_wayland = QProcessEnvironment::systemEnvironment();
+        m_wayland.remove(QStringLiteral("DISPLAY"));
+        m_wayland.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
+        m_wayland.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+        m_wayland.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+        QProcessEnvironment appEnv = m_wayland;
+        appEnv.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        appEnv.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
+        m_app.process.setProcessEnvironment(appEnv);
+        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
+        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+        QVERIFY(m_app.process.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(narrateSelection() != 2, 20000); // 2: not running yet
+        QCOMPARE(wl(QStringLiteral("wl-copy"), {"The user's clipboard."}), 0);
+    }
+
+    // Highlighted text is narrated as it stands; nothing highlighted sends nothing. The clipboard never
+    // changes.
+    void narratesTheHighlight_data()
+    {
+        QTest::addColumn<QString>("highlighted");
+        QTest::newRow("highlighted") << QStringLiteral(
+            "Highlighted in a Wayland window, \u00e9t\u00e9 \u2014 ok.");
+        QTest::newRow("nothing highlighted") << QString();
+    }
+    void narratesTheHighlight()
+    {
+        QFETCH(QString, highlighted);
+        const qsizetype before = m_server.requests().size();
+        if (highlighted.isEmpty())
+            QCOMPARE(wl(QStringLiteral("wl-copy"), {"--primary", "--clear"}), 0);
+        else
+            QCOMPARE(wl(QStringLiteral("wl-copy"), {"--primary", highlighted}), 0);
+
+        QCOMPARE(narrateSelection(), 0);
+        if (highlighted.isEmpty()) {
+            QTest::qWait(2000);
+            QCOMPARE(m_server.requests().size(), before);
+        } else {
+            const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
+            QCOMPARE(log.size(), before + 1);
+            QCOMPARE(inputOf(log.last()), highlighted);
+        }
+        QByteArray clipboard;
+        QCOMPARE(wl(QStringLiteral("wl-paste"), {"--no-newline"}, &clipboard), 0);
+        QCOMPARE(clipboard, QByteArray("The user's clipboard."));
+    }
+
+    void cleanupTestCase()
+    {
+        m_app.process.terminate();
+        m_app.process.waitForFinished(5000);
+        // runuser hands SIGTERM on to sway and waits for it.
+        m_sway.process.terminate();
+        QVERIFY(m_sway.process.waitForFinished(10000));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSwaySession)
+#include "tst_swaysession.moc"

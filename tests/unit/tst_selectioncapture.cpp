@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Which way of reading the selection a session gets, and what a session where none works is told.
+#include "capture/SelectionCapture.h"
+#include "platform/wayland/WaylandSelection.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+using Support = WaylandSelection::Support;
+Q_DECLARE_METATYPE(Support)
+
+class TestSelectionCapture : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void waylandSupport_data()
+    {
+        QTest::addColumn<bool>("wayland");
+        QTest::addColumn<bool>("connected");
+        QTest::addColumn<int>("wlrVersion");
+        QTest::addColumn<bool>("ext");
+        QTest::addColumn<bool>("reader");
+        QTest::addColumn<Support>("expected");
+        QTest::newRow("x11 session") << false << true << 2 << false << true << Support::NotWayland;
+        QTest::newRow("no compositor")
+            << true << false << 0 << false << true << Support::CompositorUnreachable;
+        QTest::newRow("gnome") << true << true << 0 << false << true << Support::NoDataControl;
+        QTest::newRow("kwin, clipboard only") << true << true << 1 << false << true << Support::ClipboardOnly;
+        QTest::newRow("sway") << true << true << 2 << false << true << Support::Available;
+        QTest::newRow("ext data-control") << true << true << 0 << true << true << Support::Available;
+        QTest::newRow("sway without wl-paste") << true << true << 2 << false << false << Support::NoReader;
+    }
+    void waylandSupport()
+    {
+        QFETCH(bool, wayland);
+        QFETCH(bool, connected);
+        QFETCH(int, wlrVersion);
+        QFETCH(bool, ext);
+        QFETCH(bool, reader);
+        QFETCH(Support, expected);
+        const WaylandSelection::CompositorFacts facts{connected, quint32(wlrVersion), ext};
+        QCOMPARE(WaylandSelection::decide(wayland, facts, reader), expected);
+        QCOMPARE(WaylandSelection::explanation(expected).isEmpty(), expected == Support::Available);
+    }
+
+    // The first backend that works reads; with none, the first one's reason is the explanation.
+    void firstUsableBackend_data()
+    {
+        QTest::addColumn<QStringList>("reasons");
+        QTest::addColumn<QString>("captured");
+        QTest::addColumn<QString>("explanation");
+        QTest::newRow("first works") << QStringList{"", ""} << "backend 0"
+                                     << "";
+        QTest::newRow("second works") << QStringList{"no data-control", ""} << "backend 1"
+                                      << "";
+        QTest::newRow("none works") << QStringList{"no data-control", "no X11"} << ""
+                                    << "no data-control";
+    }
+    void firstUsableBackend()
+    {
+        QFETCH(QStringList, reasons);
+        QFETCH(QString, captured);
+        QFETCH(QString, explanation);
+        QList<CaptureBackend> backends;
+        for (int i = 0; i < reasons.size(); ++i) {
+            backends.append(
+                {[reason = reasons[i]] { return reason; },
+                 [i]() -> std::optional<QString> { return QStringLiteral("backend %1").arg(i); }});
+        }
+        SelectionCapture capture(backends);
+        QSignalSpy explained(&capture, &SelectionCapture::permissionExplanationRequested);
+        QCOMPARE(capture.isProcessTrusted(true), explanation.isEmpty());
+        QCOMPARE(capture.captureSelectedText().value_or(QString()), captured);
+        QCOMPARE(capture.untrustedReason(), explanation);
+        QCOMPARE(explained.size(), explanation.isEmpty() ? 0 : 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSelectionCapture)
+#include "tst_selectioncapture.moc"
