@@ -126,6 +126,10 @@ void FloatingWindowController::showWidget()
     if (!screen)
         return;
     const QRect area = screen->availableGeometry();
+    // A native Wayland window cannot place itself, and Qt 6.4 on Debian 12 has no layer-shell. Measured on
+    // sway 1.7 (headless): the panel floats above tiled windows, centred on the output rather than at the
+    // top, and the focused window keeps the keyboard. That is good enough, so Quillvox stays one native
+    // Wayland client instead of moving every window to XWayland for this one position.
     m_window->setPosition(area.x() + (area.width() - kPanelWidth) / 2, area.y() + kTopGap);
     applyShape();
     const bool wasVisible = m_window->isVisible();

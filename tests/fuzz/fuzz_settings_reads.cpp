@@ -43,11 +43,17 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    // A "@Variant(" value is a QDataStream image that Qt deserialises itself, reserving whatever element
-    // count it claims (gigabytes of untouched memory natively, a time-out under ASan). The store never
-    // writes one; that decoder is Qt's, fuzzed there, so such files are left out here.
-    if (QByteArrayView(data, qsizetype(size)).contains("@Variant("))
+    // "@Variant(" and "@DateTime(" values are QDataStream images of a QVariant that Qt deserialises
+    // itself, as whatever type they name, reserving whatever element count they claim (gigabytes of
+    // untouched memory natively, a time-out under ASan). That decoder is Qt's and fuzzed there; the store
+    // writes only dates, so only images that name QDateTime are let through.
+    const QByteArrayView input(data, qsizetype(size));
+    if (input.contains("@Variant("))
         return -1;
+    for (qsizetype at = input.indexOf("@DateTime("); at >= 0; at = input.indexOf("@DateTime(", at + 1)) {
+        if (!input.sliced(at).startsWith("@DateTime(\\0\\0\\0\\x10\\"))
+            return -1;
+    }
     const QString path = folder().filePath(QStringLiteral("Quillvox.conf"));
     {
         QFile file(path);

@@ -24,6 +24,7 @@
 #include <QFile>
 #include <QQuickView>
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -256,6 +257,19 @@ private Q_SLOTS:
         const UsagePeriod period = allUsagePeriods().at(index);
         QCOMPARE(usagePeriodLabel(period), label);
         QCOMPARE(UsageSettingsModel::serverPeriod(period), server);
+
+        // Picking the period shows its counts (the week is picked at first).
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
+        defaults.setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
+        UsageManager usage(defaults);
+        usage.recordNarration(5);
+        UsageSettingsModel model(usage, nullptr, nullptr);
+        QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
+        model.setPeriodIndex(index);
+        QCOMPARE(shown.size(), index == 0 ? 0 : 1);
+        QCOMPARE(model.characters(), usage.stats(period).characters);
+        QCOMPARE(model.narrations(), usage.stats(period).narrations);
     }
 
     // About's switches land where the update checker and the desktop session read them.

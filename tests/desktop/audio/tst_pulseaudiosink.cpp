@@ -130,9 +130,10 @@ private Q_SLOTS:
                  qPrintable(events.failures.first()));
         QVERIFY(!engine.isRunning());
         QVERIFY(!engine.isPlaying());
-        QVERIFY(!engine.sampleTime());
+        QVERIFY(engine.sampleTime() > kRate / 4); // where a narration goes on from
         engine.pause();
         engine.stop();
+        QVERIFY(!engine.sampleTime());
 
         // No server: start() gives up at once and says why.
         QString error;
