@@ -34,7 +34,7 @@ private Q_SLOTS:
         QFETCH(bool, accepted);
         QCOMPARE(DeploymentConfig::carriesTokensSafely(QUrl(origin)), accepted);
 
-        for (const QString name :
+        for (const QString &name :
              {QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), QStringLiteral("QUILLVOX_AUTH_ORIGIN")}) {
             QProcessEnvironment env;
             env.insert(name, origin);
