@@ -3,7 +3,9 @@
 
 #include <soxr.h>
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
 #include <numbers>
 #include <stdexcept>
 
@@ -19,10 +21,28 @@ std::vector<std::int16_t> resample(const std::vector<std::int16_t> &in, int from
     // Dither is random: the same text would give different samples on every request.
     io.flags |= SOXR_NO_DITHER;
     const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
-    std::size_t produced = 0;
-    if (const soxr_error_t error = soxr_oneshot(fromHz, toHz, 1, in.data(), in.size(), nullptr, out.data(),
-                                                out.size(), &produced, &io, &quality, nullptr)) {
+    soxr_error_t error = nullptr;
+    const std::unique_ptr<soxr, decltype(&soxr_delete)> resampler(
+        soxr_create(fromHz, toHz, 1, &error, &io, &quality, nullptr), &soxr_delete);
+    if (error)
         throw std::runtime_error(std::string("soxr: ") + error);
+    // In blocks: given all at once, soxr grows its queue by small reallocations, which copy the whole
+    // queue each time under a sanitizer's allocator and take minutes for a long text.
+    constexpr std::size_t block = 16384;
+    std::size_t produced = 0;
+    for (std::size_t at = 0; produced < out.size();) {
+        // An empty input tells soxr the text has ended; it then hands out what it still holds.
+        const std::size_t length = std::min(block, in.size() - at);
+        std::size_t used = 0;
+        std::size_t made = 0;
+        error = soxr_process(resampler.get(), length ? in.data() + at : nullptr, length, &used,
+                             out.data() + produced, out.size() - produced, &made);
+        if (error)
+            throw std::runtime_error(std::string("soxr: ") + error);
+        at += used;
+        produced += made;
+        if (length == 0 && made == 0)
+            break;
     }
     out.resize(produced);
     return out;
