@@ -18,6 +18,7 @@ PACKAGES=(
     qt6-svg-dev at-spi2-core python3-pyatspi xcompmgr imagemagick playerctl
     help2man lintian appstream dpkg-dev
     libwayland-dev qt6-wayland wl-clipboard sway
+    gjs gnome-settings-daemon-common gnome-shell
 )
 
 missing=()

@@ -11,7 +11,7 @@ BUILD_DIR=${BUILD_DIR:-build-deb}
 scripts/install-deps.sh
 cmake -S . -B "$BUILD_DIR" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
     -DQUILLVOX_PACKAGING=ON
-cmake --build "$BUILD_DIR" -j "${JOBS:-2}" --target quillvox quillvox_package_docs
+cmake --build "$BUILD_DIR" -j "${JOBS:-2}" --target quillvox quillvox_package_docs quillvox_gnome_extension
 rm -f "$BUILD_DIR"/quillvox_*.deb
 (cd "$BUILD_DIR" && cpack -G DEB)
 debs=("$BUILD_DIR"/quillvox_*_amd64.deb)
@@ -23,6 +23,9 @@ trap 'rm -rf "$contents"' EXIT
 dpkg-deb -x "$deb" "$contents"
 desktop-file-validate "$contents/usr/share/applications/com.vantor.Quillvox.desktop"
 appstreamcli validate --no-net "$contents/usr/share/metainfo/com.vantor.Quillvox.metainfo.xml"
+# GNOME Shell finds system extensions by folder name, which must be the uuid its metadata names.
+extension="$contents/usr/share/gnome-shell/extensions/quillvox@vantor.com"
+grep -q '"uuid": "quillvox@vantor.com"' "$extension/metadata.json"
 lintian --fail-on error "$deb"
 echo "package.sh: $deb"
 dpkg-deb -f "$deb" Depends

@@ -16,7 +16,6 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
-#include "platform/x11/X11Session.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
@@ -37,11 +36,6 @@
 namespace {
 
 AppDelegate *s_shared = nullptr;
-
-bool hasX11Session()
-{
-    return X11Session::connection() && !X11Session::isWaylandSession();
-}
 
 void explainWayland()
 {
@@ -214,10 +208,9 @@ void AppDelegate::ensureShortcuts()
     if (std::exchange(m_shortcutsMade, true))
         return;
     SelectionCapture::shared();
-    if (hasX11Session()) {
-        HotkeyManager &hotkeys = createSharedHotkeyManager();
+    if (HotkeyManager *hotkeys = createSharedHotkeyManager()) {
         if (m_remote)
-            m_remote->setHotkeys(&hotkeys);
+            m_remote->setHotkeys(hotkeys);
     } else {
         explainWayland();
     }

@@ -3,14 +3,15 @@
 
 #include "capture/TextCaptureManager.h"
 #include "core/Logging.h"
+#include "platform/gnome/GnomeShellExtension.h"
 #include "platform/wayland/WaylandSelection.h"
 
 #include <QGuiApplication>
 
 namespace {
 
-// wl-paste answers within milliseconds; a client that keeps the selection but never sends it must not
-// hold the shortcut up for long.
+// wl-paste and our GNOME Shell extension answer within milliseconds; a client that keeps the selection but
+// never sends it must not hold the shortcut up for long.
 constexpr std::chrono::milliseconds kPasteTimeLimit{1000};
 
 CaptureBackend syntheticCopy()
@@ -19,16 +20,33 @@ CaptureBackend syntheticCopy()
             [] { return TextCaptureManager::shared().captureSelectedText(); }};
 }
 
+std::optional<QString> ownFocusedSelection()
+{
+    // Our own window in front (the onboarding's sample text): its editor answers directly.
+    if (!QGuiApplication::focusWindow())
+        return std::nullopt;
+    std::optional<QString> own = TextCaptureManager::focusedEditorSelection();
+    if (own && own->isEmpty())
+        return std::nullopt;
+    return own;
+}
+
+CaptureBackend gnomeShellSelection()
+{
+    return {[] { return GnomeShellExtension::explanation(GnomeShellExtension::support()); },
+            []() -> std::optional<QString> {
+                if (std::optional<QString> own = ownFocusedSelection())
+                    return own;
+                return GnomeShellExtension::readSelection(kPasteTimeLimit);
+            }};
+}
+
 CaptureBackend waylandPrimarySelection()
 {
     return {[] { return WaylandSelection::explanation(WaylandSelection::support()); },
             []() -> std::optional<QString> {
-                // Our own window in front (the onboarding's sample text): its editor answers directly.
-                if (QGuiApplication::focusWindow()) {
-                    const std::optional<QString> own = TextCaptureManager::focusedEditorSelection();
-                    if (own && !own->isEmpty())
-                        return own;
-                }
+                if (std::optional<QString> own = ownFocusedSelection())
+                    return own;
                 return WaylandSelection::readPrimarySelection(kPasteTimeLimit);
             }};
 }
@@ -45,8 +63,11 @@ SelectionCapture &SelectionCapture::shared()
     static SelectionCapture *instance = [] {
         // In a Wayland session synthetic X11 keys reach X11 clients only, so the compositor's own
         // selection comes first; its reason is the one that explains a session where nothing works.
+        // On GNOME our Shell extension is the way, and what the user is told about when it is off.
         QList<CaptureBackend> backends;
-        if (WaylandSelection::support() != WaylandSelection::Support::NotWayland)
+        if (GnomeShellExtension::isGnomeWayland())
+            backends = {gnomeShellSelection(), waylandPrimarySelection(), syntheticCopy()};
+        else if (WaylandSelection::support() != WaylandSelection::Support::NotWayland)
             backends = {waylandPrimarySelection(), syntheticCopy()};
         else
             backends = {syntheticCopy()};

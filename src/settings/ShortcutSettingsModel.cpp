@@ -2,7 +2,9 @@
 #include "settings/ShortcutSettingsModel.h"
 
 #include "shortcuts/HotkeyManager.h"
+#include "shortcuts/KeyTable.h"
 
+#include <QDBusServiceWatcher>
 #include <QMetaMethod>
 
 namespace {
@@ -59,6 +61,15 @@ ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, QString cap
     , m_hotkeys(hotkeys)
     , m_captureProblem(std::move(captureProblem))
 {
+    if (GnomeShellExtension::isGnomeWayland()) {
+        m_gnome = GnomeShellExtension::support();
+        // Switched on (here or in the Extensions app) or off while the window is open.
+        auto *watcher = new QDBusServiceWatcher(QString::fromLatin1(GnomeShellExtension::kService),
+                                                QDBusConnection::sessionBus(),
+                                                QDBusServiceWatcher::WatchForOwnerChange, this);
+        connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
+                [this] { setGnomeSupport(GnomeShellExtension::support()); });
+    }
     if (!hotkeys)
         return;
     // Every binding and registration signal means the rows changed.
@@ -124,6 +135,11 @@ QString ShortcutSettingsModel::problem(int row) const
     const auto binding = Binding(row);
     if (!m_hotkeys || !isRow(row) || m_hotkeys->isRegistered(binding))
         return {};
+    if (m_hotkeys->bindsByAction()) {
+        return m_hotkeys->registrationProblem(binding).isEmpty()
+                   ? QStringLiteral("Waiting for the desktop to assign a key")
+                   : QStringLiteral("The desktop assigned no key; choose one in its shortcut settings");
+    }
     if (!m_hotkeys->registrationProblem(binding).isEmpty())
         return QStringLiteral("Used by another application");
     for (int earlier = 0; earlier < row; ++earlier) {
@@ -147,6 +163,7 @@ QVariantList ShortcutSettingsModel::rows() const
             {QStringLiteral("title"), rowTitle(row)},
             {QStringLiteral("label"), HotkeyManager::shortcutLabel(key, modifiers)},
             {QStringLiteral("problem"), problem(row)},
+            {QStringLiteral("assigned"), m_hotkeys->assignedTrigger(binding)},
             {QStringLiteral("isDefault"), key == HotkeyManager::defaultKeyFor(binding) &&
                                               modifiers == HotkeyManager::defaultModifiersFor(binding)},
         });
@@ -178,6 +195,85 @@ void ShortcutSettingsModel::record(int row, quint32 key, quint64 modifiers)
         m_hotkeys->updateCycleSpeedHotKey(key, modifiers);
         break;
     }
+}
+
+void ShortcutSettingsModel::setGnomeSupport(GnomeShellExtension::Support support)
+{
+    if (support == m_gnome)
+        return;
+    m_gnome = support;
+    m_gnomeActionResult.clear();
+    Q_EMIT gnomeChanged();
+}
+
+QString ShortcutSettingsModel::gnomeExtensionHelp() const
+{
+    return m_gnome == GnomeShellExtension::Support::NotGnome ? QString()
+                                                             : GnomeShellExtension::explanation(m_gnome);
+}
+
+bool ShortcutSettingsModel::canEnableGnomeExtension() const
+{
+    return m_gnome == GnomeShellExtension::Support::NotEnabled;
+}
+
+bool ShortcutSettingsModel::canAddGnomeKeybindings() const
+{
+    // Only where the extension cannot run: GNOME's own shortcuts would hold the combinations it asks for.
+    return m_gnome == GnomeShellExtension::Support::NotInstalled ||
+           m_gnome == GnomeShellExtension::Support::Failed;
+}
+
+QString ShortcutSettingsModel::gtkAccelerator(quint32 key, quint64 modifiers)
+{
+    const std::optional<QString> keysym = KeyTable::keysymName(key);
+    if (!keysym)
+        return {};
+    // Command is Ctrl, Option is Alt and Control is Super on Linux.
+    QString accelerator;
+    if (modifiers & 0x100000)
+        accelerator += QStringLiteral("<Control>");
+    if (modifiers & 0x80000)
+        accelerator += QStringLiteral("<Alt>");
+    if (modifiers & 0x20000)
+        accelerator += QStringLiteral("<Shift>");
+    if (modifiers & 0x40000)
+        accelerator += QStringLiteral("<Super>");
+    return accelerator + *keysym;
+}
+
+QList<GnomeKeybindings::Entry> ShortcutSettingsModel::gnomeKeybindings() const
+{
+    static const char *const ids[HotkeyManager::kBindingCount] = {
+        "narrate-selection", "toggle", "stop", "skip-back", "skip-forward", "cycle-speed"};
+    QList<GnomeKeybindings::Entry> entries;
+    for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
+        const auto binding = Binding(row);
+        const quint32 key = m_hotkeys ? keyOf(*m_hotkeys, binding) : HotkeyManager::defaultKeyFor(binding);
+        const quint64 modifiers =
+            m_hotkeys ? modifiersOf(*m_hotkeys, binding) : HotkeyManager::defaultModifiersFor(binding);
+        const QString id = QLatin1String(ids[row]);
+        entries.append({id, QStringLiteral("Quillvox: ") + rowTitle(row), QStringLiteral("quillvox --") + id,
+                        gtkAccelerator(key, modifiers)});
+    }
+    return entries;
+}
+
+void ShortcutSettingsModel::enableGnomeExtension()
+{
+    m_gnomeActionResult =
+        GnomeShellExtension::enable()
+            ? QString()
+            : QStringLiteral("Neither gnome-extensions nor the Extensions app could be started.");
+    Q_EMIT gnomeChanged();
+}
+
+void ShortcutSettingsModel::addGnomeKeybindings()
+{
+    m_gnomeActionResult = GnomeKeybindings::write(gnomeKeybindings())
+                              ? QStringLiteral("Added to GNOME keyboard shortcuts.")
+                              : QStringLiteral("GNOME's keyboard shortcut settings are not installed.");
+    Q_EMIT gnomeChanged();
 }
 
 void ShortcutSettingsModel::reset(int row)

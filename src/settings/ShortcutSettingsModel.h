@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "platform/gnome/GnomeKeybindings.h"
+#include "platform/gnome/GnomeShellExtension.h"
+
 #include <QObject>
 #include <QVariantList>
 #include <QtQml/qqmlregistration.h>
@@ -15,13 +18,21 @@ class ShortcutSettingsModel : public QObject
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("The settings window provides its view models")
-    // {title, label, problem, isDefault} in table order; none without global shortcuts.
+    // {title, label, problem, assigned, isDefault} in table order; none without global shortcuts. Where
+    // the desktop decides the keys, `label` is the combination we asked for and `assigned` the key it gave.
     Q_PROPERTY(QVariantList rows READ rows NOTIFY rowsChanged)
     // What selection capture lacks in this session; empty when it works.
     Q_PROPERTY(QString captureProblem READ captureProblem CONSTANT)
     // Without global shortcuts: what to bind in the desktop's own settings, and the text introducing it.
     Q_PROPERTY(QString desktopBindingsIntro READ desktopBindingsIntro CONSTANT)
     Q_PROPERTY(QString desktopBindings READ desktopBindings CONSTANT)
+    // GNOME on Wayland without our Shell extension running: what the user can do about it (empty
+    // elsewhere), whether switching it on is the way, or, where that cannot work, GNOME's own custom
+    // shortcuts; and what the last of those two actions achieved.
+    Q_PROPERTY(QString gnomeExtensionHelp READ gnomeExtensionHelp NOTIFY gnomeChanged)
+    Q_PROPERTY(bool canEnableGnomeExtension READ canEnableGnomeExtension NOTIFY gnomeChanged)
+    Q_PROPERTY(bool canAddGnomeKeybindings READ canAddGnomeKeybindings NOTIFY gnomeChanged)
+    Q_PROPERTY(QString gnomeActionResult READ gnomeActionResult NOTIFY gnomeChanged)
 
 public:
     // `hotkeys` none: this session has no global shortcuts.
@@ -44,10 +55,28 @@ public:
     Q_INVOKABLE void record(int row, quint32 key, quint64 modifiers);
     Q_INVOKABLE void reset(int row);
 
+    QString gnomeExtensionHelp() const;
+    bool canEnableGnomeExtension() const;
+    bool canAddGnomeKeybindings() const;
+    QString gnomeActionResult() const { return m_gnomeActionResult; }
+    // Where the session stands with the extension; asked at construction in a GNOME session.
+    void setGnomeSupport(GnomeShellExtension::Support support);
+    // The six rows as GNOME custom shortcuts running our commands, with the current combinations (the
+    // defaults without global shortcuts).
+    QList<GnomeKeybindings::Entry> gnomeKeybindings() const;
+    // "<Control><Alt>s"; empty for a key GNOME cannot name.
+    static QString gtkAccelerator(quint32 key, quint64 modifiers);
+
+    Q_INVOKABLE void enableGnomeExtension();
+    Q_INVOKABLE void addGnomeKeybindings();
+
 Q_SIGNALS:
     void rowsChanged();
+    void gnomeChanged();
 
 private:
     HotkeyManager *m_hotkeys;
     QString m_captureProblem;
+    GnomeShellExtension::Support m_gnome = GnomeShellExtension::Support::NotGnome;
+    QString m_gnomeActionResult;
 };

@@ -35,6 +35,35 @@ HotkeyManager::HotkeyManager(UserDefaults &defaults, std::unique_ptr<GlobalHotKe
     , m_controls(controls)
     , m_center(std::make_unique<HotKeyCenter>(std::move(backend)))
 {
+    loadAll();
+}
+
+HotkeyManager::HotkeyManager(UserDefaults &defaults, std::unique_ptr<ActionShortcuts> actions,
+                             SelectionSource &selection, NarrationControls &controls, QObject *parent)
+    : QObject(parent)
+    , m_defaults(defaults)
+    , m_selection(selection)
+    , m_controls(controls)
+    , m_actions(std::move(actions))
+{
+    m_actions->setAssignmentsHandler(
+        [this](const ActionShortcuts::Assignments &assignments) { setAssignments(assignments); });
+    m_actions->setActivationHandler([this](const QString &id) {
+        for (int b = 0; b < kBindingCount; ++b) {
+            if (actionId(Binding(b)) == id)
+                return runAction(Binding(b));
+        }
+        qCWarning(lcShortcuts) << "the desktop pressed an unknown shortcut" << id;
+    });
+    // One request for all six, not one per row as they load.
+    m_loading = true;
+    loadAll();
+    m_loading = false;
+    bindActions();
+}
+
+void HotkeyManager::loadAll()
+{
     m_rows[Narration].keyCodeKey = keyCodeKey;
     m_rows[Narration].modifiersKey = modifiersKey;
     m_rows[PlayPause].keyCodeKey = playPauseKeyCodeKey;
@@ -162,6 +191,11 @@ void HotkeyManager::update(Binding binding, quint32 key, quint64 modifiers)
     m_defaults.setUnsigned32(QString::fromLatin1(row.keyCodeKey), key);
     m_defaults.setUnsigned64(QString::fromLatin1(row.modifiersKey), modifiers);
 
+    if (m_actions) {
+        if (!m_loading)
+            bindActions();
+        return;
+    }
     // The new registration exists before the old one goes, so that re-binding a combination to itself
     // never lets go of the grab in between.
     std::unique_ptr<HotKeyRegistration> previous =
@@ -174,8 +208,67 @@ void HotkeyManager::update(Binding binding, quint32 key, quint64 modifiers)
     refreshRegistrationStatus();
 }
 
+void HotkeyManager::bindActions()
+{
+    static const char *const descriptions[kBindingCount] = {
+        "Read the selected text aloud", "Play or pause the narration", "Stop the narration",
+        "Skip back 5 seconds",          "Skip forward 5 seconds",      "Change the narration speed"};
+    QList<ActionShortcuts::Shortcut> shortcuts;
+    for (int b = 0; b < kBindingCount; ++b) {
+        shortcuts.append({actionId(Binding(b)), QString::fromLatin1(descriptions[b]),
+                          xdgTrigger(m_rows[b].key, m_rows[b].modifiers)});
+    }
+    m_actions->bind(shortcuts);
+}
+
+void HotkeyManager::setAssignments(const ActionShortcuts::Assignments &assignments)
+{
+    m_assignmentsKnown = true;
+    if (assignments == m_assignments)
+        return;
+    m_assignments = assignments;
+    Q_EMIT assignedTriggersChanged();
+    refreshRegistrationStatus();
+}
+
+QString HotkeyManager::assignedTrigger(Binding binding) const
+{
+    return m_assignments.value(actionId(binding));
+}
+
+QString HotkeyManager::actionId(Binding binding)
+{
+    static const char *const ids[kBindingCount] = {"narrate-selection", "toggle",       "stop",
+                                                   "skip-back",         "skip-forward", "cycle-speed"};
+    return QString::fromLatin1(ids[binding]);
+}
+
+QString HotkeyManager::xdgTrigger(quint32 key, quint64 modifiers)
+{
+    QStringList parts;
+    if (modifiers & KeyTable::Command)
+        parts.append(QStringLiteral("CTRL"));
+    if (modifiers & KeyTable::Option)
+        parts.append(QStringLiteral("ALT"));
+    if (modifiers & KeyTable::Shift)
+        parts.append(QStringLiteral("SHIFT"));
+    if (modifiers & KeyTable::Control)
+        parts.append(QStringLiteral("LOGO"));
+    const std::optional<QString> name = KeyTable::keysymName(key);
+    if (!name)
+        return {};
+    parts.append(*name);
+    return parts.join(u'+');
+}
+
 QString HotkeyManager::registrationProblem(Binding binding) const
 {
+    if (m_actions) {
+        if (!m_assignmentsKnown || m_assignments.contains(actionId(binding)))
+            return {};
+        return QStringLiteral("The desktop has not assigned %1 to this action")
+            .arg(shortcutLabel(m_rows[binding].key, m_rows[binding].modifiers));
+    }
     const Row &row = m_rows[binding];
     if (!row.registration || !row.registration->isRefusedBySystem())
         return {};
@@ -244,7 +337,8 @@ void HotkeyManager::refreshRegistrationStatus()
     // looked at again.
     for (int b = 0; b < kBindingCount; ++b) {
         Row &row = m_rows[b];
-        const bool registered = row.registration && row.registration->isRegistered();
+        const bool registered = m_actions ? m_assignments.contains(actionId(Binding(b)))
+                                          : row.registration && row.registration->isRegistered();
         if (row.registered == registered)
             continue;
         row.registered = registered;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "platform/ActionShortcuts.h"
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -76,6 +78,10 @@ public:
     // Loads every binding, writes all twelve entries back and registers the six shortcuts.
     HotkeyManager(UserDefaults &defaults, std::unique_ptr<GlobalHotKeyBackend> backend,
                   SelectionSource &selection, NarrationControls &controls, QObject *parent = nullptr);
+    // The same where the desktop binds keys by action: the bindings become the preferred triggers of the
+    // six actions, and a row counts as registered once the desktop has assigned it a key.
+    HotkeyManager(UserDefaults &defaults, std::unique_ptr<ActionShortcuts> actions,
+                  SelectionSource &selection, NarrationControls &controls, QObject *parent = nullptr);
     ~HotkeyManager() override;
 
     // The process-wide instance, installed by the application at start.
@@ -119,6 +125,17 @@ public:
     // another application"); empty otherwise.
     Q_INVOKABLE QString registrationProblem(HotkeyManager::Binding binding) const;
 
+    // Whether the desktop decides the keys (the bindings are then only wishes).
+    Q_INVOKABLE bool bindsByAction() const { return m_actions != nullptr; }
+    // The key the desktop assigned to the row, in its own words ("Ctrl+Alt+S"); empty where it assigned
+    // none or where we grab keys ourselves.
+    Q_INVOKABLE QString assignedTrigger(HotkeyManager::Binding binding) const;
+    // The action's id towards the desktop: "narrate-selection", "toggle", "stop", "skip-back",
+    // "skip-forward", "cycle-speed" (also the command-line options' names).
+    static QString actionId(Binding binding);
+    // A binding as the desktop portal and the XDG shortcut strings write it: "CTRL+ALT+s".
+    static QString xdgTrigger(quint32 key, quint64 modifiers);
+
     QString displayString() const;
     QStringList displayParts() const;
     QString displayLabel() const;
@@ -147,6 +164,7 @@ Q_SIGNALS:
     void skipBackRegisteredChanged();
     void skipForwardRegisteredChanged();
     void cycleSpeedRegisteredChanged();
+    void assignedTriggersChanged();
 
 private:
     struct Row
@@ -159,6 +177,9 @@ private:
         bool registered = false;
     };
 
+    void loadAll();
+    void bindActions();
+    void setAssignments(const ActionShortcuts::Assignments &assignments);
     void loadNarrationBinding();
     void loadPlaybackBinding(Binding binding);
     void update(Binding binding, quint32 key, quint64 modifiers);
@@ -173,5 +194,9 @@ private:
     SelectionSource &m_selection;
     NarrationControls &m_controls;
     std::unique_ptr<HotKeyCenter> m_center;
+    std::unique_ptr<ActionShortcuts> m_actions;
+    ActionShortcuts::Assignments m_assignments;
+    bool m_assignmentsKnown = false;
+    bool m_loading = false;
     std::array<Row, kBindingCount> m_rows;
 };

@@ -3,6 +3,8 @@
 
 #include "platform/GlobalHotKeyBackend.h"
 
+#include <QHash>
+
 #include <linux/input-event-codes.h>
 
 #include <array>
@@ -182,6 +184,52 @@ std::optional<QString> KeyTable::linuxLabel(quint32 virtualKeyCode)
     if (!k)
         return std::nullopt;
     return QString::fromUtf16(k->linuxLabel);
+}
+
+std::optional<QString> KeyTable::keysymName(quint32 virtualKeyCode)
+{
+    const std::optional<QString> label = linuxLabel(virtualKeyCode);
+    if (!label || isModifierKey(virtualKeyCode))
+        return std::nullopt;
+    // Letters, digits and F keys are their own keysyms (letters in lower case); the rest by label.
+    static const QHash<QString, QString> names{
+        {QStringLiteral("'"), QStringLiteral("apostrophe")},
+        {QStringLiteral(";"), QStringLiteral("semicolon")},
+        {QStringLiteral("\\"), QStringLiteral("backslash")},
+        {QStringLiteral(","), QStringLiteral("comma")},
+        {QStringLiteral("/"), QStringLiteral("slash")},
+        {QStringLiteral("."), QStringLiteral("period")},
+        {QStringLiteral("`"), QStringLiteral("grave")},
+        {QStringLiteral("="), QStringLiteral("equal")},
+        {QStringLiteral("-"), QStringLiteral("minus")},
+        {QStringLiteral("["), QStringLiteral("bracketleft")},
+        {QStringLiteral("]"), QStringLiteral("bracketright")},
+        {QStringLiteral("<"), QStringLiteral("less")},
+        {QStringLiteral("Enter"), QStringLiteral("Return")},
+        {QStringLiteral("Space"), QStringLiteral("space")},
+        {QStringLiteral("Backspace"), QStringLiteral("BackSpace")},
+        {QStringLiteral("Esc"), QStringLiteral("Escape")},
+        {QStringLiteral("Page Up"), QStringLiteral("Prior")},
+        {QStringLiteral("Page Down"), QStringLiteral("Next")},
+        {QStringLiteral("Num ."), QStringLiteral("KP_Decimal")},
+        {QStringLiteral("Num *"), QStringLiteral("KP_Multiply")},
+        {QStringLiteral("Num +"), QStringLiteral("KP_Add")},
+        {QStringLiteral("Num /"), QStringLiteral("KP_Divide")},
+        {QStringLiteral("Num -"), QStringLiteral("KP_Subtract")},
+        {QStringLiteral("Num ="), QStringLiteral("KP_Equal")},
+        {QStringLiteral("Num Enter"), QStringLiteral("KP_Enter")},
+        {QStringLiteral("Num Lock"), QStringLiteral("Num_Lock")},
+        {QStringLiteral("Volume Up"), QStringLiteral("XF86AudioRaiseVolume")},
+        {QStringLiteral("Volume Down"), QStringLiteral("XF86AudioLowerVolume")},
+        {QStringLiteral("Mute"), QStringLiteral("XF86AudioMute")},
+    };
+    if (const auto it = names.constFind(*label); it != names.constEnd())
+        return *it;
+    if (label->startsWith(QStringLiteral("Num ")))
+        return QStringLiteral("KP_") + label->mid(4);
+    if (label->size() == 1)
+        return label->toLower();
+    return label; // F1-F20, Tab, Insert, Home, End, Delete and the arrows
 }
 
 std::optional<quint32> KeyTable::evdevCode(quint32 virtualKeyCode)

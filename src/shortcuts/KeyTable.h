@@ -47,6 +47,10 @@ public:
     // The key's label on a PC keyboard, for our own windows ("S", "Space", "Backspace", "F1", "Num 5").
     static std::optional<QString> linuxLabel(quint32 virtualKeyCode);
 
+    // The key's X keysym name on a US layout, as shortcut strings of X, sway and the desktop portal write
+    // it ("s", "space", "Return", "F1", "KP_5"). Nothing for modifier keys and codes that name no key.
+    static std::optional<QString> keysymName(quint32 virtualKeyCode);
+
     // The evdev code of the key at the same position; nothing for keys that PC keyboards lack (Function).
     static std::optional<quint32> evdevCode(quint32 virtualKeyCode);
     static std::optional<quint32> xKeyCode(quint32 virtualKeyCode);

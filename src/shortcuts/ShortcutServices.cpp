@@ -3,7 +3,8 @@
 
 #include "capture/SelectionCapture.h"
 #include "core/UserDefaults.h"
-#include "platform/null/input/NullGlobalHotKeys.h"
+#include "platform/dbus/PortalGlobalShortcuts.h"
+#include "platform/gnome/GnomeShellShortcuts.h"
 #include "platform/x11/X11GlobalHotKeys.h"
 #include "platform/x11/X11Session.h"
 #include "shortcuts/HotkeyManager.h"
@@ -12,18 +13,22 @@
 
 #include <QGuiApplication>
 
-HotkeyManager &createSharedHotkeyManager()
+HotkeyManager *createSharedHotkeyManager()
 {
-    std::unique_ptr<GlobalHotKeyBackend> backend;
-    if (X11Session::connection())
-        backend = std::make_unique<X11GlobalHotKeys>();
-    else
-        // No global shortcuts without X11: every binding reports itself as not registered.
-        backend = std::make_unique<NullGlobalHotKeys>(false);
-
     static SpeechManagerControls controls(SpeechManager::shared());
-    auto *manager = new HotkeyManager(UserDefaults::standard(), std::move(backend),
-                                      SelectionCapture::shared(), controls, qGuiApp);
-    HotkeyManager::installShared(manager);
-    return *manager;
+    HotkeyManager *manager = nullptr;
+    if (X11Session::connection() && !X11Session::isWaylandSession()) {
+        manager = new HotkeyManager(UserDefaults::standard(), std::make_unique<X11GlobalHotKeys>(),
+                                    SelectionCapture::shared(), controls, qGuiApp);
+    } else if (PortalGlobalShortcuts::isAvailable()) {
+        manager = new HotkeyManager(UserDefaults::standard(), std::make_unique<PortalGlobalShortcuts>(),
+                                    SelectionCapture::shared(), controls, qGuiApp);
+    } else if (GnomeShellShortcuts::isAvailable()) {
+        // GNOME before 48: our Shell extension binds the keys (GNOME 48 has the portal above).
+        manager = new HotkeyManager(UserDefaults::standard(), std::make_unique<GnomeShellShortcuts>(),
+                                    SelectionCapture::shared(), controls, qGuiApp);
+    }
+    if (manager)
+        HotkeyManager::installShared(manager);
+    return manager;
 }

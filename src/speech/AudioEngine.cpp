@@ -669,10 +669,15 @@ bool AudioEngine::Private::ensureRunning()
 
 void AudioEngine::Private::deliver()
 {
-    if (wakePending.exchange(false, std::memory_order_acq_rel) && wakeFd >= 0) {
+    // The eventfd is emptied before the flag is cleared, never after: a wake() between the two finds the
+    // flag still set and writes nothing, and what it announced is popped below; a wake() after the clear
+    // writes again. Reading after the clear could swallow such a write while the flag stays set, and no
+    // wake() would ever write again.
+    if (wakeFd >= 0) {
         quint64 count = 0;
         [[maybe_unused]] const ssize_t got = ::read(wakeFd, &count, sizeof count);
     }
+    wakePending.exchange(false, std::memory_order_acq_rel);
     // Slots may call back into the engine (stop() inside a completion is common), so every item is
     // checked against the state after the previous emission.
     Completion completion;

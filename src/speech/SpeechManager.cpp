@@ -446,7 +446,10 @@ void SpeechManager::togglePlayPause()
     }
     const auto [active, held] =
         withState([](StreamState &s) { return std::pair(s.activeBuffersCount, s.accumulatedData.size()); });
-    if (m_hasContent && active == 0 && held > 0) {
+    // Nothing to play (stopped, failed before any audio, or audio still to come, which starts by itself).
+    if (!m_hasContent || held == 0)
+        return;
+    if (active == 0) {
         // Played to the end: start again from the beginning.
         if (!ensureAudioEngine(true))
             return;

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "ShortcutDoubles.h"
 #include "core/UserDefaults.h"
 #include "platform/null/input/NullGlobalHotKeys.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/KeyTable.h"
-#include "shortcuts/NarrationControls.h"
-#include "speech/NarrationServices.h"
 
 #include <QSettings>
 #include <QSignalSpy>
@@ -25,34 +24,6 @@ NativeHotKey native(quint32 evdev, quint32 modifiers = kCtrlAlt)
 {
     return {evdev, modifiers};
 }
-
-class RecordingControls final : public NarrationControls
-{
-public:
-    void speak(const QString &text) override { calls.append(u"speak:" + text); }
-    void togglePlayPause() override { calls.append(QStringLiteral("togglePlayPause")); }
-    void stop() override { calls.append(QStringLiteral("stop")); }
-    void seekToFrame(qint64 frame) override { calls.append(u"seek:" + QString::number(frame)); }
-    void cyclePlaybackSpeed() override { calls.append(QStringLiteral("cyclePlaybackSpeed")); }
-    qint64 currentPlaybackFrame() const override { return frame; }
-
-    QStringList calls;
-    qint64 frame = 0;
-};
-
-class ScriptedSelection final : public SelectionSource
-{
-public:
-    bool isProcessTrusted(bool) override { return true; }
-    std::optional<QString> captureSelectedText() override
-    {
-        ++captures;
-        return text;
-    }
-
-    std::optional<QString> text;
-    int captures = 0;
-};
 
 } // namespace
 

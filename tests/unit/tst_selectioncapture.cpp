@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Which way of reading the selection a session gets, and what a session where none works is told.
 #include "capture/SelectionCapture.h"
+#include "platform/gnome/GnomeShellExtension.h"
 #include "platform/wayland/WaylandSelection.h"
 
 #include <QSignalSpy>
@@ -8,6 +9,8 @@
 
 using Support = WaylandSelection::Support;
 Q_DECLARE_METATYPE(Support)
+using GnomeSupport = GnomeShellExtension::Support;
+Q_DECLARE_METATYPE(GnomeSupport)
 
 class TestSelectionCapture : public QObject
 {
@@ -42,6 +45,39 @@ private Q_SLOTS:
         const WaylandSelection::CompositorFacts facts{connected, quint32(wlrVersion), ext};
         QCOMPARE(WaylandSelection::decide(wayland, facts, reader), expected);
         QCOMPARE(WaylandSelection::explanation(expected).isEmpty(), expected == Support::Available);
+    }
+
+    // GNOME on Wayland: what its Shell says of our extension. States as org.gnome.Shell.Extensions
+    // reports them (-1: it knows no such extension).
+    void gnomeSupport_data()
+    {
+        QTest::addColumn<bool>("gnomeWayland");
+        QTest::addColumn<bool>("serving");
+        QTest::addColumn<int>("state");
+        QTest::addColumn<bool>("installed");
+        QTest::addColumn<GnomeSupport>("expected");
+        QTest::newRow("sway") << false << false << -1 << true << GnomeSupport::NotGnome;
+        QTest::newRow("running") << true << true << 1 << true << GnomeSupport::Available;
+        QTest::newRow("not installed") << true << false << -1 << false << GnomeSupport::NotInstalled;
+        QTest::newRow("installed after login") << true << false << -1 << true << GnomeSupport::NeedsRestart;
+        QTest::newRow("switched off") << true << false << 2 << true << GnomeSupport::NotEnabled;
+        QTest::newRow("never switched on") << true << false << 6 << true << GnomeSupport::NotEnabled;
+        QTest::newRow("error") << true << false << 3 << true << GnomeSupport::Failed;
+        QTest::newRow("out of date") << true << false << 4 << true << GnomeSupport::Failed;
+        QTest::newRow("enabled, yet silent") << true << false << 1 << true << GnomeSupport::Failed;
+    }
+    void gnomeSupport()
+    {
+        QFETCH(bool, gnomeWayland);
+        QFETCH(bool, serving);
+        QFETCH(int, state);
+        QFETCH(bool, installed);
+        QFETCH(GnomeSupport, expected);
+        GnomeShellExtension::ShellFacts facts{gnomeWayland, serving, std::nullopt, installed};
+        if (state >= 0)
+            facts.state = state;
+        QCOMPARE(GnomeShellExtension::decide(facts), expected);
+        QCOMPARE(GnomeShellExtension::explanation(expected).isEmpty(), expected == GnomeSupport::Available);
     }
 
     // The first backend that works reads; with none, the first one's reason is the explanation.

@@ -30,6 +30,7 @@
 
 using Verdict = OpenAIServer::Verdict;
 Q_DECLARE_METATYPE(Verdict::Kind)
+Q_DECLARE_METATYPE(GnomeShellExtension::Support)
 
 class TestSettingsModels : public QObject
 {
@@ -298,6 +299,57 @@ private Q_SLOTS:
         QCOMPARE(sway.last(), QStringLiteral("bindsym Ctrl+Alt+t exec quillvox --cycle-speed"));
         QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
                  QStringLiteral("quillvox --toggle"));
+    }
+
+    // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
+    // it cannot run, neither where a new login is the answer or it already runs.
+    void gnomeOffers_data()
+    {
+        QTest::addColumn<GnomeShellExtension::Support>("support");
+        QTest::addColumn<bool>("canEnable");
+        QTest::addColumn<bool>("canAdd");
+        using S = GnomeShellExtension::Support;
+        QTest::newRow("not gnome") << S::NotGnome << false << false;
+        QTest::newRow("running") << S::Available << false << false;
+        QTest::newRow("switched off") << S::NotEnabled << true << false;
+        QTest::newRow("installed after login") << S::NeedsRestart << false << false;
+        QTest::newRow("not installed") << S::NotInstalled << false << true;
+        QTest::newRow("failed") << S::Failed << false << true;
+    }
+    void gnomeOffers()
+    {
+        QFETCH(GnomeShellExtension::Support, support);
+        QFETCH(bool, canEnable);
+        QFETCH(bool, canAdd);
+        ShortcutSettingsModel model(nullptr, QString());
+        QSignalSpy changed(&model, &ShortcutSettingsModel::gnomeChanged);
+        model.setGnomeSupport(support);
+        QCOMPARE(model.canEnableGnomeExtension(), canEnable);
+        QCOMPARE(model.canAddGnomeKeybindings(), canAdd);
+        QCOMPARE(model.gnomeExtensionHelp().isEmpty(),
+                 support == GnomeShellExtension::Support::NotGnome ||
+                     support == GnomeShellExtension::Support::Available);
+        QCOMPARE(changed.size(), support == GnomeShellExtension::Support::NotGnome ? 0 : 1);
+    }
+
+    // GNOME's custom shortcuts get the current combinations, modifiers in PC names.
+    void gnomeKeybindings()
+    {
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
+        NoSelection selection;
+        IdleNarrationControls controls;
+        HotkeyManager hotkeys(defaults, std::make_unique<NullGlobalHotKeys>(), selection, controls);
+        hotkeys.updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
+        const QList<GnomeKeybindings::Entry> entries = ShortcutSettingsModel(&hotkeys, {}).gnomeKeybindings();
+        QCOMPARE(entries.size(), 6);
+        QCOMPARE(entries.first(),
+                 (GnomeKeybindings::Entry{"narrate-selection", "Quillvox: Narrate Selection",
+                                          "quillvox --narrate-selection", "<Control><Alt>s"}));
+        QCOMPARE(entries.at(2).binding, QStringLiteral("<Shift><Super>s"));
+        QCOMPARE(entries.at(2).command, QStringLiteral("quillvox --stop"));
+        QCOMPARE(ShortcutSettingsModel(nullptr, {}).gnomeKeybindings().at(5).binding,
+                 QStringLiteral("<Control><Alt>t"));
     }
 };
 

@@ -35,22 +35,17 @@ private Q_SLOTS:
         QTest::addColumn<QString>("a");
         QTest::addColumn<QString>("b");
         QTest::addColumn<int>("order");
-        QTest::newRow("numeric, not textual") << "1.10"
-                                              << "1.9" << 1;
-        QTest::newRow("missing parts are zero") << "1.2"
-                                                << "1.2.0" << 0;
-        QTest::newRow("older") << "0.9.9"
-                               << "1.0" << -1;
-        QTest::newRow("a pre-release comes first") << "2.0b1"
-                                                   << "2.0" << -1;
-        QTest::newRow("pre-releases as text") << "2.0b1"
-                                              << "2.0rc1" << -1;
-        QTest::newRow("pre-release of a later number") << "2.1b1"
-                                                       << "2.0" << 1;
-        QTest::newRow("huge numbers saturate") << "99999999999999999999999"
-                                               << "1" << 1;
-        QTest::newRow("garbage is zero") << "beta"
-                                         << "0" << -1;
+        const auto row = [](const char *name, const char *a, const char *b, int order) {
+            QTest::newRow(name) << QString::fromLatin1(a) << QString::fromLatin1(b) << order;
+        };
+        row("numeric, not textual", "1.10", "1.9", 1);
+        row("missing parts are zero", "1.2", "1.2.0", 0);
+        row("older", "0.9.9", "1.0", -1);
+        row("a pre-release comes first", "2.0b1", "2.0", -1);
+        row("pre-releases as text", "2.0b1", "2.0rc1", -1);
+        row("pre-release of a later number", "2.1b1", "2.0", 1);
+        row("huge numbers saturate", "99999999999999999999999", "1", 1);
+        row("garbage is zero", "beta", "0", -1);
     }
 
     void versionOrder()

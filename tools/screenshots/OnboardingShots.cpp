@@ -1,51 +1,24 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "OnboardingShots.h"
 
-#include "account/AuthManager.h"
-#include "account/BalanceManager.h"
+#include "ShotSupport.h"
 #include "account/KeychainHelper.h"
 #include "core/AppEvents.h"
 #include "onboarding/OnboardingWindow.h"
 #include "platform/null/MemorySecretStore.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QQuickView>
 #include <QTextStream>
 
-namespace {
-
-void settle(int ms)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-}
-
-} // namespace
-
 int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speech)
 {
-    // A signed-out account whose servers are never reached.
     KeychainHelper keychain(QStringLiteral("screenshots-onboarding"), std::make_unique<MemorySecretStore>());
-    AuthManager::Services authServices;
-    authServices.keychain = &keychain;
-    authServices.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-    authServices.serviceOrigin = authServices.authOrigin;
-    authServices.openUrl = [](const QUrl &) {};
-    authServices.log = [](const QString &) {};
-    AuthManager auth(std::move(authServices));
-    BalanceManager::Services balanceServices;
-    balanceServices.auth = &auth;
-    balanceServices.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-    balanceServices.log = [](const QString &) {};
-    BalanceManager balance(std::move(balanceServices));
+    OfflineAccount account(keychain);
 
     bool trusted = false;
     OnboardingViewModel::Services services;
-    services.auth = &auth;
-    services.balance = &balance;
+    services.auth = &account.auth;
+    services.balance = &account.balance;
     services.keychain = &keychain;
     services.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
     services.openUrl = [](const QUrl &) {};
@@ -102,7 +75,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     // Signed out, the refresh that follows a purchase finds nothing; then the balance as the service
     // reports it after the popular package on top of the free minutes (8h 40m).
     settle(50);
-    balance.deductSeconds(-(20 + 500) * 60.0);
+    account.balance.deductSeconds(-(20 + 500) * 60.0);
     shoot(QStringLiteral("7-purchase-confirmation"));
     vm.goToCompletion();
     shoot(QStringLiteral("8-completion"));

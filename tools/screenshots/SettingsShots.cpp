@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SettingsShots.h"
 
-#include "account/AuthManager.h"
-#include "account/BalanceManager.h"
+#include "ShotSupport.h"
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 #include "platform/null/input/NullGlobalHotKeys.h"
@@ -15,8 +14,6 @@
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QPalette>
 #include <QQuickView>
@@ -26,14 +23,6 @@
 #include <linux/input-event-codes.h>
 
 namespace {
-
-void settle(int ms)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-}
 
 // What a dark desktop theme hands to Qt applications; the window follows the system palette.
 QPalette darkPalette()
@@ -89,24 +78,13 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     IdleNarrationControls controls;
     HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
 
-    AuthManager::Services authServices;
-    authServices.keychain = &keychain;
-    authServices.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-    authServices.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-    authServices.openUrl = [](const QUrl &) {};
-    authServices.log = [](const QString &) {};
-    AuthManager auth(std::move(authServices));
-    BalanceManager::Services balanceServices;
-    balanceServices.auth = &auth;
-    balanceServices.serviceOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-    balanceServices.log = [](const QString &) {};
-    BalanceManager balance(std::move(balanceServices));
+    OfflineAccount account(keychain);
 
     keychain.save(QStringLiteral("sk-proj-example0000000000007f3a"), KeychainKey::openAIAPIKey);
     SettingsServices services;
     services.speech = &speech;
-    services.auth = &auth;
-    services.balance = &balance;
+    services.auth = &account.auth;
+    services.balance = &account.balance;
     services.hotkeys = &hotkeys;
     services.keychain = &keychain;
     services.history = &history;
@@ -118,6 +96,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     // sway: no global shortcuts for applications, so the Shortcuts section gives configuration lines.
     SettingsServices swayServices = services;
     swayServices.hotkeys = nullptr;
+    SettingsServices gnomeServices = swayServices;
     SettingsWindow settings(std::nullopt, std::move(services));
     settings.present();
     QQuickView &window = *settings.window();
@@ -152,5 +131,23 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     if (sway.window()->grabWindow().save(swayPath))
         ++written;
     qunsetenv("SWAYSOCK");
+
+    // GNOME on Wayland without our Shell extension running: switched off, or not there at all.
+    qputenv("XDG_CURRENT_DESKTOP", "GNOME");
+    qputenv("WAYLAND_DISPLAY", "wayland-0");
+    SettingsWindow gnome(SettingsSection::shortcuts, std::move(gnomeServices));
+    gnome.present();
+    for (const auto &[state, support] :
+         {std::pair{QStringLiteral("off"), GnomeShellExtension::Support::NotEnabled},
+          std::pair{QStringLiteral("missing"), GnomeShellExtension::Support::NotInstalled}}) {
+        gnome.viewModel()->shortcuts()->setGnomeSupport(support);
+        settle(300);
+        const QString gnomePath = out.filePath(QStringLiteral("settings-shortcuts-gnome-") + state + suffix +
+                                               QStringLiteral(".png"));
+        if (gnome.window()->grabWindow().save(gnomePath))
+            ++written;
+    }
+    qunsetenv("WAYLAND_DISPLAY");
+    qunsetenv("XDG_CURRENT_DESKTOP");
     return written;
 }

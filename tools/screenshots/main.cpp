@@ -4,6 +4,7 @@
 // on the null sink so that the waveform, times and buttons show what they show during a real one.
 #include "OnboardingShots.h"
 #include "SettingsShots.h"
+#include "ShotSupport.h"
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 #include "platform/null/MemorySecretStore.h"
@@ -15,7 +16,6 @@
 #include "widget/FloatingWindowController.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QQuickView>
 #include <QTemporaryDir>
@@ -38,14 +38,6 @@ QByteArray tone(double seconds)
         qToLittleEndian(sample, pcm.data() + 2 * i);
     }
     return pcm;
-}
-
-void settle(int ms)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
 }
 
 } // namespace

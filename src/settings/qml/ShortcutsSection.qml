@@ -21,11 +21,46 @@ SectionPage {
         title: "Keyboard shortcuts"
         subtitle: root.model.rows.length > 0
                   ? "Click a shortcut, then press the new combination. Escape cancels."
-                  : root.model.desktopBindingsIntro
+                  : root.model.gnomeExtensionHelp !== "" ? "" : root.model.desktopBindingsIntro
+
+        // GNOME on Wayland: our Shell extension gives the keys (the rows stay unassigned while it is off);
+        // where it cannot run, GNOME's own shortcuts do.
+        Label {
+            visible: root.model.gnomeExtensionHelp !== ""
+            Layout.fillWidth: true
+            wrapMode: Text.WordWrap
+            text: root.model.gnomeExtensionHelp
+            Accessible.name: text
+        }
+        RowLayout {
+            visible: root.model.canEnableGnomeExtension || root.model.canAddGnomeKeybindings
+            spacing: 8
+            Button {
+                visible: root.model.canEnableGnomeExtension
+                text: "Enable the Quillvox extension"
+                Accessible.name: text
+                onClicked: root.model.enableGnomeExtension()
+            }
+            Button {
+                visible: root.model.canAddGnomeKeybindings
+                text: "Add to GNOME keyboard shortcuts"
+                Accessible.name: text
+                onClicked: root.model.addGnomeKeybindings()
+            }
+        }
+        Label {
+            visible: root.model.gnomeActionResult !== ""
+            Layout.fillWidth: true
+            wrapMode: Text.WordWrap
+            text: root.model.gnomeActionResult
+            Accessible.name: text
+        }
 
         // Selectable, so that the lines can be copied into the desktop's settings.
         TextEdit {
+            // On GNOME only where its own shortcuts are the way.
             visible: root.model.rows.length === 0
+                     && (root.model.gnomeExtensionHelp === "" || root.model.canAddGnomeKeybindings)
             Layout.fillWidth: true
             readOnly: true
             selectByMouse: true
@@ -55,6 +90,13 @@ SectionPage {
                     Label {
                         Layout.fillWidth: true
                         text: modelData.title
+                    }
+                    Label {
+                        visible: modelData.assigned !== ""
+                        text: "Desktop key: " + modelData.assigned
+                        color: systemPalette.placeholderText
+                        font.pixelSize: 12
+                        Accessible.name: text
                     }
                     Label {
                         visible: modelData.problem !== ""

@@ -67,14 +67,11 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({QStringLiteral("--auto-consent"), QStringLiteral("--token-ttl"),
                                  QStringLiteral("30"), QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
-        m_env = m_keyring.environment();
+        m_env = m_server.appEnvironment(m_keyring.environment());
         for (const char *dir :
              {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
             m_env.insert(QString::fromLatin1(dir), m_home.filePath(QString::fromLatin1(dir)));
         QDir(m_home.path()).mkpath(QStringLiteral("XDG_RUNTIME_DIR"));
-        m_env.insert(QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), m_server.url().toString());
-        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ORIGIN"), m_server.url().toString());
-        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), kAnonKey);
         m_env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
                      QStringLiteral("com.vantor.quillvox.test.security"));
 

@@ -143,6 +143,12 @@ private Q_SLOTS:
         row("instructions absent", {{}, service, signedIn, with("instructions", absent), 200});
         row("unknown members ignored", {{}, openAI, defaultKey, with("speed", 1.25), 200});
         row("unknown voice", {{}, service, signedIn, with("voice", "nobody"), 200});
+        // The input limit counts code points, not UTF-16 units.
+        const QStringList cut{"--cut-after", "2"};
+        row("4,096 code points", {cut, openAI, defaultKey, with("input", QString(4096, u'x')), 200});
+        row("4,096 surrogate pairs",
+            {cut, openAI, defaultKey, with("input", QStringLiteral("\U0001F600").repeated(4096)), 200});
+        row("4,097 code points", {{}, openAI, defaultKey, with("input", QString(4097, u'x')), 400, "input"});
         // An injected fault comes before everything else.
         row("--fail-status 429", {{"--fail-status", "429"}, openAI, {}, valid, 429});
         row("--fail-status 402", {{"--fail-status", "402"}, service, {}, valid, 402});

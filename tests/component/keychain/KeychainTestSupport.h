@@ -5,10 +5,26 @@
 
 #include <QTest>
 
+#include <functional>
 #include <optional>
 
 Q_DECLARE_METATYPE(KeychainKey)
 Q_DECLARE_METATYPE(std::optional<QString>)
+
+// One of the helper's calls on the API key; true when it succeeded.
+using KeychainCall = std::function<bool(KeychainHelper &)>;
+
+// A "call" column with a row for each of save, load and remove.
+inline void addKeychainCallRows()
+{
+    QTest::addColumn<KeychainCall>("call");
+    QTest::newRow("save") << KeychainCall(
+        [](KeychainHelper &k) { return k.save(QStringLiteral("sk-new"), KeychainKey::openAIAPIKey); });
+    QTest::newRow("load") << KeychainCall(
+        [](KeychainHelper &k) { return k.load(KeychainKey::openAIAPIKey).has_value(); });
+    QTest::newRow("remove") << KeychainCall(
+        [](KeychainHelper &k) { return k.remove(KeychainKey::openAIAPIKey); });
+}
 
 // Readable failure messages for the helper's optional results.
 namespace QTest {

@@ -10,7 +10,6 @@
 #include <QElapsedTimer>
 #include <QScopeGuard>
 
-#include <functional>
 #include <memory>
 
 namespace {
@@ -62,21 +61,11 @@ private Q_SLOTS:
 
     void cleanupTestCase() { m_keyring.reset(); }
 
-    void callsFailWithReason_data()
-    {
-        QTest::addColumn<std::function<bool(KeychainHelper &)>>("call");
-
-        QTest::newRow("save") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.save(QStringLiteral("sk-new"), KeychainKey::openAIAPIKey); });
-        QTest::newRow("load") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.load(KeychainKey::openAIAPIKey).has_value(); });
-        QTest::newRow("remove") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.remove(KeychainKey::openAIAPIKey); });
-    }
+    void callsFailWithReason_data() { addKeychainCallRows(); }
 
     void callsFailWithReason()
     {
-        QFETCH(std::function<bool(KeychainHelper &)>, call);
+        QFETCH(KeychainCall, call);
         KeychainHelper &keychain = KeychainHelper::shared();
 
         QElapsedTimer timer;
@@ -93,7 +82,7 @@ private Q_SLOTS:
 
     void unansweredUnlockPromptEndsAtTimeout()
     {
-        QFETCH(std::function<bool(KeychainHelper &)>, call);
+        QFETCH(KeychainCall, call);
         QVERIFY(m_keyring->holdUnlockPrompts());
         const auto release = qScopeGuard([this] { m_keyring->releaseUnlockPrompts(); });
         KeychainHelper keychain(m_service, std::make_unique<LibsecretStore>(std::chrono::seconds(1)));

@@ -9,7 +9,6 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include <functional>
 #include <memory>
 
 namespace {
@@ -40,21 +39,11 @@ private Q_SLOTS:
 
     void cleanupTestCase() { m_bus.reset(); }
 
-    void callsFailFastWithReason_data()
-    {
-        QTest::addColumn<std::function<bool(KeychainHelper &)>>("call");
-
-        QTest::newRow("save") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.save(QStringLiteral("sk-new"), KeychainKey::openAIAPIKey); });
-        QTest::newRow("load") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.load(KeychainKey::accessToken).has_value(); });
-        QTest::newRow("remove") << std::function<bool(KeychainHelper &)>(
-            [](KeychainHelper &k) { return k.remove(KeychainKey::refreshToken); });
-    }
+    void callsFailFastWithReason_data() { addKeychainCallRows(); }
 
     void callsFailFastWithReason()
     {
-        QFETCH(std::function<bool(KeychainHelper &)>, call);
+        QFETCH(KeychainCall, call);
         KeychainHelper &keychain = KeychainHelper::shared();
 
         QElapsedTimer timer;

@@ -1,80 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The narration controller end to end: real HTTP to the dev server on loopback, the audio engine on the
 // null sink's virtual clock, secrets in an in-memory store.
-#include "DevServer.h"
+#include "SpeechFixture.h"
 
-#include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
-#include "platform/null/MemorySecretStore.h"
-#include "platform/null/NullAudioSink.h"
 #include "speech/AudioEngine.h"
-#include "speech/NarrationServices.h"
-#include "speech/SpeechManager.h"
 
-#include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
 
 namespace {
-
-const QString kService = QStringLiteral("com.vantor.quillvox.test.speech");
-
-class FakeAccount final : public AccountGate
-{
-public:
-    bool signedIn = false;
-    qint64 balance = 3600;
-    int minutes = 60;
-    std::optional<QString> token = QStringLiteral("service-token");
-    QList<double> deducted;
-
-    bool isSignedIn() const override { return signedIn; }
-    qint64 balanceSeconds() const override { return balance; }
-    int minutesRemaining() const override { return minutes; }
-    void getValidAccessToken(QObject *context, std::function<void(std::optional<QString>)> done) override
-    {
-        // Answer in a later turn of the event loop, as a real refresh would.
-        QTimer::singleShot(0, context, [done, t = token] { done(t); });
-    }
-    void deductSeconds(double seconds) override { deducted << seconds; }
-};
-
-class FakeRecords final : public NarrationRecords
-{
-public:
-    struct Session
-    {
-        QString text, voice;
-        double duration;
-        qsizetype bytes;
-    };
-    QList<Session> sessions;
-    QList<qint64> usage;
-    QString folder;
-
-    void addSession(const QString &text, const QString &voice, double durationSeconds,
-                    const QByteArray &audioData) override
-    {
-        sessions << Session{text, voice, durationSeconds, audioData.size()};
-    }
-    QString audioFile(const QUuid &id) const override
-    {
-        return folder + u'/' + id.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".pcm");
-    }
-    void recordUsage(qint64 characters) override { usage << characters; }
-};
-
-class FakeSelection final : public SelectionSource
-{
-public:
-    bool trusted = true;
-    std::optional<QString> selection;
-    bool isProcessTrusted(bool) override { return trusted; }
-    std::optional<QString> captureSelectedText() override { return selection; }
-};
 
 QString sentence(int words)
 {
@@ -86,62 +19,9 @@ QString sentence(int words)
 
 } // namespace
 
-class TestSpeechManager : public QObject
+class TestSpeechManager : public SpeechFixture
 {
     Q_OBJECT
-
-    QTemporaryDir m_dir;
-    std::unique_ptr<DevServer> m_server;
-    std::unique_ptr<UserDefaults> m_defaults;
-    MemorySecretStore *m_secrets = nullptr;
-    std::unique_ptr<KeychainHelper> m_keychain;
-    FakeAccount m_account;
-    FakeRecords m_records;
-    FakeSelection m_selection;
-    NullAudioSink *m_sink = nullptr;
-    std::unique_ptr<SpeechManager> m_speech;
-
-    bool startServer(const QStringList &arguments)
-    {
-        m_server = std::make_unique<DevServer>();
-        if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine")} + arguments)) {
-            qWarning() << m_server->errorString();
-            return false;
-        }
-        createManager(m_server->url());
-        return true;
-    }
-
-    void createManager(const QUrl &origin)
-    {
-        m_speech.reset();
-        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
-        m_sink = sink.get();
-        SpeechManager::Services services;
-        services.defaults = m_defaults.get();
-        services.keychain = m_keychain.get();
-        services.account = &m_account;
-        services.records = &m_records;
-        services.selection = &m_selection;
-        services.audioSink = std::move(sink);
-        services.serviceOrigin = origin;
-        services.openAIOrigin = origin;
-        m_speech = std::make_unique<SpeechManager>(std::move(services));
-    }
-
-    // Renders virtual time until the narration has been heard to its end.
-    bool playToEnd(int maxSteps = 2000)
-    {
-        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
-        for (int i = 0; i < maxSteps && ended.isEmpty(); ++i) {
-            m_sink->advance(2400);
-            QCoreApplication::processEvents();
-            if (!m_speech->isPlaying() && !m_speech->isProcessing() && i > 10 && ended.isEmpty() &&
-                !m_speech->hasContent())
-                return false;
-        }
-        return !ended.isEmpty();
-    }
 
     bool waitUntilPlaying()
     {
@@ -153,26 +33,8 @@ class TestSpeechManager : public QObject
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("defaults.conf")));
-        auto secrets = std::make_unique<MemorySecretStore>();
-        m_secrets = secrets.get();
-        m_keychain = std::make_unique<KeychainHelper>(kService, std::move(secrets));
-        m_keychain->save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
-        m_account = FakeAccount();
-        m_records.sessions.clear();
-        m_records.usage.clear();
-        m_records.folder = m_dir.path();
-        m_selection = FakeSelection();
-    }
-
-    void cleanup()
-    {
-        m_speech.reset();
-        m_server.reset();
-        QFile::remove(m_dir.filePath(QStringLiteral("defaults.conf")));
-    }
+    void init() { setUpSpeech(); }
+    void cleanup() { tearDownSpeech(); }
 
     void narrationRunsThroughItsStates()
     {
@@ -226,7 +88,6 @@ private Q_SLOTS:
                              << "Low balance (7 min remaining). Add more minutes to continue.";
         QTest::newRow("500") << QStringList{"--fail-status", "500"}
                              << "API error (500): Internal Server Error";
-        QTest::newRow("429") << QStringList{"--fail-status", "429"} << "API error (429): Too Many Requests";
         QTest::newRow("dropped before head")
             << QStringList{"--drop-before-head"} << "Received invalid response from server";
     }
@@ -243,6 +104,10 @@ private Q_SLOTS:
         QVERIFY(!m_speech->isProcessing());
         QVERIFY(!m_speech->isPlaying());
         QVERIFY(m_records.sessions.isEmpty());
+        // Play with nothing received: there is nothing to play, and the error stays.
+        m_speech->togglePlayPause();
+        QVERIFY(!m_speech->isPlaying());
+        QCOMPARE(m_speech->currentErrorDescription(), description);
     }
 
     void unreachableServerIsAnInvalidResponse()
@@ -280,6 +145,8 @@ private Q_SLOTS:
         m_speech->stop();
         QVERIFY(!m_speech->hasContent());
         QVERIFY(!m_speech->isProcessing());
+        m_speech->togglePlayPause(); // nothing to play after a stop
+        QVERIFY(!m_speech->isPlaying());
         QTest::qWait(300);
         QCOMPARE(m_speech->accumulatedByteCount(), qsizetype(0));
         QVERIFY(errors.isEmpty());
@@ -492,7 +359,7 @@ private Q_SLOTS:
                  service ? QStringLiteral("Bearer ") + *m_account.token : QStringLiteral("Bearer local"));
         QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
 
-        const QJsonObject body = QJsonDocument::fromJson(request.value("body").toString().toUtf8()).object();
+        const QJsonObject body = DevServer::body(request);
         QStringList members = body.keys();
         members.sort();
         QCOMPARE(members, QStringList({"input", "instructions", "model", "response_format", "voice"}));
@@ -514,16 +381,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("setup");
         QTest::addColumn<QString>("description");
 
-        QTest::newRow("no key") << "no key"
-                                << "OpenAI API key is missing. Please add it in Settings.";
-        QTest::newRow("empty key") << "empty key"
-                                   << "OpenAI API key is missing. Please add it in Settings.";
-        QTest::newRow("token but signed out") << "token, signed out"
-                                              << "Please sign in to use narration.";
-        QTest::newRow("59 seconds") << "59 s"
-                                    << "Low balance (0 min remaining). Add more minutes to continue.";
-        QTest::newRow("no valid token") << "no valid token"
-                                        << "Please sign in to use narration.";
+        const auto row = [](const char *setup, const char *description) {
+            QTest::newRow(setup) << QString::fromLatin1(setup) << QString::fromLatin1(description);
+        };
+        row("no key", "OpenAI API key is missing. Please add it in Settings.");
+        row("empty key", "OpenAI API key is missing. Please add it in Settings.");
+        row("token, signed out", "Please sign in to use narration.");
+        row("59 s", "Low balance (0 min remaining). Add more minutes to continue.");
+        row("no valid token", "Please sign in to use narration.");
     }
 
     void checksBeforeTheRequest()
@@ -586,38 +451,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("selection");
         QTest::addColumn<QString>("expect"); // "error:<id>", "paused", "restarted", "nothing", "request"
 
-        QTest::newRow("not trusted") << false << ""
-                                     << ""
-                                     << "text"
-                                     << "error:accessibilityPermissionMissing";
-        QTest::newRow("nothing selected") << true << ""
-                                          << ""
-                                          << ""
-                                          << "error:noTextSelected";
-        QTest::newRow("whitespace only") << true << ""
-                                         << ""
-                                         << "  \n "
-                                         << "error:noTextSelected";
-        QTest::newRow("same text toggles") << true << "Hello world"
-                                           << "playing"
-                                           << "  hello,  WORLD! "
-                                           << "paused";
-        QTest::newRow("nothing selected toggles") << true << "Hello world"
-                                                  << "playing"
-                                                  << ""
-                                                  << "paused";
-        QTest::newRow("same text after the end restarts") << true << "Hello world"
-                                                          << "ended"
-                                                          << "Hello world"
-                                                          << "restarted";
-        QTest::newRow("same text after a stop does nothing") << true << "Hello world"
-                                                             << "stopped"
-                                                             << "Hello world"
-                                                             << "nothing";
-        QTest::newRow("new text narrates") << true << "Hello world"
-                                           << "playing"
-                                           << "Something else"
-                                           << "request";
+        const auto row = [](const char *name, bool trusted, const char *loaded, const char *after,
+                            const char *selection, const char *expect) {
+            QTest::newRow(name) << trusted << QString::fromLatin1(loaded) << QString::fromLatin1(after)
+                                << QString::fromLatin1(selection) << QString::fromLatin1(expect);
+        };
+        row("not trusted", false, "", "", "text", "error:accessibilityPermissionMissing");
+        row("nothing selected", true, "", "", "", "error:noTextSelected");
+        row("whitespace only", true, "", "", "  \n ", "error:noTextSelected");
+        row("same text toggles", true, "Hello world", "playing", "  hello,  WORLD! ", "paused");
+        row("nothing selected toggles", true, "Hello world", "playing", "", "paused");
+        row("same text after the end restarts", true, "Hello world", "ended", "Hello world", "restarted");
+        row("same text after a stop does nothing", true, "Hello world", "stopped", "Hello world", "nothing");
+        row("new text narrates", true, "Hello world", "playing", "Something else", "request");
     }
 
     void selectionTrigger()

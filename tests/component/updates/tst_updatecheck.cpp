@@ -10,6 +10,7 @@ class TestUpdateCheck : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // serverOptions empty: the feed is a plain http address away from this machine.
     void againstTheFeed_data()
     {
         QTest::addColumn<QStringList>("serverOptions");
@@ -22,6 +23,8 @@ private Q_SLOTS:
         QTest::newRow("older") << QStringList{"--appcast-version", "0.0.1"} << 0 << "You're up to date.";
         QTest::newRow("failing") << QStringList{"--appcast-fail", "503"} << 1
                                  << "Update check failed: the server answered 503";
+        QTest::newRow("plain http away from this machine")
+            << QStringList() << 1 << "Update check failed: the update feed must be an https address";
     }
 
     void againstTheFeed()
@@ -34,7 +37,8 @@ private Q_SLOTS:
         QProcess check;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"),
-                   server.url(QStringLiteral("/appcast.xml")).toString());
+                   serverOptions.isEmpty() ? QStringLiteral("http://updates.example/appcast.xml")
+                                           : server.url(QStringLiteral("/appcast.xml")).toString());
         check.setProcessEnvironment(env);
         check.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--check-for-updates")});
         QVERIFY(check.waitForFinished(30000));
@@ -42,20 +46,6 @@ private Q_SLOTS:
             QString::fromUtf8(check.readAllStandardOutput() + check.readAllStandardError());
         QCOMPARE(check.exitCode(), exitCode);
         QCOMPARE(output.section(u'\n', 0, 0), firstLine);
-    }
-
-    void plainHttpAwayFromThisMachineIsRefused()
-    {
-        QProcess check;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"),
-                   QStringLiteral("http://updates.example/appcast.xml"));
-        check.setProcessEnvironment(env);
-        check.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--check-for-updates")});
-        QVERIFY(check.waitForFinished(30000));
-        QCOMPARE(check.exitCode(), 1);
-        QVERIFY(
-            check.readAllStandardError().startsWith("Update check failed: the update feed must be an https"));
     }
 };
 

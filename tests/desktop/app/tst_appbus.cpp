@@ -83,22 +83,14 @@ private Q_SLOTS:
             QSKIP("playerctl is not installed");
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
-        for (const char *origin :
-             {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
-            m_env.insert(QString::fromLatin1(origin), m_server.url().toString());
-        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        m_env = m_server.appEnvironment(m_env);
         m_name = SingleInstance::busName();
         // Normal operation, not the first run.
         QSettings(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
                       QStringLiteral("/Quillvox/Quillvox.conf"),
                   QSettings::IniFormat)
             .setValue(QStringLiteral("hasCompletedOnboarding"), true);
-        QProcess setKey;
-        setKey.setProcessEnvironment(m_env);
-        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
-        setKey.write("local\n");
-        setKey.closeWriteChannel();
-        QVERIFY(setKey.waitForFinished(30000) && setKey.exitCode() == 0);
+        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), m_env), QString());
 
         m_app.setProcessEnvironment(m_env);
         dieWithTheTest(m_app);
@@ -194,11 +186,10 @@ private Q_SLOTS:
         second.setProcessEnvironment(env);
         dieWithTheTest(second);
         second.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QTRY_VERIFY_WITH_TIMEOUT(
-            !run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--status")}, env).isEmpty(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(name), 15000);
         QCOMPARE(second.state(), QProcess::Running);
         QCOMPARE(m_app.state(), QProcess::Running);
-        QVERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(name));
+        QVERIFY(!run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--status")}, env).isEmpty());
         QCOMPARE(run(QStringLiteral("playerctl"), {QStringLiteral("-l")}).split('\n').size(), 2);
         second.terminate();
         QVERIFY(second.waitForFinished(5000));

@@ -51,13 +51,7 @@ private Q_SLOTS:
         if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty())
             QSKIP("pulseaudio is not installed");
         // Own-key mode: the dev server's key in this test's keychain service.
-        QProcess setKey;
-        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
-        setKey.write("local\n");
-        setKey.closeWriteChannel();
-        QVERIFY(setKey.waitForFinished(30000));
-        QVERIFY2(setKey.exitStatus() == QProcess::NormalExit && setKey.exitCode() == 0,
-                 qPrintable(commandOutput(setKey)));
+        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE)), QString());
     }
 
     void playsWhatTheServerSent_data()

@@ -16,7 +16,6 @@
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <QFile>
-#include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -194,20 +193,13 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
 
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *origin : {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN",
-                                   "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_APPCAST_URL"})
-            env.insert(QString::fromLatin1(origin), m_server.url().toString());
+        QProcessEnvironment env = m_server.appEnvironment();
+        env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"), m_server.url().toString());
         env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         m_app.setProcessEnvironment(env);
 
         // Own-key mode, onboarding done: the app starts straight into normal operation.
-        QProcess setKey;
-        setKey.setProcessEnvironment(env);
-        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
-        setKey.write("local\n");
-        setKey.closeWriteChannel();
-        QVERIFY(setKey.waitForFinished(30000) && setKey.exitCode() == 0);
+        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), env), QString());
         UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
         UserDefaults::standard().sync();
 
@@ -302,9 +294,7 @@ private Q_SLOTS:
         const QList<QJsonObject> log = m_server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
         QCOMPARE(log.first().value(QStringLiteral("path")).toString(), QStringLiteral("/v1/audio/speech"));
-        const QJsonObject body =
-            QJsonDocument::fromJson(log.first().value(QStringLiteral("body")).toString().toUtf8()).object();
-        QCOMPARE(body.value(QStringLiteral("input")).toString(), kSentence);
+        QCOMPARE(DevServer::input(log.first()), kSentence);
     }
 
     void quitEndsTheProcess()

@@ -6,8 +6,8 @@
 #include "platform/x11/X11GlobalHotKeys.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/KeyTable.h"
-#include "shortcuts/NarrationControls.h"
 
+#include "ShortcutDoubles.h"
 #include "X11Desktop.h"
 
 #include <QFile>
@@ -20,19 +20,6 @@
 Q_DECLARE_METATYPE(ClipboardContent)
 
 namespace {
-
-class RecordingControls final : public NarrationControls
-{
-public:
-    void speak(const QString &text) override { calls.append(u"speak:" + text); }
-    void togglePlayPause() override { calls.append(QStringLiteral("togglePlayPause")); }
-    void stop() override { calls.append(QStringLiteral("stop")); }
-    void seekToFrame(qint64 frame) override { calls.append(u"seek:" + QString::number(frame)); }
-    void cyclePlaybackSpeed() override { calls.append(QStringLiteral("cyclePlaybackSpeed")); }
-    qint64 currentPlaybackFrame() const override { return 0; }
-
-    QStringList calls;
-};
 
 class NoCapture final : public SelectionSource
 {

@@ -9,11 +9,8 @@
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
 #include <QRect>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -24,33 +21,10 @@ namespace {
 const QString kSample = QStringLiteral("Welcome to Quillvox. You just made this text talk.");
 const QString kEditorLine = QStringLiteral("Read this line from the editor after setup.");
 
-QRect waitForControl(const QString &name)
-{
-    QRect rect;
-    if (!QTest::qWaitFor([&] { return !(rect = findAccessibleControl(name)).isEmpty(); }, 15000))
-        qWarning().noquote() << "no control called" << name;
-    return rect;
-}
-
-bool shows(const QString &name)
-{
-    return !waitForControl(name).isEmpty();
-}
-
 void moveTo(QPoint point)
 {
     xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
     QTest::qWait(150); // the hover reaches the control before the press
-}
-
-bool click(const QString &name)
-{
-    const QRect rect = waitForControl(name);
-    if (rect.isEmpty())
-        return false;
-    moveTo(rect.center());
-    xdotool({"click", "1"});
-    return true;
 }
 
 QStringList visibleWindows(const QString &title)
@@ -100,10 +74,7 @@ class TestOnboardingDesktop : public QObject
         QStringList texts;
         for (const QJsonObject &record : m_server.requests()) {
             if (record.value(QStringLiteral("path")).toString() == u"/api/tts/stream")
-                texts.append(QJsonDocument::fromJson(record.value(QStringLiteral("body")).toString().toUtf8())
-                                 .object()
-                                 .value(QStringLiteral("input"))
-                                 .toString());
+                texts.append(DevServer::input(record));
         }
         return texts;
     }
@@ -117,20 +88,11 @@ class TestOnboardingDesktop : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs the rig's X server");
-        for (const char *program : {"mousepad", "xdotool", "xclip", "curl", "xdg-open"}) {
-            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
-                QSKIP(qPrintable(QString::fromLatin1(program) + u" is not installed"));
-        }
+        if (const QString lack = desktopLacks({"mousepad", "xdotool", "xclip", "curl", "xdg-open"});
+            !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-        QVERIFY(bus);
-        if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
-            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"),
-                                          {"--launch-immediately"});
-            QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
-        }
+        QVERIFY(startAccessibilityBus(m_accessibility));
 
         // A profile that has never run: no settings, no history, nothing in the keyring.
         for (const auto location :
@@ -146,10 +108,7 @@ private Q_SLOTS:
         m_env = QProcessEnvironment::systemEnvironment();
         m_browserLog = installTestBrowser(m_env);
         QVERIFY(!m_browserLog.isEmpty());
-        for (const char *origin :
-             {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_OPENAI_ORIGIN"})
-            m_env.insert(QString::fromLatin1(origin), m_server.url().toString());
-        m_env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        m_env = m_server.appEnvironment(m_env);
         m_env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         m_env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
     }
@@ -173,26 +132,26 @@ private Q_SLOTS:
     void firstRunThroughToNormalOperation()
     {
         startApp();
-        QVERIFY(shows(QStringLiteral("Welcome to high-quality narration.")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Welcome to high-quality narration.")));
         const QStringList windows = visibleWindows(QStringLiteral("Quillvox"));
         QCOMPARE(windows.size(), 1);
         const QString onboarding = windows.first();
         QCOMPARE(windowSize(onboarding), QSize(550, 500));
 
-        QVERIFY(click(QStringLiteral("Continue")));
-        QVERIFY(click(QStringLiteral("Continue with Google")));
-        QVERIFY(shows(QStringLiteral("You're all set!")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Continue with Google")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("You're all set!")));
         QVERIFY2(browserLog().startsWith(
                      m_server.url(QStringLiteral("/auth/v1/authorize?provider=google")).toString()),
                  qPrintable(browserLog()));
 
-        QVERIFY(click(QStringLiteral("Continue")));
-        QVERIFY(shows(QStringLiteral("Permission granted")));
-        QVERIFY(click(QStringLiteral("Continue")));
-        QVERIFY(click(QStringLiteral("Let's try it")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Permission granted")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Let's try it")));
 
         // Select the sample with the pointer, from before its first character to past its last.
-        const QRect sample = waitForControl(kSample);
+        const QRect sample = waitForAccessibleControl(kSample);
         QVERIFY(!sample.isEmpty());
         moveTo(sample.topLeft() + QPoint(1, 2));
         xdotool({"mousedown", "1"});
@@ -200,18 +159,18 @@ private Q_SLOTS:
         xdotool({"mouseup", "1"});
         xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(), QStringList{kSample}, 15000);
-        QVERIFY(shows(QStringLiteral("Great! You did it!")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Great! You did it!")));
 
-        QVERIFY(click(QStringLiteral("Next")));
-        QVERIFY(shows(QStringLiteral("Choose your voice")));
-        QVERIFY(click(QStringLiteral("Next")));
-        QVERIFY(shows(QStringLiteral("Skip")));
-        QVERIFY(click(QStringLiteral("Next")));
-        QVERIFY(shows(QStringLiteral("Your shortcut")));
-        QVERIFY(shows(QStringLiteral("Ctrl+Alt+S")));
-        QVERIFY(click(QStringLiteral("Finish Setup")));
-        QVERIFY(click(QStringLiteral("Start with free minutes")));
-        QVERIFY(click(QStringLiteral("Get Started")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Choose your voice")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Skip")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Your shortcut")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Ctrl+Alt+S")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Finish Setup")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Start with free minutes")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Get Started")));
         QTRY_VERIFY_WITH_TIMEOUT(!visibleWindows(QStringLiteral("Quillvox")).contains(onboarding), 10000);
         QCOMPARE(UserDefaults(UserDefaults::standardFilePath())
                      .boolean(QStringLiteral("hasCompletedOnboarding"))
@@ -238,7 +197,7 @@ private Q_SLOTS:
 
         // The second start goes straight to normal operation.
         startApp();
-        QVERIFY(shows(QStringLiteral("Open Settings")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Open Settings")));
         QVERIFY(findAccessibleControl(QStringLiteral("Welcome to high-quality narration.")).isEmpty());
     }
 };

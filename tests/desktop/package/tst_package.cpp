@@ -7,10 +7,7 @@
 
 #include "core/UserDefaults.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QFileInfo>
-#include <QJsonDocument>
 #include <QTest>
 
 #include <unistd.h>
@@ -90,8 +87,8 @@ private Q_SLOTS:
             QSKIP("QUILLVOX_TEST_DEB names no package (scripts/test.sh builds one with scripts/package.sh)");
         if (geteuid() != 0)
             QSKIP("installing a package needs root");
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs the rig's X server");
+        if (const QString lack = desktopLacks(); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         // Never replace a Quillvox that this machine's owner installed.
         QVERIFY2(!isInstalled() && !QFileInfo::exists(kInstalled), "quillvox is already installed here");
 
@@ -115,22 +112,14 @@ private Q_SLOTS:
         QCOMPARE(failureOf(kInstalled, {"--speak", kText}, {}, appEnvironment()), QString());
         const QList<QJsonObject> log = m_server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
-        const QJsonObject body =
-            QJsonDocument::fromJson(log.first().value(QStringLiteral("body")).toString().toUtf8()).object();
-        QCOMPARE(body.value(QStringLiteral("input")).toString(), kText);
+        QCOMPARE(DevServer::input(log.first()), kText);
     }
 
     // A second start of the running Quillvox shows its settings window, drawn by the QML modules the
     // package depends on.
     void showsItsSettingsWindow()
     {
-        QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-        QVERIFY(bus);
-        if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
-            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"),
-                                          {"--launch-immediately"});
-            QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
-        }
+        QVERIFY(startAccessibilityBus(m_accessibility));
         UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
         UserDefaults::standard().sync();
         m_app.process.setProcessEnvironment(appEnvironment());

@@ -15,7 +15,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -64,13 +63,9 @@ class TestX11Session : public QObject
                 settings.setUnsigned64(QString::fromLatin1(key), value);
             settings.sync();
         }
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        QProcessEnvironment env = m_server.appEnvironment();
         env.insert(QStringLiteral("PULSE_SERVER"), m_pulse->address());
         env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
-        // Nothing leaves loopback.
-        for (const char *origin :
-             {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
-            env.insert(QString::fromLatin1(origin), m_server.url().toString());
         app.process.setProcessEnvironment(env);
         app.process.setStandardOutputFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
         app.process.setStandardErrorFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
@@ -106,9 +101,7 @@ class TestX11Session : public QObject
         for (const QJsonObject &record : m_server.requests()) {
             if (record.value(QStringLiteral("path")).toString() != u"/v1/audio/speech")
                 continue;
-            const QJsonObject body =
-                QJsonDocument::fromJson(record.value(QStringLiteral("body")).toString().toUtf8()).object();
-            texts.append(body.value(QStringLiteral("input")).toString());
+            texts.append(DevServer::input(record));
         }
         return texts;
     }
@@ -137,22 +130,13 @@ class TestX11Session : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs an X11 display: run inside scripts/rig.sh");
-        for (const char *program : {"pulseaudio", "mousepad", "xdotool", "xclip"}) {
-            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
-                QSKIP(qPrintable(QString::fromLatin1(program) + u" is not installed"));
-        }
+        if (const QString lack = desktopLacks({"pulseaudio", "mousepad", "xdotool", "xclip"});
+            !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
 
         // Own-key mode: the dev server's key in this test's keychain service.
-        QProcess setKey;
-        setKey.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--set-api-key")});
-        setKey.write("local\n");
-        setKey.closeWriteChannel();
-        QVERIFY(setKey.waitForFinished(30000));
-        QVERIFY2(setKey.exitStatus() == QProcess::NormalExit && setKey.exitCode() == 0,
-                 setKey.readAllStandardError().constData());
+        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE)), QString());
 
         m_pulse = std::make_unique<PulseServer>(m_dir.filePath(QStringLiteral("pulse")));
         QVERIFY(m_pulse->start());

@@ -13,8 +13,6 @@
 #include "records/HistoryManager.h"
 #include "shortcuts/KeyTable.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDirIterator>
 #include <QJsonDocument>
 #include <QRect>
@@ -32,41 +30,10 @@ const QString kKey = QStringLiteral("sk-desktop-5678");
 const QString kSpoken = QStringLiteral("The second server reads this sentence aloud for the history.");
 const QString kLine = QStringLiteral("Only this line is read, with the new shortcut.");
 
-QPoint pointer()
-{
-    // "x:608 y:373 screen:0 window:..."
-    const QList<QByteArray> fields = runProgram(QStringLiteral("xdotool"), {"getmouselocation"}).split(' ');
-    return fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
-}
-
-bool click(const QString &name, int index = 0)
-{
-    QPoint at = pointer();
-    // Hovering can move controls (the widget expands), so the pointer follows until the control stays
-    // put. --sync waits for a movement, so the pointer is only sent where it is not.
-    for (int look = 0; look < 3; ++look) {
-        QRect rect;
-        if (!QTest::qWaitFor([&] { return !(rect = findAccessibleControl(name, index)).isEmpty(); }, 10000))
-            return false;
-        if (rect.center() == at)
-            break;
-        at = rect.center();
-        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
-        QTest::qWait(300);
-    }
-    xdotool({"click", "1"});
-    return true;
-}
-
-bool shows(const QString &name)
-{
-    return QTest::qWaitFor([&] { return !findAccessibleControl(name).isEmpty(); }, 10000);
-}
-
 // Replaces the text of the field called `name` and confirms it with Enter.
 bool enter(const QString &name, const QString &text)
 {
-    if (!click(name))
+    if (!clickAccessibleControl(name))
         return false;
     xdotool({"key", "ctrl+a"});
     xdotool({"type", "--delay", "10", text});
@@ -89,7 +56,7 @@ QStringList narratedTexts(const DevServer &server)
     QStringList texts;
     for (const QJsonObject &record : server.requests()) {
         if (record[u"path"].toString() == u"/v1/audio/speech")
-            texts.append(QJsonDocument::fromJson(record[u"body"].toString().toUtf8())[u"input"].toString());
+            texts.append(DevServer::input(record));
     }
     return texts;
 }
@@ -112,20 +79,10 @@ class TestSettingsDesktop : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs the rig's X server");
-        for (const char *program : {"mousepad", "xdotool", "sox"}) {
-            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
-                QSKIP(qPrintable(QString::fromLatin1(program) + u" is not installed"));
-        }
+        if (const QString lack = desktopLacks({"mousepad", "xdotool", "sox"}); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-        QVERIFY(bus);
-        if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
-            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"),
-                                          {"--launch-immediately"});
-            QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
-        }
+        QVERIFY(startAccessibilityBus(m_accessibility));
         for (DevServer *server : {&m_server, &m_second})
             QVERIFY2(server->start({"--pace", "0", "--openai-key", kKey, "--auto-consent"}),
                      qPrintable(server->errorString()));
@@ -166,8 +123,8 @@ private Q_SLOTS:
         m_app.process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
         QVERIFY(m_app.process.waitForStarted());
-        QVERIFY(click(QStringLiteral("Open Settings")));
-        QVERIFY(shows(QStringLiteral("API Keys")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("API Keys")));
     }
 
     void eachSectionByName_data()
@@ -195,15 +152,15 @@ private Q_SLOTS:
     {
         QFETCH(QString, section);
         QFETCH(QString, control);
-        QVERIFY(click(section));
-        QVERIFY2(shows(control), qPrintable(control));
+        QVERIFY(clickAccessibleControl(section));
+        QVERIFY2(showsAccessibleControl(control), qPrintable(control));
     }
 
     // The key lands in the keyring and in no file of the profile.
     void keyGoesToTheKeyringOnly()
     {
-        QVERIFY(click(QStringLiteral("API Keys")));
-        QVERIFY(click(QStringLiteral("OpenAI API key")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("OpenAI API key")));
         xdotool({"type", "--delay", "20", kKey});
         xdotool({"key", "Return"});
         QTRY_COMPARE_WITH_TIMEOUT(KeychainHelper::shared().load(KeychainKey::openAIAPIKey), kKey, 10000);
@@ -241,10 +198,10 @@ private Q_SLOTS:
         const DevServer &server = refusing ? refuser : m_second;
         const qsizetype before = narratedTexts(m_server).size();
 
-        QVERIFY(click(QStringLiteral("API Keys")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
         QVERIFY(enter(QStringLiteral("Server"), server.url().toString()));
-        QVERIFY(click(QStringLiteral("Test")));
-        QVERIFY2(shows(result), qPrintable(result));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Test")));
+        QVERIFY2(showsAccessibleControl(result), qPrintable(result));
         QTRY_COMPARE(narratedTexts(server), QStringList{QStringLiteral("Test")});
 
         runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--speak", spoken});
@@ -257,15 +214,15 @@ private Q_SLOTS:
     // A combination another client holds is named as such, not left silently dead.
     void contestedCombination()
     {
-        QVERIFY(click(QStringLiteral("Shortcuts")));
-        QVERIFY(shows(QStringLiteral("Used by another application")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Used by another application")));
     }
 
     // A combination recorded in the window narrates the selection in mousepad straight away.
     void reboundNarrationWorksAtOnce()
     {
-        QVERIFY(click(QStringLiteral("Shortcuts")));
-        QVERIFY(click(QStringLiteral("Narrate Selection shortcut")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Narrate Selection shortcut")));
         QTest::qWait(200); // the recorder takes the focus a turn later
         xdotool({"key", "ctrl+alt+n"});
         QTRY_COMPARE(status()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
@@ -287,15 +244,15 @@ private Q_SLOTS:
     // "Clear All", once confirmed, empties the list and the folder.
     void historyReplayExportAndClear()
     {
-        QVERIFY(click(QStringLiteral("History")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("History")));
         QTRY_VERIFY_WITH_TIMEOUT(!status()[u"isPlaying"].toBool(), 15000);
         const qsizetype asked = m_second.requests().size();
-        QVERIFY(click(u"Play " + kSpoken));
-        QVERIFY(shows(u"Pause " + kSpoken));
+        QVERIFY(clickAccessibleControl(u"Play " + kSpoken));
+        QVERIFY(showsAccessibleControl(u"Pause " + kSpoken));
         QCOMPARE(m_second.requests().size(), asked);
 
         const QString path = m_dir.filePath(QStringLiteral("narration.flac"));
-        QVERIFY(click(u"Export " + kSpoken));
+        QVERIFY(clickAccessibleControl(u"Export " + kSpoken));
         const QByteArray dialog = runProgram(QStringLiteral("xdotool"), {"search", "--sync", "--onlyvisible",
                                                                          "--name", "Export Narration"})
                                       .split('\n')
@@ -306,7 +263,7 @@ private Q_SLOTS:
         xdotool({"key", "ctrl+a"});
         xdotool({"type", "--delay", "10", path});
         xdotool({"key", "Return"});
-        QVERIFY(shows(QStringLiteral("Exported to narration.flac")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Exported to narration.flac")));
         QCOMPARE(runProgram(QStringLiteral("soxi"), {"-t", path}).trimmed(), "flac");
         QProcess decode;
         decode.start(QStringLiteral("sox"), {path, "-n", "stat"});
@@ -318,9 +275,9 @@ private Q_SLOTS:
         QVERIFY2(length.hasMatch() && length.captured(1).toDouble() > 1.0, qPrintable(length.captured(0)));
 
         QVERIFY(!QDir(HistoryManager::standardHistoryDirectory()).isEmpty(QDir::Files));
-        QVERIFY(click(QStringLiteral("Clear All")));
-        QVERIFY(click(QStringLiteral("Delete All")));
-        QVERIFY(shows(QStringLiteral("No narrations yet")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Clear All")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Delete All")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("No narrations yet")));
         QVERIFY(QDir(HistoryManager::standardHistoryDirectory()).isEmpty(QDir::Files));
     }
 
@@ -328,9 +285,9 @@ private Q_SLOTS:
     // the account, and "Sign Out" takes it away again.
     void accountSignsInAndOut()
     {
-        QVERIFY(click(QStringLiteral("Account")));
-        QVERIFY(click(QStringLiteral("Continue with Google")));
-        QVERIFY(shows(QStringLiteral("reader@example.com")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Account")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Continue with Google")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("reader@example.com")));
         QFile opened(m_browserLog);
         QVERIFY(opened.open(QIODevice::ReadOnly));
         QVERIFY(opened.readAll().startsWith(
@@ -338,8 +295,8 @@ private Q_SLOTS:
         QVERIFY(KeychainHelper::shared().load(KeychainKey::accessToken));
         QCOMPARE(status()[u"backend"].toString(), QStringLiteral("service"));
 
-        QVERIFY(click(QStringLiteral("Sign Out")));
-        QVERIFY(shows(QStringLiteral("Continue with Google")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Sign Out")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Continue with Google")));
         QVERIFY(!KeychainHelper::shared().load(KeychainKey::accessToken));
         QCOMPARE(status()[u"backend"].toString(), QStringLiteral("ownKey"));
     }
@@ -362,8 +319,8 @@ private Q_SLOTS:
         QTRY_COMPARE(status()[u"currentError"][u"id"].toString(),
                      QStringLiteral("accessibilityPermissionMissing"));
         // The header's settings button comes first, the error's own second.
-        QVERIFY(click(QStringLiteral("Open Settings"), 1));
-        QVERIFY(shows(
+        QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings"), 1));
+        QVERIFY(showsAccessibleControl(
             QStringLiteral("Quillvox copies the selected text with X11 keyboard events, which a Wayland "
                            "session does not pass on to other applications. Log in to an X11 (Xorg) "
                            "session to narrate text selected in other applications.")));

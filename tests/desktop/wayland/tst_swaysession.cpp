@@ -9,7 +9,6 @@
 #include "core/UserDefaults.h"
 
 #include <QDir>
-#include <QJsonDocument>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
@@ -17,14 +16,6 @@
 namespace {
 
 const QString kKey = QStringLiteral("sk-sway-2468");
-
-QString inputOf(const QJsonObject &record)
-{
-    return QJsonDocument::fromJson(record.value(QStringLiteral("body")).toString().toUtf8())
-        .object()
-        .value(QStringLiteral("input"))
-        .toString();
-}
 
 } // namespace
 
@@ -142,7 +133,7 @@ private Q_SLOTS:
         } else {
             const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
             QCOMPARE(log.size(), before + 1);
-            QCOMPARE(inputOf(log.last()), highlighted);
+            QCOMPARE(DevServer::input(log.last()), highlighted);
         }
         QByteArray clipboard;
         QCOMPARE(wl(QStringLiteral("wl-paste"), {"--no-newline"}, &clipboard), 0);

@@ -8,8 +8,6 @@
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QImage>
 #include <QJsonDocument>
@@ -74,11 +72,7 @@ class TestWidgetDesktop : public QObject
     bool startApp()
     {
         m_app = std::make_unique<ChildProcess>();
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *origin :
-             {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN", "QUILLVOX_OPENAI_ORIGIN"})
-            env.insert(QString::fromLatin1(origin), m_server.url().toString());
-        env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        QProcessEnvironment env = m_server.appEnvironment();
         env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
         m_app->process.setProcessEnvironment(env);
@@ -125,16 +119,10 @@ class TestWidgetDesktop : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs the rig's X server");
+        if (const QString lack = desktopLacks(); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-        QVERIFY(bus);
-        if (!bus->isServiceRegistered(QStringLiteral("org.a11y.Bus"))) {
-            m_accessibility.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"),
-                                          {"--launch-immediately"});
-            QTRY_VERIFY(bus->isServiceRegistered(QStringLiteral("org.a11y.Bus")));
-        }
+        QVERIFY(startAccessibilityBus(m_accessibility));
         m_compositor.process.start(program("xcompmgr"), QStringList());
         QVERIFY(m_compositor.process.waitForStarted());
 

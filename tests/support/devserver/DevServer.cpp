@@ -151,6 +151,42 @@ QString DevServer::header(const QJsonObject &record, QStringView name)
     return {};
 }
 
+QJsonObject DevServer::body(const QJsonObject &record)
+{
+    return QJsonDocument::fromJson(record.value(QLatin1String("body")).toString().toUtf8()).object();
+}
+
+QString DevServer::input(const QJsonObject &record)
+{
+    return body(record).value(QLatin1String("input")).toString();
+}
+
+QProcessEnvironment DevServer::appEnvironment(QProcessEnvironment base) const
+{
+    for (const char *origin : {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
+        base.insert(QString::fromLatin1(origin), url().toString());
+    base.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+    return base;
+}
+
+QString DevServer::setOwnKey(const QString &app, const QProcessEnvironment &env)
+{
+    QProcess setKey;
+    setKey.setProcessEnvironment(env);
+    setKey.start(app, {QStringLiteral("--set-api-key")});
+    setKey.write("local\n");
+    setKey.closeWriteChannel();
+    if (!setKey.waitForFinished(30000)) {
+        setKey.kill();
+        setKey.waitForFinished();
+        return app + QStringLiteral(" --set-api-key did not finish");
+    }
+    if (setKey.exitStatus() != QProcess::NormalExit || setKey.exitCode() != 0)
+        return app + QStringLiteral(" --set-api-key failed: ") +
+               QString::fromUtf8(setKey.readAllStandardError()).trimmed();
+    return {};
+}
+
 QJsonObject DevServer::control(const QString &path, const QJsonObject &body) const
 {
     QNetworkAccessManager network;

@@ -61,6 +61,20 @@ public:
                                        std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     // A header of a logged request by case-insensitive name; a null string when it was not sent.
     static QString header(const QJsonObject &record, QStringView name);
+    // A logged request's body read as a JSON object; empty when it is not one.
+    static QJsonObject body(const QJsonObject &record);
+    // The "input" member of that body: the text a speech request asked for.
+    static QString input(const QJsonObject &record);
+
+    // `base` with every origin the app talks to (speech, the account service, sign-in) at this server,
+    // and its anon key: the app's traffic stays on loopback.
+    QProcessEnvironment
+    appEnvironment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
+
+    // Stores the key this server takes by default ("local") as a user stores an own key: `app
+    // --set-api-key` with the key on its standard input. Empty when that worked, else why not.
+    static QString setOwnKey(const QString &app,
+                             const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 
     // Talks to the server's /dev/ control routes: POSTs body when it is not empty, GETs otherwise, and
     // returns the JSON answer; an empty object when the request failed or the answer was not an object.

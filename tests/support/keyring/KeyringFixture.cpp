@@ -86,7 +86,7 @@ void stop(QProcess &process)
     }
 }
 
-QByteArray busConfig(const QString &dir, bool withServiceDir)
+QByteArray busConfig(const QString &dir, bool withServiceDir, const QString &otherUser)
 {
     // No <standard_session_servicedirs/>: a bus that could activate the installed keyring would start one
     // as soon as a test asked for it.
@@ -100,8 +100,10 @@ QByteArray busConfig(const QString &dir, bool withServiceDir)
                         "  <auth>EXTERNAL</auth>\n";
     if (withServiceDir)
         config += "  <servicedir>" + dir.toUtf8() + "/services</servicedir>\n";
-    config += "  <policy context=\"default\">\n"
-              "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+    config += "  <policy context=\"default\">\n";
+    if (!otherUser.isEmpty())
+        config += "    <allow user=\"" + otherUser.toUtf8() + "\"/>\n";
+    config += "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
               "    <allow eavesdrop=\"true\"/>\n"
               "    <allow own=\"*\"/>\n"
               "  </policy>\n"
@@ -148,7 +150,7 @@ private:
     QList<QDBusMessage> m_held;
 };
 
-KeyringFixture::KeyringFixture(Mode mode)
+KeyringFixture::KeyringFixture(Mode mode, const QString &otherUser)
     : m_dir(QDir::tempPath() + QStringLiteral("/quillvox-keyring-XXXXXX"))
 {
     qDBusRegisterMetaType<QMap<QString, QString>>();
@@ -158,7 +160,7 @@ KeyringFixture::KeyringFixture(Mode mode)
         m_error = QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
         return;
     }
-    if (!startBus(mode))
+    if (!startBus(mode, otherUser))
         return;
     if (mode == Mode::GnomeKeyring)
         startGnomeKeyring();
@@ -177,12 +179,16 @@ KeyringFixture::~KeyringFixture()
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
-bool KeyringFixture::startBus(Mode mode)
+bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
 {
     const QString dir = m_dir.path();
+    // The other user reaches the socket by its path, and sees nothing else here.
+    if (!otherUser.isEmpty())
+        QFile::setPermissions(dir, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ExeGroup |
+                                       QFile::ExeOther);
     const QString config = dir + QStringLiteral("/bus.conf");
     const bool stalled = mode == Mode::StalledSecretService;
-    if (!writeFile(config, busConfig(dir, stalled))) {
+    if (!writeFile(config, busConfig(dir, stalled, otherUser))) {
         m_error = QStringLiteral("cannot write the bus configuration");
         return false;
     }

@@ -40,7 +40,9 @@ public:
         QByteArray err;
     };
 
-    explicit KeyringFixture(Mode mode = Mode::GnomeKeyring);
+    // `otherUser` may connect to the bus too (a desktop shell the test runs as the rig's unprivileged
+    // user); by default only this process's user can.
+    explicit KeyringFixture(Mode mode = Mode::GnomeKeyring, const QString &otherUser = {});
     ~KeyringFixture();
     KeyringFixture(const KeyringFixture &) = delete;
     KeyringFixture &operator=(const KeyringFixture &) = delete;
@@ -76,7 +78,7 @@ public:
 private:
     class SilentPrompter;
 
-    bool startBus(Mode mode);
+    bool startBus(Mode mode, const QString &otherUser);
     bool startGnomeKeyring();
     void stopBus();
 

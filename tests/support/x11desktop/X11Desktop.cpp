@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "X11Desktop.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDebug>
 #include <QFile>
+#include <QStandardPaths>
 #include <QTest>
 
 QByteArray runProgram(const QString &program, const QStringList &arguments, int timeoutMs)
@@ -26,6 +29,29 @@ void xdotool(const QStringList &arguments)
 QByteArray clipboardBytes(const QString &target)
 {
     return runProgram(QStringLiteral("xclip"), {"-selection", "clipboard", "-o", "-t", target});
+}
+
+QString desktopLacks(const QStringList &programs)
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY"))
+        return QStringLiteral("needs the rig's X server");
+    for (const QString &program : programs) {
+        if (QStandardPaths::findExecutable(program).isEmpty())
+            return program + u" is not installed";
+    }
+    return {};
+}
+
+bool startAccessibilityBus(ChildProcess &launcher)
+{
+    const QString name = QStringLiteral("org.a11y.Bus");
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    if (!bus)
+        return false;
+    if (bus->isServiceRegistered(name))
+        return true;
+    launcher.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"), {"--launch-immediately"});
+    return QTest::qWaitFor([&] { return bool(bus->isServiceRegistered(name)); }, 5000);
 }
 
 ChildProcess::~ChildProcess()
@@ -67,6 +93,39 @@ QByteArray openInMousepad(ChildProcess &editor, const QString &file)
     // Focus lands a moment after activation.
     QTest::qWait(300);
     return window;
+}
+
+QRect waitForAccessibleControl(const QString &name, int index, int timeoutMs)
+{
+    QRect rect;
+    if (!QTest::qWaitFor([&] { return !(rect = findAccessibleControl(name, index)).isEmpty(); }, timeoutMs))
+        qWarning().noquote() << "no control called" << name;
+    return rect;
+}
+
+bool showsAccessibleControl(const QString &name)
+{
+    return !waitForAccessibleControl(name).isEmpty();
+}
+
+bool clickAccessibleControl(const QString &name, int index)
+{
+    // "x:608 y:373 screen:0 window:..."
+    const QList<QByteArray> fields = runProgram(QStringLiteral("xdotool"), {"getmouselocation"}).split(' ');
+    QPoint at = fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
+    for (int look = 0; look < 3; ++look) {
+        const QRect rect = waitForAccessibleControl(name, index);
+        if (rect.isEmpty())
+            return false;
+        if (rect.center() == at)
+            break;
+        at = rect.center();
+        // --sync waits for a movement, so the pointer is only sent where it is not.
+        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
+        QTest::qWait(300);
+    }
+    xdotool({"click", "1"});
+    return true;
 }
 
 QRect findAccessibleControl(const QString &name, int index)

@@ -18,6 +18,11 @@ QByteArray runProgram(const QString &program, const QStringList &arguments, int 
 
 void xdotool(const QStringList &arguments);
 
+// Why this test cannot run here: no X display, or one of `programs` is not installed. Empty when it can:
+//     if (const QString lack = desktopLacks({"mousepad", "xdotool"}); !lack.isEmpty())
+//         QSKIP(qPrintable(lack));
+QString desktopLacks(const QStringList &programs = {});
+
 // What the clipboard's owner delivers for one target.
 QByteArray clipboardBytes(const QString &target);
 
@@ -28,6 +33,9 @@ struct ChildProcess
     ~ChildProcess();
 };
 
+// Starts the AT-SPI bus in `launcher` unless the session bus has one already; true once it is there.
+bool startAccessibilityBus(ChildProcess &launcher);
+
 // Makes `owner` (the quillvox-test-clipboard-owner program) own CLIPBOARD with `content`, whose bytes
 // go through files in `dir`; true once it said it is ready.
 bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardContent &content,
@@ -36,6 +44,14 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
 // The on-screen rectangle of Quillvox's showing control called `name`, found on the accessibility bus
 // as a screen reader finds it; empty when there is none. `index` picks a later one of the same name.
 QRect findAccessibleControl(const QString &name, int index = 0);
+
+// findAccessibleControl's rectangle once the control shows, within `timeoutMs`; empty when it never did.
+QRect waitForAccessibleControl(const QString &name, int index = 0, int timeoutMs = 15000);
+// Whether the control shows within 15 s.
+bool showsAccessibleControl(const QString &name);
+// Clicks the control's centre. Hovering can move controls (the widget expands), so the pointer follows
+// until the control stays put; false when the control never showed.
+bool clickAccessibleControl(const QString &name, int index = 0);
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);

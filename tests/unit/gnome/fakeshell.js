@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The extension's service under plain gjs, on the test's bus, with a scripted GNOME Shell behind it that
+// the test drives over com.vantor.Quillvox.Test: what is highlighted and copied, which keys are taken,
+// key presses, and the extension being switched off and on.
+import Gio from 'gi://Gio';
+import GLib from 'gi://GLib';
+
+import {QuillvoxService} from '../../../gnome-extension/service.js';
+
+// Held by another program, as the lock screen's key is.
+const TAKEN = ['<Super>l'];
+
+class FakeShell {
+    constructor() {
+        this.texts = {primary: '', clipboard: ''};
+        this.grabs = new Map();
+        this._next = 1;
+        this._listener = null;
+    }
+
+    readText(primary, callback) {
+        const text = primary ? this.texts.primary : this.texts.clipboard;
+        // GNOME Shell answers from its main loop, never within the call.
+        GLib.idle_add(GLib.PRIORITY_DEFAULT, () => {
+            callback(text === '' ? null : text);
+            return GLib.SOURCE_REMOVE;
+        });
+    }
+
+    grab(accelerator) {
+        if (TAKEN.includes(accelerator) || [...this.grabs.values()].includes(accelerator))
+            return 0;
+        const handle = this._next++;
+        this.grabs.set(handle, accelerator);
+        return handle;
+    }
+
+    ungrab(handle) {
+        this.grabs.delete(handle);
+    }
+
+    onAccelerator(callback) {
+        this._listener = callback;
+        return () => {
+            this._listener = null;
+        };
+    }
+
+    press(accelerator) {
+        for (const [handle, grabbed] of this.grabs) {
+            if (grabbed === accelerator && this._listener) {
+                this._listener(handle);
+                return true;
+            }
+        }
+        return false;
+    }
+}
+
+const CONTROL_XML = `
+<node>
+  <interface name="com.vantor.Quillvox.Test">
+    <method name="SetTexts">
+      <arg type="s" name="primary" direction="in"/>
+      <arg type="s" name="clipboard" direction="in"/>
+    </method>
+    <method name="Press">
+      <arg type="s" name="accelerator" direction="in"/>
+      <arg type="b" name="grabbed" direction="out"/>
+    </method>
+    <method name="Grabs">
+      <arg type="as" name="accelerators" direction="out"/>
+    </method>
+    <method name="SetEnabled">
+      <arg type="b" name="enabled" direction="in"/>
+    </method>
+  </interface>
+</node>`;
+
+const shell = new FakeShell();
+let service = null;
+
+const control = {
+    SetTexts(primary, clipboard) {
+        shell.texts = {primary, clipboard};
+    },
+    Press(accelerator) {
+        return shell.press(accelerator);
+    },
+    Grabs() {
+        return [...shell.grabs.values()].sort();
+    },
+    SetEnabled(enabled) {
+        if (enabled && !service) {
+            service = new QuillvoxService(Gio.DBus.session, shell);
+            service.start();
+        } else if (!enabled && service) {
+            service.stop();
+            service = null;
+        }
+    },
+};
+
+const exported = Gio.DBusExportedObject.wrapJSObject(CONTROL_XML, control);
+exported.export(Gio.DBus.session, '/com/vantor/Quillvox/Test');
+control.SetEnabled(true);
+Gio.bus_own_name_on_connection(Gio.DBus.session, 'com.vantor.Quillvox.Test', Gio.BusNameOwnerFlags.NONE,
+    null, null);
+new GLib.MainLoop(null, false).run();

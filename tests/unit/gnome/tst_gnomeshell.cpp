@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Our side of the GNOME Shell extension against the extension's own service (gnome-extension/service.js
+// under gjs) with a scripted shell behind it, on a private bus: the highlighted text, and keys bound,
+// pressed, released and bound again.
+#include "platform/gnome/GnomeShellExtension.h"
+#include "platform/gnome/GnomeShellShortcuts.h"
+
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
+#include <QProcess>
+#include <QTest>
+
+#include <memory>
+
+using Shortcut = ActionShortcuts::Shortcut;
+
+class TestGnomeShell : public QObject
+{
+    Q_OBJECT
+
+    QProcess m_gjs;
+    std::unique_ptr<QDBusInterface> m_fake;
+
+    QStringList grabs() const
+    {
+        const QDBusReply<QStringList> reply = m_fake->call(QStringLiteral("Grabs"));
+        return reply.value();
+    }
+    bool press(const QString &accelerator) const
+    {
+        const QDBusReply<bool> reply = m_fake->call(QStringLiteral("Press"), accelerator);
+        return reply.value();
+    }
+    static bool serving()
+    {
+        return QDBusConnection::sessionBus().interface()->isServiceRegistered(
+            QString::fromLatin1(GnomeShellExtension::kService));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (dbus-run-session)");
+        m_gjs.setProcessChannelMode(QProcess::ForwardedChannels);
+        m_gjs.start(
+            QStringLiteral("gjs"),
+            {QStringLiteral("-m"), QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/unit/gnome/fakeshell.js")});
+        QVERIFY2(m_gjs.waitForStarted(), "gjs is not installed");
+        QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(
+                                     QStringLiteral("com.vantor.Quillvox.Test")),
+                                 10000);
+        m_fake = std::make_unique<QDBusInterface>(QStringLiteral("com.vantor.Quillvox.Test"),
+                                                  QStringLiteral("/com/vantor/Quillvox/Test"),
+                                                  QStringLiteral("com.vantor.Quillvox.Test"));
+        QVERIFY(serving());
+    }
+
+    void cleanupTestCase()
+    {
+        m_gjs.kill();
+        m_gjs.waitForFinished(5000);
+    }
+
+    void readsTheHighlightFirst_data()
+    {
+        QTest::addColumn<QString>("primary");
+        QTest::addColumn<QString>("clipboard");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("highlighted") << "Line one,\r\nline two \u00e9t\u00e9 \u2014 ok."
+                                     << "copied"
+                                     << "Line one,\r\nline two \u00e9t\u00e9 \u2014 ok.";
+        QTest::newRow("only copied") << ""
+                                     << "copied earlier"
+                                     << "copied earlier";
+        QTest::newRow("nothing") << ""
+                                 << ""
+                                 << "";
+    }
+    void readsTheHighlightFirst()
+    {
+        QFETCH(QString, primary);
+        QFETCH(QString, clipboard);
+        QFETCH(QString, expected);
+        QVERIFY(m_fake->call(QStringLiteral("SetTexts"), primary, clipboard).errorName().isEmpty());
+        const std::optional<QString> text = GnomeShellExtension::readSelection(std::chrono::seconds(5));
+        QCOMPARE(text.has_value(), !expected.isEmpty());
+        QCOMPARE(text.value_or(QString()), expected);
+    }
+
+    void triggers_data()
+    {
+        QTest::addColumn<QString>("trigger");
+        QTest::addColumn<QString>("accelerator");
+        QTest::addColumn<QString>("label");
+        QTest::newRow("letter") << "CTRL+ALT+s"
+                                << "<Control><Alt>s"
+                                << "Ctrl+Alt+S";
+        QTest::newRow("all four") << "LOGO+SHIFT+CTRL+ALT+F1"
+                                  << "<Super><Shift><Control><Alt>F1"
+                                  << "Super+Shift+Ctrl+Alt+F1";
+        QTest::newRow("named key") << "ALT+space"
+                                   << "<Alt>space"
+                                   << "Alt+Space";
+        QTest::newRow("no key") << "CTRL+ALT+"
+                                << ""
+                                << "Ctrl+Alt+";
+        QTest::newRow("only a modifier") << "CTRL+ALT"
+                                         << ""
+                                         << "Ctrl+Alt";
+        QTest::newRow("unknown modifier") << "HYPER+s"
+                                          << ""
+                                          << "HYPER+S";
+    }
+    void triggers()
+    {
+        QFETCH(QString, trigger);
+        QFETCH(QString, accelerator);
+        QFETCH(QString, label);
+        QCOMPARE(GnomeShellShortcuts::accelerator(trigger), accelerator);
+        QCOMPARE(GnomeShellShortcuts::label(trigger), label);
+    }
+
+    // The shell takes the keys it can; presses reach us by id; a new set replaces the old one; and a key
+    // another program holds, or that no longer is ours, runs nothing.
+    void bindsPressesAndRebinds()
+    {
+        GnomeShellShortcuts shortcuts;
+        QList<ActionShortcuts::Assignments> assignments;
+        QStringList pressed;
+        shortcuts.setAssignmentsHandler(
+            [&](const ActionShortcuts::Assignments &a) { assignments.append(a); });
+        shortcuts.setActivationHandler([&](const QString &id) { pressed.append(id); });
+
+        shortcuts.bind({{"narrate-selection", "Narrate Selection", "CTRL+ALT+s"},
+                        {"toggle", "Play/Pause", "CTRL+ALT+e"},
+                        {"stop", "Stop", "LOGO+l"}});
+        QTRY_COMPARE(assignments.size(), 1);
+        QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"narrate-selection", "Ctrl+Alt+S"},
+                                                                   {"toggle", "Ctrl+Alt+E"}}));
+        QCOMPARE(grabs(), (QStringList{"<Control><Alt>e", "<Control><Alt>s"}));
+
+        QVERIFY(press(QStringLiteral("<Control><Alt>s")));
+        QVERIFY(press(QStringLiteral("<Control><Alt>e")));
+        QTRY_COMPARE(pressed, (QStringList{"narrate-selection", "toggle"}));
+
+        shortcuts.bind({{"narrate-selection", "Narrate Selection", "CTRL+ALT+d"}});
+        QTRY_COMPARE(assignments.size(), 2);
+        QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"narrate-selection", "Ctrl+Alt+D"}}));
+        QCOMPARE(grabs(), QStringList{"<Control><Alt>d"});
+        QVERIFY(!press(QStringLiteral("<Control><Alt>s")));
+        QVERIFY(press(QStringLiteral("<Control><Alt>d")));
+        QTRY_COMPARE(pressed.size(), 3);
+        QCOMPARE(pressed.last(), QStringLiteral("narrate-selection"));
+    }
+
+    // Switched off, the extension's keys are gone and we say so; switched on again, it gets our keys back
+    // without being asked.
+    void bindsAgainWhenTheExtensionReturns()
+    {
+        GnomeShellShortcuts shortcuts;
+        QList<ActionShortcuts::Assignments> assignments;
+        shortcuts.setAssignmentsHandler(
+            [&](const ActionShortcuts::Assignments &a) { assignments.append(a); });
+        shortcuts.bind({{"cycle-speed", "Cycle Speed", "CTRL+ALT+t"}});
+        QTRY_COMPARE(assignments.size(), 1);
+
+        QVERIFY(m_fake->call(QStringLiteral("SetEnabled"), false).errorName().isEmpty());
+        QTRY_COMPARE(assignments.size(), 2);
+        QVERIFY(assignments.last().isEmpty());
+        QVERIFY(grabs().isEmpty());
+
+        QVERIFY(m_fake->call(QStringLiteral("SetEnabled"), true).errorName().isEmpty());
+        QTRY_COMPARE(assignments.size(), 3);
+        QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"cycle-speed", "Ctrl+Alt+T"}}));
+        QCOMPARE(grabs(), QStringList{"<Control><Alt>t"});
+    }
+
+    // A Quillvox that quits (or crashes) leaves no key behind.
+    void releasesTheKeysOfAClientThatLeft()
+    {
+        {
+            QDBusConnection other =
+                QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("leaving"));
+            GnomeShellShortcuts shortcuts(other);
+            bool bound = false;
+            shortcuts.setAssignmentsHandler(
+                [&](const ActionShortcuts::Assignments &a) { bound = !a.isEmpty(); });
+            shortcuts.bind({{"stop", "Stop", "CTRL+ALT+q"}});
+            QTRY_VERIFY(bound);
+            QCOMPARE(grabs(), QStringList{"<Control><Alt>q"});
+        }
+        QDBusConnection::disconnectFromBus(QStringLiteral("leaving"));
+        QTRY_VERIFY(grabs().isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestGnomeShell)
+#include "tst_gnomeshell.moc"
