@@ -206,6 +206,13 @@ void FloatingWindowController::dragTo(QPointF globalPosition)
     if (!m_viewModel->isDragging()) {
         if (delta.isNull())
             return; // a click, not a drag
+        // Wayland lets no client place its windows: the compositor moves it for us, and keeps the
+        // pointer until the button is released, so the release never reaches us.
+        if (QGuiApplication::platformName().startsWith(QLatin1String("wayland")) &&
+            m_window->startSystemMove()) {
+            release();
+            return;
+        }
         m_viewModel->setDragging(true);
     }
     m_window->setPosition(m_windowAtPress + delta.toPoint());
