@@ -34,8 +34,8 @@
 
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
-#include "platform/AudioSink.h"
 #include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
 #include "records/HistoryManager.h"
 #include "speech/AudioEngine.h"
 #include "speech/NarrationServices.h"
@@ -57,102 +57,19 @@
 #include <QTimer>
 
 #include <array>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
-
-// A device that is not there: while active, its thread pulls 10 ms of audio every 10 ms / pace and throws
-// it away, everything pulled counting as heard at once.
-class PacedNullSink final : public AudioSink
-{
-public:
-    explicit PacedNullSink(double pace)
-        : m_period(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-              std::chrono::duration<double>(0.010 / pace)))
-    {}
-    ~PacedNullSink() override { close(); }
-
-    bool open(AudioRenderSource *source, QString *) override
-    {
-        close();
-        m_source = source;
-        m_active = false;
-        m_quit = false;
-        m_open = true;
-        m_thread = std::thread([this] { run(); });
-        return true;
-    }
-    bool isOpen() const override { return m_open; }
-    void setActive(bool active) override
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            m_active = active;
-        }
-        m_wake.notify_all();
-    }
-    void discardPending() override {}
-    void close() override
-    {
-        if (m_thread.joinable()) {
-            {
-                std::lock_guard lock(m_mutex);
-                m_quit = true;
-            }
-            m_wake.notify_all();
-            m_thread.join();
-        }
-        m_open = false;
-        m_active = false;
-        m_source = nullptr;
-    }
-
-private:
-    void run()
-    {
-        using Clock = std::chrono::steady_clock;
-        std::vector<float> buffer(240);
-        auto next = Clock::now();
-        std::unique_lock lock(m_mutex);
-        while (!m_quit) {
-            if (!m_active) {
-                m_wake.wait(lock, [this] { return m_quit || m_active; });
-                next = Clock::now();
-                continue;
-            }
-            lock.unlock();
-            m_source->render(buffer.data(), buffer.size(), 0);
-            lock.lock();
-            next += m_period;
-            if (Clock::now() - next > 10 * m_period)
-                next = Clock::now();
-            m_wake.wait_until(lock, next, [this] { return m_quit; });
-        }
-    }
-
-    const std::chrono::steady_clock::duration m_period;
-    AudioRenderSource *m_source = nullptr;
-    std::atomic<bool> m_open{false};
-    bool m_active = false; // guarded by m_mutex
-    bool m_quit = false;   // guarded by m_mutex
-    std::thread m_thread;
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-};
 
 // Finished narrations go to a real history in a temporary folder, so that replays read real files.
 class SoakRecords final : public NarrationRecords
@@ -279,7 +196,8 @@ public:
         services.account = &m_account;
         services.records = &m_records;
         services.selection = &m_selection;
-        services.audioSink = std::make_unique<PacedNullSink>(options.pace.toDouble());
+        services.audioSink =
+            std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime, options.pace.toDouble());
         services.serviceOrigin = servers[0];
         services.openAIOrigin = servers[0];
         m_speech = std::make_unique<SpeechManager>(std::move(services));

@@ -19,7 +19,7 @@ public:
         // Stable across releases: the desktop remembers the user's choices by it ("narrate-selection").
         QString id;
         QString description;
-        // In the form of the XDG shortcuts specification: "CTRL+ALT+s".
+        // Modifiers CTRL, ALT, SHIFT, LOGO and an X keysym name, joined by "+": "CTRL+ALT+s".
         QString preferredTrigger;
 
         friend bool operator==(const Shortcut &, const Shortcut &) = default;

@@ -138,7 +138,7 @@ QString ShortcutSettingsModel::problem(int row) const
     if (m_hotkeys->bindsByAction()) {
         return m_hotkeys->registrationProblem(binding).isEmpty()
                    ? QStringLiteral("Waiting for the desktop to assign a key")
-                   : QStringLiteral("The desktop assigned no key; choose one in its shortcut settings");
+                   : QStringLiteral("No key from the desktop: set one in its shortcut settings");
     }
     if (!m_hotkeys->registrationProblem(binding).isEmpty())
         return QStringLiteral("Used by another application");

@@ -53,6 +53,40 @@ QPalette darkPalette()
     return p;
 }
 
+// "CTRL+ALT+s" as Plasma shows it: "Ctrl+Alt+S".
+QString plasmaWords(const QString &trigger)
+{
+    QStringList parts = trigger.split(u'+');
+    for (QString &part : parts)
+        part = part == u"LOGO" ? QStringLiteral("Meta") : part.left(1).toUpper() + part.mid(1).toLower();
+    return parts.join(u'+');
+}
+
+// A desktop that binds keys by action, as Plasma's portal does: it gives every action the key asked
+// for, in its own words, except Stop.
+class PlasmaShortcuts final : public ActionShortcuts
+{
+public:
+    void bind(const QList<Shortcut> &shortcuts) override
+    {
+        Assignments assigned;
+        for (const Shortcut &shortcut : shortcuts) {
+            if (shortcut.id != u"stop")
+                assigned.insert(shortcut.id, plasmaWords(shortcut.preferredTrigger));
+        }
+        if (m_assigned)
+            m_assigned(assigned);
+    }
+    void setAssignmentsHandler(std::function<void(const Assignments &)> handler) override
+    {
+        m_assigned = std::move(handler);
+    }
+    void setActivationHandler(std::function<void(const QString &)>) override {}
+
+private:
+    std::function<void(const Assignments &)> m_assigned;
+};
+
 } // namespace
 
 int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &speech, UserDefaults &defaults,
@@ -97,6 +131,10 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     SettingsServices swayServices = services;
     swayServices.hotkeys = nullptr;
     SettingsServices gnomeServices = swayServices;
+    // KDE Plasma: the desktop assigns the keys through its portal; here it left Stop without one.
+    HotkeyManager plasmaHotkeys(defaults, std::make_unique<PlasmaShortcuts>(), selection, controls);
+    SettingsServices plasmaServices = swayServices;
+    plasmaServices.hotkeys = &plasmaHotkeys;
     SettingsWindow settings(std::nullopt, std::move(services));
     settings.present();
     QQuickView &window = *settings.window();
@@ -121,6 +159,13 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
         }
     }
     QGuiApplication::setPalette(light);
+
+    SettingsWindow plasma(SettingsSection::shortcuts, std::move(plasmaServices));
+    plasma.present();
+    settle(300);
+    if (plasma.window()->grabWindow().save(
+            out.filePath(QStringLiteral("settings-shortcuts-plasma") + suffix + QStringLiteral(".png"))))
+        ++written;
 
     qputenv("SWAYSOCK", "/run/user/1000/sway-ipc.sock");
     SettingsWindow sway(SettingsSection::shortcuts, std::move(swayServices));

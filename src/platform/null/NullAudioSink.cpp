@@ -3,8 +3,9 @@
 
 #include <chrono>
 
-NullAudioSink::NullAudioSink(Clock clock)
+NullAudioSink::NullAudioSink(Clock clock, double pace)
     : m_clock(clock)
+    , m_pace(pace)
 {}
 
 NullAudioSink::~NullAudioSink()
@@ -89,7 +90,8 @@ std::span<const float> NullAudioSink::advance(std::size_t frames, std::int64_t d
 void NullAudioSink::runRealTime()
 {
     using Clock = std::chrono::steady_clock;
-    constexpr auto kStep = std::chrono::milliseconds(1000 * kRealTimeStepFrames / kSampleRateHz);
+    const auto kStep = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(double(kRealTimeStepFrames) / kSampleRateHz / m_pace));
     std::vector<float> buffer(kRealTimeStepFrames);
     auto next = Clock::now();
     std::unique_lock lock(m_mutex);

@@ -16,7 +16,8 @@
 
 // An output without a device. With the manual clock, a test moves time itself and reads what was
 // rendered; with the real-time clock a thread pulls audio at the pace of a real device (10 ms steps) and
-// throws it away, so that narrations still run and end when there is no sound server to use.
+// throws it away, so that narrations still run and end when there is no sound server to use. A `pace`
+// above 1 pulls that many times faster, for soaks that play hundreds of narrations.
 class NullAudioSink final : public AudioSink
 {
 public:
@@ -24,7 +25,7 @@ public:
     static constexpr int kSampleRateHz = 24000;
     static constexpr std::size_t kRealTimeStepFrames = kSampleRateHz / 100;
 
-    explicit NullAudioSink(Clock clock = Clock::Manual);
+    explicit NullAudioSink(Clock clock = Clock::Manual, double pace = 1.0);
     ~NullAudioSink() override;
 
     bool open(AudioRenderSource *source, QString *error) override;
@@ -51,6 +52,7 @@ private:
     void runRealTime();
 
     const Clock m_clock;
+    const double m_pace;
     AudioRenderSource *m_source = nullptr;
     std::atomic<bool> m_open{false};
     std::atomic<bool> m_active{false};

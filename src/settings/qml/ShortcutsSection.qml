@@ -92,14 +92,18 @@ SectionPage {
                         text: modelData.title
                     }
                     Label {
+                        Layout.fillWidth: true
                         visible: modelData.assigned !== ""
+                        wrapMode: Text.Wrap
                         text: "Desktop key: " + modelData.assigned
                         color: systemPalette.placeholderText
                         font.pixelSize: 12
                         Accessible.name: text
                     }
                     Label {
+                        Layout.fillWidth: true
                         visible: modelData.problem !== ""
+                        wrapMode: Text.Wrap
                         text: modelData.problem
                         color: "#d0342c"
                         font.pixelSize: 12
