@@ -201,15 +201,17 @@ void TextCaptureManager::postCopy(bool withShift)
     KeyboardInjector &keyboard = *m_backends.keyboard;
     // While the shortcut's own keys are held, the server sends every key event to us (the passive grab is
     // active) and a held Alt would turn the copy into Ctrl+Alt+C: let go of everything first.
+    QList<KeyboardInjector::KeyEvent> events;
     for (const quint32 key : keyboard.heldKeys())
-        keyboard.sendKey(key, false);
+        events.append({key, false});
 
-    keyboard.sendKey(kCopyModifierKey, true);
+    events.append({kCopyModifierKey, true});
     if (withShift)
-        keyboard.sendKey(kTerminalCopyExtraKey, true);
-    keyboard.sendKey(kCopyKey, true);
-    keyboard.sendKey(kCopyKey, false);
+        events.append({kTerminalCopyExtraKey, true});
+    events.append({kCopyKey, true});
+    events.append({kCopyKey, false});
     if (withShift)
-        keyboard.sendKey(kTerminalCopyExtraKey, false);
-    keyboard.sendKey(kCopyModifierKey, false);
+        events.append({kTerminalCopyExtraKey, false});
+    events.append({kCopyModifierKey, false});
+    keyboard.sendKeys(events);
 }

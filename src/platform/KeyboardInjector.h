@@ -19,11 +19,18 @@ public:
         NoXTest,
     };
 
+    struct KeyEvent
+    {
+        quint32 keyCode;
+        bool pressed;
+        friend bool operator==(const KeyEvent &, const KeyEvent &) = default;
+    };
+
     virtual ~KeyboardInjector() = default;
 
     virtual Availability availability() = 0;
     // Every key the server currently sees held down, physical or synthetic.
     virtual QList<quint32> heldKeys() = 0;
-    // One key event; it has reached the server when the call returns.
-    virtual void sendKey(quint32 keyCode, bool pressed) = 0;
+    // Key events in one batch, in this order; they have reached the server when the call returns.
+    virtual void sendKeys(const QList<KeyEvent> &events) = 0;
 };

@@ -57,12 +57,18 @@ QList<quint32> X11KeyboardInjector::heldKeys()
     return keys;
 }
 
-void X11KeyboardInjector::sendKey(quint32 keyCode, bool pressed)
+void X11KeyboardInjector::sendKeys(const QList<KeyEvent> &events)
 {
     xcb_connection_t *c = X11Session::connection();
     if (!c)
         return;
-    xcb_test_fake_input(c, pressed ? XCB_KEY_PRESS : XCB_KEY_RELEASE, quint8(keyCode + kEvdevToXKeyCode),
-                        XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0, 0, 0);
+    // One write, one round trip: the server runs one client's queued requests back to back, so another
+    // client's key events (the tail of the shortcut that started this, a release still on its way) cannot
+    // land between our Ctrl and our C and turn the copy into a typed "c".
+    for (const KeyEvent &event : events) {
+        xcb_test_fake_input(c, event.pressed ? XCB_KEY_PRESS : XCB_KEY_RELEASE,
+                            quint8(event.keyCode + kEvdevToXKeyCode), XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0,
+                            0, 0);
+    }
     sync(c);
 }

@@ -9,5 +9,5 @@ class X11KeyboardInjector final : public KeyboardInjector
 public:
     Availability availability() override;
     QList<quint32> heldKeys() override;
-    void sendKey(quint32 keyCode, bool pressed) override;
+    void sendKeys(const QList<KeyEvent> &events) override;
 };

@@ -7,6 +7,7 @@
 #include "account/KeychainHelper.h"
 #include "app/SessionAccount.h"
 #include "core/UserDefaults.h"
+#include "onboarding/OnboardingViewModel.h"
 #include "platform/WakeMonitor.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
@@ -172,6 +173,33 @@ private Q_SLOTS:
         QCOMPARE(again.log,
                  QStringList({QStringLiteral("[AuthManager] Found existing access token, verifying..."),
                               QStringLiteral("[AuthManager] Session restored for reader@example.com")}));
+    }
+
+    // Onboarding moves on from its sign-in step when the browser sign-in completes, and only from there.
+    void signInMovesOnboardingOnlyFromItsSignInStep_data()
+    {
+        QTest::addColumn<bool>("onSignInStep");
+        QTest::addColumn<QString>("after");
+        QTest::newRow("on signIn") << true << QStringLiteral("freeMinutes");
+        QTest::newRow("on welcome") << false << QStringLiteral("welcome");
+    }
+    void signInMovesOnboardingOnlyFromItsSignInStep()
+    {
+        QFETCH(bool, onSignInStep);
+        QVERIFY(startServer());
+        Session s(*m_server);
+        s.startAuth();
+        s.startBalance();
+        OnboardingViewModel::Services services;
+        services.auth = s.auth.get();
+        services.balance = s.balance.get();
+        services.clock = &s.clock;
+        services.isTrusted = [] { return true; };
+        OnboardingViewModel onboarding(std::move(services));
+        if (onSignInStep)
+            onboarding.nextStep();
+        QVERIFY(s.signIn());
+        QTEST(onboarding.currentStepName(), "after");
     }
 
     void callbackWhoseUserFetchFails()

@@ -5,16 +5,17 @@ NullKeyboardInjector::NullKeyboardInjector(Availability availability)
     : m_availability(availability)
 {}
 
-void NullKeyboardInjector::sendKey(quint32 keyCode, bool pressed)
+void NullKeyboardInjector::sendKeys(const QList<KeyEvent> &events)
 {
-    if (pressed) {
-        if (!m_held.contains(keyCode))
-            m_held.append(keyCode);
-    } else {
-        m_held.removeAll(keyCode);
+    for (const KeyEvent &event : events) {
+        if (event.pressed) {
+            if (!m_held.contains(event.keyCode))
+                m_held.append(event.keyCode);
+        } else {
+            m_held.removeAll(event.keyCode);
+        }
+        m_sent.append(event);
+        if (m_receiver)
+            m_receiver(event, m_held);
     }
-    const KeyEvent event{keyCode, pressed};
-    m_sent.append(event);
-    if (m_receiver)
-        m_receiver(event, m_held);
 }

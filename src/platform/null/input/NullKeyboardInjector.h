@@ -11,18 +11,11 @@
 class NullKeyboardInjector final : public KeyboardInjector
 {
 public:
-    struct KeyEvent
-    {
-        quint32 keyCode;
-        bool pressed;
-        friend bool operator==(const KeyEvent &, const KeyEvent &) = default;
-    };
-
     explicit NullKeyboardInjector(Availability availability = Availability::NoDisplay);
 
     Availability availability() override { return m_availability; }
     QList<quint32> heldKeys() override { return m_held; }
-    void sendKey(quint32 keyCode, bool pressed) override;
+    void sendKeys(const QList<KeyEvent> &events) override;
 
     void setAvailability(Availability availability) { m_availability = availability; }
     // Keys the user holds down.
