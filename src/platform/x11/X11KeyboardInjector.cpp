@@ -67,8 +67,8 @@ void X11KeyboardInjector::sendKeys(const QList<KeyEvent> &events)
     // land between our Ctrl and our C and turn the copy into a typed "c".
     for (const KeyEvent &event : events) {
         xcb_test_fake_input(c, event.pressed ? XCB_KEY_PRESS : XCB_KEY_RELEASE,
-                            quint8(event.keyCode + kEvdevToXKeyCode), XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0,
-                            0, 0);
+                            quint8(event.keyCode + kEvdevToXKeyCode), XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0, 0,
+                            0);
     }
     sync(c);
 }
