@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "ManualClock.h"
 
+#include "account/KeychainHelper.h"
 #include "core/AppEvents.h"
 #include "onboarding/OnboardingPackage.h"
 #include "onboarding/OnboardingViewModel.h"
+#include "platform/null/MemorySecretStore.h"
 
 #include <QSignalSpy>
 #include <QTest>
@@ -113,6 +115,42 @@ private Q_SLOTS:
         }
         QTEST(int(published.count()), "publications");
         QTEST(vm->hasPermissions(), "finally");
+    }
+
+    // "Use my own API key": the flow moves on once the keyring holds the key, offers no way back to
+    // free minutes it never had, and skips pricing unless there is an account as well.
+    void ownKeyPath_data()
+    {
+        QTest::addColumn<bool>("alsoSignedIn");
+        QTest::addColumn<QString>("afterTutorial");
+        QTest::newRow("key only") << false << QStringLiteral("completion");
+        QTest::newRow("key and account") << true << QStringLiteral("pricing");
+    }
+    void ownKeyPath()
+    {
+        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
+        OnboardingViewModel::Services services;
+        services.clock = &m_clock;
+        services.keychain = &keychain;
+        OnboardingViewModel vm(std::move(services));
+        QSignalSpy settingsOpened(&AppEvents::shared(), &AppEvents::openSettingsWindow);
+        vm.nextStep();
+        vm.useOwnApiKey();
+        QCOMPARE(settingsOpened.count(), 1);
+        m_clock.advance(1s);
+        QCOMPARE(vm.currentStepName(), QStringLiteral("signIn"));
+
+        QVERIFY(keychain.save(QStringLiteral("sk-own"), KeychainKey::openAIAPIKey));
+        m_clock.advance(1s);
+        QCOMPARE(vm.currentStepName(), QStringLiteral("permissions"));
+        QVERIFY(!vm.canGoBack());
+
+        QFETCH(bool, alsoSignedIn);
+        if (alsoSignedIn)
+            QVERIFY(keychain.save(QStringLiteral("token"), KeychainKey::accessToken));
+        vm.goToTutorial();
+        vm.finishTutorial();
+        QTEST(vm.currentStepName(), "afterTutorial");
     }
 
     void packageTexts_data()
