@@ -24,15 +24,18 @@ private Q_SLOTS:
         QTest::addColumn<int>("wlrVersion");
         QTest::addColumn<bool>("ext");
         QTest::addColumn<bool>("reader");
+        QTest::addColumn<bool>("withheld");
         QTest::addColumn<Support>("expected");
-        QTest::newRow("x11 session") << false << true << 2 << false << true << Support::NotWayland;
+        QTest::newRow("x11 session") << false << true << 2 << false << true << false << Support::NotWayland;
         QTest::newRow("no compositor")
-            << true << false << 0 << false << true << Support::CompositorUnreachable;
-        QTest::newRow("gnome") << true << true << 0 << false << true << Support::NoDataControl;
-        QTest::newRow("kwin, clipboard only") << true << true << 1 << false << true << Support::ClipboardOnly;
-        QTest::newRow("sway") << true << true << 2 << false << true << Support::Available;
-        QTest::newRow("ext data-control") << true << true << 0 << true << true << Support::Available;
-        QTest::newRow("sway without wl-paste") << true << true << 2 << false << false << Support::NoReader;
+            << true << false << 0 << false << true << false << Support::CompositorUnreachable;
+        QTest::newRow("gnome") << true << true << 0 << false << true << false << Support::NoDataControl;
+        QTest::newRow("kwin, clipboard only") << true << true << 1 << false << true << false << Support::ClipboardOnly;
+        QTest::newRow("sway") << true << true << 2 << false << true << false << Support::Available;
+        QTest::newRow("ext data-control") << true << true << 0 << true << true << false << Support::Available;
+        QTest::newRow("kwin 5.27, version 2 without primary")
+            << true << true << 2 << false << true << true << Support::ClipboardOnly;
+        QTest::newRow("sway without wl-paste") << true << true << 2 << false << false << false << Support::NoReader;
     }
     void waylandSupport()
     {
@@ -41,8 +44,9 @@ private Q_SLOTS:
         QFETCH(int, wlrVersion);
         QFETCH(bool, ext);
         QFETCH(bool, reader);
+        QFETCH(bool, withheld);
         QFETCH(Support, expected);
-        const WaylandSelection::CompositorFacts facts{connected, quint32(wlrVersion), ext};
+        const WaylandSelection::CompositorFacts facts{connected, quint32(wlrVersion), ext, withheld};
         QCOMPARE(WaylandSelection::decide(wayland, facts, reader), expected);
         QCOMPARE(WaylandSelection::explanation(expected).isEmpty(), expected == Support::Available);
     }

@@ -45,6 +45,20 @@ CompositorFacts askCompositor()
     return facts;
 }
 
+// Whether a compositor that announces the primary selection really sends it. wl-paste waits one round trip
+// for it and says so when it did not come; an empty selection is "No selection" instead.
+bool primaryWithheld()
+{
+    QProcess probe;
+    probe.start(kReader, {QStringLiteral("--primary"), QStringLiteral("--list-types")});
+    if (!probe.waitForFinished(1000)) {
+        probe.kill();
+        probe.waitForFinished(1000);
+        return false;
+    }
+    return QString::fromUtf8(probe.readAllStandardError()).contains(u"not seem to support primary");
+}
+
 } // namespace
 
 Support decide(bool waylandSession, const CompositorFacts &compositor, bool haveReader)
@@ -55,7 +69,7 @@ Support decide(bool waylandSession, const CompositorFacts &compositor, bool have
         return Support::CompositorUnreachable;
     if (!compositor.extDataControl && compositor.wlrDataControlVersion == 0)
         return Support::NoDataControl;
-    if (!compositor.extDataControl && compositor.wlrDataControlVersion < 2)
+    if (!compositor.extDataControl && (compositor.wlrDataControlVersion < 2 || compositor.primaryWithheld))
         return Support::ClipboardOnly;
     return haveReader ? Support::Available : Support::NoReader;
 }
@@ -64,8 +78,11 @@ Support support()
 {
     static const Support answer = [] {
         const bool waylandSession = !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-        const Support s = decide(waylandSession, waylandSession ? askCompositor() : CompositorFacts{},
-                                 !QStandardPaths::findExecutable(kReader).isEmpty());
+        const bool haveReader = !QStandardPaths::findExecutable(kReader).isEmpty();
+        CompositorFacts facts = waylandSession ? askCompositor() : CompositorFacts{};
+        if (haveReader && facts.wlrDataControlVersion >= 2 && !facts.extDataControl)
+            facts.primaryWithheld = primaryWithheld();
+        const Support s = decide(waylandSession, facts, haveReader);
         if (waylandSession)
             qCInfo(lcCapture) << "Wayland selection support:" << int(s);
         return s;

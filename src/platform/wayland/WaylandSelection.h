@@ -27,6 +27,9 @@ struct CompositorFacts
     bool connected = false;
     quint32 wlrDataControlVersion = 0; // zwlr_data_control_manager_v1; 0 when absent
     bool extDataControl = false;       // ext_data_control_manager_v1, which always has the primary selection
+    // Version 2 announced, yet no primary selection ever sent: KWin 5.27 does this, and wl-paste then
+    // says the compositor does not support it.
+    bool primaryWithheld = false;
 };
 
 Support decide(bool waylandSession, const CompositorFacts &compositor, bool haveReader);
