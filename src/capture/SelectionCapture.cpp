@@ -3,7 +3,10 @@
 
 #include "capture/TextCaptureManager.h"
 #include "core/Logging.h"
+#include "platform/dbus/PortalRemoteKeyboard.h"
 #include "platform/gnome/GnomeShellExtension.h"
+#include "platform/null/input/FixedWindowFocus.h"
+#include "platform/wayland/WaylandClipboard.h"
 #include "platform/wayland/WaylandSelection.h"
 
 #include <QGuiApplication>
@@ -51,6 +54,36 @@ CaptureBackend waylandPrimarySelection()
             }};
 }
 
+// KDE Plasma: data-control shares the clipboard but not the highlighted text, so the selection is copied
+// with keys pressed through the remote-desktop portal and read from the clipboard, which is then put back
+// (its text; wl-copy offers one format).
+CaptureBackend waylandClipboardAfterCopy()
+{
+    const auto reason = []() -> QString {
+        // Asked once: a desktop does not gain or lose its portal while we run.
+        static const bool portal = PortalRemoteKeyboard::isAvailable();
+        if (portal)
+            return {};
+        return QCoreApplication::translate(
+            "SelectionCapture",
+            "This Wayland desktop shares the clipboard with Quillvox but not the highlighted text, and it "
+            "offers no remote desktop portal through which Quillvox could copy it. Log in to an X11 session "
+            "to narrate selected text.");
+    };
+    return {reason, []() -> std::optional<QString> {
+                if (std::optional<QString> own = ownFocusedSelection())
+                    return own;
+                static TextCaptureManager *copier = [] {
+                    TextCaptureManager::Backends backends;
+                    backends.keyboard = std::make_unique<PortalRemoteKeyboard>();
+                    backends.clipboard = std::make_unique<WaylandClipboard>();
+                    backends.windows = std::make_unique<FixedWindowFocus>();
+                    return new TextCaptureManager(std::move(backends), qGuiApp);
+                }();
+                return copier->captureSelectedText();
+            }};
+}
+
 } // namespace
 
 SelectionCapture::SelectionCapture(QList<CaptureBackend> backends, QObject *parent)
@@ -67,6 +100,8 @@ SelectionCapture &SelectionCapture::shared()
         QList<CaptureBackend> backends;
         if (GnomeShellExtension::isGnomeWayland())
             backends = {gnomeShellSelection(), waylandPrimarySelection(), syntheticCopy()};
+        else if (WaylandSelection::support() == WaylandSelection::Support::ClipboardOnly)
+            backends = {waylandClipboardAfterCopy(), syntheticCopy()};
         else if (WaylandSelection::support() != WaylandSelection::Support::NotWayland)
             backends = {waylandPrimarySelection(), syntheticCopy()};
         else

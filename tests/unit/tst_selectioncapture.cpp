@@ -30,12 +30,14 @@ private Q_SLOTS:
         QTest::newRow("no compositor")
             << true << false << 0 << false << true << false << Support::CompositorUnreachable;
         QTest::newRow("gnome") << true << true << 0 << false << true << false << Support::NoDataControl;
-        QTest::newRow("kwin, clipboard only") << true << true << 1 << false << true << false << Support::ClipboardOnly;
+        QTest::newRow("kwin, clipboard only")
+            << true << true << 1 << false << true << false << Support::ClipboardOnly;
         QTest::newRow("sway") << true << true << 2 << false << true << false << Support::Available;
         QTest::newRow("ext data-control") << true << true << 0 << true << true << false << Support::Available;
         QTest::newRow("kwin 5.27, version 2 without primary")
             << true << true << 2 << false << true << true << Support::ClipboardOnly;
-        QTest::newRow("sway without wl-paste") << true << true << 2 << false << false << false << Support::NoReader;
+        QTest::newRow("sway without wl-paste")
+            << true << true << 2 << false << false << false << Support::NoReader;
     }
     void waylandSupport()
     {

@@ -2,6 +2,7 @@
 #include "platform/dbus/PortalGlobalShortcuts.h"
 
 #include "core/Logging.h"
+#include "platform/dbus/PortalRequest.h"
 
 #include <QDBusArgument>
 #include <QDBusMessage>
@@ -28,8 +29,8 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, PortalShortcutEnt
 
 namespace {
 
-constexpr const char *kRequestInterface = "org.freedesktop.portal.Request";
-constexpr const char *kSessionInterface = "org.freedesktop.portal.Session";
+using PortalRequest::kRequestInterface;
+using PortalRequest::kSessionInterface;
 
 ActionShortcuts::Assignments assignmentsFrom(const QVariant &shortcuts)
 {
@@ -103,17 +104,7 @@ PortalGlobalShortcuts::~PortalGlobalShortcuts()
 
 bool PortalGlobalShortcuts::isAvailable(QDBusConnection bus, int timeoutMs)
 {
-    QDBusMessage get = QDBusMessage::createMethodCall(
-        QString::fromLatin1(kService), QString::fromLatin1(kPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    get << QString::fromLatin1(kInterface) << QStringLiteral("version");
-    const QDBusMessage reply = bus.call(get, QDBus::Block, timeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return false;
-    QVariant version = reply.arguments().constFirst();
-    if (version.metaType() == QMetaType::fromType<QDBusVariant>())
-        version = version.value<QDBusVariant>().variant();
-    return version.toUInt() >= 1;
+    return PortalRequest::interfaceVersion(bus, QString::fromLatin1(kInterface), timeoutMs) >= 1;
 }
 
 void PortalGlobalShortcuts::bind(const QList<Shortcut> &shortcuts)
@@ -171,9 +162,7 @@ bool PortalGlobalShortcuts::request(const QString &method, QVariantList argument
     // token, so we listen there before asking: a fast portal could answer before the call returns.
     const QString token = QStringLiteral("quillvox%1").arg(++m_tokenCounter);
     options.insert(QStringLiteral("handle_token"), token);
-    QString sender = m_bus.baseService().mid(1);
-    sender.replace(u'.', u'_');
-    const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/%1/%2").arg(sender, token);
+    const QString path = PortalRequest::path(m_bus, token);
     m_bus.connect(QString::fromLatin1(kService), path, QString::fromLatin1(kRequestInterface),
                   QStringLiteral("Response"), this, slot);
     m_pendingRequest = path;

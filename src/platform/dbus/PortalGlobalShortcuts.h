@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/ActionShortcuts.h"
+#include "platform/dbus/PortalRequest.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -32,8 +33,8 @@ class PortalGlobalShortcuts final : public QObject, public ActionShortcuts
     Q_OBJECT
 
 public:
-    static constexpr const char *kService = "org.freedesktop.portal.Desktop";
-    static constexpr const char *kPath = "/org/freedesktop/portal/desktop";
+    static constexpr const char *kService = PortalRequest::kService;
+    static constexpr const char *kPath = PortalRequest::kPath;
     static constexpr const char *kInterface = "org.freedesktop.portal.GlobalShortcuts";
 
     explicit PortalGlobalShortcuts(QDBusConnection bus = QDBusConnection::sessionBus(),

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Global shortcuts through the desktop portal, against a portal of our own on a private session bus:
-// session and binding, the shortcut manager's rows following what the desktop assigned, presses by
-// id, and a portal that goes away and comes back.
+// The desktop portal, against a portal of our own on a private session bus. Global shortcuts: session
+// and binding, the shortcut manager's rows following what the desktop assigned, presses by id, and a
+// portal that goes away and comes back. The remote keyboard the capture copies with on KDE: the user
+// asked once, keys in order, a refusal sending nothing.
 #include "ShortcutDoubles.h"
 #include "core/UserDefaults.h"
 #include "platform/dbus/PortalGlobalShortcuts.h"
+#include "platform/dbus/PortalRemoteKeyboard.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/KeyTable.h"
 
@@ -64,7 +66,16 @@ public:
     {
         const QString member = message.member();
         if (member == u"Get") {
-            connection.send(message.createReply(QVariant::fromValue(QDBusVariant(uint(1)))));
+            const bool deviceTypes = message.arguments().value(1).toString() == u"AvailableDeviceTypes";
+            connection.send(
+                message.createReply(QVariant::fromValue(QDBusVariant(deviceTypes ? deviceTypes_ : 1u))));
+            return true;
+        }
+        const bool remote = message.interface() == QLatin1String(PortalRemoteKeyboard::kInterface);
+        if (remote && member == u"NotifyKeyboardKeycode") {
+            keys.append(
+                {quint32(message.arguments().at(2).toInt()), message.arguments().at(3).toUInt() == 1});
+            connection.send(message.createReply());
             return true;
         }
         const QVariantList args = message.arguments();
@@ -74,7 +85,14 @@ public:
         const QString request = QStringLiteral("/org/freedesktop/portal/desktop/request/%1/%2")
                                     .arg(sender, options.value(QStringLiteral("handle_token")).toString());
         QVariantMap results;
-        if (member == u"CreateSession") {
+        uint answer = 0;
+        if (remote && member == u"Start") {
+            ++starts;
+            answer = startAnswer;
+            results.insert(QStringLiteral("devices"), grantedDevices);
+        } else if (remote && member == u"SelectDevices") {
+            selectedTypes = options.value(QStringLiteral("types")).toUInt();
+        } else if (member == u"CreateSession") {
             ++sessionsCreated;
             session = QStringLiteral("/org/freedesktop/portal/desktop/session/%1/%2")
                           .arg(sender, options.value(QStringLiteral("session_handle_token")).toString());
@@ -96,12 +114,18 @@ public:
         connection.send(message.createReply(QVariant::fromValue(QDBusObjectPath(request))));
         QDBusMessage response = QDBusMessage::createSignal(
             request, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
-        response << uint(0) << results;
+        response << answer << results;
         connection.send(response);
         return true;
     }
 
     QStringList refuse;
+    uint deviceTypes_ = 1;
+    uint startAnswer = 0;
+    uint grantedDevices = 1;
+    uint selectedTypes = 0;
+    int starts = 0;
+    QList<KeyboardInjector::KeyEvent> keys;
     int sessionsCreated = 0;
     QString session;
     QString boundSession;
@@ -122,7 +146,7 @@ QString entryValue(const Entries &entries, const QString &id, const char *name)
 
 } // namespace
 
-class TestPortalShortcuts : public QObject
+class TestPortals : public QObject
 {
     Q_OBJECT
 
@@ -256,7 +280,51 @@ private Q_SLOTS:
         m_portal->activate(m_portal->session, QStringLiteral("toggle"));
         QTRY_COMPARE(m_controls.calls, QStringList({"togglePlayPause"}));
     }
+
+    // Copying on KDE: the first keys open a session the user is asked for (a keyboard only), later ones
+    // reuse it; a refusal, or a desktop granting no keyboard, sends nothing and asks again next time.
+    void remoteKeyboard_data()
+    {
+        QTest::addColumn<uint>("startAnswer");
+        QTest::addColumn<uint>("granted");
+        QTest::addColumn<bool>("typed");
+        QTest::newRow("allowed") << 0u << 1u << true;
+        QTest::newRow("refused") << 1u << 0u << false;
+        QTest::newRow("pointer only") << 0u << 2u << false;
+    }
+    void remoteKeyboard()
+    {
+        QFETCH(uint, startAnswer);
+        QFETCH(uint, granted);
+        QFETCH(bool, typed);
+        // Asked from another thread, as the portal answers on this one.
+        const auto elsewhere = [](auto work) {
+            auto done = std::async(std::launch::async, work);
+            while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready)
+                QCoreApplication::processEvents();
+            return done.get();
+        };
+        const auto available = [&] { return elsewhere([] { return PortalRemoteKeyboard::isAvailable(); }); };
+        m_portal->deviceTypes_ = 3;
+        QVERIFY(available());
+        m_portal->deviceTypes_ = 2;
+        QVERIFY(!available());
+
+        m_portal->startAnswer = startAnswer;
+        m_portal->grantedDevices = granted;
+        const QList<KeyboardInjector::KeyEvent> copy{{29, true}, {46, true}, {46, false}, {29, false}};
+        const bool hasSession = elsewhere([&] {
+            PortalRemoteKeyboard keyboard;
+            keyboard.sendKeys(copy);
+            keyboard.sendKeys(copy);
+            return !keyboard.sessionHandle().isEmpty();
+        });
+        QCOMPARE(m_portal->selectedTypes, 1u);
+        QCOMPARE(m_portal->starts, typed ? 1 : 2);
+        QCOMPARE(m_portal->keys, typed ? copy + copy : QList<KeyboardInjector::KeyEvent>());
+        QCOMPARE(hasSession, typed);
+    }
 };
 
-QTEST_GUILESS_MAIN(TestPortalShortcuts)
-#include "tst_portalshortcuts.moc"
+QTEST_GUILESS_MAIN(TestPortals)
+#include "tst_portals.moc"
