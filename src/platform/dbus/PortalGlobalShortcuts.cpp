@@ -95,16 +95,14 @@ void PortalGlobalShortcuts::registerTypes()
 PortalGlobalShortcuts::~PortalGlobalShortcuts()
 {
     if (!m_session.path().isEmpty()) {
-        m_bus.call(QDBusMessage::createMethodCall(QString::fromLatin1(kService), m_session.path(),
-                                                  QString::fromLatin1(kSessionInterface),
-                                                  QStringLiteral("Close")),
-                   QDBus::NoBlock);
+        PortalRequest::closeSession(m_bus, m_session.path());
     }
 }
 
 bool PortalGlobalShortcuts::isAvailable(QDBusConnection bus, int timeoutMs)
 {
-    return PortalRequest::interfaceVersion(bus, QString::fromLatin1(kInterface), timeoutMs) >= 1;
+    return PortalRequest::property(bus, QString::fromLatin1(kInterface), QStringLiteral("version"),
+                                   timeoutMs) >= 1;
 }
 
 void PortalGlobalShortcuts::bind(const QList<Shortcut> &shortcuts)

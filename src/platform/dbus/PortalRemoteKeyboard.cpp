@@ -5,7 +5,6 @@
 #include "platform/dbus/PortalRequest.h"
 
 #include <QDBusMessage>
-#include <QDBusVariant>
 #include <QScopeGuard>
 
 #include <linux/input-event-codes.h>
@@ -32,28 +31,15 @@ PortalRemoteKeyboard::PortalRemoteKeyboard(QDBusConnection bus, std::chrono::mil
 PortalRemoteKeyboard::~PortalRemoteKeyboard()
 {
     if (!m_session.path().isEmpty()) {
-        m_bus.call(QDBusMessage::createMethodCall(
-                       QString::fromLatin1(PortalRequest::kService), m_session.path(),
-                       QString::fromLatin1(PortalRequest::kSessionInterface), QStringLiteral("Close")),
-                   QDBus::NoBlock);
+        PortalRequest::closeSession(m_bus, m_session.path());
     }
 }
 
 bool PortalRemoteKeyboard::isAvailable(QDBusConnection bus, int timeoutMs)
 {
-    if (PortalRequest::interfaceVersion(bus, interfaceName(), timeoutMs) < 1)
-        return false;
-    QDBusMessage get = QDBusMessage::createMethodCall(
-        QString::fromLatin1(PortalRequest::kService), QString::fromLatin1(PortalRequest::kPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    get << interfaceName() << QStringLiteral("AvailableDeviceTypes");
-    const QDBusMessage reply = bus.call(get, QDBus::Block, timeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return false;
-    QVariant types = reply.arguments().constFirst();
-    if (types.metaType() == QMetaType::fromType<QDBusVariant>())
-        types = types.value<QDBusVariant>().variant();
-    return types.toUInt() & kKeyboard;
+    return PortalRequest::property(bus, interfaceName(), QStringLiteral("version"), timeoutMs) >= 1 &&
+           (PortalRequest::property(bus, interfaceName(), QStringLiteral("AvailableDeviceTypes"), timeoutMs) &
+            kKeyboard);
 }
 
 KeyboardInjector::Availability PortalRemoteKeyboard::availability()
@@ -87,12 +73,7 @@ bool PortalRemoteKeyboard::ensureSession()
         return false;
     }
     const QDBusObjectPath session(handle);
-    const auto close = [&] {
-        m_bus.call(QDBusMessage::createMethodCall(
-                       QString::fromLatin1(PortalRequest::kService), session.path(),
-                       QString::fromLatin1(PortalRequest::kSessionInterface), QStringLiteral("Close")),
-                   QDBus::NoBlock);
-    };
+    const auto close = [&] { PortalRequest::closeSession(m_bus, session.path()); };
     const std::optional<PortalRequest::Answer> selected = PortalRequest::callAndWait(
         m_bus, interfaceName(), QStringLiteral("SelectDevices"), {QVariant::fromValue(session)},
         {{QStringLiteral("types"), kKeyboard}}, kRequestTimeout);

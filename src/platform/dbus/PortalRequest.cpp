@@ -82,12 +82,20 @@ std::optional<Answer> callAndWait(const QDBusConnection &bus, const QString &int
     return waiter.answer;
 }
 
-uint interfaceVersion(const QDBusConnection &bus, const QString &interface, int timeoutMs)
+void closeSession(const QDBusConnection &bus, const QString &session)
+{
+    QDBusConnection(bus).call(QDBusMessage::createMethodCall(QString::fromLatin1(kService), session,
+                                                             QString::fromLatin1(kSessionInterface),
+                                                             QStringLiteral("Close")),
+                              QDBus::NoBlock);
+}
+
+uint property(const QDBusConnection &bus, const QString &interface, const QString &name, int timeoutMs)
 {
     QDBusMessage get = QDBusMessage::createMethodCall(
         QString::fromLatin1(kService), QString::fromLatin1(kPath),
         QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    get << interface << QStringLiteral("version");
+    get << interface << name;
     const QDBusMessage reply = QDBusConnection(bus).call(get, QDBus::Block, timeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
         return 0;

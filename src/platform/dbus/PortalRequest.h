@@ -35,8 +35,11 @@ std::optional<Answer> callAndWait(const QDBusConnection &bus, const QString &int
                                   QVariantList arguments, QVariantMap options,
                                   std::chrono::milliseconds timeout);
 
-// The portal interface's "version" property; 0 when the portal is missing or lacks the interface. Starts
-// the portal if need be and waits at most `timeoutMs`.
-uint interfaceVersion(const QDBusConnection &bus, const QString &interface, int timeoutMs);
+// Ends a portal session without waiting for the portal.
+void closeSession(const QDBusConnection &bus, const QString &session);
+
+// A whole-number property of a portal interface ("version", "AvailableDeviceTypes"); 0 when the portal is
+// missing or lacks the interface. Starts the portal if need be and waits at most `timeoutMs`.
+uint property(const QDBusConnection &bus, const QString &interface, const QString &name, int timeoutMs);
 
 } // namespace PortalRequest
