@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
+# A headless KDE Plasma session of our own: kwin_wayland --virtual on a session bus of its own (run this
+# under dbus-run-session), its desktop portal, an unlocked keyring, an editor window holding a selection
+# and Quillvox as a native Wayland client. Presses the narration shortcut's command once and prints
+# what the clipboard holds afterwards, between "clipboard<" and ">".
+#   kwin-session.sh <work dir> <quillvox> <editor> <selected text> <clipboard text>
+set -euo pipefail
+work=$1 app=$2 editor=$3 selected=$4 clipboard=$5
+log() { printf '[kwin-session] %s\n' "$*" >&2; }
+
+# kwin_wayland carries file capabilities that an unprivileged namespace refuses; a copy runs, and it must
+# keep its name.
+mkdir -p "$work/bin" "$work/runtime"
+chmod 700 "$work/runtime"
+cp /usr/bin/kwin_wayland "$work/bin/kwin_wayland"
+mkdir -p /tmp/.X11-unix && chmod 1777 /tmp/.X11-unix
+export XDG_RUNTIME_DIR=$work/runtime XDG_CURRENT_DESKTOP=KDE XDG_SESSION_TYPE=wayland WAYLAND_DISPLAY=qv-kwin
+unset DISPLAY
+dbus-update-activation-environment XDG_RUNTIME_DIR XDG_CURRENT_DESKTOP XDG_SESSION_TYPE WAYLAND_DISPLAY \
+    QT_QPA_PLATFORM=wayland
+
+printf '\n' | gnome-keyring-daemon --unlock --components=secrets >/dev/null
+"$work/bin/kwin_wayland" --virtual --socket "$WAYLAND_DISPLAY" --width 1024 --height 768 \
+    >"$work/kwin.log" 2>&1 &
+kwin=$!
+trap 'kill $(jobs -p) 2>/dev/null || true' EXIT
+for _ in $(seq 100); do [ -S "$XDG_RUNTIME_DIR/$WAYLAND_DISPLAY" ] && break; sleep 0.1; done
+[ -S "$XDG_RUNTIME_DIR/$WAYLAND_DISPLAY" ] || { log "kwin_wayland did not start"; cat "$work/kwin.log" >&2; exit 1; }
+kill -0 $kwin
+
+export QT_QPA_PLATFORM=wayland
+wl-copy "$clipboard"
+printf 'sk-kwin-1357' | "$app" --set-api-key
+mkdir -p "$XDG_CONFIG_HOME/Quillvox"
+printf '[General]\nhasCompletedOnboarding=true\n' >"$XDG_CONFIG_HOME/Quillvox/Quillvox.conf"
+"$app" >"$work/app.log" 2>&1 &
+for _ in $(seq 100); do "$app" --status >/dev/null 2>&1 && break; sleep 0.2; done
+
+# The editor opens last, so that it has the keyboard focus.
+"$editor" "$selected" >"$work/editor.log" 2>&1 &
+for _ in $(seq 100); do grep -q focused "$work/editor.log" && break; sleep 0.1; done
+grep -q focused "$work/editor.log" || { log "the editor window got no focus"; exit 1; }
+
+"$app" --narrate-selection
+for _ in $(seq 50); do grep -q copied "$work/editor.log" && break; sleep 0.1; done
+sleep 1
+printf 'clipboard<%s>\n' "$(wl-paste --no-newline)"

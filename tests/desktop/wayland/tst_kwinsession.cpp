@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Narrating on KDE Plasma's Wayland session (kwin_wayland --virtual with its desktop portal): KWin shares
+// the clipboard but not the highlighted text, so `quillvox --narrate-selection` copies with keys pressed
+// through the remote-desktop portal. The editor's selection reaches the speech server exactly, and the
+// user's clipboard is back afterwards.
+#include "DevServer.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+class TestKWinSession : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void copiesThroughThePortal()
+    {
+        for (const char *program : {"kwin_wayland", "wl-copy", "dbus-run-session", "gnome-keyring-daemon"}) {
+            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
+                QSKIP("KWin, wl-clipboard, D-Bus or gnome-keyring is not installed");
+        }
+        if (!QFile::exists(QStringLiteral("/usr/share/xdg-desktop-portal/portals/kde.portal")))
+            QSKIP("xdg-desktop-portal-kde is not installed");
+
+        const QString kKey = QStringLiteral("sk-kwin-1357");
+        const QString selected = QStringLiteral("Selected in a KDE window, \u00e9t\u00e9 \u2014 ok.");
+        const QString clipboard = QStringLiteral("The user's own clipboard.");
+        DevServer server;
+        QVERIFY2(server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(server.errorString()));
+        QTemporaryDir work;
+        QVERIFY(work.isValid());
+
+        QProcess session;
+        QProcessEnvironment env = server.appEnvironment();
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        session.setProcessEnvironment(env);
+        session.start(QStringLiteral("dbus-run-session"),
+                      {QStringLiteral("--"), QStringLiteral(QUILLVOX_KWIN_SESSION), work.path(),
+                       QStringLiteral(QUILLVOX_EXECUTABLE), QStringLiteral(QUILLVOX_WAYLAND_EDITOR), selected,
+                       clipboard});
+        QVERIFY(session.waitForFinished(90000));
+        const QString output = QString::fromUtf8(session.readAllStandardOutput());
+        const auto logs = [&] {
+            QString all = QString::fromUtf8(session.readAllStandardError());
+            for (const char *name : {"app.log", "editor.log"}) {
+                QFile log(work.filePath(QString::fromLatin1(name)));
+                if (log.open(QIODevice::ReadOnly))
+                    all += QStringLiteral("\n--- %1\n").arg(QLatin1String(name)) + QString::fromUtf8(log.readAll());
+            }
+            return all;
+        };
+        QVERIFY2(session.exitCode() == 0, qPrintable(logs()));
+
+        const QList<QJsonObject> log = server.waitForRequests(1, std::chrono::seconds(10));
+        QVERIFY2(log.size() == 1, qPrintable(logs()));
+        QCOMPARE(DevServer::input(log.first()), selected);
+        QVERIFY2(output.contains(QStringLiteral("clipboard<%1>").arg(clipboard)), qPrintable(output));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKWinSession)
+#include "tst_kwinsession.moc"
