@@ -48,7 +48,8 @@ private Q_SLOTS:
             for (const char *name : {"app.log", "editor.log"}) {
                 QFile log(work.filePath(QString::fromLatin1(name)));
                 if (log.open(QIODevice::ReadOnly))
-                    all += QStringLiteral("\n--- %1\n").arg(QLatin1String(name)) + QString::fromUtf8(log.readAll());
+                    all += QStringLiteral("\n--- %1\n").arg(QLatin1String(name)) +
+                           QString::fromUtf8(log.readAll());
             }
             return all;
         };
