@@ -19,7 +19,7 @@ PACKAGES=(
     help2man lintian appstream dpkg-dev
     libwayland-dev qt6-wayland wl-clipboard sway
     gjs gnome-settings-daemon-common gnome-shell
-    kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
+    kwin-wayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5 qdbus-qt6
 )
 
 missing=()

@@ -6,6 +6,7 @@
 #include "app/AppServices.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
+#include "app/WindowingPlatform.h"
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
@@ -407,6 +408,7 @@ int sendControl(const QString &command)
 int runApplication(int argc, char *argv[], const Invocation &invocation)
 {
     const std::optional<QString> &url = invocation.url;
+    WindowingPlatform::applyForThisSession();
     // The bus connection wants the application object first.
     QApplication app(argc, argv);
     // Already running: a callback URL goes to it, a plain start shows its settings window. A login start

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "account/KeychainHelper.h"
 #include "app/AppDelegate.h"
+#include "app/WindowingPlatform.h"
 #include "core/AppEvents.h"
 #include "core/UserDefaults.h"
 #include "platform/null/MemorySecretStore.h"
@@ -32,6 +33,32 @@ private Q_SLOTS:
     {
         QVERIFY(m_dir.isValid());
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    }
+
+    // Only KDE Plasma on Wayland with XWayland at hand moves the app to XWayland, and never against the
+    // user's own QT_QPA_PLATFORM.
+    void windowingPlatform_data()
+    {
+        QTest::addColumn<QString>("desktop");
+        QTest::addColumn<bool>("wayland");
+        QTest::addColumn<bool>("xwayland");
+        QTest::addColumn<bool>("userChose");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("plasma") << "KDE" << true << true << false << QByteArray("xcb");
+        QTest::newRow("plasma, listed second") << "neon:kde" << true << true << false << QByteArray("xcb");
+        QTest::newRow("plasma without xwayland") << "KDE" << true << false << false << QByteArray();
+        QTest::newRow("plasma, user's choice") << "KDE" << true << true << true << QByteArray();
+        QTest::newRow("plasma on x11") << "KDE" << false << true << false << QByteArray();
+        QTest::newRow("gnome") << "ubuntu:GNOME" << true << true << false << QByteArray();
+        QTest::newRow("sway") << "sway" << true << true << false << QByteArray();
+    }
+    void windowingPlatform()
+    {
+        QFETCH(QString, desktop);
+        QFETCH(bool, wayland);
+        QFETCH(bool, xwayland);
+        QFETCH(bool, userChose);
+        QTEST(WindowingPlatform::choose({desktop, wayland, xwayland, userChose}), "expected");
     }
 
     void shouldShowOnboarding_data()

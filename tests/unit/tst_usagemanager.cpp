@@ -2,8 +2,6 @@
 #include "core/UserDefaults.h"
 #include "records/UsageManager.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -27,13 +25,6 @@ QDateTime at(const char *iso)
     if (!d.isValid())
         qFatal("bad test time %s", iso);
     return d;
-}
-
-QByteArray statsJson(qint64 characters, qint64 narrations)
-{
-    return QJsonDocument(QJsonObject{{QStringLiteral("characters"), characters},
-                                     {QStringLiteral("narrations"), narrations}})
-        .toJson(QJsonDocument::Compact);
 }
 
 const QStringList kAllKeys{UsageManager::allTimeKey, UsageManager::thisMonthKey, UsageManager::thisWeekKey,
@@ -95,33 +86,13 @@ class TestUsageManager : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void firstStart_data()
-    {
-        QTest::addColumn<QByteArray>("zone");
-        QTest::addColumn<QString>("locale");
-        QTest::addColumn<QDateTime>("now");
-        QTest::addColumn<QDateTime>("weekStart");
-        QTest::addColumn<QDateTime>("monthStart");
-
-        QTest::newRow("New York, weeks from Sunday")
-            << QByteArray("America/New_York") << "en_US" << at("2024-05-15T14:00:00-04:00")
-            << at("2024-05-12T00:00:00-04:00") << at("2024-05-01T00:00:00-04:00");
-        QTest::newRow("Berlin, weeks from Monday")
-            << QByteArray("Europe/Berlin") << "de_DE" << at("2024-05-15T14:00:00+02:00")
-            << at("2024-05-13T00:00:00+02:00") << at("2024-05-01T00:00:00+02:00");
-        QTest::newRow("Tokyo, first day of the month and week")
-            << QByteArray("Asia/Tokyo") << "en_GB" << at("2024-07-01T00:00:00+09:00")
-            << at("2024-07-01T00:00:00+09:00") << at("2024-07-01T00:00:00+09:00");
-    }
-
+    // Nothing stored: the periods start at midnight on the locale's first day of the week (Sunday here)
+    // and on the first of the month, and nothing is written until a narration is recorded.
     void firstStart()
     {
-        QFETCH(QByteArray, zone);
-        QFETCH(QString, locale);
-        QFETCH(QDateTime, now);
-        QFETCH(QDateTime, weekStart);
-        QFETCH(QDateTime, monthStart);
-        Fixture f(zone, locale, now);
+        const QDateTime weekStart = at("2024-05-12T00:00:00-04:00"),
+                        monthStart = at("2024-05-01T00:00:00-04:00");
+        Fixture f("America/New_York", QStringLiteral("en_US"), at("2024-05-15T14:00:00-04:00"));
 
         auto usage = f.open();
         QCOMPARE(usage->allTime(), UsageStats{});
@@ -141,9 +112,8 @@ private Q_SLOTS:
         QCOMPARE(usage->allTime(), one);
         QCOMPARE(usage->thisMonth(), one);
         QCOMPARE(usage->thisWeek(), one);
-        QCOMPARE(allChanged.count(), 1);
-        QCOMPARE(monthChanged.count(), 1);
-        QCOMPARE(weekChanged.count(), 1);
+        QCOMPARE((QList<qsizetype>{allChanged.count(), monthChanged.count(), weekChanged.count()}),
+                 (QList<qsizetype>{1, 1, 1}));
         QCOMPARE(*f.defaults->data(UsageManager::allTimeKey),
                  QByteArray(R"({"characters":12,"narrations":1})"));
         QCOMPARE(f.stored(UsageManager::thisMonthKey), one);
@@ -152,101 +122,85 @@ private Q_SLOTS:
         QCOMPARE(f.defaults->date(UsageManager::monthStartKey), monthStart);
     }
 
-    void newMonthResetsOnlyTheMonth_data()
-    {
-        QTest::addColumn<QByteArray>("zone");
-        QTest::addColumn<QDateTime>("now");
-        QTest::addColumn<bool>("newMonth");
-
-        // The same instant is already March in Tokyo and still February in Los Angeles.
-        QTest::newRow("Tokyo, March 1st") << QByteArray("Asia/Tokyo") << at("2024-03-01T03:00:00Z") << true;
-        QTest::newRow("Los Angeles, still February 29th")
-            << QByteArray("America/Los_Angeles") << at("2024-03-01T03:00:00Z") << false;
-        QTest::newRow("Berlin, first minute of March")
-            << QByteArray("Europe/Berlin") << at("2024-03-01T00:00:30+01:00") << true;
-        QTest::newRow("Berlin, last minute of February")
-            << QByteArray("Europe/Berlin") << at("2024-02-29T23:59:30+01:00") << false;
-    }
-
-    void newMonthResetsOnlyTheMonth()
-    {
-        QFETCH(QByteArray, zone);
-        QFETCH(QDateTime, now);
-        QFETCH(bool, newMonth);
-        Fixture f(zone, QStringLiteral("en_GB"), now);
-        const QTimeZone tz(zone);
-        // The week of Monday February 26th runs into March.
-        const QDateTime weekStart = QDate(2024, 2, 26).startOfDay(tz);
-        const QDateTime february = QDate(2024, 2, 1).startOfDay(tz);
-        f.storeState({5000, 50}, {900, 9}, {100, 2}, weekStart, february);
-
-        auto usage = f.open();
-        QCOMPARE(usage->thisMonth(), (newMonth ? UsageStats{} : UsageStats{900, 9}));
-        usage->recordNarration(40);
-
-        QCOMPARE(usage->allTime(), (UsageStats{5040, 51}));
-        QCOMPARE(usage->thisMonth(), (newMonth ? UsageStats{40, 1} : UsageStats{940, 10}));
-        QCOMPARE(usage->thisWeek(), (UsageStats{140, 3}));
-        QCOMPARE(f.defaults->date(UsageManager::monthStartKey),
-                 newMonth ? QDate(2024, 3, 1).startOfDay(tz) : february);
-        QCOMPARE(f.defaults->date(UsageManager::weekStartKey), weekStart);
-    }
-
-    void staleWeekLoadsAsZeros_data()
+    // A period that has ended loads as zeros. The rollover is not written at load (a restart redoes it);
+    // the next narration stores it.
+    void rolloverAtLoad_data()
     {
         QTest::addColumn<QByteArray>("zone");
         QTest::addColumn<QString>("locale");
         QTest::addColumn<QDateTime>("now");
         QTest::addColumn<QDateTime>("storedWeekStart");
-        QTest::addColumn<QDateTime>("expectedWeekStart");
-        QTest::addColumn<bool>("reset");
+        QTest::addColumn<QDateTime>("storedMonthStart");
+        QTest::addColumn<QDateTime>("weekStart");
+        QTest::addColumn<QDateTime>("monthStart");
 
-        QTest::newRow("Monday weeks: last week")
-            << QByteArray("Europe/Berlin") << "en_GB" << at("2024-05-15T09:00:00+02:00")
-            << at("2024-05-06T00:00:00+02:00") << at("2024-05-13T00:00:00+02:00") << true;
-        QTest::newRow("Sunday weeks: last week")
-            << QByteArray("America/New_York") << "en_US" << at("2024-05-15T09:00:00-04:00")
-            << at("2024-05-05T00:00:00-04:00") << at("2024-05-12T00:00:00-04:00") << true;
-        QTest::newRow("Monday weeks: stored start a day early")
-            << QByteArray("Europe/Berlin") << "en_GB" << at("2024-05-15T09:00:00+02:00")
-            << at("2024-05-12T00:00:00+02:00") << at("2024-05-13T00:00:00+02:00") << true;
+        const auto row = [](const char *name, const char *zone, const char *locale, const char *now,
+                            const char *storedWeek, const char *storedMonth, const char *week,
+                            const char *month) {
+            QTest::newRow(name) << QByteArray(zone) << QString::fromLatin1(locale) << at(now)
+                                << at(storedWeek) << at(storedMonth) << at(week) << at(month);
+        };
+        // The same instant is already March in Tokyo and still February in Los Angeles. The week of
+        // Monday February 26th runs into March.
+        row("Tokyo, March 1st", "Asia/Tokyo", "en_GB", "2024-03-01T03:00:00Z", "2024-02-26T00:00:00+09:00",
+            "2024-02-01T00:00:00+09:00", "2024-02-26T00:00:00+09:00", "2024-03-01T00:00:00+09:00");
+        row("Los Angeles, still February 29th", "America/Los_Angeles", "en_GB", "2024-03-01T03:00:00Z",
+            "2024-02-26T00:00:00-08:00", "2024-02-01T00:00:00-08:00", "2024-02-26T00:00:00-08:00",
+            "2024-02-01T00:00:00-08:00");
+        row("Berlin, first minute of March", "Europe/Berlin", "en_GB", "2024-03-01T00:00:30+01:00",
+            "2024-02-26T00:00:00+01:00", "2024-02-01T00:00:00+01:00", "2024-02-26T00:00:00+01:00",
+            "2024-03-01T00:00:00+01:00");
+        row("Monday weeks: last week", "Europe/Berlin", "en_GB", "2024-05-15T09:00:00+02:00",
+            "2024-05-06T00:00:00+02:00", "2024-05-01T00:00:00+02:00", "2024-05-13T00:00:00+02:00",
+            "2024-05-01T00:00:00+02:00");
+        row("Monday weeks: stored start a day early", "Europe/Berlin", "en_GB", "2024-05-15T09:00:00+02:00",
+            "2024-05-12T00:00:00+02:00", "2024-05-01T00:00:00+02:00", "2024-05-13T00:00:00+02:00",
+            "2024-05-01T00:00:00+02:00");
         // The comparison is by calendar day, not by instant.
-        QTest::newRow("same day, later hour")
-            << QByteArray("Europe/Berlin") << "en_GB" << at("2024-05-15T09:00:00+02:00")
-            << at("2024-05-13T18:00:00+02:00") << at("2024-05-13T18:00:00+02:00") << false;
-        QTest::newRow("this week's start, stored in UTC")
-            << QByteArray("Europe/Berlin") << "en_GB" << at("2024-05-15T09:00:00+02:00")
-            << at("2024-05-12T22:00:00Z") << at("2024-05-13T00:00:00+02:00") << false;
+        row("same day, later hour", "Europe/Berlin", "en_GB", "2024-05-15T09:00:00+02:00",
+            "2024-05-13T18:00:00+02:00", "2024-05-01T00:00:00+02:00", "2024-05-13T18:00:00+02:00",
+            "2024-05-01T00:00:00+02:00");
+        row("this week's start, stored in UTC", "Europe/Berlin", "en_GB", "2024-05-15T09:00:00+02:00",
+            "2024-05-12T22:00:00Z", "2024-05-01T00:00:00+02:00", "2024-05-13T00:00:00+02:00",
+            "2024-05-01T00:00:00+02:00");
     }
 
-    void staleWeekLoadsAsZeros()
+    void rolloverAtLoad()
     {
         QFETCH(QByteArray, zone);
         QFETCH(QString, locale);
         QFETCH(QDateTime, now);
         QFETCH(QDateTime, storedWeekStart);
-        QFETCH(QDateTime, expectedWeekStart);
-        QFETCH(bool, reset);
+        QFETCH(QDateTime, storedMonthStart);
+        QFETCH(QDateTime, weekStart);
+        QFETCH(QDateTime, monthStart);
         Fixture f(zone, locale, now);
-        const QDateTime may = QDate(2024, 5, 1).startOfDay(QTimeZone(zone));
-        f.storeState({900, 6}, {800, 5}, {500, 3}, storedWeekStart, may);
-        const QByteArray storedWeek = statsJson(500, 3);
+        const UsageStats all{5000, 50}, month{900, 9}, week{100, 2};
+        f.storeState(all, month, week, storedWeekStart, storedMonthStart);
+        const UsageStats loadedMonth = monthStart == storedMonthStart ? month : UsageStats{};
+        const UsageStats loadedWeek = weekStart == storedWeekStart ? week : UsageStats{};
 
         for (int run = 0; run < 2; ++run) {
             auto usage = f.open();
-            QCOMPARE(usage->thisWeek(), (reset ? UsageStats{} : UsageStats{500, 3}));
-            QCOMPARE(usage->thisMonth(), (UsageStats{800, 5}));
-            QCOMPARE(usage->allTime(), (UsageStats{900, 6}));
-            QCOMPARE(usage->weekStart(), expectedWeekStart);
-            // The rollover is not written at load, and so is redone at the next start.
-            QCOMPARE(*f.defaults->data(UsageManager::thisWeekKey), storedWeek);
+            QCOMPARE(usage->allTime(), all);
+            QCOMPARE(usage->thisMonth(), loadedMonth);
+            QCOMPARE(usage->thisWeek(), loadedWeek);
+            QCOMPARE(usage->weekStart(), weekStart);
+            QCOMPARE(usage->monthStart(), monthStart);
+            QCOMPARE(f.stored(UsageManager::thisMonthKey), month);
+            QCOMPARE(f.stored(UsageManager::thisWeekKey), week);
             QCOMPARE(f.defaults->date(UsageManager::weekStartKey), storedWeekStart);
+            QCOMPARE(f.defaults->date(UsageManager::monthStartKey), storedMonthStart);
         }
 
-        auto usage = f.open();
-        usage->recordNarration(7);
-        QCOMPARE(f.stored(UsageManager::thisWeekKey), (reset ? UsageStats{7, 1} : UsageStats{507, 4}));
-        QCOMPARE(f.defaults->date(UsageManager::weekStartKey), expectedWeekStart);
+        f.open()->recordNarration(40);
+        QCOMPARE(f.stored(UsageManager::allTimeKey), (UsageStats{5040, 51}));
+        QCOMPARE(f.stored(UsageManager::thisMonthKey),
+                 (UsageStats{loadedMonth.characters + 40, loadedMonth.narrations + 1}));
+        QCOMPARE(f.stored(UsageManager::thisWeekKey),
+                 (UsageStats{loadedWeek.characters + 40, loadedWeek.narrations + 1}));
+        QCOMPARE(f.defaults->date(UsageManager::weekStartKey), weekStart);
+        QCOMPARE(f.defaults->date(UsageManager::monthStartKey), monthStart);
     }
 
     void weekBoundaries_data()
@@ -258,41 +212,35 @@ private Q_SLOTS:
         QTest::addColumn<bool>("sameWeek");
         QTest::addColumn<QDateTime>("secondWeekStart");
 
-        QTest::newRow("Monday weeks: Sunday evening, Monday morning")
-            << QByteArray("Europe/London") << "en_GB" << at("2024-06-09T21:00:00+01:00")
-            << at("2024-06-10T08:00:00+01:00") << false << at("2024-06-10T00:00:00+01:00");
-        QTest::newRow("Monday weeks: Saturday, Sunday")
-            << QByteArray("Europe/London") << "en_GB" << at("2024-06-08T21:00:00+01:00")
-            << at("2024-06-09T08:00:00+01:00") << true << at("2024-06-03T00:00:00+01:00");
-        QTest::newRow("Sunday weeks: Saturday evening, Sunday morning")
-            << QByteArray("America/Chicago") << "en_US" << at("2024-06-08T21:00:00-05:00")
-            << at("2024-06-09T08:00:00-05:00") << false << at("2024-06-09T00:00:00-05:00");
-        QTest::newRow("Sunday weeks: Sunday evening, Monday morning")
-            << QByteArray("America/Chicago") << "en_US" << at("2024-06-09T21:00:00-05:00")
-            << at("2024-06-10T08:00:00-05:00") << true << at("2024-06-09T00:00:00-05:00");
-        QTest::newRow("Saturday weeks: Friday, Saturday")
-            << QByteArray("Africa/Cairo") << "ar_EG" << at("2024-12-13T21:00:00+02:00")
-            << at("2024-12-14T08:00:00+02:00") << false << at("2024-12-14T00:00:00+02:00");
+        const auto row = [](const char *name, const char *zone, const char *locale, const char *first,
+                            const char *second, bool sameWeek, const char *secondWeekStart) {
+            QTest::newRow(name) << QByteArray(zone) << QString::fromLatin1(locale) << at(first) << at(second)
+                                << sameWeek << at(secondWeekStart);
+        };
+        row("Monday weeks: Sunday evening, Monday morning", "Europe/London", "en_GB",
+            "2024-06-09T21:00:00+01:00", "2024-06-10T08:00:00+01:00", false, "2024-06-10T00:00:00+01:00");
+        row("Monday weeks: Saturday, Sunday", "Europe/London", "en_GB", "2024-06-08T21:00:00+01:00",
+            "2024-06-09T08:00:00+01:00", true, "2024-06-03T00:00:00+01:00");
+        row("Sunday weeks: Saturday evening, Sunday morning", "America/Chicago", "en_US",
+            "2024-06-08T21:00:00-05:00", "2024-06-09T08:00:00-05:00", false, "2024-06-09T00:00:00-05:00");
+        row("Sunday weeks: Sunday evening, Monday morning", "America/Chicago", "en_US",
+            "2024-06-09T21:00:00-05:00", "2024-06-10T08:00:00-05:00", true, "2024-06-09T00:00:00-05:00");
+        row("Saturday weeks: Friday, Saturday", "Africa/Cairo", "ar_EG", "2024-12-13T21:00:00+02:00",
+            "2024-12-14T08:00:00+02:00", false, "2024-12-14T00:00:00+02:00");
         // Daylight-saving changes: a week or a day is not a fixed number of hours.
-        QTest::newRow("Berlin spring forward inside a Monday week")
-            << QByteArray("Europe/Berlin") << "de_DE" << at("2024-03-25T09:00:00+01:00")
-            << at("2024-03-31T12:00:00+02:00") << true << at("2024-03-25T00:00:00+01:00");
-        QTest::newRow("Berlin, Sunday after spring forward, then Monday")
-            << QByteArray("Europe/Berlin") << "de_DE" << at("2024-03-31T23:30:00+02:00")
-            << at("2024-04-01T00:30:00+02:00") << false << at("2024-04-01T00:00:00+02:00");
-        QTest::newRow("New York, spring forward on the first day of the week")
-            << QByteArray("America/New_York") << "en_US" << at("2024-03-09T23:30:00-05:00")
-            << at("2024-03-10T03:30:00-04:00") << false << at("2024-03-10T00:00:00-05:00");
-        QTest::newRow("New York, fall back: Sunday 00:30 to Saturday night")
-            << QByteArray("America/New_York") << "en_US" << at("2024-11-03T00:30:00-04:00")
-            << at("2024-11-09T23:59:00-05:00") << true << at("2024-11-03T00:00:00-04:00");
-        QTest::newRow("New York, fall back: Saturday night, then 25 hours later")
-            << QByteArray("America/New_York") << "en_US" << at("2024-11-02T23:30:00-04:00")
-            << at("2024-11-03T23:30:00-05:00") << false << at("2024-11-03T00:00:00-04:00");
+        row("Berlin spring forward inside a Monday week", "Europe/Berlin", "de_DE",
+            "2024-03-25T09:00:00+01:00", "2024-03-31T12:00:00+02:00", true, "2024-03-25T00:00:00+01:00");
+        row("Berlin, Sunday after spring forward, then Monday", "Europe/Berlin", "de_DE",
+            "2024-03-31T23:30:00+02:00", "2024-04-01T00:30:00+02:00", false, "2024-04-01T00:00:00+02:00");
+        row("New York, spring forward on the first day of the week", "America/New_York", "en_US",
+            "2024-03-09T23:30:00-05:00", "2024-03-10T03:30:00-04:00", false, "2024-03-10T00:00:00-05:00");
+        row("New York, fall back: Sunday 00:30 to Saturday night", "America/New_York", "en_US",
+            "2024-11-03T00:30:00-04:00", "2024-11-09T23:59:00-05:00", true, "2024-11-03T00:00:00-04:00");
+        row("New York, fall back: Saturday night, then 25 hours later", "America/New_York", "en_US",
+            "2024-11-02T23:30:00-04:00", "2024-11-03T23:30:00-05:00", false, "2024-11-03T00:00:00-04:00");
         // Chile skips midnight itself: the week begins at 01:00.
-        QTest::newRow("Santiago, no midnight on the first day of the week")
-            << QByteArray("America/Santiago") << "en_US" << at("2024-09-07T23:30:00-04:00")
-            << at("2024-09-08T01:30:00-03:00") << false << at("2024-09-08T01:00:00-03:00");
+        row("Santiago, no midnight on the first day of the week", "America/Santiago", "en_US",
+            "2024-09-07T23:30:00-04:00", "2024-09-08T01:30:00-03:00", false, "2024-09-08T01:00:00-03:00");
     }
 
     void weekBoundaries()
@@ -327,16 +275,11 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<qint64>("expected");
 
+        // Counted by the platform's grapheme rules: these only show that those rules are the ones used.
         QTest::newRow("empty") << QString() << qint64(0);
         QTest::newRow("family emoji, seven code points")
             << QStringLiteral("👨‍👩‍👧‍👦") << qint64(1);
         QTest::newRow("e with combining acute") << QStringLiteral("e\u0301") << qint64(1);
-        QTest::newRow("flag from two regional indicators") << QStringLiteral("🇩🇪") << qint64(1);
-        QTest::newRow("thumbs up with skin tone") << QStringLiteral("👍🏽") << qint64(1);
-        QTest::newRow("rainbow flag") << QStringLiteral("🏳️‍🌈") << qint64(1);
-        QTest::newRow("Hangul syllable from jamo") << QStringLiteral("\u1100\u1161\u11A8") << qint64(1);
-        QTest::newRow("CR LF") << QStringLiteral("\r\n") << qint64(1);
-        QTest::newRow("precomposed word") << QStringLiteral("héllo") << qint64(5);
         QTest::newRow("mixed sentence") << QStringLiteral("Hi 👋🏽, Zoë\u0308!") << qint64(10);
     }
 
@@ -361,22 +304,15 @@ private Q_SLOTS:
         auto bytes = [](const char *s) { return QVariant(QByteArray(s)); };
 
         QTest::newRow("truncated JSON") << a << bytes(R"({"characters":12)") << zero << month << week;
-        QTest::newRow("not JSON") << a << bytes("hello") << zero << month << week;
-        QTest::newRow("an array") << a << bytes("[12,1]") << zero << month << week;
         QTest::newRow("count as text")
             << a << bytes(R"({"characters":"12","narrations":1})") << zero << month << week;
         QTest::newRow("fractional count")
             << m << bytes(R"({"characters":1.5,"narrations":1})") << all << zero << week;
-        QTest::newRow("huge count") << m << bytes(R"({"characters":99999999999999999999,"narrations":1})")
-                                    << all << zero << week;
         QTest::newRow("one past the 64-bit range")
             << m << bytes(R"({"characters":9223372036854775808,"narrations":1})") << all << zero << week;
         QTest::newRow("missing member") << w << bytes(R"({"characters":12})") << all << month << zero;
-        QTest::newRow("null member") << w << bytes(R"({"characters":null,"narrations":1})") << all << month
-                                     << zero;
         QTest::newRow("valid JSON stored as text")
             << w << QVariant(QStringLiteral(R"({"characters":12,"narrations":1})")) << all << month << zero;
-        QTest::newRow("a plain number") << w << QVariant(5) << all << month << zero;
         // Stale dates stored as text: were they read as dates, both periods would roll over.
         QTest::newRow("week start as ISO text")
             << UsageManager::weekStartKey << QVariant(QStringLiteral("2020-01-06T00:00:00Z")) << all << month
@@ -384,8 +320,6 @@ private Q_SLOTS:
         QTest::newRow("month start as ISO text")
             << UsageManager::monthStartKey << QVariant(QStringLiteral("2020-01-01T00:00:00Z")) << all << month
             << week;
-        QTest::newRow("week start as bytes")
-            << UsageManager::weekStartKey << bytes("2020-01-06") << all << month << week;
         QTest::newRow("month start as a number")
             << UsageManager::monthStartKey << QVariant(1577836800) << all << month << week;
         // Not corrupt: unknown members are ignored, and the whole 64-bit range is a count.
@@ -408,40 +342,21 @@ private Q_SLOTS:
                      QDate(2024, 5, 1).startOfDay(tz));
         f.storeRaw(key, value);
 
+        // Through stats(), which each picker period reads.
         auto usage = f.open();
-        QCOMPARE(usage->allTime(), allTime);
-        QCOMPARE(usage->thisMonth(), thisMonth);
-        QCOMPARE(usage->thisWeek(), thisWeek);
+        QCOMPARE(usage->stats(UsagePeriod::allTime), allTime);
+        QCOMPARE(usage->stats(UsagePeriod::thisMonth), thisMonth);
+        QCOMPARE(usage->stats(UsagePeriod::thisWeek), thisWeek);
         QCOMPARE(usage->weekStart(), QDate(2024, 5, 13).startOfDay(tz));
         QCOMPARE(usage->monthStart(), QDate(2024, 5, 1).startOfDay(tz));
     }
 
-    void periodSelectsItsRecord_data()
+    void periodsInPickerOrder()
     {
-        QTest::addColumn<int>("period");
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<UsageStats>("expected");
-
-        QTest::newRow("week") << int(UsagePeriod::thisWeek) << "This Week" << UsageStats{3, 1};
-        QTest::newRow("month") << int(UsagePeriod::thisMonth) << "This Month" << UsageStats{20, 2};
-        QTest::newRow("all time") << int(UsagePeriod::allTime) << "All Time" << UsageStats{100, 3};
-    }
-
-    void periodSelectsItsRecord()
-    {
-        QFETCH(int, period);
-        QFETCH(QString, label);
-        QFETCH(UsageStats, expected);
-        const QTimeZone tz("Europe/Paris");
-        Fixture f("Europe/Paris", QStringLiteral("fr_FR"), at("2024-05-15T09:00:00+02:00"));
-        f.storeState({100, 3}, {20, 2}, {3, 1}, QDate(2024, 5, 13).startOfDay(tz),
-                     QDate(2024, 5, 1).startOfDay(tz));
-
-        auto usage = f.open();
-        const auto p = UsagePeriod(period);
-        QCOMPARE(usage->stats(p), expected);
-        QCOMPARE(usagePeriodLabel(p), label);
-        QCOMPARE(allUsagePeriods().indexOf(p), period);
+        QStringList labels;
+        for (const UsagePeriod p : allUsagePeriods())
+            labels.append(usagePeriodLabel(p));
+        QCOMPARE(labels, (QStringList{"This Week", "This Month", "All Time"}));
     }
 };
 

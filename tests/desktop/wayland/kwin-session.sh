@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: GPL-3.0-or-later
-# A headless KDE Plasma session of our own: kwin_wayland --virtual on a session bus of its own (run this
-# under dbus-run-session), its desktop portal, an unlocked keyring, an editor window holding a selection
-# and Quillvox as a native Wayland client. Presses the narration shortcut's command once and prints
-# what the clipboard holds afterwards, between "clipboard<" and ">".
+# A headless KDE Plasma session of our own: kwin_wayland --virtual with XWayland on a session bus of its
+# own (run this under dbus-run-session), its desktop portal, an unlocked keyring, an editor window holding
+# a selection, and Quillvox started as a user's session would start it, its widget shown. Prints what KWin
+# says of each window ("window <caption> | x .. y .. | above .. | active .."), then presses the narration
+# shortcut's command once and prints what the clipboard holds afterwards, between "clipboard<" and ">".
 #   kwin-session.sh <work dir> <quillvox> <editor> <selected text> <clipboard text>
 set -euo pipefail
 work=$1 app=$2 editor=$3 selected=$4 clipboard=$5
@@ -21,26 +22,48 @@ dbus-update-activation-environment XDG_RUNTIME_DIR XDG_CURRENT_DESKTOP XDG_SESSI
     QT_QPA_PLATFORM=wayland
 
 printf '\n' | gnome-keyring-daemon --unlock --components=secrets >/dev/null
-"$work/bin/kwin_wayland" --virtual --socket "$WAYLAND_DISPLAY" --width 1024 --height 768 \
-    >"$work/kwin.log" 2>&1 &
+ls /tmp/.X11-unix >"$work/x11-before"
+# What its scripts print goes to its log.
+QT_LOGGING_RULES="kwin_scripting=true" "$work/bin/kwin_wayland" --virtual --xwayland --socket "$WAYLAND_DISPLAY" \
+    --width 1280 --height 800 >"$work/kwin.log" 2>&1 &
 kwin=$!
 trap 'kill $(jobs -p) 2>/dev/null || true' EXIT
 for _ in $(seq 100); do [ -S "$XDG_RUNTIME_DIR/$WAYLAND_DISPLAY" ] && break; sleep 0.1; done
 [ -S "$XDG_RUNTIME_DIR/$WAYLAND_DISPLAY" ] || { log "kwin_wayland did not start"; cat "$work/kwin.log" >&2; exit 1; }
 kill -0 $kwin
+for _ in $(seq 100); do
+    display=$(ls /tmp/.X11-unix | grep -vxFf "$work/x11-before" | head -1 || true)
+    [ -n "$display" ] && break
+    sleep 0.1
+done
+[ -n "$display" ] || { log "XWayland did not start"; exit 1; }
+export DISPLAY=":${display#X}"
 
-export QT_QPA_PLATFORM=wayland
 wl-copy "$clipboard"
 printf 'sk-kwin-1357' | "$app" --set-api-key
 mkdir -p "$XDG_CONFIG_HOME/Quillvox"
-printf '[General]\nhasCompletedOnboarding=true\n' >"$XDG_CONFIG_HOME/Quillvox/Quillvox.conf"
-"$app" >"$work/app.log" 2>&1 &
-for _ in $(seq 100); do "$app" --status >/dev/null 2>&1 && break; sleep 0.2; done
+printf '[General]\nhasCompletedOnboarding=true\nshowWidgetWithOwnKey=true\n' \
+    >"$XDG_CONFIG_HOME/Quillvox/Quillvox.conf"
 
-# The editor opens last, so that it has the keyboard focus.
-"$editor" "$selected" >"$work/editor.log" 2>&1 &
+# The editor opens first and has the keyboard focus; the widget must leave it there.
+QT_QPA_PLATFORM=wayland "$editor" "$selected" >"$work/editor.log" 2>&1 &
 for _ in $(seq 100); do grep -q focused "$work/editor.log" && break; sleep 0.1; done
 grep -q focused "$work/editor.log" || { log "the editor window got no focus"; exit 1; }
+"$app" >"$work/app.log" 2>&1 &
+for _ in $(seq 100); do "$app" --status >/dev/null 2>&1 && break; sleep 0.1; done
+sleep 1
+
+cat >"$work/probe.js" <<'JS'
+for (const c of workspace.clientList()) {
+    const g = c.frameGeometry;
+    print("window " + c.caption + " | x " + g.x + " y " + g.y + " | above " + c.keepAbove + " | active " + c.active);
+}
+JS
+qdbus=/usr/lib/qt6/bin/qdbus
+$qdbus org.kde.KWin /Scripting org.kde.kwin.Scripting.loadScript "$work/probe.js" quillvox-probe >/dev/null
+$qdbus org.kde.KWin /Scripting org.kde.kwin.Scripting.start
+for _ in $(seq 50); do grep -q "js: window" "$work/kwin.log" && break; sleep 0.1; done
+sed -n 's/^js: //p' "$work/kwin.log"
 
 "$app" --narrate-selection
 for _ in $(seq 50); do grep -q copied "$work/editor.log" && break; sleep 0.1; done

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Narrating on KDE Plasma's Wayland session (kwin_wayland --virtual with its desktop portal): KWin shares
-// the clipboard but not the highlighted text, so `quillvox --narrate-selection` copies with keys pressed
-// through the remote-desktop portal. The editor's selection reaches the speech server exactly, and the
-// user's clipboard is back afterwards.
+// Quillvox on KDE Plasma's Wayland session (kwin_wayland --virtual with XWayland and its desktop portal),
+// started as the session starts it. The widget sits at the top centre above other windows and leaves
+// the keyboard with the editor. KWin shares the clipboard but not the highlighted text, so
+// `quillvox --narrate-selection` copies with keys pressed through the remote-desktop portal: the
+// editor's selection reaches the speech server exactly, and the user's clipboard is back afterwards.
 #include "DevServer.h"
 
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
@@ -59,6 +61,13 @@ private Q_SLOTS:
         QVERIFY2(log.size() == 1, qPrintable(logs()));
         QCOMPARE(DevServer::input(log.first()), selected);
         QVERIFY2(output.contains(QStringLiteral("clipboard<%1>").arg(clipboard)), qPrintable(output));
+
+        // 1280 wide: the 340-pixel panel centred, 40 pixels below the top.
+        QVERIFY2(output.contains(QStringLiteral("window Quillvox | x 470 y 40 | above true | active false")),
+                 qPrintable(output));
+        QVERIFY2(output.contains(QStringLiteral("window Editor | x ")) &&
+                     output.contains(QRegularExpression(QStringLiteral("window Editor .*active true"))),
+                 qPrintable(output));
     }
 };
 
