@@ -54,10 +54,7 @@ int main(int argc, char **argv)
     int late = 0, notLanded = 0, wrong = 0;
     for (int i = 0; i < copies; ++i) {
         clipboard.clear();
-        keyboard.sendKey(KEY_LEFTCTRL, true);
-        keyboard.sendKey(KEY_C, true);
-        keyboard.sendKey(KEY_C, false);
-        keyboard.sendKey(KEY_LEFTCTRL, false);
+        keyboard.sendKeys({{KEY_LEFTCTRL, true}, {KEY_C, true}, {KEY_C, false}, {KEY_LEFTCTRL, false}});
         const Clock::time_point sent = Clock::now();
         const std::optional<bool> landed = clipboard.waitForNewOwner(1000ms);
         const double ms = msBetween(sent, Clock::now());

@@ -9,9 +9,10 @@
 // QUILLVOX_BENCH_APP names another quillvox binary to measure (a saved build, for a comparison in the
 // same rig); the default is the one built in this tree.
 //
-// The floor is what the design waits for: the 0.1 s copy wait of the capture, the 0.2 s to the first
-// byte, and 0.15 s for the 0.6 s of audio that playback waits for to arrive at 4x. The overhead is the
-// median above it. The baseline fetches the same request whole with curl and then plays it with paplay.
+// The floor is what the design waits for: the 0.2 s to the first byte, and 0.15 s for the 0.6 s of audio
+// that playback waits for to arrive at 4x (the capture's copy wait ends when the copy lands, within a few
+// milliseconds in mousepad). The overhead is the median above it; the goal for the whole is
+// 380 ms. The baseline fetches the same request whole with curl and then plays it with paplay.
 //
 // Clocks. Both ends are on steady_clock. The press: the time taken right before the XTest key press of
 // S (Ctrl and Alt already down) is queued and flushed to the X server. The first sound: the null sink's
@@ -57,7 +58,8 @@ namespace {
 
 using namespace bench;
 
-constexpr double kFloorMs = 100 + 200 + 150;
+constexpr double kFloorMs = 200 + 150;
+constexpr double kTotalGoalMs = 380;
 constexpr double kGoalMs = 80;
 constexpr int kEvdevToXKeyCode = 8;
 
@@ -230,6 +232,7 @@ int main(int argc, char **argv)
         appMedian, *least, *most, median(correction));
     std::printf("  overhead above the %.0f ms floor: %.1f ms; overhead / goal of %.0f ms: %.2f\n", kFloorMs,
                 appMedian - kFloorMs, kGoalMs, (appMedian - kFloorMs) / kGoalMs);
+    std::printf("  median / goal of %.0f ms: %.2f\n", kTotalGoalMs, appMedian / kTotalGoalMs);
     std::printf("  download then play (curl, paplay): median %7.1f ms; ratio to the app: %.2f\n",
                 baselineMedian, baselineMedian / appMedian);
     return 0;

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "capture/ClipboardTargets.h"
-#include "capture/TerminalProfiles.h"
 #include "capture/TextCaptureManager.h"
 #include "platform/null/input/FixedWindowFocus.h"
 #include "platform/null/input/MemoryClipboard.h"
@@ -263,6 +261,10 @@ private Q_SLOTS:
         row("CRLF kept when it is all there is", {}, content({{"text/plain;charset=utf-8", "a\r\nb\r\n"}}),
             u"a\r\nb\r\n"_qs, {});
         row("STRING is Latin-1", {}, content({{"STRING", "caf\xe9"}}), u"café"_qs, {});
+        row("a password manager's secret comes back",
+            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}}),
+            textContent("picked"), u"picked"_qs,
+            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}}));
         row("UTF-8 as delivered", {}, content({{"UTF8_STRING", "\xc3\xa9t\xc3\xa9 \xe2\x80\x94"}}),
             u"été —"_qs, {});
     }
@@ -274,6 +276,7 @@ private Q_SLOTS:
         QFETCH(std::optional<QString>, text);
         QFETCH(ClipboardContent, after);
 
+        LogCapture log;
         makeManager();
         focus(QStringLiteral("mousepad"), QStringLiteral("Mousepad"));
         m_keyboard->setHeldKeys({KEY_LEFTCTRL, KEY_LEFTALT, KEY_S});
@@ -290,6 +293,9 @@ private Q_SLOTS:
         QCOMPARE(m_timeline.size(), 8);
         QCOMPARE(m_timeline.last(), QStringLiteral("sleep 100"));
         QVERIFY(m_keyboard->heldKeys().isEmpty());
+        // Neither what the user had nor what was captured is ever logged.
+        QVERIFY(!LogCapture::all().contains(u"hunter2"));
+        QVERIFY(!LogCapture::all().contains(u"picked"));
     }
 
     void unreadableClipboardIsNotRestored()
@@ -304,103 +310,61 @@ private Q_SLOTS:
         QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("picked")));
     }
 
-    void ownWindow_data()
-    {
-        QTest::addColumn<bool>("ownWindow");
-        QTest::addColumn<std::optional<QString>>("ownSelection");
-        QTest::addColumn<QString>("expected");
-        QTest::addColumn<bool>("copied");
-
-        QTest::newRow("our field's selection, no keys")
-            << true << std::optional(u"in our field"_qs) << "in our field" << false;
-        QTest::newRow("caret without selection still copies")
-            << true << std::optional(QString()) << "copied" << true;
-        QTest::newRow("no editor still copies") << true << std::optional<QString>() << "copied" << true;
-        QTest::newRow("another application's window")
-            << false << std::optional(u"in our field"_qs) << "copied" << true;
-    }
-
-    void ownWindow()
-    {
-        QFETCH(bool, ownWindow);
-        QFETCH(std::optional<QString>, ownSelection);
-        QFETCH(QString, expected);
-        QFETCH(bool, copied);
-
-        makeManager();
-        focus(QStringLiteral("quillvox"), QStringLiteral("quillvox"), ownWindow);
-        m_ownSelection = ownSelection;
-        m_appSelection = textContent("copied");
-        m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
-        const int changes = m_clipboard->changeCount(Buffer::Clipboard);
-
-        QCOMPARE(m_manager->captureSelectedText(), std::optional(expected));
-        QCOMPARE(!m_keyboard->sentKeys().isEmpty(), copied);
-        QCOMPARE(m_clipboard->changeCount(Buffer::Clipboard) != changes, copied);
-        QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
-    }
-
-    void terminals_data()
+    // Where the text comes from, by the focused window: our own text field is read directly, a
+    // terminal is copied with its own shortcut or read from the primary selection.
+    void focusedWindow_data()
     {
         QTest::addColumn<QString>("instance");
         QTest::addColumn<QString>("className");
-        QTest::addColumn<int>("method");
+        QTest::addColumn<bool>("own");
+        QTest::addColumn<std::optional<QString>>("ownSelection");
+        QTest::addColumn<QString>("expected");
+        QTest::addColumn<QList<quint32>>("copyKeys");
 
-        using M = TerminalProfiles::CopyMethod;
-        const auto row = [](const char *name, const char *instance, const char *className, M method) {
-            QTest::newRow(name) << QString::fromLatin1(instance) << QString::fromLatin1(className)
-                                << int(method);
+        const QList<quint32> none, copy{KEY_LEFTCTRL, KEY_C}, terminal{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C};
+        const auto row = [](const char *name, const char *instance, const char *className, bool own,
+                            const std::optional<QString> &ownSelection, const char *expected,
+                            const QList<quint32> &keys) {
+            QTest::newRow(name) << QString::fromLatin1(instance) << QString::fromLatin1(className) << own
+                                << ownSelection << QString::fromUtf8(expected) << keys;
         };
-        row("text editor", "mousepad", "Mousepad", M::CopyShortcut);
-        row("no WM_CLASS", "", "", M::CopyShortcut);
-        row("GNOME Terminal", "gnome-terminal-server", "Gnome-terminal", M::TerminalCopyShortcut);
+        row("our field's selection", "quillvox", "quillvox", true, u"in our field"_qs, "in our field", none);
+        row("our caret without selection", "quillvox", "quillvox", true, QString(), "copied", copy);
+        row("our window without an editor", "quillvox", "quillvox", true, std::nullopt, "copied", copy);
+        row("another application's window", "quillvox", "quillvox", false, u"in our field"_qs, "copied",
+            copy);
+        row("text editor", "mousepad", "Mousepad", false, std::nullopt, "copied", copy);
+        row("no WM_CLASS", "", "", false, std::nullopt, "copied", copy);
+        row("GNOME Terminal", "gnome-terminal-server", "Gnome-terminal", false, std::nullopt, "copied",
+            terminal);
         // Either half of WM_CLASS may match, in any case.
-        row("instance alone, other case", "Alacritty", "Unknown", M::TerminalCopyShortcut);
-        row("xterm", "xterm", "XTerm", M::PrimarySelection);
-        row("class alone, other case", "unknown", "URxvt", M::PrimarySelection);
+        row("instance alone, other case", "Alacritty", "Unknown", false, std::nullopt, "copied", terminal);
+        row("xterm", "xterm", "XTerm", false, std::nullopt, "primary", none);
+        row("class alone, other case", "unknown", "URxvt", false, std::nullopt, "primary", none);
     }
 
-    void terminals()
+    void focusedWindow()
     {
         QFETCH(QString, instance);
         QFETCH(QString, className);
-        QFETCH(int, method);
-
-        using M = TerminalProfiles::CopyMethod;
-        QCOMPARE(int(TerminalProfiles::copyMethod(instance, className)), method);
+        QFETCH(bool, own);
+        QFETCH(std::optional<QString>, ownSelection);
+        QFETCH(QString, expected);
+        QFETCH(QList<quint32>, copyKeys);
 
         makeManager();
-        focus(instance, className);
-        m_appCopiesWithShift = method == int(M::TerminalCopyShortcut);
-        m_appSelection = textContent("ls -l");
-        m_clipboard->setOwnerContent(Buffer::Primary, textContent("ls -l"));
+        focus(instance, className, own);
+        m_ownSelection = ownSelection;
+        m_appCopiesWithShift = copyKeys.contains(KEY_LEFTSHIFT);
+        m_appSelection = textContent("copied");
+        m_clipboard->setOwnerContent(Buffer::Primary, textContent("primary"));
         m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
-        const int changes = m_clipboard->changeCount(Buffer::Clipboard);
 
-        QCOMPARE(m_manager->captureSelectedText(), std::optional(u"ls -l"_qs));
+        QCOMPARE(m_manager->captureSelectedText(), std::optional(expected));
         QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
-        const QList<quint32> copyKeys = method == int(M::TerminalCopyShortcut)
-                                            ? QList<quint32>{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C}
-                                            : QList<quint32>{KEY_LEFTCTRL, KEY_C};
-        // The primary selection is read as it is: no key, no wait.
-        QCOMPARE(m_keyboard->sentKeys(),
-                 method == int(M::PrimarySelection) ? QList<KeyEvent>{} : stroke(copyKeys));
-        QCOMPARE(m_timeline.isEmpty(), method == int(M::PrimarySelection));
-    }
-
-    void secretsAreRestoredButNeverLogged()
-    {
-        const ClipboardContent secret =
-            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}});
-        LogCapture log;
-        makeManager();
-        m_clipboard->setOwnerContent(Buffer::Clipboard, secret);
-        m_appSelection = textContent("narrated words");
-
-        QCOMPARE(m_manager->captureSelectedText(), std::optional(u"narrated words"_qs));
-        QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(secret));
-        QVERIFY(!LogCapture::all().contains(u"hunter2"));
-        QVERIFY(!LogCapture::all().contains(u"narrated words"));
+        // Read without copying: no key and no wait.
+        QCOMPARE(m_keyboard->sentKeys(), copyKeys.isEmpty() ? QList<KeyEvent>{} : stroke(copyKeys));
+        QCOMPARE(m_timeline.isEmpty(), copyKeys.isEmpty());
     }
 
     void focusedEditorSelection_data()
@@ -408,15 +372,13 @@ private Q_SLOTS:
         QTest::addColumn<bool>("enabled");
         QTest::addColumn<bool>("readOnly");
         QTest::addColumn<int>("hints");
-        QTest::addColumn<std::optional<QString>>("expected");
+        QTest::addColumn<bool>("read");
 
-        QTest::newRow("text field") << true << false << int(Qt::ImhNone) << std::optional(u"picked"_qs);
-        QTest::newRow("read-only text") << false << true << int(Qt::ImhNone) << std::optional(u"picked"_qs);
-        QTest::newRow("password field")
-            << true << false << int(Qt::ImhHiddenText) << std::optional<QString>();
-        QTest::newRow("sensitive field")
-            << true << false << int(Qt::ImhSensitiveData) << std::optional<QString>();
-        QTest::newRow("not an editor") << false << false << int(Qt::ImhNone) << std::optional<QString>();
+        QTest::newRow("text field") << true << false << int(Qt::ImhNone) << true;
+        QTest::newRow("read-only text") << false << true << int(Qt::ImhNone) << true;
+        QTest::newRow("password field") << true << false << int(Qt::ImhHiddenText) << false;
+        QTest::newRow("sensitive field") << true << false << int(Qt::ImhSensitiveData) << false;
+        QTest::newRow("not an editor") << false << false << int(Qt::ImhNone) << false;
     }
 
     void focusedEditorSelection()
@@ -424,7 +386,7 @@ private Q_SLOTS:
         QFETCH(bool, enabled);
         QFETCH(bool, readOnly);
         QFETCH(int, hints);
-        QFETCH(std::optional<QString>, expected);
+        QFETCH(bool, read);
 
         EditorWindow window;
         window.editor.enabled = enabled;
@@ -434,7 +396,8 @@ private Q_SLOTS:
         window.show();
         window.requestActivate();
         QVERIFY(QTest::qWaitForWindowActive(&window));
-        QCOMPARE(TextCaptureManager::focusedEditorSelection(), expected);
+        QCOMPARE(TextCaptureManager::focusedEditorSelection(),
+                 read ? std::optional(u"picked"_qs) : std::nullopt);
     }
 };
 
