@@ -103,11 +103,7 @@ struct Fixture
     {
         return QDir(historyPath).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
     }
-    QJsonArray storedArray() const
-    {
-        const auto bytes = defaults->data(HistoryManager::userDefaultsKey);
-        return bytes ? QJsonDocument::fromJson(*bytes).array() : QJsonArray();
-    }
+    QJsonArray storedArray() const { return QJsonDocument::fromJson(readRaw().toByteArray()).array(); }
     QStringList storedTexts() const
     {
         QStringList texts;
@@ -123,6 +119,15 @@ QStringList textsOf(const HistoryManager &history)
     for (const NarrationSession &s : history.sessions())
         texts.append(s.text);
     return texts;
+}
+
+// The listed entries' audio files and `others`, sorted as the folder lists them.
+QStringList audioFilesOf(const HistoryManager &history, QStringList others = {})
+{
+    for (const NarrationSession &s : history.sessions())
+        others.append(upper(s.id) + QStringLiteral(".pcm"));
+    others.sort();
+    return others;
 }
 
 } // namespace
@@ -167,26 +172,18 @@ private Q_SLOTS:
         auto history = f.open();
         QSignalSpy changed(history.get(), &HistoryManager::sessionsChanged);
 
-        QList<QUuid> ids;
-        for (int i = 1; i <= added; ++i) {
-            f.now = f.now.addSecs(30);
+        for (int i = 1; i <= added; ++i)
             history->addSession(QStringLiteral("narration %1").arg(i), QStringLiteral("cedar"), 0.25,
                                 makePcm(6000, i));
-            ids.append(history->sessions().constFirst().id);
-        }
         QCOMPARE(changed.count(), added);
 
-        const int kept = std::min(added, 10);
-        QStringList expectedTexts, expectedFiles;
-        for (int i = 0; i < kept; ++i) {
-            expectedTexts.append(QStringLiteral("narration %1").arg(added - i));
-            expectedFiles.append(upper(ids[added - 1 - i]) + QStringLiteral(".pcm"));
-        }
+        QStringList expectedTexts;
+        for (int i = added; i > std::max(added - 10, 0); --i)
+            expectedTexts.append(QStringLiteral("narration %1").arg(i));
         QCOMPARE(textsOf(*history), expectedTexts);
         QCOMPARE(f.storedTexts(), expectedTexts);
         // Exactly the kept entries' files: evicted ones are deleted and no temporary file is left.
-        expectedFiles.sort();
-        QCOMPARE(f.filesInHistory(), expectedFiles);
+        QCOMPARE(f.filesInHistory(), audioFilesOf(*history));
     }
 
     void storedShape_data()
@@ -356,13 +353,9 @@ private Q_SLOTS:
         else
             history->deleteSession(index < 0 ? QUuid::createUuid() : history->sessions()[index].id);
 
-        QStringList files{orphan};
-        for (const NarrationSession &s : history->sessions())
-            files.append(upper(s.id) + QStringLiteral(".pcm"));
-        files.sort();
         QCOMPARE(textsOf(*history), expectedTexts);
         QCOMPARE(f.storedTexts(), expectedTexts);
-        QCOMPARE(f.filesInHistory(), files);
+        QCOMPARE(f.filesInHistory(), audioFilesOf(*history, {orphan}));
         QCOMPARE(changed.count(), index == -1 ? 0 : 1);
     }
 

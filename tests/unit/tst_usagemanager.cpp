@@ -95,9 +95,8 @@ private Q_SLOTS:
         Fixture f("America/New_York", QStringLiteral("en_US"), at("2024-05-15T14:00:00-04:00"));
 
         auto usage = f.open();
-        QCOMPARE(usage->allTime(), UsageStats{});
-        QCOMPARE(usage->thisMonth(), UsageStats{});
-        QCOMPARE(usage->thisWeek(), UsageStats{});
+        for (const UsagePeriod p : allUsagePeriods())
+            QCOMPARE(usage->stats(p), UsageStats{});
         QCOMPARE(usage->weekStart(), weekStart);
         QCOMPARE(usage->monthStart(), monthStart);
         for (const QString &key : kAllKeys)
@@ -109,9 +108,8 @@ private Q_SLOTS:
         usage->recordNarration(12);
 
         const UsageStats one{12, 1};
-        QCOMPARE(usage->allTime(), one);
-        QCOMPARE(usage->thisMonth(), one);
-        QCOMPARE(usage->thisWeek(), one);
+        for (const UsagePeriod p : allUsagePeriods())
+            QCOMPARE(usage->stats(p), one);
         QCOMPARE((QList<qsizetype>{allChanged.count(), monthChanged.count(), weekChanged.count()}),
                  (QList<qsizetype>{1, 1, 1}));
         QCOMPARE(*f.defaults->data(UsageManager::allTimeKey),
@@ -219,8 +217,6 @@ private Q_SLOTS:
         };
         row("Monday weeks: Sunday evening, Monday morning", "Europe/London", "en_GB",
             "2024-06-09T21:00:00+01:00", "2024-06-10T08:00:00+01:00", false, "2024-06-10T00:00:00+01:00");
-        row("Monday weeks: Saturday, Sunday", "Europe/London", "en_GB", "2024-06-08T21:00:00+01:00",
-            "2024-06-09T08:00:00+01:00", true, "2024-06-03T00:00:00+01:00");
         row("Sunday weeks: Saturday evening, Sunday morning", "America/Chicago", "en_US",
             "2024-06-08T21:00:00-05:00", "2024-06-09T08:00:00-05:00", false, "2024-06-09T00:00:00-05:00");
         row("Sunday weeks: Sunday evening, Monday morning", "America/Chicago", "en_US",
@@ -230,8 +226,6 @@ private Q_SLOTS:
         // Daylight-saving changes: a week or a day is not a fixed number of hours.
         row("Berlin spring forward inside a Monday week", "Europe/Berlin", "de_DE",
             "2024-03-25T09:00:00+01:00", "2024-03-31T12:00:00+02:00", true, "2024-03-25T00:00:00+01:00");
-        row("Berlin, Sunday after spring forward, then Monday", "Europe/Berlin", "de_DE",
-            "2024-03-31T23:30:00+02:00", "2024-04-01T00:30:00+02:00", false, "2024-04-01T00:00:00+02:00");
         row("New York, spring forward on the first day of the week", "America/New_York", "en_US",
             "2024-03-09T23:30:00-05:00", "2024-03-10T03:30:00-04:00", false, "2024-03-10T00:00:00-05:00");
         row("New York, fall back: Sunday 00:30 to Saturday night", "America/New_York", "en_US",
@@ -290,63 +284,56 @@ private Q_SLOTS:
         QCOMPARE(UsageManager::characterCount(text), expected);
     }
 
+    // A stored value that does not read as what it should be loads as the default; the other values load
+    // as stored.
     void corruptValuesLoadAsDefaults_data()
     {
         QTest::addColumn<QString>("key");
         QTest::addColumn<QVariant>("value");
-        QTest::addColumn<UsageStats>("allTime");
-        QTest::addColumn<UsageStats>("thisMonth");
-        QTest::addColumn<UsageStats>("thisWeek");
+        QTest::addColumn<UsageStats>("loaded"); // that record as loaded (unused for the dates)
 
-        const UsageStats all{900, 9}, month{600, 6}, week{300, 3}, zero{};
+        const auto row = [](const char *name, const QString &key, const QVariant &value,
+                            UsageStats loaded = {}) { QTest::newRow(name) << key << value << loaded; };
+        const auto bytes = [](const char *s) { return QVariant(QByteArray(s)); };
         const QString a = UsageManager::allTimeKey, m = UsageManager::thisMonthKey,
                       w = UsageManager::thisWeekKey;
-        auto bytes = [](const char *s) { return QVariant(QByteArray(s)); };
-
-        QTest::newRow("truncated JSON") << a << bytes(R"({"characters":12)") << zero << month << week;
-        QTest::newRow("count as text")
-            << a << bytes(R"({"characters":"12","narrations":1})") << zero << month << week;
-        QTest::newRow("fractional count")
-            << m << bytes(R"({"characters":1.5,"narrations":1})") << all << zero << week;
-        QTest::newRow("one past the 64-bit range")
-            << m << bytes(R"({"characters":9223372036854775808,"narrations":1})") << all << zero << week;
-        QTest::newRow("missing member") << w << bytes(R"({"characters":12})") << all << month << zero;
-        QTest::newRow("valid JSON stored as text")
-            << w << QVariant(QStringLiteral(R"({"characters":12,"narrations":1})")) << all << month << zero;
+        row("truncated JSON", a, bytes(R"({"characters":12)"));
+        row("count as text", a, bytes(R"({"characters":"12","narrations":1})"));
+        row("fractional count", m, bytes(R"({"characters":1.5,"narrations":1})"));
+        row("one past the 64-bit range", m, bytes(R"({"characters":9223372036854775808,"narrations":1})"));
+        row("missing member", w, bytes(R"({"characters":12})"));
+        row("valid JSON stored as text", w, QStringLiteral(R"({"characters":12,"narrations":1})"));
         // Stale dates stored as text: were they read as dates, both periods would roll over.
-        QTest::newRow("week start as ISO text")
-            << UsageManager::weekStartKey << QVariant(QStringLiteral("2020-01-06T00:00:00Z")) << all << month
-            << week;
-        QTest::newRow("month start as ISO text")
-            << UsageManager::monthStartKey << QVariant(QStringLiteral("2020-01-01T00:00:00Z")) << all << month
-            << week;
-        QTest::newRow("month start as a number")
-            << UsageManager::monthStartKey << QVariant(1577836800) << all << month << week;
+        row("week start as ISO text", UsageManager::weekStartKey, QStringLiteral("2020-01-06T00:00:00Z"));
+        row("month start as ISO text", UsageManager::monthStartKey, QStringLiteral("2020-01-01T00:00:00Z"));
+        row("month start as a number", UsageManager::monthStartKey, 1577836800);
         // Not corrupt: unknown members are ignored, and the whole 64-bit range is a count.
-        QTest::newRow("extra member") << a << bytes(R"({"characters":12,"narrations":1,"words":3})")
-                                      << UsageStats{12, 1} << month << week;
-        QTest::newRow("largest count") << a << bytes(R"({"characters":9223372036854775807,"narrations":0})")
-                                       << UsageStats{9223372036854775807, 0} << month << week;
+        row("extra member", a, bytes(R"({"characters":12,"narrations":1,"words":3})"), {12, 1});
+        row("largest count", a, bytes(R"({"characters":9223372036854775807,"narrations":0})"),
+            {9223372036854775807, 0});
     }
 
     void corruptValuesLoadAsDefaults()
     {
         QFETCH(QString, key);
         QFETCH(QVariant, value);
-        QFETCH(UsageStats, allTime);
-        QFETCH(UsageStats, thisMonth);
-        QFETCH(UsageStats, thisWeek);
+        QFETCH(UsageStats, loaded);
         const QTimeZone tz("Europe/Paris");
         Fixture f("Europe/Paris", QStringLiteral("fr_FR"), at("2024-05-15T09:00:00+02:00"));
         f.storeState({900, 9}, {600, 6}, {300, 3}, QDate(2024, 5, 13).startOfDay(tz),
                      QDate(2024, 5, 1).startOfDay(tz));
         f.storeRaw(key, value);
+        QHash<QString, UsageStats> expected{{UsageManager::allTimeKey, {900, 9}},
+                                            {UsageManager::thisMonthKey, {600, 6}},
+                                            {UsageManager::thisWeekKey, {300, 3}}};
+        if (expected.contains(key))
+            expected[key] = loaded;
 
         // Through stats(), which each picker period reads.
         auto usage = f.open();
-        QCOMPARE(usage->stats(UsagePeriod::allTime), allTime);
-        QCOMPARE(usage->stats(UsagePeriod::thisMonth), thisMonth);
-        QCOMPARE(usage->stats(UsagePeriod::thisWeek), thisWeek);
+        QCOMPARE(usage->stats(UsagePeriod::allTime), expected[UsageManager::allTimeKey]);
+        QCOMPARE(usage->stats(UsagePeriod::thisMonth), expected[UsageManager::thisMonthKey]);
+        QCOMPARE(usage->stats(UsagePeriod::thisWeek), expected[UsageManager::thisWeekKey]);
         QCOMPARE(usage->weekStart(), QDate(2024, 5, 13).startOfDay(tz));
         QCOMPARE(usage->monthStart(), QDate(2024, 5, 1).startOfDay(tz));
     }
