@@ -63,9 +63,12 @@ bool PortalRemoteKeyboard::ensureSession()
     m_starting = true;
     const auto finish = qScopeGuard([this] { m_starting = false; });
 
+    // A fresh token each time: a refused session may not be gone yet when the user is asked again.
+    static int sessions = 0;
     const std::optional<PortalRequest::Answer> created = PortalRequest::callAndWait(
         m_bus, interfaceName(), QStringLiteral("CreateSession"), {},
-        {{QStringLiteral("session_handle_token"), QStringLiteral("quillvox_keys")}}, kRequestTimeout);
+        {{QStringLiteral("session_handle_token"), QStringLiteral("quillvox_keys%1").arg(++sessions)}},
+        kRequestTimeout);
     const QString handle =
         created ? created->results.value(QStringLiteral("session_handle")).toString() : QString();
     if (!created || created->response != 0 || !handle.startsWith(u'/')) {
