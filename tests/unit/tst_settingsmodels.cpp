@@ -36,30 +36,44 @@ class TestSettingsModels : public QObject
 {
     Q_OBJECT
 
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<UserDefaults> m_defaults;
+    NoSelection m_selection;
+    IdleNarrationControls m_controls;
+
+    std::unique_ptr<HotkeyManager> makeHotkeys(NullGlobalHotKeys **keys = nullptr)
+    {
+        auto backend = std::make_unique<NullGlobalHotKeys>();
+        if (keys)
+            *keys = backend.get();
+        return std::make_unique<HotkeyManager>(*m_defaults, std::move(backend), m_selection, m_controls);
+    }
+
 private Q_SLOTS:
     void initTestCase() { QQuickWindow::setGraphicsApi(QSGRendererInterface::Software); }
+    void init()
+    {
+        m_dir = std::make_unique<QTemporaryDir>();
+        m_defaults = std::make_unique<UserDefaults>(m_dir->filePath(QStringLiteral("q.conf")));
+    }
 
     // Every section draws from real managers without a binding or type error.
     void everySectionShows()
     {
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
         KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
-        NoSelection selection;
         NoAccount account;
         SpeechManager::Services speechServices;
-        speechServices.defaults = &defaults;
+        speechServices.defaults = m_defaults.get();
         speechServices.keychain = &keychain;
-        speechServices.selection = &selection;
+        speechServices.selection = &m_selection;
         speechServices.account = &account;
         speechServices.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
         SpeechManager speech(std::move(speechServices));
-        HistoryManager history(defaults, dir.filePath(QStringLiteral("History")));
+        HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
-        UsageManager usage(defaults);
-        IdleNarrationControls controls;
-        HotkeyManager hotkeys(defaults, std::make_unique<NullGlobalHotKeys>(), selection, controls);
+        UsageManager usage(*m_defaults);
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         AuthManager::Services authServices;
         authServices.keychain = &keychain;
         authServices.log = [](const QString &) {};
@@ -75,11 +89,11 @@ private Q_SLOTS:
         services.speech = &speech;
         services.auth = &auth;
         services.balance = &balance;
-        services.hotkeys = &hotkeys;
+        services.hotkeys = hotkeys.get();
         services.keychain = &keychain;
         services.history = &history;
         services.usage = &usage;
-        services.defaults = &defaults;
+        services.defaults = m_defaults.get();
         services.ownKeyChanged = [] {};
         SettingsWindow settings(std::nullopt, std::move(services));
         settings.present();
@@ -92,35 +106,32 @@ private Q_SLOTS:
                  QStringLiteral("First line"));
     }
 
+    // What a typed server address is taken as, and where narrations then go.
     void serverRules_data()
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<Verdict::Kind>("kind");
         QTest::addColumn<QString>("origin");
 
-        QTest::newRow("openai") << "https://api.openai.com/" << Verdict::Encrypted
-                                << "https://api.openai.com";
-        QTest::newRow("public https")
-            << "https://tts.example.com:8443" << Verdict::Encrypted << "https://tts.example.com:8443";
-        QTest::newRow("localhost") << "http://localhost:8880" << Verdict::Unencrypted
-                                   << "http://localhost:8880";
-        QTest::newRow("loopback v4") << "http://127.0.0.5:8000" << Verdict::Unencrypted
-                                     << "http://127.0.0.5:8000";
-        QTest::newRow("loopback v6") << "http://[::1]:8000" << Verdict::Unencrypted << "http://[::1]:8000";
-        QTest::newRow("10/8") << "http://10.1.2.3" << Verdict::Unencrypted << "http://10.1.2.3";
-        QTest::newRow("172.16/12 top")
-            << "http://172.31.255.1" << Verdict::Unencrypted << "http://172.31.255.1";
-        QTest::newRow("172.32 public") << "http://172.32.0.1" << Verdict::Refused << "";
-        QTest::newRow("192.168/16") << "HTTP://192.168.1.20/" << Verdict::Unencrypted
-                                    << "http://192.168.1.20";
-        QTest::newRow("fc00::/7") << "http://[fd12::1]" << Verdict::Unencrypted << "http://[fd12::1]";
-        QTest::newRow(".local") << "http://speech.local:5000" << Verdict::Unencrypted
-                                << "http://speech.local:5000";
-        QTest::newRow("public http") << "http://example.com" << Verdict::Refused << "";
-        QTest::newRow("lookalike") << "http://localhost.example.com" << Verdict::Refused << "";
-        QTest::newRow("no scheme") << "api.openai.com" << Verdict::Refused << "";
-        QTest::newRow("other scheme") << "ftp://localhost" << Verdict::Refused << "";
-        QTest::newRow("credentials") << "https://user:pw@api.openai.com" << Verdict::Refused << "";
+        const auto row = [](const char *typed, Verdict::Kind kind, const char *origin = "") {
+            QTest::newRow(typed) << QString::fromLatin1(typed) << kind << QString::fromLatin1(origin);
+        };
+        row("https://api.openai.com/", Verdict::Encrypted, "https://api.openai.com");
+        row("https://tts.example.com:8443", Verdict::Encrypted, "https://tts.example.com:8443");
+        row("http://localhost:8880", Verdict::Unencrypted, "http://localhost:8880");
+        row("http://127.0.0.5:8000", Verdict::Unencrypted, "http://127.0.0.5:8000");
+        row("http://[::1]:8000", Verdict::Unencrypted, "http://[::1]:8000");
+        row("http://10.1.2.3", Verdict::Unencrypted, "http://10.1.2.3");
+        row("http://172.31.255.1", Verdict::Unencrypted, "http://172.31.255.1"); // top of 172.16/12
+        row("http://172.32.0.1", Verdict::Refused);
+        row("HTTP://192.168.1.20/", Verdict::Unencrypted, "http://192.168.1.20");
+        row("http://[fd12::1]", Verdict::Unencrypted, "http://[fd12::1]");
+        row("http://speech.local:5000", Verdict::Unencrypted, "http://speech.local:5000");
+        row("http://example.com", Verdict::Refused);
+        row("http://localhost.example.com", Verdict::Refused);
+        row("api.openai.com", Verdict::Refused);
+        row("ftp://localhost", Verdict::Refused);
+        row("https://user:pw@api.openai.com", Verdict::Refused);
     }
     void serverRules()
     {
@@ -133,47 +144,27 @@ private Q_SLOTS:
         QCOMPARE(verdict.message.isEmpty(), kind == Verdict::Encrypted);
         if (kind == Verdict::Unencrypted)
             QCOMPARE(verdict.message, QStringLiteral("The key is sent unencrypted."));
-    }
 
-    void effectiveOrigin_data()
-    {
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<bool>("fromEnvironment");
-        QTest::addColumn<QString>("effective");
-
-        QTest::newRow("default") << QString() << false << "https://deploy.test";
-        QTest::newRow("stored") << "http://127.0.0.1:9000" << false << "http://127.0.0.1:9000";
-        QTest::newRow("environment wins") << "http://127.0.0.1:9000" << true << "https://deploy.test";
-        QTest::newRow("stored but refused") << "http://example.com" << false << "https://deploy.test";
-    }
-    void effectiveOrigin()
-    {
-        QFETCH(QString, stored);
-        QFETCH(bool, fromEnvironment);
-        QFETCH(QString, effective);
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
-        if (!stored.isEmpty())
-            defaults.setString(OpenAIServer::serverKey, stored);
-        QCOMPARE(OpenAIServer::effectiveOrigin(defaults, QUrl(QStringLiteral("https://deploy.test")),
-                                               fromEnvironment)
-                     .toString(),
-                 effective);
+        // Stored, an accepted server replaces the deployment's, unless the deployment came from the
+        // environment.
+        const QUrl deployment(QStringLiteral("https://deploy.test"));
+        QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false), deployment);
+        m_defaults->setString(OpenAIServer::serverKey, typed);
+        QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false).toString(),
+                 kind == Verdict::Refused ? deployment.toString() : origin);
+        QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, true), deployment);
     }
 
     // The key goes to the keyring only and is shown masked; a refused server is not stored.
     void apiKeys()
     {
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
+        UserDefaults &defaults = *m_defaults;
         KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
         int ownKeyChanges = 0;
-        ApiKeySettingsModel::Services services;
-        services.keychain = &keychain;
-        services.defaults = &defaults;
-        services.openAIOrigin = OpenAIServer::defaultOrigin();
-        services.ownKeyChanged = [&] { ++ownKeyChanges; };
-        ApiKeySettingsModel model(std::move(services));
+        ApiKeySettingsModel model({.keychain = &keychain,
+                                   .defaults = &defaults,
+                                   .openAIOrigin = OpenAIServer::defaultOrigin(),
+                                   .ownKeyChanged = [&] { ++ownKeyChanges; }});
         QVERIFY(!model.hasKey());
 
         QVERIFY(model.saveKey(QStringLiteral("  sk-proj-abcdefgh1234 ")));
@@ -211,14 +202,9 @@ private Q_SLOTS:
     {
         QFETCH(int, row);
         QFETCH(QString, keyCodeKey);
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
-        auto backend = std::make_unique<NullGlobalHotKeys>();
-        NullGlobalHotKeys *keys = backend.get();
-        NoSelection selection;
-        IdleNarrationControls controls;
-        HotkeyManager hotkeys(defaults, std::move(backend), selection, controls);
-        ShortcutSettingsModel model(&hotkeys, QString());
+        NullGlobalHotKeys *keys = nullptr;
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys(&keys);
+        ShortcutSettingsModel model(hotkeys.get(), QString());
         const auto binding = HotkeyManager::Binding(row);
         const QSet<NativeHotKey> defaultGrabs = keys->grabbed();
 
@@ -228,13 +214,13 @@ private Q_SLOTS:
 
         model.reset(row);
         QCOMPARE(keys->grabbed(), defaultGrabs);
-        QVERIFY(hotkeys.isRegistered(binding));
+        QVERIFY(hotkeys->isRegistered(binding));
         const QVariantMap shown = model.rows().at(row).toMap();
         QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
         QCOMPARE(shown.value(QStringLiteral("label")),
                  HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
                                               HotkeyManager::defaultModifiersFor(binding)));
-        QCOMPARE(defaults.unsigned32(keyCodeKey), HotkeyManager::defaultKeyFor(binding));
+        QCOMPARE(m_defaults->unsigned32(keyCodeKey), HotkeyManager::defaultKeyFor(binding));
     }
 
     void usagePeriods_data()
@@ -243,12 +229,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("label");
         QTest::addColumn<QString>("server");
 
-        QTest::newRow("week") << 0 << "This Week"
-                              << "week";
-        QTest::newRow("month") << 1 << "This Month"
-                               << "month";
-        QTest::newRow("all") << 2 << "All Time"
-                             << "all";
+        QTest::newRow("week") << 0 << QStringLiteral("This Week") << QStringLiteral("week");
+        QTest::newRow("month") << 1 << QStringLiteral("This Month") << QStringLiteral("month");
+        QTest::newRow("all") << 2 << QStringLiteral("All Time") << QStringLiteral("all");
     }
     void usagePeriods()
     {
@@ -260,10 +243,8 @@ private Q_SLOTS:
         QCOMPARE(UsageSettingsModel::serverPeriod(period), server);
 
         // Picking the period shows its counts (the week is picked at first).
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
-        defaults.setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
-        UsageManager usage(defaults);
+        m_defaults->setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
+        UsageManager usage(*m_defaults);
         usage.recordNarration(5);
         UsageSettingsModel model(usage, nullptr, nullptr);
         QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
@@ -276,29 +257,16 @@ private Q_SLOTS:
     // About's switches land where the update checker and the desktop session read them.
     void aboutSwitches()
     {
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
-        AboutSettingsModel about(&defaults, Autostart(dir.path()));
+        AboutSettingsModel about(m_defaults.get(), Autostart(m_dir->path()));
         QVERIFY(about.checkForUpdatesAutomatically());
         about.setCheckForUpdatesAutomatically(false);
-        QCOMPARE(defaults.boolean(QStringLiteral("checkForUpdatesAutomatically")),
+        QCOMPARE(m_defaults->boolean(QStringLiteral("checkForUpdatesAutomatically")),
                  std::optional<bool>(false));
         about.setStartAtLogin(true);
-        QVERIFY(QFile::exists(dir.filePath(QStringLiteral("autostart/com.vantor.Quillvox.desktop"))));
+        QVERIFY(QFile::exists(m_dir->filePath(QStringLiteral("autostart/com.vantor.Quillvox.desktop"))));
         QVERIFY(about.startAtLogin() && about.startAtLoginError().isEmpty());
         about.setStartAtLogin(false);
         QVERIFY(!about.startAtLogin());
-    }
-
-    // Without global shortcuts: sway's configuration lines (keysyms in lower case), or the bare commands.
-    void desktopBindings()
-    {
-        const QStringList sway = ShortcutSettingsModel::desktopBindings(true).split(u'\n');
-        QCOMPARE(sway.size(), 6);
-        QCOMPARE(sway.first(), QStringLiteral("bindsym Ctrl+Alt+s exec quillvox --narrate-selection"));
-        QCOMPARE(sway.last(), QStringLiteral("bindsym Ctrl+Alt+t exec quillvox --cycle-speed"));
-        QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
-                 QStringLiteral("quillvox --toggle"));
     }
 
     // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
@@ -332,16 +300,21 @@ private Q_SLOTS:
         QCOMPARE(changed.size(), support == GnomeShellExtension::Support::NotGnome ? 0 : 1);
     }
 
-    // GNOME's custom shortcuts get the current combinations, modifiers in PC names.
-    void gnomeKeybindings()
+    // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or
+    // GNOME's custom shortcuts with the current combinations, modifiers in PC names.
+    void desktopBindings()
     {
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
-        NoSelection selection;
-        IdleNarrationControls controls;
-        HotkeyManager hotkeys(defaults, std::make_unique<NullGlobalHotKeys>(), selection, controls);
-        hotkeys.updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
-        const QList<GnomeKeybindings::Entry> entries = ShortcutSettingsModel(&hotkeys, {}).gnomeKeybindings();
+        const QStringList sway = ShortcutSettingsModel::desktopBindings(true).split(u'\n');
+        QCOMPARE(sway.size(), 6);
+        QCOMPARE(sway.first(), QStringLiteral("bindsym Ctrl+Alt+s exec quillvox --narrate-selection"));
+        QCOMPARE(sway.last(), QStringLiteral("bindsym Ctrl+Alt+t exec quillvox --cycle-speed"));
+        QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
+                 QStringLiteral("quillvox --toggle"));
+
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        hotkeys->updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
+        const QList<GnomeKeybindings::Entry> entries =
+            ShortcutSettingsModel(hotkeys.get(), {}).gnomeKeybindings();
         QCOMPARE(entries.size(), 6);
         QCOMPARE(entries.first(),
                  (GnomeKeybindings::Entry{"narrate-selection", "Quillvox: Narrate Selection",

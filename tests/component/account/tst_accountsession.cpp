@@ -27,34 +27,38 @@ namespace {
 // Everything one signed-in (or not) application instance has, against one dev server.
 struct Session
 {
-    explicit Session(const DevServer &server)
+    enum Start { Nothing, Auth, AuthAndBalance };
+    explicit Session(const DevServer &server, Start start = Auth)
         : keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>())
         , origin(server.url())
-    {}
+    {
+        if (start != Nothing)
+            startAuth();
+        if (start == AuthAndBalance)
+            startBalance();
+    }
 
     void startAuth()
     {
-        AuthManager::Services services;
-        services.keychain = &keychain;
-        services.clock = &clock;
-        services.wake = &wake;
-        services.authOrigin = origin;
-        services.serviceOrigin = origin;
-        services.anonKey = QStringLiteral("quillvox-dev-anon-key");
-        services.openUrl = [this](const QUrl &url) { opened << url; };
-        services.log = [this](const QString &line) { log << line; };
-        auth = std::make_unique<AuthManager>(std::move(services));
+        auth = std::make_unique<AuthManager>(
+            AuthManager::Services{.keychain = &keychain,
+                                  .clock = &clock,
+                                  .wake = &wake,
+                                  .authOrigin = origin,
+                                  .serviceOrigin = origin,
+                                  .anonKey = QStringLiteral("quillvox-dev-anon-key"),
+                                  .openUrl = [this](const QUrl &url) { opened << url; },
+                                  .log = [this](const QString &line) { log << line; }});
     }
     void startBalance()
     {
-        BalanceManager::Services services;
-        services.auth = auth.get();
-        services.clock = &clock;
-        services.wake = &wake;
-        services.serviceOrigin = origin;
-        services.openUrl = [this](const QUrl &url) { opened << url; };
-        services.log = [this](const QString &line) { log << line; };
-        balance = std::make_unique<BalanceManager>(std::move(services));
+        balance = std::make_unique<BalanceManager>(
+            BalanceManager::Services{.auth = auth.get(),
+                                     .clock = &clock,
+                                     .wake = &wake,
+                                     .serviceOrigin = origin,
+                                     .openUrl = [this](const QUrl &url) { opened << url; },
+                                     .log = [this](const QString &line) { log << line; }});
     }
 
     // The browser's part of a sign-in: follow the authorize page's redirect, which carries the tokens in
@@ -76,6 +80,16 @@ struct Session
         return QTest::qWaitFor(
             [&] { return log.contains(QStringLiteral("[AuthManager] ") + line) || log.contains(line); },
             5000);
+    }
+    // Lets the clock pass the waits between refresh attempts, 2 s and then 4 s, as each is announced.
+    bool waitOutRetries(int count)
+    {
+        for (int wait = 2; wait <= 2 * count; wait *= 2) {
+            if (!waitForLog(QStringLiteral("Waiting %1 seconds before retry...").arg(wait)))
+                return false;
+            clock.advance(std::chrono::seconds(wait));
+        }
+        return true;
     }
 
     KeychainHelper keychain;
@@ -114,10 +128,11 @@ private:
     QByteArray m_answer;
 };
 
-QByteArray ok(const QByteArray &body)
+QByteArray ok(const QByteArray &body, const QByteArray &status = "200 OK")
 {
-    return "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
-           QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    return "HTTP/1.1 " + status +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) +
+           "\r\n\r\n" + body;
 }
 
 int requestsTo(const DevServer &server, const QString &path)
@@ -157,22 +172,12 @@ private Q_SLOTS:
     {
         QVERIFY(startServer());
         Session s(*m_server);
-        s.startAuth();
         QVERIFY(s.signIn());
         QCOMPARE(s.auth->email(), QStringLiteral("reader@example.com"));
         QVERIFY(!s.auth->isLoading());
         QVERIFY(s.keychain.load(KeychainKey::accessToken));
         QVERIFY(s.keychain.load(KeychainKey::refreshToken));
         QVERIFY(s.log.contains(QStringLiteral("[AuthManager] Sign-in complete for reader@example.com")));
-
-        // A later start finds the stored session.
-        Session again(*m_server);
-        again.keychain.save(*s.keychain.load(KeychainKey::accessToken), KeychainKey::accessToken);
-        again.startAuth();
-        QTRY_VERIFY(again.auth->isSignedIn());
-        QCOMPARE(again.log,
-                 QStringList({QStringLiteral("[AuthManager] Found existing access token, verifying..."),
-                              QStringLiteral("[AuthManager] Session restored for reader@example.com")}));
     }
 
     // Onboarding moves on from its sign-in step when the browser sign-in completes, and only from there.
@@ -187,9 +192,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, onSignInStep);
         QVERIFY(startServer());
-        Session s(*m_server);
-        s.startAuth();
-        s.startBalance();
+        Session s(*m_server, Session::AuthAndBalance);
         OnboardingViewModel::Services services;
         services.auth = s.auth.get();
         services.balance = s.balance.get();
@@ -206,7 +209,6 @@ private Q_SLOTS:
     {
         QVERIFY(startServer());
         Session s(*m_server);
-        s.startAuth();
         s.auth->signIn(false);
         const QUrl redirect = DevServer::redirectOf(s.opened.last());
         failNext(QStringLiteral("user"), 500, 1);
@@ -224,7 +226,6 @@ private Q_SLOTS:
     {
         QVERIFY(startServer());
         Session s(*m_server);
-        s.startAuth();
         s.auth->signIn(true);
         QVERIFY(s.auth->isLoading());
         s.clock.advance(59s);
@@ -234,12 +235,13 @@ private Q_SLOTS:
         QVERIFY(!s.auth->currentError());
     }
 
-    // A stored session whose access token is refused: refreshed at start, or signed out after three
-    // refusals with the waits in between.
+    // A later start finds the stored session. An access token that is refused is refreshed, or the session
+    // is signed out after three refusals with the waits in between; -1: the access token is still valid.
     void restoreWithRefresh_data()
     {
         QTest::addColumn<int>("refusals");
         QTest::addColumn<bool>("signedIn");
+        QTest::newRow("restored") << -1 << true;
         QTest::newRow("refreshed") << 0 << true;
         QTest::newRow("refused twice") << 2 << true;
         QTest::newRow("refused three times") << 3 << false;
@@ -250,22 +252,25 @@ private Q_SLOTS:
         QFETCH(bool, signedIn);
         QVERIFY(startServer());
         Session first(*m_server);
-        first.startAuth();
         QVERIFY(first.signIn());
 
-        Session s(*m_server);
-        s.keychain.save(QStringLiteral("not-a-token"), KeychainKey::accessToken);
+        Session s(*m_server, Session::Nothing);
+        s.keychain.save(refusals < 0 ? *first.keychain.load(KeychainKey::accessToken)
+                                     : QStringLiteral("not-a-token"),
+                        KeychainKey::accessToken);
         s.keychain.save(*first.keychain.load(KeychainKey::refreshToken), KeychainKey::refreshToken);
-        if (refusals)
+        if (refusals > 0)
             failNext(QStringLiteral("refresh"), 400, refusals);
         s.startAuth();
-        for (int wait = 2; wait <= refusals * 2 && wait <= 4; wait *= 2) {
-            QVERIFY(s.waitForLog(QStringLiteral("Waiting %1 seconds before retry...").arg(wait)));
-            s.clock.advance(std::chrono::seconds(wait));
-        }
+        const int retries = std::clamp(refusals, 0, 2);
+        QVERIFY(s.waitOutRetries(retries));
         QTRY_VERIFY(s.auth->state() != AuthManager::State::unknown);
         QCOMPARE(s.auth->isSignedIn(), signedIn);
-        QCOMPARE(s.clock.delays(), (QList<std::chrono::milliseconds>{2s, 4s}).first(std::min(refusals, 2)));
+        QCOMPARE(s.clock.delays(), (QList<std::chrono::milliseconds>{2s, 4s}).first(retries));
+        if (refusals < 0)
+            QCOMPARE(s.log,
+                     QStringList({QStringLiteral("[AuthManager] Found existing access token, verifying..."),
+                                  QStringLiteral("[AuthManager] Session restored for reader@example.com")}));
         if (!signedIn) {
             QVERIFY(s.log.contains(QStringLiteral(
                 "[AuthManager] Refresh failed after retries: Failed to refresh authentication")));
@@ -277,7 +282,6 @@ private Q_SLOTS:
     {
         QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("30")}));
         Session s(*m_server);
-        s.startAuth();
         QVERIFY(s.signIn());
         const QString old = *s.keychain.load(KeychainKey::accessToken);
 
@@ -296,10 +300,7 @@ private Q_SLOTS:
         // Three refusals reach the caller as the session's error; the session itself stays.
         failNext(QStringLiteral("refresh"), 400, 3);
         s.auth->getValidAccessToken(this, collect);
-        QVERIFY(s.waitForLog(QStringLiteral("Waiting 2 seconds before retry...")));
-        s.clock.advance(2s);
-        QVERIFY(s.waitForLog(QStringLiteral("Waiting 4 seconds before retry...")));
-        s.clock.advance(4s);
+        QVERIFY(s.waitOutRetries(2));
         QTRY_COMPARE(results.size(), 3);
         QCOMPARE(describe(results[2].failure()), QStringLiteral("Failed to refresh authentication"));
         QVERIFY(isAuthError(results[2].failure()));
@@ -323,18 +324,12 @@ private Q_SLOTS:
         QFETCH(int, refusals);
         QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("200")}));
         Session s(*m_server);
-        s.startAuth();
         if (signedIn)
             QVERIFY(s.signIn());
         failNext(QStringLiteral("refresh"), 400, refusals);
         s.log.clear();
         Q_EMIT s.wake.woke();
-        if (refusals) {
-            QVERIFY(s.waitForLog(QStringLiteral("Waiting 2 seconds before retry...")));
-            s.clock.advance(2s);
-            QVERIFY(s.waitForLog(QStringLiteral("Waiting 4 seconds before retry...")));
-            s.clock.advance(4s);
-        }
+        QVERIFY(s.waitOutRetries(refusals ? 2 : 0));
         QFETCH(QString, lastLine);
         QVERIFY(s.waitForLog(lastLine));
         QCOMPARE(s.log.first(), QStringLiteral("[AuthManager] System woke - validating session"));
@@ -346,9 +341,7 @@ private Q_SLOTS:
     void balanceFollowsTheSession()
     {
         QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("3660")}));
-        Session s(*m_server);
-        s.startAuth();
-        s.startBalance();
+        Session s(*m_server, Session::AuthAndBalance);
         QVERIFY(!s.balance->isPolling());
         QVERIFY(s.signIn());
         QVERIFY(s.balance->isPolling());
@@ -387,30 +380,6 @@ private Q_SLOTS:
         QVERIFY(!s.balance->isPolling());
     }
 
-    void balanceFailures_data()
-    {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("500") << 500 << QStringLiteral("Server error (500)");
-        QTest::newRow("401") << 401 << QStringLiteral("Please sign in again");
-        QTest::newRow("404") << 404 << QStringLiteral("Server error (404)");
-    }
-    void balanceFailures()
-    {
-        QFETCH(int, status);
-        QVERIFY(startServer());
-        Session s(*m_server);
-        s.startAuth();
-        s.startBalance();
-        QVERIFY(s.signIn());
-        QTRY_VERIFY(!s.balance->isLoading());
-        failNext(QStringLiteral("balance"), status, 1);
-        s.clock.advance(60s);
-        QTRY_VERIFY(s.balance->lastError());
-        QTEST(*s.balance->lastError(), "error");
-        QVERIFY(s.auth->isSignedIn());
-    }
-
     // Whatever the service answers, the balance gets a clear error and the session stays.
     void hostileBalanceAnswers_data()
     {
@@ -431,6 +400,9 @@ private Q_SLOTS:
                                            "The server's answer has no valid \"minutes_remaining\".");
         QTest::newRow("megabytes") << ok(QByteArray(3 << 20, ' ') + "{}")
                                    << QStringLiteral("The server's answer is too large.");
+        QTest::newRow("500") << ok("{}", "500 Internal Server Error") << QStringLiteral("Server error (500)");
+        QTest::newRow("401") << ok("{}", "401 Unauthorized") << QStringLiteral("Please sign in again");
+        QTest::newRow("404") << ok("{}", "404 Not Found") << QStringLiteral("Server error (404)");
         QTest::newRow("redirect")
             << QByteArray("HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n")
             << QStringLiteral("Server error (302)");
@@ -444,13 +416,12 @@ private Q_SLOTS:
         QVERIFY(startServer());
         CannedHttpServer service(answer);
         Session s(*m_server);
-        s.startAuth();
         QVERIFY(s.signIn());
         s.origin = service.url();
         s.startBalance();
         QTRY_VERIFY(s.balance->lastError());
-        QVERIFY2(s.balance->lastError()->startsWith(error), qPrintable(*s.balance->lastError()));
-        QVERIFY(!s.balance->lastError()->isEmpty());
+        QVERIFY2(s.balance->lastError()->startsWith(error) && !s.balance->lastError()->isEmpty(),
+                 qPrintable(*s.balance->lastError()));
         QCOMPARE(s.balance->balanceSeconds(), 0);
         QVERIFY(s.auth->isSignedIn());
     }
@@ -458,9 +429,7 @@ private Q_SLOTS:
     void usageAndPurchase()
     {
         QVERIFY(startServer());
-        Session s(*m_server);
-        s.startAuth();
-        s.startBalance();
+        Session s(*m_server, Session::AuthAndBalance);
         s.balance->openPurchasePage();
         QCOMPARE(s.opened.last(), m_server->url());
         QVERIFY(s.signIn());
@@ -496,21 +465,18 @@ private Q_SLOTS:
     void serviceNarration()
     {
         QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("600")}));
-        Session s(*m_server);
-        s.startAuth();
-        s.startBalance();
+        Session s(*m_server, Session::AuthAndBalance);
         QTemporaryDir dir;
         UserDefaults defaults(dir.filePath(QStringLiteral("defaults.conf")));
         SessionAccount account(*s.auth, *s.balance);
-        SpeechManager::Services services;
-        services.defaults = &defaults;
-        services.keychain = &s.keychain;
-        services.account = &account;
         NoSelection noSelection;
-        services.selection = &noSelection;
-        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime);
-        services.serviceOrigin = m_server->url();
-        SpeechManager speech(std::move(services));
+        SpeechManager speech({.defaults = &defaults,
+                              .keychain = &s.keychain,
+                              .account = &account,
+                              .selection = &noSelection,
+                              .audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime),
+                              .serviceOrigin = m_server->url(),
+                              .openAIOrigin = {}});
 
         QVERIFY(s.signIn());
         QTRY_COMPARE(s.balance->balanceSeconds(), 600);

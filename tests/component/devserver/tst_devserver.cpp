@@ -151,7 +151,6 @@ private Q_SLOTS:
         row("4,097 code points", {{}, openAI, defaultKey, with("input", QString(4097, u'x')), 400, "input"});
         // An injected fault comes before everything else.
         row("--fail-status 429", {{"--fail-status", "429"}, openAI, {}, valid, 429});
-        row("--fail-status 402", {{"--fail-status", "402"}, service, {}, valid, 402});
         row("--fail-status 503", {{"--fail-status", "503"}, service, defaultKey, "[]", 503});
     }
 
