@@ -67,8 +67,8 @@ public:
         const QString member = message.member();
         if (member == u"Get") {
             const bool deviceTypes = message.arguments().value(1).toString() == u"AvailableDeviceTypes";
-            connection.send(
-                message.createReply(QVariant::fromValue(QDBusVariant(deviceTypes ? deviceTypes_ : 1u))));
+            connection.send(message.createReply(
+                QVariant::fromValue(QDBusVariant(deviceTypes ? availableDeviceTypes : 1u))));
             return true;
         }
         const bool remote = message.interface() == QLatin1String(PortalRemoteKeyboard::kInterface);
@@ -120,7 +120,7 @@ public:
     }
 
     QStringList refuse;
-    uint deviceTypes_ = 1;
+    uint availableDeviceTypes = 1;
     uint startAnswer = 0;
     uint grantedDevices = 1;
     uint selectedTypes = 0;
@@ -134,6 +134,15 @@ public:
 private:
     QDBusConnection m_bus;
 };
+
+// Runs `work` on another thread while this one answers as the portal, and hands back its result.
+template<typename Work> auto askedElsewhere(Work work)
+{
+    auto done = std::async(std::launch::async, work);
+    while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready)
+        QCoreApplication::processEvents();
+    return done.get();
+}
 
 QString entryValue(const Entries &entries, const QString &id, const char *name)
 {
@@ -190,10 +199,7 @@ private Q_SLOTS:
 
     void bindsTheSixActionsAndFollowsTheAssignments()
     {
-        // Asked from another thread: the portal answers on this one.
-        auto available = std::async(std::launch::async, [] { return PortalGlobalShortcuts::isAvailable(); });
-        QTRY_VERIFY(available.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
-        QVERIFY(available.get());
+        QVERIFY(askedElsewhere([] { return PortalGlobalShortcuts::isAvailable(); }));
         m_portal->refuse = {QStringLiteral("stop")};
         HotkeyManager &manager = startManager();
         QVERIFY(manager.bindsByAction());
@@ -297,23 +303,18 @@ private Q_SLOTS:
         QFETCH(uint, startAnswer);
         QFETCH(uint, granted);
         QFETCH(bool, typed);
-        // Asked from another thread, as the portal answers on this one.
-        const auto elsewhere = [](auto work) {
-            auto done = std::async(std::launch::async, work);
-            while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready)
-                QCoreApplication::processEvents();
-            return done.get();
+        const auto available = [] {
+            return askedElsewhere([] { return PortalRemoteKeyboard::isAvailable(); });
         };
-        const auto available = [&] { return elsewhere([] { return PortalRemoteKeyboard::isAvailable(); }); };
-        m_portal->deviceTypes_ = 3;
+        m_portal->availableDeviceTypes = 3;
         QVERIFY(available());
-        m_portal->deviceTypes_ = 2;
+        m_portal->availableDeviceTypes = 2;
         QVERIFY(!available());
 
         m_portal->startAnswer = startAnswer;
         m_portal->grantedDevices = granted;
         const QList<KeyboardInjector::KeyEvent> copy{{29, true}, {46, true}, {46, false}, {29, false}};
-        const bool hasSession = elsewhere([&] {
+        const bool hasSession = askedElsewhere([&] {
             PortalRemoteKeyboard keyboard;
             keyboard.sendKeys(copy);
             keyboard.sendKeys(copy);

@@ -30,9 +30,8 @@ PortalRemoteKeyboard::PortalRemoteKeyboard(QDBusConnection bus, std::chrono::mil
 
 PortalRemoteKeyboard::~PortalRemoteKeyboard()
 {
-    if (!m_session.path().isEmpty()) {
+    if (!m_session.path().isEmpty())
         PortalRequest::closeSession(m_bus, m_session.path());
-    }
 }
 
 bool PortalRemoteKeyboard::isAvailable(QDBusConnection bus, int timeoutMs)

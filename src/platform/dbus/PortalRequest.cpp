@@ -99,10 +99,10 @@ uint property(const QDBusConnection &bus, const QString &interface, const QStrin
     const QDBusMessage reply = QDBusConnection(bus).call(get, QDBus::Block, timeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
         return 0;
-    QVariant version = reply.arguments().constFirst();
-    if (version.metaType() == QMetaType::fromType<QDBusVariant>())
-        version = version.value<QDBusVariant>().variant();
-    return version.toUInt();
+    QVariant value = reply.arguments().constFirst();
+    if (value.metaType() == QMetaType::fromType<QDBusVariant>())
+        value = value.value<QDBusVariant>().variant();
+    return value.toUInt();
 }
 
 } // namespace PortalRequest

@@ -2,37 +2,11 @@
 #include "platform/wayland/WaylandClipboard.h"
 
 #include "core/Logging.h"
-
-#include <QProcess>
+#include "platform/wayland/WlClipboardTool.h"
 
 namespace {
 
-struct Outcome
-{
-    bool answered = false;
-    int exitCode = -1;
-    QByteArray output;
-};
-
-Outcome run(const QString &program, const QStringList &arguments, std::chrono::milliseconds timeLimit,
-            const QByteArray *input = nullptr)
-{
-    QProcess process;
-    process.start(program, arguments);
-    if (input) {
-        process.write(*input);
-        process.closeWriteChannel();
-    }
-    // wl-copy forks a server for the selection and returns once it has taken it.
-    if (!process.waitForFinished(int(timeLimit.count()))) {
-        process.kill();
-        process.waitForFinished(1000);
-        return {};
-    }
-    if (process.exitStatus() != QProcess::NormalExit)
-        return {};
-    return {true, process.exitCode(), process.readAllStandardOutput()};
-}
+using WlClipboardTool::run;
 
 QStringList withBuffer(SystemClipboard::Buffer buffer, QStringList arguments)
 {
@@ -49,7 +23,7 @@ WaylandClipboard::WaylandClipboard(std::chrono::milliseconds timeLimit)
 
 std::optional<QStringList> WaylandClipboard::targets(Buffer buffer)
 {
-    const Outcome listed =
+    const WlClipboardTool::Outcome listed =
         run(QStringLiteral("wl-paste"), withBuffer(buffer, {QStringLiteral("--list-types")}), m_timeLimit);
     if (!listed.answered)
         return std::nullopt;
@@ -61,7 +35,7 @@ std::optional<QStringList> WaylandClipboard::targets(Buffer buffer)
 
 std::optional<QByteArray> WaylandClipboard::data(Buffer buffer, const QString &target)
 {
-    const Outcome pasted = run(
+    const WlClipboardTool::Outcome pasted = run(
         QStringLiteral("wl-paste"),
         withBuffer(buffer, {QStringLiteral("--no-newline"), QStringLiteral("--type"), target}), m_timeLimit);
     if (!pasted.answered || pasted.exitCode != 0)
@@ -85,8 +59,8 @@ void WaylandClipboard::setContent(const ClipboardContent &content)
             break;
         }
     }
-    const Outcome copied = run(QStringLiteral("wl-copy"), {QStringLiteral("--type"), chosen->first},
-                               m_timeLimit, &chosen->second);
+    const WlClipboardTool::Outcome copied = run(
+        QStringLiteral("wl-copy"), {QStringLiteral("--type"), chosen->first}, m_timeLimit, &chosen->second);
     if (!copied.answered || copied.exitCode != 0)
         qCWarning(lcCapture) << "wl-copy did not take back the clipboard";
 }

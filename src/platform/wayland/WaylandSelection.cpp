@@ -2,9 +2,9 @@
 #include "platform/wayland/WaylandSelection.h"
 
 #include "core/Logging.h"
+#include "platform/wayland/WlClipboardTool.h"
 
 #include <QCoreApplication>
-#include <QProcess>
 #include <QStandardPaths>
 
 #include <cstring>
@@ -49,14 +49,9 @@ CompositorFacts askCompositor()
 // for it and says so when it did not come; an empty selection is "No selection" instead.
 bool primaryWithheld()
 {
-    QProcess probe;
-    probe.start(kReader, {QStringLiteral("--primary"), QStringLiteral("--list-types")});
-    if (!probe.waitForFinished(1000)) {
-        probe.kill();
-        probe.waitForFinished(1000);
-        return false;
-    }
-    return QString::fromUtf8(probe.readAllStandardError()).contains(u"not seem to support primary");
+    const WlClipboardTool::Outcome probe = WlClipboardTool::run(
+        kReader, {QStringLiteral("--primary"), QStringLiteral("--list-types")}, std::chrono::seconds(1));
+    return QString::fromUtf8(probe.errors).contains(u"not seem to support primary");
 }
 
 } // namespace
@@ -123,20 +118,20 @@ QString explanation(Support support)
 
 std::optional<QString> readPrimarySelection(std::chrono::milliseconds timeLimit)
 {
-    QProcess paste;
     // "text" picks the best text type the selection offers.
-    paste.start(kReader, {QStringLiteral("--primary"), QStringLiteral("--no-newline"),
-                          QStringLiteral("--type"), QStringLiteral("text")});
-    if (!paste.waitForFinished(int(timeLimit.count()))) {
+    const WlClipboardTool::Outcome paste =
+        WlClipboardTool::run(kReader,
+                             {QStringLiteral("--primary"), QStringLiteral("--no-newline"),
+                              QStringLiteral("--type"), QStringLiteral("text")},
+                             timeLimit);
+    if (!paste.answered) {
         qCWarning(lcCapture) << "wl-paste did not answer within" << timeLimit.count() << "ms";
-        paste.kill();
-        paste.waitForFinished(1000);
         return std::nullopt;
     }
     // Exit status 1 with "No selection" when nothing is highlighted.
-    if (paste.exitStatus() != QProcess::NormalExit || paste.exitCode() != 0)
+    if (paste.exitCode != 0)
         return std::nullopt;
-    const QString text = QString::fromUtf8(paste.readAllStandardOutput());
+    const QString text = QString::fromUtf8(paste.output);
     if (text.isEmpty())
         return std::nullopt;
     return text;
