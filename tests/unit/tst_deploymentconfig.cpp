@@ -9,10 +9,6 @@ QString valueOf(const DeploymentConfig &c, const QString &name)
 {
     if (name == u"QUILLVOX_SERVICE_ORIGIN")
         return c.serviceOrigin.toString();
-    if (name == u"QUILLVOX_AUTH_ORIGIN")
-        return c.authOrigin.toString();
-    if (name == u"QUILLVOX_AUTH_ANON_KEY")
-        return c.authAnonKey;
     return c.appcastUrl.toString();
 }
 
@@ -23,15 +19,6 @@ class TestDeploymentConfig : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void defaults()
-    {
-        // The other defaults are what every row of overrides() expects for the variables it leaves.
-        const DeploymentConfig c = DeploymentConfig::fromEnvironment(QProcessEnvironment());
-        QVERIFY(!c.openAIOriginFromEnvironment);
-        QCOMPARE(c.audioOutput, DeploymentConfig::AudioOutput::Pulse);
-        QCOMPARE(c.serviceOrigin.scheme(), QStringLiteral("https"));
-    }
-
     // The build's cache variables reach the program as its defaults, and the environment still wins.
     void builtInDefaults_data()
     {
@@ -41,10 +28,6 @@ private Q_SLOTS:
 
         QTest::newRow("service origin")
             << "QUILLVOX_SERVICE_ORIGIN" << BUILT_IN_SERVICE_ORIGIN << "http://127.0.0.1:8080";
-        QTest::newRow("auth origin") << "QUILLVOX_AUTH_ORIGIN" << BUILT_IN_AUTH_ORIGIN
-                                     << "http://127.0.0.1:8081";
-        QTest::newRow("anonymous key")
-            << "QUILLVOX_AUTH_ANON_KEY" << BUILT_IN_AUTH_ANON_KEY << "anon-from-env";
         QTest::newRow("appcast") << "QUILLVOX_APPCAST_URL" << BUILT_IN_APPCAST_URL
                                  << "http://127.0.0.1:8080/appcast.xml";
     }

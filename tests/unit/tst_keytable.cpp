@@ -43,25 +43,12 @@ private Q_SLOTS:
 
         QTest::newRow("A") << 0u << KEY_A;
         QTest::newRow("C, the copy key") << 8u << KEY_C;
-        QTest::newRow("Q") << 12u << KEY_Q;
-        QTest::newRow("Y") << 16u << KEY_Y;
-        QTest::newRow("T") << 17u << KEY_T;
         QTest::newRow("digit 5 sits before 6 in codes, after in place") << 23u << KEY_5;
-        QTest::newRow("Return") << 36u << KEY_ENTER;
-        QTest::newRow("Space") << 49u << KEY_SPACE;
-        QTest::newRow("Delete is Backspace") << 51u << KEY_BACKSPACE;
-        QTest::newRow("Escape") << 53u << KEY_ESC;
         QTest::newRow("Command key is Ctrl") << 55u << KEY_LEFTCTRL;
         QTest::newRow("Option key is Alt") << 58u << KEY_LEFTALT;
         QTest::newRow("Control key is Super") << 59u << KEY_LEFTMETA;
-        QTest::newRow("keypad Clear is Num Lock") << 71u << KEY_NUMLOCK;
-        QTest::newRow("Help is Insert") << 114u << KEY_INSERT;
-        QTest::newRow("forward delete") << 117u << KEY_DELETE;
-        QTest::newRow("F1") << 122u << KEY_F1;
         QTest::newRow("F13") << 105u << KEY_F13;
-        QTest::newRow("Up") << 126u << KEY_UP;
         QTest::newRow("Function has no PC key") << 63u << -1;
-        QTest::newRow("gap") << 52u << -1;
         QTest::newRow("past the table") << 127u << -1;
     }
 
@@ -81,9 +68,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<quint32>("xKeyCode");
         QTest::newRow("below the evdev offset") << 8u;
-        QTest::newRow("zero") << 0u;
         QTest::newRow("unmapped media key") << quint32(KEY_PLAYPAUSE + 8);
-        QTest::newRow("top of the range") << 255u;
     }
 
     void keyCodesWithoutKey()
@@ -98,12 +83,8 @@ private Q_SLOTS:
         QTest::addColumn<quint32>("xModifiers");
         QTest::addColumn<quint64>("flagsBack");
 
-        QTest::newRow("none") << quint64(0) << 0u << quint64(0);
-        QTest::newRow("Shift") << quint64(0x20000) << NativeHotKey::ShiftMask << quint64(0x20000);
         QTest::newRow("Control is Super (Mod4)") << quint64(0x40000) << 0x40u << quint64(0x40000);
-        QTest::newRow("Option is Alt (Mod1)") << quint64(0x80000) << 0x08u << quint64(0x80000);
         QTest::newRow("Command is Ctrl") << quint64(0x100000) << 0x04u << quint64(0x100000);
-        QTest::newRow("default Command + Option") << quint64(0x180000) << 0x0cu << quint64(0x180000);
         QTest::newRow("all four") << quint64(0x1E0000) << 0x4du << quint64(0x1E0000);
         QTest::newRow("Caps Lock and Function bits have no grab")
             << quint64(0x810000 | 0x100000) << 0x04u << quint64(0x100000);
@@ -125,10 +106,7 @@ private Q_SLOTS:
         QTest::addColumn<quint64>("flags");
 
         QTest::newRow("Ctrl is Command") << Qt::KeyboardModifiers(Qt::ControlModifier) << quint64(0x100000);
-        QTest::newRow("Alt is Option") << Qt::KeyboardModifiers(Qt::AltModifier) << quint64(0x80000);
         QTest::newRow("Meta is Control") << Qt::KeyboardModifiers(Qt::MetaModifier) << quint64(0x40000);
-        QTest::newRow("Shift") << Qt::KeyboardModifiers(Qt::ShiftModifier) << quint64(0x20000);
-        QTest::newRow("Ctrl+Alt") << (Qt::ControlModifier | Qt::AltModifier) << quint64(0x180000);
         QTest::newRow("keypad and group switch dropped")
             << (Qt::KeypadModifier | Qt::GroupSwitchModifier | Qt::ShiftModifier) << quint64(0x20000);
     }
@@ -150,18 +128,10 @@ private Q_SLOTS:
             QTest::newRow(label) << code << QString::fromUtf8(display) << QString::fromUtf8(label);
         };
         row(0, "A", "A");
-        row(29, "0", "0");
-        row(49, "Space", "Space");
         row(48, "⇥", "Tab");
         row(36, "↩", "Enter");
-        row(126, "↑", "Up");
-        row(123, "←", "Left");
         row(53, "⎋", "Esc");
-        row(51, "⌫", "Backspace");
         row(122, "?", "F1");
-        row(82, "?", "Num 0");
-        row(43, "?", ",");
-        row(117, "?", "Delete");
         row(63, "?", "Fn");
     }
 

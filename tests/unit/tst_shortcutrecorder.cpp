@@ -24,8 +24,6 @@ constexpr quint32 kKeyQ = 24;
 constexpr quint32 kKeyA = 38;
 constexpr quint32 kKeyS = 39;
 constexpr quint32 kLeftShift = 50;
-constexpr quint32 kLeftAlt = 64;
-constexpr quint32 kKeypad5 = 84;
 constexpr quint32 kRightAlt = 108;
 constexpr quint32 kPlayPause = 172;
 constexpr quint32 kCapsLock = 66;
@@ -70,34 +68,22 @@ private Q_SLOTS:
         const auto none = Qt::KeyboardModifiers();
         QTest::newRow("Escape cancels")
             << kEscape << int(Qt::Key_Escape) << none << int(Kind::Cancel) << 0u << quint64(0);
-        QTest::newRow("Escape with modifiers still cancels")
-            << kEscape << int(Qt::Key_Escape) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Cancel)
-            << 0u << quint64(0);
         QTest::newRow("letter alone keeps waiting")
             << kKeyA << int(Qt::Key_A) << none << int(Kind::Ignore) << 0u << quint64(0);
         QTest::newRow("Shift-A counts") << kKeyA << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ShiftModifier)
                                         << int(Kind::Record) << 0u << quint64(0x20000);
-        QTest::newRow("Ctrl+Alt+S is the default")
-            << kKeyS << int(Qt::Key_S) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Record) << 1u
-            << quint64(0x180000);
         QTest::newRow("Super+Q is Control-Q")
             << kKeyQ << int(Qt::Key_Q) << Qt::KeyboardModifiers(Qt::MetaModifier) << int(Kind::Record) << 12u
             << quint64(0x40000);
         QTest::newRow("the key by position, not by layout (AZERTY A on the Q key)")
             << kKeyQ << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Record)
             << 12u << quint64(0x100000);
-        QTest::newRow("keypad flag dropped")
-            << kKeypad5 << int(Qt::Key_5) << (Qt::ControlModifier | Qt::KeypadModifier) << int(Kind::Record)
-            << 87u << quint64(0x100000);
         QTest::newRow("Caps Lock pressed with Ctrl is a modifier")
             << kCapsLock << int(Qt::Key_CapsLock) << Qt::KeyboardModifiers(Qt::ControlModifier)
             << int(Kind::Ignore) << 0u << quint64(0);
         QTest::newRow("Shift pressed while Ctrl is held")
             << kLeftShift << int(Qt::Key_Shift) << (Qt::ControlModifier | Qt::ShiftModifier)
             << int(Kind::Ignore) << 0u << quint64(0);
-        QTest::newRow("Alt pressed while Ctrl is held")
-            << kLeftAlt << int(Qt::Key_Alt) << (Qt::ControlModifier | Qt::AltModifier) << int(Kind::Ignore)
-            << 0u << quint64(0);
         QTest::newRow("AltGr") << kRightAlt << int(Qt::Key_AltGr)
                                << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Ignore) << 0u
                                << quint64(0);
@@ -157,21 +143,6 @@ private Q_SLOTS:
         QCoreApplication::sendEvent(m_window.get(), &after);
         QVERIFY(!after.isAccepted());
         QCOMPARE(recorded.count(), 1);
-    }
-
-    void escapeCancels()
-    {
-        ShortcutRecorderItem item(m_window->contentItem());
-        QSignalSpy recorded(&item, &ShortcutRecorderItem::shortcutRecorded);
-        QSignalSpy cancelled(&item, &ShortcutRecorderItem::cancel);
-        item.setRecording(true);
-        QTRY_VERIFY(item.hasActiveFocus());
-
-        QKeyEvent escape = keyPress(kEscape, Qt::Key_Escape, {});
-        QCoreApplication::sendEvent(m_window.get(), &escape);
-        QCOMPARE(cancelled.count(), 1);
-        QCOMPARE(recorded.count(), 0);
-        QVERIFY(!item.recording());
     }
 
     void qmlRecorder_data()

@@ -38,20 +38,14 @@ private Q_SLOTS:
         QTest::addColumn<quint64>("expected");
         QTest::addColumn<bool>("converts64");
 
-        QTest::newRow("zero") << QByteArray("0") << true << quint64(0) << true;
-        QTest::newRow("key code") << QByteArray("12") << true << quint64(12) << true;
         QTest::newRow("u32 max") << QByteArray("4294967295") << true << quint64(4294967295u) << true;
         QTest::newRow("u32 max + 1") << QByteArray("4294967296") << false << quint64(4294967296u) << true;
         QTest::newRow("minus one") << QByteArray("-1") << false << quint64(0) << false;
         QTest::newRow("u64 max") << QByteArray("18446744073709551615") << false
                                  << std::numeric_limits<quint64>::max() << true;
         QTest::newRow("u64 overflow") << QByteArray("18446744073709551616") << false << quint64(0) << false;
-        QTest::newRow("fraction") << QByteArray("1.5") << false << quint64(0) << false;
         QTest::newRow("text") << QByteArray("abc") << false << quint64(0) << false;
-        QTest::newRow("empty") << QByteArray("") << false << quint64(0) << false;
         QTest::newRow("leading space") << QByteArray("\" 12\"") << false << quint64(0) << false;
-        QTest::newRow("hex") << QByteArray("0x10") << false << quint64(0) << false;
-        QTest::newRow("list") << QByteArray("1, 2") << false << quint64(0) << false;
         QTest::newRow("bytes") << QByteArray("@ByteArray(12)") << false << quint64(0) << false;
     }
 
@@ -78,11 +72,8 @@ private Q_SLOTS:
         QTest::addColumn<QVariant>("value");
         QTest::addColumn<bool>("converts32");
 
-        QTest::newRow("int") << QVariant(12) << true;
         QTest::newRow("negative int") << QVariant(-1) << false;
-        QTest::newRow("integral double") << QVariant(12.0) << true;
         QTest::newRow("fractional double") << QVariant(12.5) << false;
-        QTest::newRow("u64 beyond u32") << QVariant(quint64(1) << 32) << false;
         QTest::newRow("bool") << QVariant(true) << false;
     }
 
@@ -137,11 +128,9 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isData");
         QTest::addColumn<bool>("isDate");
 
-        QTest::newRow("missing") << QByteArray() << false << false << false << false;
         QTest::newRow("plain text") << QByteArray("hello") << true << false << false << false;
         QTest::newRow("ISO date as text")
             << QByteArray("2026-11-21T10:00:00Z") << true << false << false << false;
-        QTest::newRow("JSON as text") << QByteArray("\"[1,2]\"") << true << false << false << false;
         QTest::newRow("true") << QByteArray("true") << true << true << false << false;
         QTest::newRow("bytes") << QByteArray("@ByteArray([1])") << false << false << true << false;
         QTest::newRow("date") << QByteArray(

@@ -65,50 +65,6 @@ private Q_SLOTS:
             QSKIP("pulseaudio is not installed");
     }
 
-    void playsForAsLongAsSent_data()
-    {
-        QTest::addColumn<float>("rate");
-        QTest::addColumn<double>("narrationSeconds");
-        QTest::newRow("1x") << 1.0f << 1.5;
-        QTest::newRow("2x") << 2.0f << 2.0;
-    }
-
-    void playsForAsLongAsSent()
-    {
-        QFETCH(float, rate);
-        QFETCH(double, narrationSeconds);
-
-        PulseServer server(m_dir.filePath(QString::fromLatin1(QTest::currentDataTag())));
-        QVERIFY(server.start());
-        PulseServerEnvironment env(server.address());
-        QVERIFY(server.startRecorder());
-
-        AudioEngine engine(std::make_unique<PulseAudioSink>(3000));
-        Collector events(engine);
-        QString error;
-        QVERIFY2(engine.start(&error), qPrintable(error));
-        engine.setRate(rate);
-        engine.prepare();
-        const qsizetype count = scheduleAll(engine, sine(qint64(narrationSeconds * kRate), 440, 0.5));
-        engine.play();
-        QTRY_COMPARE_WITH_TIMEOUT(events.completed.size(), count, 20000);
-        QCOMPARE(engine.sampleTime().value_or(-1), qint64(narrationSeconds * kRate));
-        QTest::qWait(300); // the recorder's own latency
-        engine.stop();
-        server.stopRecorder();
-        QVERIFY(events.failures.isEmpty());
-
-        const std::vector<float> recorded = server.recorded();
-        const Sound sound = findSound(recorded);
-        QVERIFY2(sound.start >= 0, "nothing was recorded");
-        const double expected = narrationSeconds / rate;
-        QVERIFY2(std::abs(sound.seconds() - expected) <= 0.05 * expected,
-                 qPrintable(QStringLiteral("heard %1 s, sent %2 s").arg(sound.seconds()).arg(expected)));
-        const double hz = frequency(recorded, sound.start + 2400, sound.end - 2400);
-        qInfo("heard %.4f s of %.4f s sent, at %.2f Hz", sound.seconds(), expected, hz);
-        QVERIFY2(std::abs(hz - 440) <= 4.4, qPrintable(QStringLiteral("%1 Hz").arg(hz)));
-    }
-
     void killedServerIsReportedAndReconnected()
     {
         const QString dir = m_dir.filePath(QStringLiteral("killed"));

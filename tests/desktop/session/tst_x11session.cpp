@@ -7,9 +7,6 @@
 #include "X11Desktop.h"
 
 #include "core/UserDefaults.h"
-#include "platform/x11/X11Connection.h"
-#include "shortcuts/HotkeyManager.h"
-#include "shortcuts/KeyTable.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,8 +14,6 @@
 #include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <xcb/xcb.h>
 
 #include <memory>
 
@@ -30,8 +25,6 @@ const QString kLine = QStringLiteral("Narrate only this line: the quick brown fo
 const ClipboardContent kClipboard{{"text/plain", "before: plain\n"},
                                   {"text/html", "<i>before</i> <b>html</b>"}};
 
-constexpr quint32 kKeyN = 45; // N, as a virtual key code
-constexpr quint64 kCtrlAlt = KeyTable::Command | KeyTable::Option;
 // Long enough for a capture (0.1 s copy wait) and a request to the local server to have happened.
 constexpr int kNothingHappensMs = 1500;
 
@@ -51,16 +44,14 @@ class TestX11Session : public QObject
     DevServer m_server;
     ChildProcess m_editor;
 
-    // A fresh settings file past onboarding, with `changes` on top, then the app with no arguments.
-    bool startApp(ChildProcess &app, const QList<std::pair<const char *, quint64>> &changes = {})
+    // A fresh settings file past onboarding, then the app with no arguments.
+    bool startApp(ChildProcess &app)
     {
         const QString settingsPath = UserDefaults::standardFilePath();
         QFile::remove(settingsPath);
         {
             UserDefaults settings(settingsPath);
             settings.setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-            for (const auto &[key, value] : changes)
-                settings.setUnsigned64(QString::fromLatin1(key), value);
             settings.sync();
         }
         QProcessEnvironment env = m_server.appEnvironment();
@@ -203,40 +194,6 @@ private Q_SLOTS:
         press("ctrl+alt+s");
         QTest::qWait(kNothingHappensMs);
         QCOMPARE(narratedTexts().size(), 1);
-
-        app.process.terminate();
-    }
-
-    // Bindings come from the settings file; a combination another client holds is reported, not taken.
-    void reboundAndContestedShortcuts()
-    {
-        // Another client takes Ctrl+Alt+W (skip back) first.
-        X11Connection other;
-        QVERIFY(other.isValid());
-        xcb_grab_key(other.connection(), 0, other.root(), quint16(KeyTable::xModifiers(kCtrlAlt)),
-                     quint8(*KeyTable::xKeyCode(KeyTable::kVK_ANSI_W)), XCB_GRAB_MODE_ASYNC,
-                     XCB_GRAB_MODE_ASYNC);
-        other.sync();
-
-        ChildProcess app;
-        QVERIFY2(startApp(app, {{HotkeyManager::keyCodeKey, kKeyN}, {HotkeyManager::modifiersKey, kCtrlAlt}}),
-                 "the app did not answer --status");
-        const QJsonObject shortcuts = status();
-        QCOMPARE(shortcut(shortcuts, u"narrate")[u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
-        QVERIFY(shortcut(shortcuts, u"narrate")[u"registered"].toBool());
-        QCOMPARE(shortcut(shortcuts, u"skipBack")[u"label"].toString(), QStringLiteral("Ctrl+Alt+W"));
-        QVERIFY(!shortcut(shortcuts, u"skipBack")[u"registered"].toBool());
-        QVERIFY(shortcut(shortcuts, u"skipForward")[u"registered"].toBool());
-
-        const qsizetype narrated = narratedTexts().size();
-        selectTheLastLine();
-        press("ctrl+alt+s");
-        QTest::qWait(kNothingHappensMs);
-        QCOMPARE(narratedTexts().size(), narrated);
-
-        press("ctrl+alt+n");
-        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts().size(), narrated + 1, 10000);
-        QCOMPARE(narratedTexts().last(), kLine);
 
         app.process.terminate();
     }

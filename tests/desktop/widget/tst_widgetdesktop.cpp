@@ -228,8 +228,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("theme");
         QTest::addColumn<QColor>("firstBar");
         QTest::addColumn<QColor>("lastBar");
-        QTest::newRow("Default") << "Default" << QColor::fromRgbF(1, 1, 1)
-                                 << QColor::fromRgbF(0.6f, 0.6f, 0.6f);
         QTest::newRow("Crimson") << "Crimson" << QColor::fromRgbF(0.9f, 0.15f, 0.25f)
                                  << QColor::fromRgbF(1.0f, 0.5f, 0.6f);
     }
