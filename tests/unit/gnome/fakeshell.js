@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The extension's service under plain gjs, on the test's bus, with a scripted GNOME Shell behind it that
-// the test drives over com.vantor.Quillvox.Test: what is highlighted and copied, which keys are taken,
-// key presses, and the extension being switched off and on.
+// the test drives over com.vantor.Quillvox.Test: which keys are taken, key presses, and the extension
+// being switched off and on.
 import Gio from 'gi://Gio';
 import GLib from 'gi://GLib';
 
@@ -12,19 +12,9 @@ const TAKEN = ['<Super>l'];
 
 class FakeShell {
     constructor() {
-        this.texts = {primary: '', clipboard: ''};
         this.grabs = new Map();
         this._next = 1;
         this._listener = null;
-    }
-
-    readText(primary, callback) {
-        const text = primary ? this.texts.primary : this.texts.clipboard;
-        // GNOME Shell answers from its main loop, never within the call.
-        GLib.idle_add(GLib.PRIORITY_DEFAULT, () => {
-            callback(text === '' ? null : text);
-            return GLib.SOURCE_REMOVE;
-        });
     }
 
     grab(accelerator) {
@@ -60,10 +50,6 @@ class FakeShell {
 const CONTROL_XML = `
 <node>
   <interface name="com.vantor.Quillvox.Test">
-    <method name="SetTexts">
-      <arg type="s" name="primary" direction="in"/>
-      <arg type="s" name="clipboard" direction="in"/>
-    </method>
     <method name="Press">
       <arg type="s" name="accelerator" direction="in"/>
       <arg type="b" name="grabbed" direction="out"/>
@@ -81,9 +67,6 @@ const shell = new FakeShell();
 let service = null;
 
 const control = {
-    SetTexts(primary, clipboard) {
-        shell.texts = {primary, clipboard};
-    },
     Press(accelerator) {
         return shell.press(accelerator);
     },
