@@ -31,8 +31,7 @@ class TestAccountSecurity : public QObject
 
     KeyringFixture::Run quillvox(const QStringList &arguments)
     {
-        KeyringFixture::Run run =
-            m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, {}, m_env, 20000);
+        KeyringFixture::Run run = m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, {}, m_env);
         m_printed += run.out + run.err;
         return run;
     }

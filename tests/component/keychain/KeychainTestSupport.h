@@ -10,6 +10,7 @@
 
 Q_DECLARE_METATYPE(KeychainKey)
 Q_DECLARE_METATYPE(std::optional<QString>)
+Q_DECLARE_METATYPE(std::optional<QByteArray>)
 
 // One of the helper's calls on the API key; true when it succeeded.
 using KeychainCall = std::function<bool(KeychainHelper &)>;

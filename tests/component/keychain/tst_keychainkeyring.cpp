@@ -75,84 +75,56 @@ private Q_SLOTS:
         QVERIFY(m_keyring->items({{QStringLiteral("service"), otherService()}}).isEmpty());
     }
 
+    // Stored under the service and the key's account, in the login collection, as UTF-8, and read back.
     void savedItemIsFoundByServiceAndAccount_data()
     {
         QTest::addColumn<KeychainKey>("key");
         QTest::addColumn<QString>("account");
+        QTest::addColumn<QString>("value");
 
-        QTest::newRow("api key") << KeychainKey::openAIAPIKey << "openai-api-key";
-        QTest::newRow("access token") << KeychainKey::accessToken << "access-token";
-        QTest::newRow("refresh token") << KeychainKey::refreshToken << "refresh-token";
+        QTest::newRow("api key") << KeychainKey::openAIAPIKey << "openai-api-key"
+                                 << "sk-proj-Ab3_x-9";
+        QTest::newRow("access token, non-ASCII")
+            << KeychainKey::accessToken << "access-token" << QStringLiteral("Grüße 鍵 🔑");
+        QTest::newRow("refresh token, spaces and line break kept")
+            << KeychainKey::refreshToken << "refresh-token"
+            << " two\nlines ";
+        QTest::newRow("empty") << KeychainKey::refreshToken << "refresh-token"
+                               << "";
     }
 
     void savedItemIsFoundByServiceAndAccount()
     {
         QFETCH(KeychainKey, key);
         QFETCH(QString, account);
+        QFETCH(QString, value);
+        KeychainHelper &keychain = KeychainHelper::shared();
 
-        QVERIFY(KeychainHelper::shared().save(QStringLiteral("value of ") + account, key));
-        QCOMPARE(lookup(account), std::optional<QByteArray>(QByteArray("value of ") + account.toUtf8()));
+        QVERIFY(keychain.save(value, key));
+        QCOMPARE(lookup(account), std::optional<QByteArray>(value.toUtf8()));
         const QList<Item> items = itemsOf(account);
         QCOMPARE(items.size(), 1);
         QCOMPARE(items.first().label, QStringLiteral("Quillvox: ") + account);
         QVERIFY2(items.first().path.startsWith(QLatin1String("/org/freedesktop/secrets/collection/login/")),
                  qPrintable(items.first().path));
-    }
-
-    void valueRoundTripsAsUtf8_data()
-    {
-        QTest::addColumn<QString>("value");
-
-        QTest::newRow("empty") << "";
-        QTest::newRow("API key") << "sk-proj-Ab3_x-9";
-        QTest::newRow("non-ASCII") << QStringLiteral("Grüße 鍵 🔑");
-        QTest::newRow("spaces and line break kept") << " two\nlines ";
-    }
-
-    void valueRoundTripsAsUtf8()
-    {
-        QFETCH(QString, value);
-        KeychainHelper &keychain = KeychainHelper::shared();
-
-        QVERIFY(keychain.save(value, KeychainKey::accessToken));
-        QCOMPARE(lookup(QStringLiteral("access-token")), std::optional<QByteArray>(value.toUtf8()));
-        const std::optional<QString> loaded = keychain.load(KeychainKey::accessToken);
+        const std::optional<QString> loaded = keychain.load(key);
         QCOMPARE(loaded, std::optional<QString>(value));
         QVERIFY2(!loaded->isNull(), "a stored empty value must not look like a missing one");
         QVERIFY(keychain.lastFailureReason().isEmpty());
     }
 
-    void savingTwiceLeavesOneItemWithTheSecondValue()
-    {
-        KeychainHelper &keychain = KeychainHelper::shared();
-
-        QVERIFY(keychain.save(QStringLiteral("first"), KeychainKey::refreshToken));
-        QVERIFY(keychain.save(QStringLiteral("second"), KeychainKey::refreshToken));
-        QCOMPARE(itemsOf(QStringLiteral("refresh-token")).size(), 1);
-        QCOMPARE(lookup(QStringLiteral("refresh-token")), std::optional<QByteArray>("second"));
-        QCOMPARE(keychain.load(KeychainKey::refreshToken), std::optional<QString>(QStringLiteral("second")));
-    }
-
-    void neverSavedKey_data()
-    {
-        QTest::addColumn<KeychainKey>("key");
-        QTest::newRow("api key") << KeychainKey::openAIAPIKey;
-        QTest::newRow("access token") << KeychainKey::accessToken;
-        QTest::newRow("refresh token") << KeychainKey::refreshToken;
-    }
-
     void neverSavedKey()
     {
-        QFETCH(KeychainKey, key);
         KeychainHelper &keychain = KeychainHelper::shared();
         // Another service's item under the same account is not ours.
-        QVERIFY(storeWithSecretTool(accountName(key), "not ours", otherService()));
+        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "not ours", otherService()));
 
-        QCOMPARE(keychain.load(key), std::optional<QString>());
+        QCOMPARE(keychain.load(KeychainKey::accessToken), std::optional<QString>());
         QVERIFY(keychain.lastFailureReason().isEmpty());
-        QVERIFY(keychain.remove(key));
+        QVERIFY(keychain.remove(KeychainKey::accessToken));
         QVERIFY(keychain.lastFailureReason().isEmpty());
-        QCOMPARE(lookup(accountName(key), otherService()), std::optional<QByteArray>("not ours"));
+        QCOMPARE(lookup(QStringLiteral("access-token"), otherService()),
+                 std::optional<QByteArray>("not ours"));
     }
 
     // Items are matched by service and account alone, whoever stored them and wherever.
@@ -188,103 +160,50 @@ private Q_SLOTS:
         QVERIFY(itemsOf(account).isEmpty());
     }
 
-    void otherItemsAreUntouched()
-    {
-        KeychainHelper &keychain = KeychainHelper::shared();
-        QVERIFY(storeWithSecretTool(QStringLiteral("openai-api-key"), "other service", otherService()));
-        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "other account"));
-
-        QVERIFY(keychain.save(QStringLiteral("ours"), KeychainKey::openAIAPIKey));
-        QVERIFY(keychain.save(QStringLiteral("ours again"), KeychainKey::openAIAPIKey));
-        QVERIFY(keychain.remove(KeychainKey::openAIAPIKey));
-
-        QCOMPARE(lookup(QStringLiteral("openai-api-key"), otherService()),
-                 std::optional<QByteArray>("other service"));
-        QCOMPARE(lookup(QStringLiteral("access-token")), std::optional<QByteArray>("other account"));
-        QVERIFY(itemsOf(QStringLiteral("openai-api-key")).isEmpty());
-    }
-
-    void itemThatIsNotUtf8LoadsAsNothing()
-    {
-        QVERIFY(storeWithSecretTool(QStringLiteral("refresh-token"), "\xff\xfe"));
-        KeychainHelper &keychain = KeychainHelper::shared();
-
-        QCOMPARE(keychain.load(KeychainKey::refreshToken), std::optional<QString>());
-        QVERIFY(!keychain.lastFailureReason().isEmpty());
-    }
-
-    void setApiKeyReadsOneLineFromStandardInput_data()
-    {
-        QTest::addColumn<QByteArray>("input");
-        QTest::addColumn<QByteArray>("stored");
-
-        QTest::newRow("LF") << QByteArray("sk-lf\n") << QByteArray("sk-lf");
-        QTest::newRow("CRLF") << QByteArray("sk-crlf\r\n") << QByteArray("sk-crlf");
-        QTest::newRow("no line end") << QByteArray("sk-bare") << QByteArray("sk-bare");
-        QTest::newRow("first line only") << QByteArray("sk-first\nsecond\n") << QByteArray("sk-first");
-        QTest::newRow("UTF-8") << QByteArray("sk-\xc3\xbc\n") << QByteArray("sk-\xc3\xbc");
-    }
-
-    void setApiKeyReadsOneLineFromStandardInput()
-    {
-        QFETCH(QByteArray, input);
-        QFETCH(QByteArray, stored);
-        QVERIFY(storeWithSecretTool(QStringLiteral("openai-api-key"), "sk-before"));
-
-        const KeyringFixture::Run run = quillvox({QStringLiteral("--set-api-key")}, input);
-        QVERIFY(run.finished);
-        QCOMPARE(run.exitCode, 0);
-        QVERIFY2(!run.out.contains(stored) && !run.err.contains(stored), "the key is never echoed");
-        QCOMPARE(lookup(QStringLiteral("openai-api-key")), std::optional<QByteArray>(stored));
-        QCOMPARE(itemsOf(QStringLiteral("openai-api-key")).size(), 1);
-    }
-
-    void setApiKeyRefusesEmptyInput_data()
+    // `--set-api-key` takes the first line of its standard input and nothing else; `--clear-api-key`
+    // removes the key alone.
+    void commandLine_data()
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<std::optional<QByteArray>>("stored");
 
         const QStringList set{QStringLiteral("--set-api-key")};
-        QTest::newRow("nothing") << set << QByteArray();
-        QTest::newRow("LF") << set << QByteArray("\n");
-        QTest::newRow("CRLF") << set << QByteArray("\r\n");
+        const auto row = [](const char *name, const QStringList &arguments, const QByteArray &input,
+                            const std::optional<QByteArray> &stored) {
+            QTest::newRow(name) << arguments << input << stored;
+        };
+        row("LF", set, "sk-lf\n", "sk-lf");
+        row("CRLF", set, "sk-crlf\r\n", "sk-crlf");
+        row("no line end", set, "sk-bare", "sk-bare");
+        row("first line only", set, "sk-first\nsecond\n", "sk-first");
+        row("UTF-8", set, "sk-\xc3\xbc\n", "sk-\xc3\xbc");
+        // Refused, with the key before left as it was.
+        row("nothing", set, "", "sk-before");
+        row("empty line", set, "\n", "sk-before");
+        row("empty CRLF line", set, "\r\n", "sk-before");
         // Arguments are visible to every user in the process list: a key there is not taken.
-        QTest::newRow("key in the arguments")
-            << QStringList{QStringLiteral("--set-api-key"), QStringLiteral("sk-arg")} << QByteArray();
+        row("key in the arguments", set + QStringList{QStringLiteral("sk-arg")}, "", "sk-before");
+        row("clear", {QStringLiteral("--clear-api-key")}, "", std::nullopt);
     }
 
-    void setApiKeyRefusesEmptyInput()
+    void commandLine()
     {
         QFETCH(QStringList, arguments);
         QFETCH(QByteArray, input);
+        QFETCH(std::optional<QByteArray>, stored);
         QVERIFY(storeWithSecretTool(QStringLiteral("openai-api-key"), "sk-before"));
+        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "token stays"));
 
         const KeyringFixture::Run run = quillvox(arguments, input);
         QVERIFY(run.finished);
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY(!run.err.isEmpty());
-        QCOMPARE(lookup(QStringLiteral("openai-api-key")), std::optional<QByteArray>("sk-before"));
-        QCOMPARE(itemsOf(QStringLiteral("openai-api-key")).size(), 1);
-    }
-
-    void clearApiKey_data()
-    {
-        QTest::addColumn<bool>("stored");
-        QTest::newRow("stored key") << true;
-        QTest::newRow("no key") << false;
-    }
-
-    void clearApiKey()
-    {
-        QFETCH(bool, stored);
-        if (stored)
-            QVERIFY(storeWithSecretTool(QStringLiteral("openai-api-key"), "sk-gone"));
-        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "token stays"));
-
-        const KeyringFixture::Run run = quillvox({QStringLiteral("--clear-api-key")}, {});
-        QVERIFY(run.finished);
-        QCOMPARE(run.exitCode, 0);
-        QVERIFY(itemsOf(QStringLiteral("openai-api-key")).isEmpty());
+        const bool refused = stored == QByteArray("sk-before");
+        QCOMPARE(run.exitCode, refused ? 1 : 0);
+        QCOMPARE(run.err.isEmpty(), !refused);
+        if (stored && !refused)
+            QVERIFY2(!run.out.contains(*stored) && !run.err.contains(*stored), "the key is never echoed");
+        QCOMPARE(lookup(QStringLiteral("openai-api-key")), stored);
+        QCOMPARE(itemsOf(QStringLiteral("openai-api-key")).size(), stored ? 1 : 0);
         QCOMPARE(lookup(QStringLiteral("access-token")), std::optional<QByteArray>("token stays"));
     }
 };

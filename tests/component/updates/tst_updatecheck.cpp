@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// `quillvox --check-for-updates` against the dev server's feed, over real HTTP.
+// Update checks against the dev server's feed, over real HTTP: `quillvox --check-for-updates`, and the
+// automatic check's silence about a skipped version.
 #include "DevServer.h"
 
+#include "core/UserDefaults.h"
+#include "updates/UpdateChecker.h"
+
 #include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 class TestUpdateCheck : public QObject
@@ -46,6 +52,34 @@ private Q_SLOTS:
             QString::fromUtf8(check.readAllStandardOutput() + check.readAllStandardError());
         QCOMPARE(check.exitCode(), exitCode);
         QCOMPARE(output.section(u'\n', 0, 0), firstLine);
+    }
+
+    // 2.0 is on the feed, 1.0 runs.
+    void skippedVersionStaysQuiet_data()
+    {
+        QTest::addColumn<QString>("skipped");
+        QTest::addColumn<bool>("announced");
+        QTest::newRow("nothing skipped") << QString() << true;
+        QTest::newRow("that version skipped") << "2.0" << false;
+        QTest::newRow("an older one skipped") << "1.5" << true;
+    }
+
+    void skippedVersionStaysQuiet()
+    {
+        QFETCH(QString, skipped);
+        QFETCH(bool, announced);
+        DevServer server;
+        QVERIFY2(server.start({"--appcast-version", "2.0"}), qPrintable(server.errorString()));
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+        UpdateChecker checker(
+            {&defaults, nullptr, nullptr, server.url(QStringLiteral("/appcast.xml")), QStringLiteral("1.0")});
+        if (!skipped.isEmpty())
+            checker.skipVersion(skipped);
+        QSignalSpy found(&checker, &UpdateChecker::updateFound);
+        checker.checkAutomaticallyIfDue();
+        QTRY_VERIFY(!checker.isChecking());
+        QCOMPARE(found.size(), announced ? 1 : 0);
     }
 };
 

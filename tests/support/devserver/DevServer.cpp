@@ -11,20 +11,22 @@
 #include <QTest>
 
 #include <memory>
+#include <optional>
 
-DevServer::DevServer(const QString &program)
-    : m_program(program.isEmpty() ? QStringLiteral(QUILLVOX_DEVSERVER) : program)
-{}
+namespace {
+
+const QString program = QStringLiteral(QUILLVOX_DEVSERVER);
+
+} // namespace
 
 DevServer::~DevServer()
 {
-    if (isRunning())
-        stop();
+    stop();
 }
 
-bool DevServer::start(const QStringList &arguments, std::chrono::milliseconds timeout)
+bool DevServer::start(const QStringList &arguments)
 {
-    if (isRunning())
+    if (m_process.state() != QProcess::NotRunning)
         return fail(QStringLiteral("the server is already running"));
     if (!m_dir.isValid())
         return fail(QStringLiteral("no temporary folder: ") + m_dir.errorString());
@@ -33,26 +35,29 @@ bool DevServer::start(const QStringList &arguments, std::chrono::milliseconds ti
 
     // A file rather than a pipe: nobody reads a pipe while a test blocks, and a full one would stall
     // the server.
-    m_process.setStandardErrorFile(m_dir.filePath(QStringLiteral("stderr.txt")));
-    m_process.start(m_program, QStringList{"--port", "0", "--log", logPath()} + arguments);
+    const QString stderrPath = m_dir.filePath(QStringLiteral("stderr.txt"));
+    m_process.setStandardErrorFile(stderrPath);
+    m_process.start(program, QStringList{"--port", "0", "--log", logPath()} + arguments);
+    const auto standardError = [&] {
+        QFile file(stderrPath);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
+    };
 
-    const QDeadlineTimer deadline(timeout);
+    const QDeadlineTimer deadline(std::chrono::seconds(10));
     if (!m_process.waitForStarted(static_cast<int>(deadline.remainingTime())))
-        return fail(QStringLiteral("cannot start %1: %2").arg(m_program, m_process.errorString()));
+        return fail(QStringLiteral("cannot start %1: %2").arg(program, m_process.errorString()));
     while (!m_process.canReadLine()) {
         if (m_process.state() == QProcess::NotRunning) {
             return fail(QStringLiteral("%1 exited with code %2 before listening: %3")
-                            .arg(m_program)
+                            .arg(program)
                             .arg(m_process.exitCode())
-                            .arg(standardError().trimmed()));
+                            .arg(standardError()));
         }
         if (deadline.hasExpired()) {
             m_process.kill();
             m_process.waitForFinished();
-            return fail(QStringLiteral("%1 printed no \"listening on\" line within %2 ms: %3")
-                            .arg(m_program)
-                            .arg(timeout.count())
-                            .arg(standardError().trimmed()));
+            return fail(QStringLiteral("%1 printed no \"listening on\" line in time: %2")
+                            .arg(program, standardError()));
         }
         m_process.waitForReadyRead(static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)));
     }
@@ -63,34 +68,23 @@ bool DevServer::start(const QStringList &arguments, std::chrono::milliseconds ti
     const uint port = match.hasMatch() ? match.captured(1).toUInt() : 0;
     if (port == 0 || port > 65535) {
         stop();
-        return fail(QStringLiteral("unexpected first line from %1: \"%2\"").arg(m_program, line));
+        return fail(QStringLiteral("unexpected first line from %1: \"%2\"").arg(program, line));
     }
     m_port = static_cast<quint16>(port);
     return true;
 }
 
-int DevServer::stop(std::chrono::milliseconds timeout)
+int DevServer::stop()
 {
-    if (!isRunning())
+    if (m_process.state() == QProcess::NotRunning)
         return -1;
     m_process.terminate();
-    if (!m_process.waitForFinished(static_cast<int>(timeout.count()))) {
+    if (!m_process.waitForFinished(5000)) {
         m_process.kill();
         m_process.waitForFinished();
         return -1;
     }
     return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
-}
-
-bool DevServer::isRunning() const
-{
-    return m_process.state() != QProcess::NotRunning;
-}
-
-QString DevServer::standardError() const
-{
-    QFile file(m_dir.filePath(QStringLiteral("stderr.txt")));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 QUrl DevServer::url() const
@@ -187,40 +181,39 @@ QString DevServer::setOwnKey(const QString &app, const QProcessEnvironment &env)
     return {};
 }
 
+namespace {
+
+// Sends request (a GET, or a POST of body) and runs the event loop until the reply is complete.
+std::unique_ptr<QNetworkReply> exchange(QNetworkAccessManager &network, QNetworkRequest request,
+                                        const std::optional<QByteArray> &body = std::nullopt)
+{
+    request.setTransferTimeout(5000);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    std::unique_ptr<QNetworkReply> reply(body ? network.post(request, *body) : network.get(request));
+    QEventLoop loop;
+    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (!reply->isFinished())
+        loop.exec();
+    return reply;
+}
+
+} // namespace
+
 QJsonObject DevServer::control(const QString &path, const QJsonObject &body) const
 {
     QNetworkAccessManager network;
-    QNetworkRequest request(url(path));
-    request.setTransferTimeout(5000);
-    QNetworkReply *reply = nullptr;
-    if (body.isEmpty()) {
-        reply = network.get(request);
-    } else {
-        request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-        reply = network.post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
-    }
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    if (!reply->isFinished())
-        loop.exec();
-    const QByteArray answer = reply->readAll();
-    const bool ok = reply->error() == QNetworkReply::NoError;
-    delete reply;
-    return ok ? QJsonDocument::fromJson(answer).object() : QJsonObject();
+    const auto reply = exchange(
+        network, QNetworkRequest(url(path)),
+        body.isEmpty() ? std::nullopt : std::optional(QJsonDocument(body).toJson(QJsonDocument::Compact)));
+    return reply->error() == QNetworkReply::NoError ? QJsonDocument::fromJson(reply->readAll()).object()
+                                                    : QJsonObject();
 }
 
 QUrl DevServer::redirectOf(const QUrl &target)
 {
     QNetworkAccessManager network;
-    QNetworkRequest request(target);
-    request.setTransferTimeout(5000);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    std::unique_ptr<QNetworkReply> reply(network.get(request));
-    QEventLoop loop;
-    QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    if (!reply->isFinished())
-        loop.exec();
-    const QByteArray location = reply->rawHeader("Location");
+    const QByteArray location = exchange(network, QNetworkRequest(target))->rawHeader("Location");
     return location.isEmpty() ? QUrl() : target.resolved(QUrl(QString::fromUtf8(location)));
 }
 

@@ -23,33 +23,27 @@
 class DevServer
 {
 public:
-    // program: the quillvox-devserver binary; empty means the one built in this tree.
-    explicit DevServer(const QString &program = {});
+    DevServer() = default;
     ~DevServer();
     DevServer(const DevServer &) = delete;
     DevServer &operator=(const DevServer &) = delete;
 
-    // Starts with "--port 0 --log <temporary file>" followed by arguments (a later --port wins) and
-    // waits for the "listening on" line. False, with errorString() saying why, when the process cannot
-    // be started, exits first or prints nothing within the timeout; never waits longer than that.
-    bool start(const QStringList &arguments = {},
-               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Starts the server built in this tree with "--port 0 --log <temporary file>" followed by arguments
+    // and waits up to 10 s for its "listening on" line. False, with errorString() saying why, when the
+    // process cannot be started, exits first or prints nothing in time.
+    bool start(const QStringList &arguments = {});
 
     // Sends SIGTERM and returns the exit code; -1 when the server crashed, was not running, or had to
-    // be killed because it did not exit within the timeout.
-    int stop(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    // be killed because it did not exit within 5 s.
+    int stop();
 
-    bool isRunning() const;
     QString errorString() const { return m_error; }
-    // What the server wrote to standard error so far.
-    QString standardError() const;
 
     // http://127.0.0.1:PORT
     QUrl url() const;
     // The server's URL with this path (and query), e.g. url("/health").
     QUrl url(const QString &pathAndQuery) const;
     quint16 port() const { return m_port; }
-    QString logPath() const;
 
     // One JSON object per finished exchange, in the order the responses ended: method, path, query,
     // headers (an object, names as sent, a repeated header folded into one comma-separated value),
@@ -90,8 +84,8 @@ public:
 
 private:
     bool fail(const QString &why);
+    QString logPath() const;
 
-    QString m_program;
     QTemporaryDir m_dir;
     QProcess m_process;
     quint16 m_port = 0;

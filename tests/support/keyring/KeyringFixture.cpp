@@ -45,36 +45,6 @@ bool writeFile(const QString &path, const QByteArray &content)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
 }
 
-// The bus starts activated services through a helper process of its own, so what it started may sit
-// several levels down.
-QList<pid_t> descendantsOf(pid_t root)
-{
-    QMap<pid_t, QList<pid_t>> children;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString &entry : entries) {
-        bool isPid = false;
-        const pid_t pid = entry.toInt(&isPid);
-        if (!isPid)
-            continue;
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(entry));
-        if (!stat.open(QIODevice::ReadOnly))
-            continue;
-        // "pid (command) state ppid ...", where the command may itself contain ") ".
-        const QByteArray line = stat.readAll();
-        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 1)
-            children[fields.at(1).toInt()].append(pid);
-    }
-    QList<pid_t> found;
-    QList<pid_t> queue{root};
-    while (!queue.isEmpty()) {
-        const QList<pid_t> next = children.value(queue.takeFirst());
-        found += next;
-        queue += next;
-    }
-    return found;
-}
-
 void stop(QProcess &process)
 {
     if (process.state() == QProcess::NotRunning)
@@ -193,12 +163,14 @@ bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
         return false;
     }
     if (stalled) {
-        // Starts, but never takes the name: the activation stays pending until the bus gives up.
+        // Starts, but never takes the name: the activation stays pending until the bus gives up. It
+        // leaves its process id for stopBus().
         QDir().mkpath(dir + QStringLiteral("/services"));
-        const QString sleep = QStandardPaths::findExecutable(QStringLiteral("sleep"));
-        if (sleep.isEmpty() ||
+        const QString sh = QStandardPaths::findExecutable(QStringLiteral("sh"));
+        if (sh.isEmpty() ||
             !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
-                       "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=" + sleep.toUtf8() + " 120\n")) {
+                       "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=" + sh.toUtf8() +
+                           " -c 'echo $$ > " + dir.toUtf8() + "/stalled.pid; exec sleep 120'\n")) {
             m_error = QStringLiteral("cannot write the stalled service's activation file");
             return false;
         }
@@ -298,15 +270,12 @@ bool KeyringFixture::startGnomeKeyring()
 
 void KeyringFixture::stopBus()
 {
-    if (m_bus.state() == QProcess::NotRunning)
-        return;
-    // Deepest first, each waited for, so that its parent is still there to reap it.
-    const QList<pid_t> activated = descendantsOf(static_cast<pid_t>(m_bus.processId()));
-    for (auto it = activated.crbegin(); it != activated.crend(); ++it) {
-        const QString proc = QStringLiteral("/proc/%1").arg(*it);
-        ::kill(*it, SIGTERM);
-        if (!waitUntil([&] { return !QFile::exists(proc); }, 2000))
-            ::kill(*it, SIGKILL);
+    QFile pidFile(m_dir.filePath(QStringLiteral("stalled.pid")));
+    if (pidFile.open(QIODevice::ReadOnly)) {
+        const pid_t pid = pidFile.readAll().trimmed().toInt();
+        const QString proc = QStringLiteral("/proc/%1").arg(pid);
+        if (pid > 0 && ::kill(pid, SIGTERM) == 0 && !waitUntil([&] { return !QFile::exists(proc); }, 2000))
+            ::kill(pid, SIGKILL);
     }
     stop(m_bus);
 }
@@ -392,18 +361,18 @@ int KeyringFixture::unlockPromptCalls() const
 }
 
 KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringList &arguments,
-                                        const QByteArray &input, const QProcessEnvironment &environment,
-                                        int timeoutMs) const
+                                        const QByteArray &input,
+                                        const std::optional<QProcessEnvironment> &environment) const
 {
     QProcess process;
-    process.setProcessEnvironment(environment);
+    process.setProcessEnvironment(environment.value_or(this->environment()));
     process.start(program, arguments);
     Run result;
     if (!process.waitForStarted(5000))
         return result;
     process.write(input);
     process.closeWriteChannel();
-    result.finished = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
+    result.finished = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
     if (!result.finished) {
         process.kill();
         process.waitForFinished(3000);
@@ -412,12 +381,6 @@ KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringLis
     result.out = process.readAllStandardOutput();
     result.err = process.readAllStandardError();
     return result;
-}
-
-KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringList &arguments,
-                                        const QByteArray &input) const
-{
-    return run(program, arguments, input, environment());
 }
 
 KeyringFixture::Run KeyringFixture::secretTool(const QStringList &arguments, const QByteArray &input) const

@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 
 #include <memory>
+#include <optional>
 
 // A private session bus for a test, optionally with gnome-keyring serving the Secret Service on it, so
 // that tests never see the user's keyring. Exports DBUS_SESSION_BUS_ADDRESS while it lives (and puts the
@@ -66,10 +67,10 @@ public:
     // How many calls the held prompter received.
     int unlockPromptCalls() const;
 
-    // Runs a program to its end (at most `timeoutMs`) with `input` on its standard input.
-    Run run(const QString &program, const QStringList &arguments, const QByteArray &input,
-            const QProcessEnvironment &environment, int timeoutMs = 30000) const;
-    Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {}) const;
+    // Runs a program to its end (at most 30 s) with `input` on its standard input, in `environment`
+    // (by default this process's with the private bus).
+    Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {},
+            const std::optional<QProcessEnvironment> &environment = std::nullopt) const;
     Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const;
 
     // What the bus and gnome-keyring wrote to their standard error, for failure messages.

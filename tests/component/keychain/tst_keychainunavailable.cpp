@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// A keyring that cannot serve, built twice: as tst_keychainlocked, gnome-keyring with the login collection
+// locked and an item stored before; as tst_keychainnokeyring, a bus without a Secret Service (and, for the
+// command line, no bus at all or a keyring that never finishes starting). Every call fails within a
+// bounded time, says why, and leaves the stored item in place.
+#include "KeychainTestSupport.h"
+
+#include "account/KeychainHelper.h"
+#include "keyring/KeyringFixture.h"
+#include "platform/secret/LibsecretStore.h"
+
+#include <QElapsedTimer>
+#include <QScopeGuard>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace {
+
+#ifdef KEYCHAIN_LOCKED
+const QString kReason = QStringLiteral("The keyring is locked");
+constexpr auto kMode = KeyringFixture::Mode::GnomeKeyring;
+#else
+const QString kReason = QStringLiteral("No keyring is available");
+constexpr auto kMode = KeyringFixture::Mode::NoSecretService;
+#endif
+const QString kAccount = QStringLiteral("openai-api-key");
+// Generous: without a prompter gnome-keyring dismisses the unlock at once, and a keyring that does not
+// answer is waited for 5 s.
+constexpr qint64 kDoesNotHangMs = 15000;
+
+enum class Bus { Fixture, None, StalledSecretService };
+
+} // namespace
+
+Q_DECLARE_METATYPE(Bus)
+
+class TestKeychainUnavailable : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<KeyringFixture> m_keyring;
+    QString m_service;
+
+    void verifyItemSurvived() const
+    {
+#ifdef KEYCHAIN_LOCKED
+        const QList<KeyringFixture::Item> items = m_keyring->items({{QStringLiteral("service"), m_service},
+                                                                    { QStringLiteral("account"),
+                                                                      kAccount }});
+        QCOMPARE(items.size(), 1);
+        QCOMPARE(items.first().label, QStringLiteral("stored before the lock"));
+        QVERIFY(items.first().locked);
+#endif
+    }
+
+    void verifyFails(const KeychainCall &call, KeychainHelper &keychain) const
+    {
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(!call(keychain));
+        QVERIFY2(timer.elapsed() < kDoesNotHangMs, "an unavailable keyring must not hang the caller");
+        QVERIFY2(keychain.lastFailureReason().startsWith(kReason), qPrintable(keychain.lastFailureReason()));
+        verifyItemSurvived();
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_keyring = std::make_unique<KeyringFixture>(kMode);
+        QVERIFY2(m_keyring->isReady(), qPrintable(m_keyring->errorString()));
+        m_service = qEnvironmentVariable("QUILLVOX_KEYCHAIN_SERVICE");
+        QVERIFY(m_service.startsWith(QLatin1String("com.vantor.quillvox.test.")));
+#ifdef KEYCHAIN_LOCKED
+        const KeyringFixture::Run stored =
+            m_keyring->secretTool({QStringLiteral("store"), QStringLiteral("--label=stored before the lock"),
+                                   QStringLiteral("service"), m_service, QStringLiteral("account"), kAccount},
+                                  "sk-before");
+        QCOMPARE(stored.exitCode, 0);
+        QVERIFY(m_keyring->lockLoginCollection());
+        verifyItemSurvived();
+#endif
+    }
+
+    void cleanupTestCase()
+    {
+        m_keyring.reset();
+    }
+
+    void callsFailWithReason_data()
+    {
+        addKeychainCallRows();
+    }
+
+    void callsFailWithReason()
+    {
+        QFETCH(KeychainCall, call);
+        verifyFails(call, KeychainHelper::shared());
+    }
+
+#ifdef KEYCHAIN_LOCKED
+    // The user never answers the unlock prompt: the call gives up at its own timeout, not gnome-keyring's
+    // (25 s), and gnome-keyring survives it.
+    void unansweredUnlockPromptEndsAtTimeout_data()
+    {
+        addKeychainCallRows();
+    }
+
+    void unansweredUnlockPromptEndsAtTimeout()
+    {
+        QFETCH(KeychainCall, call);
+        QVERIFY(m_keyring->holdUnlockPrompts());
+        const auto release = qScopeGuard([this] { m_keyring->releaseUnlockPrompts(); });
+        KeychainHelper keychain(m_service, std::make_unique<LibsecretStore>(std::chrono::seconds(1)));
+        verifyFails(call, keychain);
+        QTRY_VERIFY2(m_keyring->unlockPromptCalls() > 0, qPrintable(m_keyring->logs()));
+    }
+#endif
+
+    void commandLineFailsWithReason_data()
+    {
+        QTest::addColumn<Bus>("bus");
+        QTest::addColumn<QString>("option");
+        QTest::addColumn<QByteArray>("input");
+
+        QTest::newRow("set") << Bus::Fixture << "--set-api-key" << QByteArray("sk-new\n");
+        QTest::newRow("clear") << Bus::Fixture << "--clear-api-key" << QByteArray();
+#ifndef KEYCHAIN_LOCKED
+        QTest::newRow("set, no session bus") << Bus::None << "--set-api-key" << QByteArray("sk-new\n");
+        QTest::newRow("clear, no session bus") << Bus::None << "--clear-api-key" << QByteArray();
+        QTest::newRow("set, keyring never starts")
+            << Bus::StalledSecretService << "--set-api-key" << QByteArray("sk-new\n");
+#endif
+    }
+
+    void commandLineFailsWithReason()
+    {
+        QFETCH(Bus, bus);
+        QFETCH(QString, option);
+        QFETCH(QByteArray, input);
+
+        QProcessEnvironment env = m_keyring->environment();
+        std::unique_ptr<KeyringFixture> stalled;
+        QTemporaryDir empty;
+        if (bus == Bus::StalledSecretService) {
+            stalled = std::make_unique<KeyringFixture>(KeyringFixture::Mode::StalledSecretService);
+            QVERIFY2(stalled->isReady(), qPrintable(stalled->errorString()));
+            env = stalled->environment();
+        } else if (bus == Bus::None) {
+            env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+                       QStringLiteral("unix:path=") + empty.path() + QStringLiteral("/no-bus-here"));
+        }
+
+        QElapsedTimer timer;
+        timer.start();
+        const KeyringFixture::Run run =
+            m_keyring->run(QStringLiteral(QUILLVOX_EXECUTABLE), {option}, input, env);
+        QVERIFY(run.finished);
+        QVERIFY2(timer.elapsed() < kDoesNotHangMs, "an unavailable keyring must not hang the command line");
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains(kReason.toUtf8()), run.err.constData());
+        QVERIFY(!run.err.contains("sk-new") && !run.out.contains("sk-new"));
+        verifyItemSurvived();
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKeychainUnavailable)
+#include "tst_keychainunavailable.moc"
