@@ -46,7 +46,7 @@ private Q_SLOTS:
         QTest::newRow("huge exp") << jwtWithPayload(R"({"exp":1e300})") << 60 << false;
         QTest::newRow("exp is a string") << jwtWithPayload(R"({"exp":"1900000000"})") << 60 << true;
         QTest::newRow("payload is an array") << jwtWithPayload("[1900000000]") << 60 << true;
-        QTest::newRow("bad base64") << QStringLiteral("a.!!!!.c") << 60 << true;
+        QTest::newRow("bad base64") << "a.!!!!.c" << 60 << true;
     }
     void tokenExpiry()
     {
@@ -59,19 +59,16 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("fragment");
         QTest::addColumn<QVariantMap>("expected");
-        QTest::newRow("two tokens") << QStringLiteral("access_token=a&refresh_token=r")
+        QTest::newRow("two tokens") << "access_token=a&refresh_token=r"
                                     << QVariantMap{{"access_token", "a"}, {"refresh_token", "r"}};
-        QTest::newRow("several =") << QStringLiteral("a=b=c&d=1") << QVariantMap{{"d", "1"}};
-        QTest::newRow("empty key and value") << QStringLiteral("=&a=") << QVariantMap{{"", ""}, {"a", ""}};
-        QTest::newRow("percent escapes")
-            << QStringLiteral("a=x%2By%3D%26z%20") << QVariantMap{{"a", "x+y=&z "}};
-        QTest::newRow("plus stays") << QStringLiteral("a=x+y") << QVariantMap{{"a", "x+y"}};
-        QTest::newRow("UTF-8 escape")
-            << QStringLiteral("a=%C3%A9") << QVariantMap{{"a", QStringLiteral("\u00e9")}};
-        QTest::newRow("bad escape kept")
-            << QStringLiteral("a=50%zz&b=%4") << QVariantMap{{"a", "50%zz"}, {"b", "%4"}};
-        QTest::newRow("non-UTF-8 kept") << QStringLiteral("a=%FF%FE") << QVariantMap{{"a", "%FF%FE"}};
-        QTest::newRow("later duplicate wins") << QStringLiteral("a=1&a=2") << QVariantMap{{"a", "2"}};
+        QTest::newRow("several =") << "a=b=c&d=1" << QVariantMap{{"d", "1"}};
+        QTest::newRow("empty key and value") << "=&a=" << QVariantMap{{"", ""}, {"a", ""}};
+        QTest::newRow("percent escapes") << "a=x%2By%3D%26z%20" << QVariantMap{{"a", "x+y=&z "}};
+        QTest::newRow("plus stays") << "a=x+y" << QVariantMap{{"a", "x+y"}};
+        QTest::newRow("UTF-8 escape") << "a=%C3%A9" << QVariantMap{{"a", "\u00e9"}};
+        QTest::newRow("bad escape kept") << "a=50%zz&b=%4" << QVariantMap{{"a", "50%zz"}, {"b", "%4"}};
+        QTest::newRow("non-UTF-8 kept") << "a=%FF%FE" << QVariantMap{{"a", "%FF%FE"}};
+        QTest::newRow("later duplicate wins") << "a=1&a=2" << QVariantMap{{"a", "2"}};
     }
     void fragmentParsing()
     {
@@ -88,24 +85,22 @@ private Q_SLOTS:
     {
         QTest::addColumn<QUrl>("url");
         QTest::addColumn<QString>("error");
-        QTest::newRow("no fragment") << QUrl(QStringLiteral("quillvox://auth/callback"))
-                                     << QStringLiteral("Authentication failed: No tokens in callback");
-        QTest::newRow("access token only")
-            << QUrl(QStringLiteral("quillvox://auth/callback#access_token=a"))
-            << QStringLiteral("Authentication failed: Missing tokens in callback");
+        QTest::newRow("no fragment") << QUrl("quillvox://auth/callback")
+                                     << "Authentication failed: No tokens in callback";
+        QTest::newRow("access token only") << QUrl("quillvox://auth/callback#access_token=a")
+                                           << "Authentication failed: Missing tokens in callback";
         QTest::newRow("empty fragment")
-            << QUrl(QStringLiteral("quillvox://auth/callback#"))
-            << QStringLiteral("Authentication failed: Missing tokens in callback");
+            << QUrl("quillvox://auth/callback#") << "Authentication failed: Missing tokens in callback";
     }
     void callbacksWithoutTokens()
     {
         QFETCH(QUrl, url);
         auto *store = new MemorySecretStore;
-        KeychainHelper keychain(QStringLiteral("test"), std::unique_ptr<SecretStore>(store));
+        KeychainHelper keychain("test", std::unique_ptr<SecretStore>(store));
         QStringList log;
         AuthManager::Services services;
         services.keychain = &keychain;
-        services.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+        services.authOrigin = QUrl("http://127.0.0.1:9");
         services.log = [&log](const QString &line) { log << line; };
         AuthManager auth(std::move(services));
         QCOMPARE(auth.state(), AuthManager::State::signedOut);
@@ -114,22 +109,22 @@ private Q_SLOTS:
         QTEST(auth.currentErrorDescription(), "error");
         QCOMPARE(auth.state(), AuthManager::State::signedOut);
         QVERIFY(!keychain.load(KeychainKey::accessToken));
-        QCOMPARE(log.first(), QStringLiteral("[AuthManager] No access token found, user is signed out"));
-        QCOMPARE(log.at(1), QStringLiteral("[AuthManager] Received auth callback"));
+        QCOMPARE(log.first(), "[AuthManager] No access token found, user is signed out");
+        QCOMPARE(log.at(1), "[AuthManager] Received auth callback");
     }
 
     void authorizeUrl()
     {
-        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
+        KeychainHelper keychain("test", std::make_unique<MemorySecretStore>());
         AuthManager::Services services;
         services.keychain = &keychain;
-        services.authOrigin = QUrl(QStringLiteral("https://auth.example.org"));
-        services.serviceOrigin = QUrl(QStringLiteral("https://service.example.org"));
+        services.authOrigin = QUrl("https://auth.example.org");
+        services.serviceOrigin = QUrl("https://service.example.org");
         services.log = [](const QString &) {};
         AuthManager auth(std::move(services));
         QCOMPARE(auth.authorizeUrl(true).toString(QUrl::FullyEncoded),
-                 QStringLiteral("https://auth.example.org/auth/v1/authorize?provider=google&redirect_to="
-                                "https%3A%2F%2Fservice.example.org%2Fauth%2Fapp-callback"));
+                 "https://auth.example.org/auth/v1/authorize?provider=google&redirect_to="
+                 "https%3A%2F%2Fservice.example.org%2Fauth%2Fapp-callback");
         QVERIFY(auth.authorizeUrl(false).toString().contains(u"?provider=apple&"));
     }
 
@@ -137,12 +132,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<qint64>("seconds");
         QTest::addColumn<QString>("text");
-        QTest::newRow("0") << qint64(0) << QStringLiteral("0m");
-        QTest::newRow("3599") << qint64(3599) << QStringLiteral("59m");
-        QTest::newRow("3600") << qint64(3600) << QStringLiteral("1h");
-        QTest::newRow("3660") << qint64(3660) << QStringLiteral("1h 1m");
-        QTest::newRow("7199") << qint64(7199) << QStringLiteral("1h 59m");
-        QTest::newRow("7200") << qint64(7200) << QStringLiteral("2h");
+        QTest::newRow("0") << qint64(0) << "0m";
+        QTest::newRow("3599") << qint64(3599) << "59m";
+        QTest::newRow("3600") << qint64(3600) << "1h";
+        QTest::newRow("3660") << qint64(3660) << "1h 1m";
+        QTest::newRow("7199") << qint64(7199) << "1h 59m";
+        QTest::newRow("7200") << qint64(7200) << "2h";
     }
     void formattedBalance()
     {

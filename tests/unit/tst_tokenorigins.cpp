@@ -34,15 +34,14 @@ private Q_SLOTS:
         QFETCH(bool, accepted);
         QCOMPARE(DeploymentConfig::carriesTokensSafely(QUrl(origin)), accepted);
 
-        for (const QString &name :
-             {QStringLiteral("QUILLVOX_SERVICE_ORIGIN"), QStringLiteral("QUILLVOX_AUTH_ORIGIN")}) {
+        for (const QString name : {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"}) {
             QProcessEnvironment env;
             env.insert(name, origin);
             const QStringList refusals = DeploymentConfig::fromEnvironment(env).refusals;
             QCOMPARE(refusals.isEmpty(), accepted);
             if (!accepted) {
                 QCOMPARE(refusals.size(), 1);
-                QVERIFY2(refusals.first().startsWith(name + QStringLiteral(" is ") + QUrl(origin).toString()),
+                QVERIFY2(refusals.first().startsWith(name + " is " + QUrl(origin).toString()),
                          qPrintable(refusals.first()));
             }
         }
@@ -52,8 +51,8 @@ private Q_SLOTS:
     void otherOriginsAreNotJudgedHere()
     {
         QProcessEnvironment env;
-        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), QStringLiteral("http://192.168.1.10:8000"));
-        env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"), QStringLiteral("http://updates.example/a.xml"));
+        env.insert("QUILLVOX_OPENAI_ORIGIN", "http://192.168.1.10:8000");
+        env.insert("QUILLVOX_APPCAST_URL", "http://updates.example/a.xml");
         QVERIFY(DeploymentConfig::fromEnvironment(env).refusals.isEmpty());
     }
 };

@@ -92,11 +92,11 @@ private Q_SLOTS:
         const auto parsed = Appcast::parse(xml);
         QString actual;
         if (const QString *error = std::get_if<QString>(&parsed)) {
-            actual = QStringLiteral("error: ") + *error;
+            actual = "error: " + *error;
         } else if (const auto item = Appcast::newest(std::get<QList<AppcastItem>>(parsed))) {
             actual = item->version + u'|' + item->displayVersion() + u'|' + item->link.toString();
         } else {
-            actual = QStringLiteral("error: no release");
+            actual = "error: no release";
         }
         if (expected.startsWith(u"error: "))
             QVERIFY2(actual.startsWith(u"error: ") && actual.contains(expected.mid(7)), qPrintable(actual));
@@ -124,14 +124,13 @@ private Q_SLOTS:
         QFETCH(int, lastCheckHoursAgo);
         QFETCH(bool, checks);
         QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
+        UserDefaults defaults(dir.filePath("settings.conf"));
         ManualClock clock;
         const QDateTime before =
             clock.now().addSecs(lastCheckHoursAgo == -1 ? 0 : -3600LL * lastCheckHoursAgo);
         if (lastCheckHoursAgo != -1)
             defaults.setDate(QString::fromLatin1(UpdateChecker::kLastCheckKey), before);
-        UpdateChecker checker({&defaults, nullptr, &clock,
-                               QUrl(QStringLiteral("http://updates.example/feed")), QStringLiteral("1.0")});
+        UpdateChecker checker({&defaults, nullptr, &clock, QUrl("http://updates.example/feed"), "1.0"});
         checker.setAutomaticChecks(enabled);
         QSignalSpy found(&checker, &UpdateChecker::updateFound);
         QSignalSpy finished(&checker, &UpdateChecker::finished);

@@ -15,7 +15,7 @@
 
 namespace {
 
-const QString kAnonKey = QStringLiteral("quillvox-dev-anon-key");
+const QString kAnonKey = "quillvox-dev-anon-key";
 
 } // namespace
 
@@ -37,7 +37,7 @@ class TestAccountSecurity : public QObject
     }
     QJsonObject status()
     {
-        const KeyringFixture::Run run = quillvox({QStringLiteral("--status")});
+        const KeyringFixture::Run run = quillvox({"--status"});
         return QJsonDocument::fromJson(run.out).object();
     }
 
@@ -45,13 +45,12 @@ class TestAccountSecurity : public QObject
     QSet<QByteArray> tokensSeen() const
     {
         QSet<QByteArray> tokens;
-        static const QRegularExpression refresh(QStringLiteral("\"refresh_token\"\\s*:\\s*\"([^\"]+)\""));
+        static const QRegularExpression refresh("\"refresh_token\"\\s*:\\s*\"([^\"]+)\"");
         for (const QJsonObject &record : m_server.requests()) {
             const QString bearer = DevServer::header(record, u"Authorization").section(u' ', 1);
             if (!bearer.isEmpty() && bearer != kAnonKey)
                 tokens << bearer.toUtf8();
-            const QRegularExpressionMatch match =
-                refresh.match(record.value(QStringLiteral("body")).toString());
+            const QRegularExpressionMatch match = refresh.match(record.value("body").toString());
             if (match.hasMatch())
                 tokens << match.captured(1).toUtf8();
         }
@@ -63,45 +62,35 @@ private Q_SLOTS:
     {
         QVERIFY2(m_keyring.isReady(), qPrintable(m_keyring.errorString()));
         // Tokens live 30 s, inside the one-minute margin: every service request refreshes first.
-        QVERIFY2(m_server.start({QStringLiteral("--auto-consent"), QStringLiteral("--token-ttl"),
-                                 QStringLiteral("30"), QStringLiteral("--synth"), QStringLiteral("sine")}),
+        QVERIFY2(m_server.start({"--auto-consent", "--token-ttl", "30", "--synth", "sine"}),
                  qPrintable(m_server.errorString()));
         m_env = m_server.appEnvironment(m_keyring.environment());
         for (const char *dir :
              {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
             m_env.insert(QString::fromLatin1(dir), m_home.filePath(QString::fromLatin1(dir)));
-        QDir(m_home.path()).mkpath(QStringLiteral("XDG_RUNTIME_DIR"));
-        m_env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
-                     QStringLiteral("com.vantor.quillvox.test.security"));
+        QDir(m_home.path()).mkpath("XDG_RUNTIME_DIR");
+        m_env.insert("QUILLVOX_KEYCHAIN_SERVICE", "com.vantor.quillvox.test.security");
 
         QProcess app;
         app.setProcessEnvironment(m_env);
         app.setProcessChannelMode(QProcess::MergedChannels);
         app.start(QStringLiteral(QUILLVOX_EXECUTABLE), {});
         QVERIFY(app.waitForStarted());
-        QTRY_VERIFY_WITH_TIMEOUT(
-            status().value(QStringLiteral("auth")).toObject().value(QStringLiteral("state")) ==
-                QStringLiteral("signedOut"),
-            10000);
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("state") == "signedOut", 10000);
 
         // The browser's part: the authorize page redirects to the service's callback page with the
         // tokens in the fragment, and that page opens the application's callback URL.
-        const QUrl redirect = DevServer::redirectOf(m_server.url(
-            QStringLiteral("/auth/v1/authorize?provider=google&redirect_to=") +
-            QUrl::toPercentEncoding(m_server.url(QStringLiteral("/auth/app-callback")).toString())));
+        const QUrl redirect = DevServer::redirectOf(
+            m_server.url(QStringLiteral("/auth/v1/authorize?provider=google&redirect_to=") +
+                         QUrl::toPercentEncoding(m_server.url("/auth/app-callback").toString())));
         QVERIFY(redirect.hasFragment());
-        QCOMPARE(
-            quillvox({QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)})
-                .exitCode,
-            0);
-        QTRY_VERIFY_WITH_TIMEOUT(
-            status().value(QStringLiteral("auth")).toObject().value(QStringLiteral("email")) ==
-                QStringLiteral("reader@example.com"),
-            10000);
-        QTRY_COMPARE_WITH_TIMEOUT(status().value(QStringLiteral("balanceSeconds")).toInteger(), 1200, 10000);
+        QCOMPARE(quillvox({"quillvox://auth/callback#" + redirect.fragment(QUrl::FullyEncoded)}).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("email") == "reader@example.com",
+                                 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(status().value("balanceSeconds").toInteger(), 1200, 10000);
 
-        QCOMPARE(quillvox({QStringLiteral("--speak"), QStringLiteral("Hello there.")}).exitCode, 0);
-        QTRY_VERIFY_WITH_TIMEOUT(status().value(QStringLiteral("balanceSeconds")).toInteger() < 1200, 20000);
+        QCOMPARE(quillvox({"--speak", "Hello there."}).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("balanceSeconds").toInteger() < 1200, 20000);
         app.terminate();
         QVERIFY(app.waitForFinished(5000));
         m_printed += app.readAll();
@@ -119,7 +108,7 @@ private Q_SLOTS:
             for (const QByteArray &token : tokens)
                 QVERIFY2(!content.contains(token), qPrintable(file.fileName()));
         }
-        QVERIFY2(written.filter(QStringLiteral(".pcm")).size() == 1, qPrintable(written.join(u'\n')));
+        QVERIFY2(written.filter(".pcm").size() == 1, qPrintable(written.join(u'\n')));
         for (const QByteArray &token : tokens)
             QVERIFY2(!m_printed.contains(token), m_printed.constData());
     }

@@ -29,7 +29,7 @@ struct Session
 {
     enum Start { Nothing, Auth, AuthAndBalance };
     explicit Session(const DevServer &server, Start start = Auth)
-        : keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>())
+        : keychain("test", std::make_unique<MemorySecretStore>())
         , origin(server.url())
     {
         if (start != Nothing)
@@ -46,7 +46,7 @@ struct Session
                                   .wake = &wake,
                                   .authOrigin = origin,
                                   .serviceOrigin = origin,
-                                  .anonKey = QStringLiteral("quillvox-dev-anon-key"),
+                                  .anonKey = "quillvox-dev-anon-key",
                                   .openUrl = [this](const QUrl &url) { opened << url; },
                                   .log = [this](const QString &line) { log << line; }});
     }
@@ -71,15 +71,13 @@ struct Session
         const QUrl redirect = DevServer::redirectOf(opened.last());
         if (!redirect.hasFragment())
             return false;
-        auth->handleCallback(
-            QUrl(QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)));
+        auth->handleCallback(QUrl("quillvox://auth/callback#" + redirect.fragment(QUrl::FullyEncoded)));
         return QTest::qWaitFor([&] { return auth->isSignedIn(); }, 5000);
     }
     bool waitForLog(const QString &line) const
     {
-        return QTest::qWaitFor(
-            [&] { return log.contains(QStringLiteral("[AuthManager] ") + line) || log.contains(line); },
-            5000);
+        return QTest::qWaitFor([&] { return log.contains("[AuthManager] " + line) || log.contains(line); },
+                               5000);
     }
     // Lets the clock pass the waits between refresh attempts, 2 s and then 4 s, as each is announced.
     bool waitOutRetries(int count)
@@ -139,7 +137,7 @@ int requestsTo(const DevServer &server, const QString &path)
 {
     int count = 0;
     for (const QJsonObject &record : server.requests())
-        count += record.value(QStringLiteral("path")).toString() == path;
+        count += record.value("path").toString() == path;
     return count;
 }
 
@@ -154,17 +152,14 @@ class TestAccountSession : public QObject
     bool startServer(const QStringList &arguments = {})
     {
         m_server = std::make_unique<DevServer>();
-        if (m_server->start(QStringList{QStringLiteral("--auto-consent"), QStringLiteral("--synth"),
-                                        QStringLiteral("sine")} +
-                            arguments))
+        if (m_server->start(QStringList{"--auto-consent", "--synth", "sine"} + arguments))
             return true;
         qWarning() << m_server->errorString();
         return false;
     }
     void failNext(const QString &route, int status, int count)
     {
-        m_server->control(QStringLiteral("/dev/fail"),
-                          {{"route", route}, {"status", status}, {"count", count}});
+        m_server->control("/dev/fail", {{"route", route}, {"status", status}, {"count", count}});
     }
 
 private Q_SLOTS:
@@ -174,8 +169,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<bool>("onSignInStep");
         QTest::addColumn<QString>("after");
-        QTest::newRow("on signIn") << true << QStringLiteral("freeMinutes");
-        QTest::newRow("on welcome") << false << QStringLiteral("welcome");
+        QTest::newRow("on signIn") << true << "freeMinutes";
+        QTest::newRow("on welcome") << false << "welcome";
     }
     void signInThroughTheBrowser()
     {
@@ -192,7 +187,7 @@ private Q_SLOTS:
             onboarding.nextStep();
         QVERIFY(s.signIn());
         QTEST(onboarding.currentStepName(), "after");
-        QCOMPARE(s.auth->email(), QStringLiteral("reader@example.com"));
+        QCOMPARE(s.auth->email(), "reader@example.com");
         QVERIFY(!s.auth->isLoading());
         QVERIFY(s.keychain.load(KeychainKey::accessToken));
         QVERIFY(s.keychain.load(KeychainKey::refreshToken));
@@ -204,13 +199,11 @@ private Q_SLOTS:
         Session s(*m_server);
         s.auth->signIn(false);
         const QUrl redirect = DevServer::redirectOf(s.opened.last());
-        failNext(QStringLiteral("user"), 500, 1);
-        s.auth->handleCallback(
-            QUrl(QStringLiteral("quillvox://auth/callback#") + redirect.fragment(QUrl::FullyEncoded)));
-        QVERIFY(s.waitForLog(QStringLiteral(
-            "Failed to fetch user info after callback: Authentication failed: Failed to fetch user")));
-        QCOMPARE(s.auth->currentErrorDescription(),
-                 QStringLiteral("Authentication failed: Failed to fetch user info"));
+        failNext("user", 500, 1);
+        s.auth->handleCallback(QUrl("quillvox://auth/callback#" + redirect.fragment(QUrl::FullyEncoded)));
+        QVERIFY(s.waitForLog(
+            "Failed to fetch user info after callback: Authentication failed: Failed to fetch user"));
+        QCOMPARE(s.auth->currentErrorDescription(), "Authentication failed: Failed to fetch user info");
         QCOMPARE(s.auth->state(), AuthManager::State::signedOut);
         QVERIFY(s.keychain.load(KeychainKey::accessToken));
     }
@@ -248,12 +241,11 @@ private Q_SLOTS:
         QVERIFY(first.signIn());
 
         Session s(*m_server, Session::Nothing);
-        s.keychain.save(refusals < 0 ? *first.keychain.load(KeychainKey::accessToken)
-                                     : QStringLiteral("not-a-token"),
+        s.keychain.save(refusals < 0 ? *first.keychain.load(KeychainKey::accessToken) : "not-a-token",
                         KeychainKey::accessToken);
         s.keychain.save(*first.keychain.load(KeychainKey::refreshToken), KeychainKey::refreshToken);
         if (refusals > 0)
-            failNext(QStringLiteral("refresh"), 400, refusals);
+            failNext("refresh", 400, refusals);
         s.startAuth();
         const int retries = std::clamp(refusals, 0, 2);
         QVERIFY(s.waitOutRetries(retries));
@@ -261,19 +253,18 @@ private Q_SLOTS:
         QCOMPARE(s.auth->isSignedIn(), signedIn);
         QCOMPARE(s.clock.delays(), (QList<std::chrono::milliseconds>{2s, 4s}).first(retries));
         if (refusals < 0)
-            QCOMPARE(s.log,
-                     QStringList({QStringLiteral("[AuthManager] Found existing access token, verifying..."),
-                                  QStringLiteral("[AuthManager] Session restored for reader@example.com")}));
+            QCOMPARE(s.log, QStringList({"[AuthManager] Found existing access token, verifying...",
+                                         "[AuthManager] Session restored for reader@example.com"}));
         if (!signedIn) {
-            QVERIFY(s.log.contains(QStringLiteral(
-                "[AuthManager] Refresh failed after retries: Failed to refresh authentication")));
+            QVERIFY(s.log.contains(
+                "[AuthManager] Refresh failed after retries: Failed to refresh authentication"));
             QVERIFY(!s.keychain.load(KeychainKey::refreshToken));
         }
     }
 
     void concurrentCallersShareOneRefresh()
     {
-        QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("30")}));
+        QVERIFY(startServer({"--token-ttl", "30"}));
         Session s(*m_server);
         QVERIFY(s.signIn());
         const QString old = *s.keychain.load(KeychainKey::accessToken);
@@ -286,16 +277,15 @@ private Q_SLOTS:
         QVERIFY(results[0].ok() && results[1].ok());
         QCOMPARE(results[0].value(), results[1].value());
         QVERIFY(results[0].value() != old);
-        QCOMPARE(requestsTo(*m_server, QStringLiteral("/auth/v1/token")), 1);
-        QVERIFY(s.log.contains(
-            QStringLiteral("[AuthManager] Refresh already in progress, waiting for existing task...")));
+        QCOMPARE(requestsTo(*m_server, "/auth/v1/token"), 1);
+        QVERIFY(s.log.contains("[AuthManager] Refresh already in progress, waiting for existing task..."));
 
         // Three refusals reach the caller as the session's error; the session itself stays.
-        failNext(QStringLiteral("refresh"), 400, 3);
+        failNext("refresh", 400, 3);
         s.auth->getValidAccessToken(this, collect);
         QVERIFY(s.waitOutRetries(2));
         QTRY_COMPARE(results.size(), 3);
-        QCOMPARE(describe(results[2].failure()), QStringLiteral("Failed to refresh authentication"));
+        QCOMPARE(describe(results[2].failure()), "Failed to refresh authentication");
         QVERIFY(isAuthError(results[2].failure()));
         QVERIFY(s.auth->isSignedIn());
     }
@@ -305,27 +295,25 @@ private Q_SLOTS:
         QTest::addColumn<bool>("signedIn");
         QTest::addColumn<int>("refusals");
         QTest::addColumn<QString>("lastLine");
-        QTest::newRow("signed out") << false << 0
-                                    << QStringLiteral("Not signed in, skipping wake validation");
-        QTest::newRow("refreshed") << true << 0
-                                   << QStringLiteral("Session refreshed successfully after wake");
-        QTest::newRow("refused") << true << 3 << QStringLiteral("Signing out, clearing tokens");
+        QTest::newRow("signed out") << false << 0 << "Not signed in, skipping wake validation";
+        QTest::newRow("refreshed") << true << 0 << "Session refreshed successfully after wake";
+        QTest::newRow("refused") << true << 3 << "Signing out, clearing tokens";
     }
     void wake()
     {
         QFETCH(bool, signedIn);
         QFETCH(int, refusals);
-        QVERIFY(startServer({QStringLiteral("--token-ttl"), QStringLiteral("200")}));
+        QVERIFY(startServer({"--token-ttl", "200"}));
         Session s(*m_server);
         if (signedIn)
             QVERIFY(s.signIn());
-        failNext(QStringLiteral("refresh"), 400, refusals);
+        failNext("refresh", 400, refusals);
         s.log.clear();
         Q_EMIT s.wake.woke();
         QVERIFY(s.waitOutRetries(refusals ? 2 : 0));
         QFETCH(QString, lastLine);
         QVERIFY(s.waitForLog(lastLine));
-        QCOMPARE(s.log.first(), QStringLiteral("[AuthManager] System woke - validating session"));
+        QCOMPARE(s.log.first(), "[AuthManager] System woke - validating session");
         QCOMPARE(s.auth->isSignedIn(), signedIn && !refusals);
         if (!signedIn)
             QCOMPARE(s.log.size(), 2);
@@ -333,14 +321,14 @@ private Q_SLOTS:
 
     void balanceFollowsTheSession()
     {
-        QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("3660")}));
+        QVERIFY(startServer({"--balance-seconds", "3660"}));
         Session s(*m_server, Session::AuthAndBalance);
         QVERIFY(!s.balance->isPolling());
         QVERIFY(s.signIn());
         QVERIFY(s.balance->isPolling());
         QTRY_COMPARE(s.balance->balanceSeconds(), 3660);
         QCOMPARE(s.balance->minutesRemaining(), 61);
-        const int first = requestsTo(*m_server, QStringLiteral("/api/credits/balance"));
+        const int first = requestsTo(*m_server, "/api/credits/balance");
 
         // Throttled: 2 s later nothing leaves; 6 s after the first, one request does.
         s.clock.advance(2s);
@@ -350,10 +338,10 @@ private Q_SLOTS:
         s.balance->refreshBalance();
         QVERIFY(s.balance->isLoading());
         QTRY_VERIFY(!s.balance->isLoading());
-        QCOMPARE(requestsTo(*m_server, QStringLiteral("/api/credits/balance")), first + 1);
+        QCOMPARE(requestsTo(*m_server, "/api/credits/balance"), first + 1);
 
         // Local deductions, then the minute's poll brings the server's figure back.
-        m_server->control(QStringLiteral("/dev/balance"), {{"seconds", 100}});
+        m_server->control("/dev/balance", {{"seconds", 100}});
         s.clock.advance(60s);
         QTRY_COMPARE(s.balance->balanceSeconds(), 100);
         s.balance->deductSeconds(29.5);
@@ -377,19 +365,17 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("answer");
         QTest::addColumn<QString>("error");
-        QTest::newRow("not JSON") << ok("<html>") << QStringLiteral("The server's answer is not valid JSON");
-        QTest::newRow("array") << ok("[1200, 20]")
-                               << QStringLiteral("The server's answer is not a JSON object.");
+        QTest::newRow("not JSON") << ok("<html>") << "The server's answer is not valid JSON";
+        QTest::newRow("array") << ok("[1200, 20]") << "The server's answer is not a JSON object.";
         QTest::newRow("no minutes") << ok(R"({"balance_seconds":60})")
-                                    << QStringLiteral(
-                                           "The server's answer has no valid \"minutes_remaining\".");
+                                    << "The server's answer has no valid \"minutes_remaining\".";
         QTest::newRow("megabytes") << ok(QByteArray(3 << 20, ' ') + "{}")
-                                   << QStringLiteral("The server's answer is too large.");
-        QTest::newRow("500") << ok("{}", "500 Internal Server Error") << QStringLiteral("Server error (500)");
-        QTest::newRow("401") << ok("{}", "401 Unauthorized") << QStringLiteral("Please sign in again");
+                                   << "The server's answer is too large.";
+        QTest::newRow("500") << ok("{}", "500 Internal Server Error") << "Server error (500)";
+        QTest::newRow("401") << ok("{}", "401 Unauthorized") << "Please sign in again";
         QTest::newRow("redirect")
             << QByteArray("HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n")
-            << QStringLiteral("Server error (302)");
+            << "Server error (302)";
         QTest::newRow("garbage status line") << QByteArray("SSH-2.0-OpenSSH\r\n\r\n") << QString();
         QTest::newRow("closed at once") << QByteArray() << QString();
     }
@@ -420,8 +406,7 @@ private Q_SLOTS:
 
         std::optional<UsageStatsResponse> usage;
         bool answered = false;
-        s.balance->fetchUsageStats(QStringLiteral("month"), this,
-                                   [&](const auto &u) { usage = u, answered = true; });
+        s.balance->fetchUsageStats("month", this, [&](const auto &u) { usage = u, answered = true; });
         QTRY_VERIFY(answered);
         QVERIFY(usage);
         QCOMPARE(usage->narrations, 0);
@@ -431,27 +416,26 @@ private Q_SLOTS:
         const QUrl exchange = s.opened.last();
         const QRegularExpression expected(QRegularExpression::anchoredPattern(
             QRegularExpression::escape(m_server->url().toString()) +
-            QStringLiteral("/api/auth/token-exchange\\?code=[A-Za-z0-9_-]{8,}&next=%2Fpurchase")));
+            "/api/auth/token-exchange\\?code=[A-Za-z0-9_-]{8,}&next=%2Fpurchase"));
         QVERIFY2(expected.match(exchange.toString(QUrl::FullyEncoded)).hasMatch(),
                  qPrintable(exchange.toString()));
-        QCOMPARE(DevServer::redirectOf(exchange).path(), QStringLiteral("/purchase"));
+        QCOMPARE(DevServer::redirectOf(exchange).path(), "/purchase");
 
-        failNext(QStringLiteral("generate-code"), 500, 1);
+        failNext("generate-code", 500, 1);
         s.balance->openPurchasePage();
         QTRY_COMPARE(s.opened.size(), 4);
         QCOMPARE(s.opened.last(), m_server->url());
-        QVERIFY(
-            s.log.contains(QStringLiteral("Failed to generate exchange code: Invalid response from server")));
+        QVERIFY(s.log.contains("Failed to generate exchange code: Invalid response from server"));
     }
 
     // A narration through the service: signed in with the browser, heard on the null sink, counted
     // against the balance here and on the server.
     void serviceNarration()
     {
-        QVERIFY(startServer({QStringLiteral("--balance-seconds"), QStringLiteral("600")}));
+        QVERIFY(startServer({"--balance-seconds", "600"}));
         Session s(*m_server, Session::AuthAndBalance);
         QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("defaults.conf")));
+        UserDefaults defaults(dir.filePath("defaults.conf"));
         SessionAccount account(*s.auth, *s.balance);
         NoSelection noSelection;
         SpeechManager speech({.defaults = &defaults,
@@ -466,23 +450,22 @@ private Q_SLOTS:
         QTRY_COMPARE(s.balance->balanceSeconds(), 600);
 
         QSignalSpy ended(&speech, &SpeechManager::playbackEnded);
-        speech.speak(QStringLiteral("Hello there."));
+        speech.speak("Hello there.");
         QVERIFY(ended.wait(20000));
         QVERIFY(!speech.currentError());
         const qint64 local = s.balance->balanceSeconds();
         QVERIFY2(local < 600 && local >= 595, qPrintable(QString::number(local)));
         s.clock.advance(60s);
-        QTRY_COMPARE(s.balance->balanceSeconds(), m_server->control(QStringLiteral("/dev/state"))
-                                                      .value(QStringLiteral("balance_seconds"))
-                                                      .toInteger());
+        QTRY_COMPARE(s.balance->balanceSeconds(),
+                     m_server->control("/dev/state").value("balance_seconds").toInteger());
 
         // Under a minute locally: the request never leaves.
-        const int streams = requestsTo(*m_server, QStringLiteral("/api/tts/stream"));
+        const int streams = requestsTo(*m_server, "/api/tts/stream");
         s.balance->deductSeconds(double(s.balance->balanceSeconds() - 59));
-        speech.speak(QStringLiteral("And again."));
+        speech.speak("And again.");
         QCOMPARE(speech.currentErrorDescription(), SpeechError::makeInsufficientBalance(0).description());
         QTest::qWait(200);
-        QCOMPARE(requestsTo(*m_server, QStringLiteral("/api/tts/stream")), streams);
+        QCOMPARE(requestsTo(*m_server, "/api/tts/stream"), streams);
     }
 };
 

@@ -146,15 +146,11 @@ private Q_SLOTS:
 
         const QList<QJsonObject> log = server.waitForRequests(logged + 1);
         QCOMPARE(log.size(), logged + 1);
+        // Method, path, body and the Authorization header as tst_speechmanager reads them; here, the rest.
         const QJsonObject &record = log.last();
-        QCOMPARE(record.value("method").toString(), "POST");
-        QCOMPARE(record.value("path").toString(), server.url(c.target).path());
         QCOMPARE(record.value("query").toString(), server.url(c.target).query(QUrl::FullyEncoded));
-        QCOMPARE(record.value("body").toString().toUtf8(), c.body);
         QCOMPARE(record.value("status").toInt(), c.status);
         QCOMPARE(record.value("bodyBytesSent").toInteger(), result.body.size());
-        QCOMPARE(DevServer::header(record, u"Authorization").toUtf8(),
-                 c.authorization.value_or(QByteArray()));
         QCOMPARE(DevServer::header(record, u"X-Probe"), "probe value");
         // Only what the client sent: nothing the server library adds for itself.
         for (const QString &name : record.value("headers").toObject().keys())

@@ -18,33 +18,30 @@ private:
     std::unique_ptr<KeyringFixture> m_keyring;
     QString m_service;
 
-    QString otherService() const { return m_service + QStringLiteral(".other"); }
+    QString otherService() const { return m_service + ".other"; }
 
     QList<Item> itemsOf(const QString &account, const QString &service = {}) const
     {
-        return m_keyring->items({{QStringLiteral("service"), service.isEmpty() ? m_service : service},
-                                 {QStringLiteral("account"), account}});
+        return m_keyring->items({{"service", service.isEmpty() ? m_service : service}, {"account", account}});
     }
 
     // The secret as secret-tool reads it, or nothing when it finds no item.
     std::optional<QByteArray> lookup(const QString &account, const QString &service = {}) const
     {
         const KeyringFixture::Run run = m_keyring->secretTool(
-            {QStringLiteral("lookup"), QStringLiteral("service"), service.isEmpty() ? m_service : service,
-             QStringLiteral("account"), account});
+            {"lookup", "service", service.isEmpty() ? m_service : service, "account", account});
         if (!run.finished || run.exitCode != 0)
             return std::nullopt;
         return run.out;
     }
 
     bool storeWithSecretTool(const QString &account, const QByteArray &secret, const QString &service = {},
-                             const QString &collection = QStringLiteral("login")) const
+                             const QString &collection = "login") const
     {
-        const KeyringFixture::Run run = m_keyring->secretTool(
-            {QStringLiteral("store"), QStringLiteral("--label=stored by another tool"),
-             QStringLiteral("--collection=") + collection, QStringLiteral("service"),
-             service.isEmpty() ? m_service : service, QStringLiteral("account"), account},
-            secret);
+        const KeyringFixture::Run run =
+            m_keyring->secretTool({"store", "--label=stored by another tool", "--collection=" + collection,
+                                   "service", service.isEmpty() ? m_service : service, "account", account},
+                                  secret);
         return run.finished && run.exitCode == 0;
     }
 
@@ -70,9 +67,9 @@ private Q_SLOTS:
     void init()
     {
         for (const QString &service : {m_service, otherService()})
-            m_keyring->secretTool({QStringLiteral("clear"), QStringLiteral("service"), service});
-        QVERIFY(m_keyring->items({{QStringLiteral("service"), m_service}}).isEmpty());
-        QVERIFY(m_keyring->items({{QStringLiteral("service"), otherService()}}).isEmpty());
+            m_keyring->secretTool({"clear", "service", service});
+        QVERIFY(m_keyring->items({{"service", m_service}}).isEmpty());
+        QVERIFY(m_keyring->items({{"service", otherService()}}).isEmpty());
     }
 
     // Stored under the service and the key's account, in the login collection, as UTF-8, and read back.
@@ -84,8 +81,8 @@ private Q_SLOTS:
 
         QTest::newRow("api key") << KeychainKey::openAIAPIKey << "openai-api-key"
                                  << "sk-proj-Ab3_x-9";
-        QTest::newRow("access token, non-ASCII")
-            << KeychainKey::accessToken << "access-token" << QStringLiteral("Grüße 鍵 🔑");
+        QTest::newRow("access token, non-ASCII") << KeychainKey::accessToken << "access-token"
+                                                 << "Grüße 鍵 🔑";
         QTest::newRow("refresh token, spaces and line break kept")
             << KeychainKey::refreshToken << "refresh-token"
             << " two\nlines ";
@@ -104,7 +101,7 @@ private Q_SLOTS:
         QCOMPARE(lookup(account), std::optional<QByteArray>(value.toUtf8()));
         const QList<Item> items = itemsOf(account);
         QCOMPARE(items.size(), 1);
-        QCOMPARE(items.first().label, QStringLiteral("Quillvox: ") + account);
+        QCOMPARE(items.first().label, "Quillvox: " + account);
         QVERIFY2(items.first().path.startsWith(QLatin1String("/org/freedesktop/secrets/collection/login/")),
                  qPrintable(items.first().path));
         const std::optional<QString> loaded = keychain.load(key);
@@ -117,41 +114,38 @@ private Q_SLOTS:
     {
         KeychainHelper &keychain = KeychainHelper::shared();
         // Another service's item under the same account is not ours.
-        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "not ours", otherService()));
+        QVERIFY(storeWithSecretTool("access-token", "not ours", otherService()));
 
         QCOMPARE(keychain.load(KeychainKey::accessToken), std::optional<QString>());
         QVERIFY(keychain.lastFailureReason().isEmpty());
         QVERIFY(keychain.remove(KeychainKey::accessToken));
         QVERIFY(keychain.lastFailureReason().isEmpty());
-        QCOMPARE(lookup(QStringLiteral("access-token"), otherService()),
-                 std::optional<QByteArray>("not ours"));
+        QCOMPARE(lookup("access-token", otherService()), std::optional<QByteArray>("not ours"));
     }
 
     // Items are matched by service and account alone, whoever stored them and wherever.
     void itemsOfOtherToolsCount_data()
     {
         QTest::addColumn<QStringList>("collections");
-        QTest::newRow("login collection") << QStringList{QStringLiteral("login")};
-        QTest::newRow("login and session collections")
-            << QStringList{QStringLiteral("login"), QStringLiteral("session")};
+        QTest::newRow("login collection") << QStringList{"login"};
+        QTest::newRow("login and session collections") << QStringList{"login", "session"};
     }
 
     void itemsOfOtherToolsCount()
     {
         QFETCH(QStringList, collections);
-        const QString account = QStringLiteral("openai-api-key");
+        const QString account = "openai-api-key";
         KeychainHelper &keychain = KeychainHelper::shared();
         for (const QString &collection : collections)
             QVERIFY(storeWithSecretTool(account, "from another tool", {}, collection));
         QCOMPARE(itemsOf(account).size(), collections.size());
 
-        QCOMPARE(keychain.load(KeychainKey::openAIAPIKey),
-                 std::optional<QString>(QStringLiteral("from another tool")));
+        QCOMPARE(keychain.load(KeychainKey::openAIAPIKey), std::optional<QString>("from another tool"));
 
-        QVERIFY(keychain.save(QStringLiteral("ours"), KeychainKey::openAIAPIKey));
+        QVERIFY(keychain.save("ours", KeychainKey::openAIAPIKey));
         const QList<Item> items = itemsOf(account);
         QCOMPARE(items.size(), 1);
-        QCOMPARE(items.first().label, QStringLiteral("Quillvox: openai-api-key"));
+        QCOMPARE(items.first().label, "Quillvox: openai-api-key");
         QCOMPARE(lookup(account), std::optional<QByteArray>("ours"));
 
         for (int i = 1; i < collections.size(); ++i)
@@ -168,7 +162,7 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("input");
         QTest::addColumn<std::optional<QByteArray>>("stored");
 
-        const QStringList set{QStringLiteral("--set-api-key")};
+        const QStringList set{"--set-api-key"};
         const auto row = [](const char *name, const QStringList &arguments, const QByteArray &input,
                             const std::optional<QByteArray> &stored) {
             QTest::newRow(name) << arguments << input << stored;
@@ -183,8 +177,8 @@ private Q_SLOTS:
         row("empty line", set, "\n", "sk-before");
         row("empty CRLF line", set, "\r\n", "sk-before");
         // Arguments are visible to every user in the process list: a key there is not taken.
-        row("key in the arguments", set + QStringList{QStringLiteral("sk-arg")}, "", "sk-before");
-        row("clear", {QStringLiteral("--clear-api-key")}, "", std::nullopt);
+        row("key in the arguments", set + QStringList{"sk-arg"}, "", "sk-before");
+        row("clear", {"--clear-api-key"}, "", std::nullopt);
     }
 
     void commandLine()
@@ -192,8 +186,8 @@ private Q_SLOTS:
         QFETCH(QStringList, arguments);
         QFETCH(QByteArray, input);
         QFETCH(std::optional<QByteArray>, stored);
-        QVERIFY(storeWithSecretTool(QStringLiteral("openai-api-key"), "sk-before"));
-        QVERIFY(storeWithSecretTool(QStringLiteral("access-token"), "token stays"));
+        QVERIFY(storeWithSecretTool("openai-api-key", "sk-before"));
+        QVERIFY(storeWithSecretTool("access-token", "token stays"));
 
         const KeyringFixture::Run run = quillvox(arguments, input);
         QVERIFY(run.finished);
@@ -202,9 +196,9 @@ private Q_SLOTS:
         QCOMPARE(run.err.isEmpty(), !refused);
         if (stored && !refused)
             QVERIFY2(!run.out.contains(*stored) && !run.err.contains(*stored), "the key is never echoed");
-        QCOMPARE(lookup(QStringLiteral("openai-api-key")), stored);
-        QCOMPARE(itemsOf(QStringLiteral("openai-api-key")).size(), stored ? 1 : 0);
-        QCOMPARE(lookup(QStringLiteral("access-token")), std::optional<QByteArray>("token stays"));
+        QCOMPARE(lookup("openai-api-key"), stored);
+        QCOMPARE(itemsOf("openai-api-key").size(), stored ? 1 : 0);
+        QCOMPARE(lookup("access-token"), std::optional<QByteArray>("token stays"));
     }
 };
 

@@ -18,13 +18,13 @@
 namespace {
 
 #ifdef KEYCHAIN_LOCKED
-const QString kReason = QStringLiteral("The keyring is locked");
+const QString kReason = "The keyring is locked";
 constexpr auto kMode = KeyringFixture::Mode::GnomeKeyring;
 #else
-const QString kReason = QStringLiteral("No keyring is available");
+const QString kReason = "No keyring is available";
 constexpr auto kMode = KeyringFixture::Mode::NoSecretService;
 #endif
-const QString kAccount = QStringLiteral("openai-api-key");
+const QString kAccount = "openai-api-key";
 // Generous: without a prompter gnome-keyring dismisses the unlock at once, and a keyring that does not
 // answer is waited for 5 s.
 constexpr qint64 kDoesNotHangMs = 15000;
@@ -46,11 +46,11 @@ private:
     void verifyItemSurvived() const
     {
 #ifdef KEYCHAIN_LOCKED
-        const QList<KeyringFixture::Item> items = m_keyring->items({{QStringLiteral("service"), m_service},
-                                                                    { QStringLiteral("account"),
+        const QList<KeyringFixture::Item> items = m_keyring->items({{"service", m_service},
+                                                                    { "account",
                                                                       kAccount }});
         QCOMPARE(items.size(), 1);
-        QCOMPARE(items.first().label, QStringLiteral("stored before the lock"));
+        QCOMPARE(items.first().label, "stored before the lock");
         QVERIFY(items.first().locked);
 #endif
     }
@@ -73,10 +73,9 @@ private Q_SLOTS:
         m_service = qEnvironmentVariable("QUILLVOX_KEYCHAIN_SERVICE");
         QVERIFY(m_service.startsWith(QLatin1String("com.vantor.quillvox.test.")));
 #ifdef KEYCHAIN_LOCKED
-        const KeyringFixture::Run stored =
-            m_keyring->secretTool({QStringLiteral("store"), QStringLiteral("--label=stored before the lock"),
-                                   QStringLiteral("service"), m_service, QStringLiteral("account"), kAccount},
-                                  "sk-before");
+        const KeyringFixture::Run stored = m_keyring->secretTool(
+            {"store", "--label=stored before the lock", "service", m_service, "account", kAccount},
+            "sk-before");
         QCOMPARE(stored.exitCode, 0);
         QVERIFY(m_keyring->lockLoginCollection());
         verifyItemSurvived();
@@ -148,8 +147,7 @@ private Q_SLOTS:
             QVERIFY2(stalled->isReady(), qPrintable(stalled->errorString()));
             env = stalled->environment();
         } else if (bus == Bus::None) {
-            env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
-                       QStringLiteral("unix:path=") + empty.path() + QStringLiteral("/no-bus-here"));
+            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + empty.path() + "/no-bus-here");
         }
 
         QElapsedTimer timer;

@@ -22,11 +22,11 @@ namespace {
 struct Rig
 {
     QTemporaryDir dir;
-    UserDefaults defaults{dir.filePath(QStringLiteral("q.conf"))};
-    KeychainHelper keychain{QStringLiteral("test"), std::make_unique<MemorySecretStore>()};
+    UserDefaults defaults{dir.filePath("q.conf")};
+    KeychainHelper keychain{"test", std::make_unique<MemorySecretStore>()};
     ApiKeySettingsModel model{{.keychain = &keychain,
                                .defaults = &defaults,
-                               .openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:9")),
+                               .openAIOrigin = QUrl("http://127.0.0.1:9"),
                                .ownKeyChanged = [] {}}};
 };
 
@@ -64,9 +64,9 @@ private Q_SLOTS:
         if (!serverRunning)
             server.stop();
         Rig rig;
-        QVERIFY(rig.model.saveKey(QStringLiteral("sk-test-1234")));
+        QVERIFY(rig.model.saveKey("sk-test-1234"));
         QVERIFY(rig.model.setServer(origin.toString()));
-        rig.model.setModel(QStringLiteral("local-tts"));
+        rig.model.setModel("local-tts");
 
         rig.model.test();
         QCOMPARE(rig.model.testState(), TestState::Testing);
@@ -77,10 +77,9 @@ private Q_SLOTS:
             return;
         const QList<QJsonObject> log = server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
-        QCOMPARE(log.first().value(QStringLiteral("path")).toString(), QStringLiteral("/v1/audio/speech"));
-        QCOMPARE(DevServer::header(log.first(), u"Authorization"), QStringLiteral("Bearer sk-test-1234"));
-        QCOMPARE(DevServer::body(log.first()).value(QStringLiteral("model")).toString(),
-                 QStringLiteral("local-tts"));
+        QCOMPARE(log.first().value("path").toString(), "/v1/audio/speech");
+        QCOMPARE(DevServer::header(log.first(), u"Authorization"), "Bearer sk-test-1234");
+        QCOMPARE(DevServer::body(log.first()).value("model").toString(), "local-tts");
     }
 
     // A server chosen in the section takes the next narration, and the environment's origin wins over it.
@@ -111,9 +110,9 @@ private Q_SLOTS:
         services.openAIOriginFromEnvironment = fromEnvironment;
         SpeechManager speech(std::move(services));
 
-        QVERIFY(rig.model.saveKey(QStringLiteral("sk-test-1234")));
+        QVERIFY(rig.model.saveKey("sk-test-1234"));
         QVERIFY(rig.model.setServer(second.url().toString()));
-        speech.speak(QStringLiteral("Hello there."));
+        speech.speak("Hello there.");
         DevServer &expected = fromEnvironment ? first : second;
         QCOMPARE(expected.waitForRequests(1).size(), 1);
         QVERIFY((fromEnvironment ? second : first).requests().isEmpty());

@@ -42,11 +42,10 @@ private Q_SLOTS:
         QVERIFY2(server.start(serverOptions), qPrintable(server.errorString()));
         QProcess check;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"),
-                   serverOptions.isEmpty() ? QStringLiteral("http://updates.example/appcast.xml")
-                                           : server.url(QStringLiteral("/appcast.xml")).toString());
+        env.insert("QUILLVOX_APPCAST_URL", serverOptions.isEmpty() ? "http://updates.example/appcast.xml"
+                                                                   : server.url("/appcast.xml").toString());
         check.setProcessEnvironment(env);
-        check.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--check-for-updates")});
+        check.start(QStringLiteral(QUILLVOX_EXECUTABLE), {"--check-for-updates"});
         QVERIFY(check.waitForFinished(30000));
         const QString output =
             QString::fromUtf8(check.readAllStandardOutput() + check.readAllStandardError());
@@ -71,9 +70,8 @@ private Q_SLOTS:
         DevServer server;
         QVERIFY2(server.start({"--appcast-version", "2.0"}), qPrintable(server.errorString()));
         QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("settings.conf")));
-        UpdateChecker checker(
-            {&defaults, nullptr, nullptr, server.url(QStringLiteral("/appcast.xml")), QStringLiteral("1.0")});
+        UserDefaults defaults(dir.filePath("settings.conf"));
+        UpdateChecker checker({&defaults, nullptr, nullptr, server.url("/appcast.xml"), "1.0"});
         if (!skipped.isEmpty())
             checker.skipVersion(skipped);
         QSignalSpy found(&checker, &UpdateChecker::updateFound);

@@ -44,31 +44,16 @@ bool DevServer::start(const QStringList &arguments)
     };
 
     const QDeadlineTimer deadline(std::chrono::seconds(10));
-    if (!m_process.waitForStarted(static_cast<int>(deadline.remainingTime())))
-        return fail(QStringLiteral("cannot start %1: %2").arg(program, m_process.errorString()));
-    while (!m_process.canReadLine()) {
-        if (m_process.state() == QProcess::NotRunning) {
-            return fail(QStringLiteral("%1 exited with code %2 before listening: %3")
-                            .arg(program)
-                            .arg(m_process.exitCode())
-                            .arg(standardError()));
-        }
-        if (deadline.hasExpired()) {
-            m_process.kill();
-            m_process.waitForFinished();
-            return fail(QStringLiteral("%1 printed no \"listening on\" line in time: %2")
-                            .arg(program, standardError()));
-        }
+    while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning && !deadline.hasExpired())
         m_process.waitForReadyRead(static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)));
-    }
-
     const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
     static const QRegularExpression listening(QStringLiteral("^listening on http://127\\.0\\.0\\.1:(\\d+)$"));
     const QRegularExpressionMatch match = listening.match(line);
     const uint port = match.hasMatch() ? match.captured(1).toUInt() : 0;
     if (port == 0 || port > 65535) {
         stop();
-        return fail(QStringLiteral("unexpected first line from %1: \"%2\"").arg(program, line));
+        return fail(QStringLiteral("%1 is not listening (%2, first line \"%3\"): %4")
+                        .arg(program, m_process.errorString(), line, standardError()));
     }
     m_port = static_cast<quint16>(port);
     return true;

@@ -39,6 +39,15 @@ bool waitUntil(const std::function<bool()> &condition, int timeoutMs)
     return true;
 }
 
+// A call to the Secret Service (or one of its objects) on `bus`, answered or failed within 5 s.
+QDBusMessage callSecrets(const QDBusConnection &bus, const QString &path, const QString &interface,
+                         const QString &method, const QVariantList &arguments)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(kSecrets, path, interface, method);
+    call.setArguments(arguments);
+    return bus.call(call, QDBus::Block, 5000);
+}
+
 bool writeFile(const QString &path, const QByteArray &content)
 {
     QFile file(path);
@@ -124,8 +133,8 @@ KeyringFixture::KeyringFixture(Mode mode, const QString &otherUser)
     : m_dir(QDir::tempPath() + QStringLiteral("/quillvox-keyring-XXXXXX"))
 {
     qDBusRegisterMetaType<QMap<QString, QString>>();
-    m_hadPreviousAddress = qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS");
-    m_previousAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
+        m_previousAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
     if (!m_dir.isValid()) {
         m_error = QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
         return;
@@ -143,8 +152,8 @@ KeyringFixture::~KeyringFixture()
         QDBusConnection::disconnectFromBus(m_connectionName);
     stop(m_keyring);
     stopBus();
-    if (m_hadPreviousAddress)
-        qputenv("DBUS_SESSION_BUS_ADDRESS", m_previousAddress);
+    if (m_previousAddress)
+        qputenv("DBUS_SESSION_BUS_ADDRESS", *m_previousAddress);
     else
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
@@ -211,21 +220,17 @@ bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
 bool KeyringFixture::startGnomeKeyring()
 {
     const QString dir = m_dir.path();
-    for (const char *sub : {"/run", "/data", "/config", "/cache"}) {
-        QDir().mkpath(dir + QLatin1String(sub));
-        QFile::setPermissions(dir + QLatin1String(sub),
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
     QProcessEnvironment env = environment();
     // Its own runtime folder, or it hands over to a gnome-keyring that already runs for the user; its own
     // data folder, or it opens the user's keyrings.
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir + QStringLiteral("/run"));
-    env.insert(QStringLiteral("XDG_DATA_HOME"), dir + QStringLiteral("/data"));
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir + QStringLiteral("/config"));
-    env.insert(QStringLiteral("XDG_CACHE_HOME"), dir + QStringLiteral("/cache"));
-    env.remove(QStringLiteral("DISPLAY"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    env.remove(QStringLiteral("GNOME_KEYRING_CONTROL"));
+    for (const char *variable : {"XDG_RUNTIME_DIR", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
+        const QString sub = dir + u'/' + QLatin1String(variable);
+        QDir().mkpath(sub);
+        QFile::setPermissions(sub, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        env.insert(QLatin1String(variable), sub);
+    }
+    for (const char *variable : {"DISPLAY", "WAYLAND_DISPLAY", "GNOME_KEYRING_CONTROL"})
+        env.remove(QLatin1String(variable));
 
     m_keyring.setProcessEnvironment(env);
     m_keyring.setProgram(QStringLiteral("gnome-keyring-daemon"));
@@ -253,10 +258,8 @@ bool KeyringFixture::startGnomeKeyring()
         owned &&
         waitUntil(
             [&] {
-                QDBusMessage call = QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface,
-                                                                   QStringLiteral("ReadAlias"));
-                call << QStringLiteral("default");
-                const QDBusMessage reply = bus.call(call, QDBus::Block, 2000);
+                const QDBusMessage reply = callSecrets(bus, kServicePath, kServiceInterface,
+                                                       QStringLiteral("ReadAlias"), {"default"});
                 return reply.type() == QDBusMessage::ReplyMessage &&
                        reply.arguments().value(0).value<QDBusObjectPath>().path() == kLoginCollection;
             },
@@ -283,11 +286,10 @@ void KeyringFixture::stopBus()
 QString KeyringFixture::logs() const
 {
     QString text;
-    for (const char *name : {"/dbus.log", "/keyring.log"}) {
-        QFile file(m_dir.path() + QLatin1String(name));
+    for (const char *name : {"dbus.log", "keyring.log"}) {
+        QFile file(m_dir.filePath(QLatin1String(name)));
         if (file.open(QIODevice::ReadOnly))
-            text += QStringLiteral("\n") + QLatin1String(name + 1) + QStringLiteral(": ") +
-                    QString::fromUtf8(file.readAll());
+            text += u'\n' + QLatin1String(name) + QStringLiteral(": ") + QString::fromUtf8(file.readAll());
     }
     return text;
 }
@@ -302,20 +304,16 @@ QProcessEnvironment KeyringFixture::environment() const
 QList<KeyringFixture::Item> KeyringFixture::items(const QMap<QString, QString> &attributes) const
 {
     const QDBusConnection bus(m_connectionName);
-    QDBusMessage search = QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface,
-                                                         QStringLiteral("SearchItems"));
-    search << QVariant::fromValue(attributes);
-    const QDBusMessage found = bus.call(search, QDBus::Block, 5000);
+    const QDBusMessage found = callSecrets(bus, kServicePath, kServiceInterface,
+                                           QStringLiteral("SearchItems"), {QVariant::fromValue(attributes)});
     QList<Item> items;
     if (found.type() != QDBusMessage::ReplyMessage || found.arguments().size() != 2)
         return items;
     for (int i = 0; i < 2; ++i) {
         for (const QDBusObjectPath &path : qdbus_cast<QList<QDBusObjectPath>>(found.arguments().at(i))) {
-            QDBusMessage get = QDBusMessage::createMethodCall(
-                kSecrets, path.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
-                QStringLiteral("Get"));
-            get << QStringLiteral("org.freedesktop.Secret.Item") << QStringLiteral("Label");
-            const QDBusMessage label = bus.call(get, QDBus::Block, 5000);
+            const QDBusMessage label =
+                callSecrets(bus, path.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
+                            QStringLiteral("Get"), {"org.freedesktop.Secret.Item", "Label"});
             items.append(
                 {path.path(), label.arguments().value(0).value<QDBusVariant>().variant().toString(), i == 1});
         }
@@ -325,11 +323,9 @@ QList<KeyringFixture::Item> KeyringFixture::items(const QMap<QString, QString> &
 
 bool KeyringFixture::lockLoginCollection() const
 {
-    const QDBusConnection bus(m_connectionName);
-    QDBusMessage lock =
-        QDBusMessage::createMethodCall(kSecrets, kServicePath, kServiceInterface, QStringLiteral("Lock"));
-    lock << QVariant::fromValue(QList<QDBusObjectPath>{QDBusObjectPath(kLoginCollection)});
-    const QDBusMessage reply = bus.call(lock, QDBus::Block, 5000);
+    const QDBusMessage reply = callSecrets(
+        QDBusConnection(m_connectionName), kServicePath, kServiceInterface, QStringLiteral("Lock"),
+        {QVariant::fromValue(QList<QDBusObjectPath>{QDBusObjectPath(kLoginCollection)})});
     return reply.type() == QDBusMessage::ReplyMessage &&
            qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().value(0))
                .contains(QDBusObjectPath(kLoginCollection));

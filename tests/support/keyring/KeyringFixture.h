@@ -88,8 +88,7 @@ private:
     QProcess m_keyring;
     QString m_address;
     QString m_connectionName;
-    QByteArray m_previousAddress;
-    bool m_hadPreviousAddress = false;
+    std::optional<QByteArray> m_previousAddress; // none: it was not set
     QString m_error;
     std::unique_ptr<SilentPrompter> m_prompter;
 };
