@@ -171,7 +171,6 @@ private Q_SLOTS:
         QTest::newRow("expired") << "expired" << anonKey << 401 << 401;
         QTest::newRow("longer life claimed") << "altered" << anonKey << 401 << 401;
         QTest::newRow("another server's") << "foreign" << anonKey << 401 << 401;
-        QTest::newRow("refresh token") << "refresh" << anonKey << 401 << 401;
         QTest::newRow("none") << "none" << anonKey << 401 << 401;
         // An injected failure answers as many requests as it was asked to, then the route is itself again.
         QTest::newRow("failures injected") << "failing" << anonKey << 503 << 503;
@@ -202,8 +201,6 @@ private Q_SLOTS:
             bearer = parts[0] + '.' +
                      QJsonDocument(claims).toJson(QJsonDocument::Compact).toBase64(base64url) + '.' +
                      parts[2];
-        } else if (token == "refresh") {
-            bearer = "Bearer " + itemOf(session, "refresh_token");
         } else if (token == "foreign") {
             DevServer other;
             QVERIFY2(other.start(), qPrintable(other.errorString()));
