@@ -69,16 +69,6 @@ class TestOnboardingDesktop : public QObject
         m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
     }
 
-    QStringList narratedTexts() const
-    {
-        QStringList texts;
-        for (const QJsonObject &record : m_server.requests()) {
-            if (record.value(QStringLiteral("path")).toString() == u"/api/tts/stream")
-                texts.append(DevServer::input(record));
-        }
-        return texts;
-    }
-
     QString browserLog() const
     {
         QFile log(m_browserLog);
@@ -123,8 +113,7 @@ private Q_SLOTS:
         QFile log(m_dir.filePath(QStringLiteral("app.log")));
         if (log.open(QIODevice::ReadOnly))
             qInfo().noquote() << "the screen:" << cache + u"/failure.png"
-                              << "\nstatus:" << runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})
-                              << "\napp output:\n"
+                              << "\nstatus:" << QJsonDocument(appStatus()).toJson() << "\napp output:\n"
                               << log.readAll() << "\nbrowser opened:\n"
                               << browserLog();
     }
@@ -158,7 +147,7 @@ private Q_SLOTS:
         moveTo(sample.bottomRight() - QPoint(1, 2));
         xdotool({"mouseup", "1"});
         xdotool({"key", "ctrl+alt+s"});
-        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(), QStringList{kSample}, 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream"), QStringList{kSample}, 15000);
         QVERIFY(showsAccessibleControl(QStringLiteral("Great! You did it!")));
 
         QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
@@ -190,8 +179,9 @@ private Q_SLOTS:
              runProgram(QStringLiteral("xclip"), {"-o", "-selection", "primary"}) == kEditorLine.toUtf8()),
             10000);
         xdotool({"key", "ctrl+alt+s"});
-        QTRY_VERIFY2_WITH_TIMEOUT(narratedTexts() == (QStringList{kSample, kEditorLine}),
-                                  qPrintable(narratedTexts().join(u'|')), 15000);
+        QTRY_VERIFY2_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream") ==
+                                      (QStringList{kSample, kEditorLine}),
+                                  qPrintable(m_server.narratedTexts(u"/api/tts/stream").join(u'|')), 15000);
         m_app.process.terminate();
         QVERIFY(m_app.process.waitForFinished(10000));
 

@@ -64,17 +64,11 @@ class TestX11Session : public QObject
         app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
         // Ready once it answers on its socket; its shortcuts are grabbed before that.
         for (int i = 0; i < 100 && app.process.state() != QProcess::NotRunning; ++i) {
-            if (!status().isEmpty())
+            if (!appStatus().isEmpty())
                 return true;
             QTest::qWait(100);
         }
         return false;
-    }
-
-    static QJsonObject status()
-    {
-        return QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"}))
-            .object();
     }
 
     static QJsonObject shortcut(const QJsonObject &status, QStringView action)
@@ -84,17 +78,6 @@ class TestX11Session : public QObject
                 return row.toObject();
         }
         return {};
-    }
-
-    QStringList narratedTexts() const
-    {
-        QStringList texts;
-        for (const QJsonObject &record : m_server.requests()) {
-            if (record.value(QStringLiteral("path")).toString() != u"/v1/audio/speech")
-                continue;
-            texts.append(DevServer::input(record));
-        }
-        return texts;
     }
 
     qint64 recordedSamples() const { return qint64(m_pulse->recorded().size()); }
@@ -157,7 +140,7 @@ private Q_SLOTS:
     {
         ChildProcess app;
         QVERIFY2(startApp(app), "the app did not answer --status");
-        const QJsonObject before = status();
+        const QJsonObject before = appStatus();
         for (const char *action : {"narrate", "playPause", "stop", "skipBack", "skipForward", "cycleSpeed"})
             QVERIFY2(shortcut(before, QString::fromLatin1(action))[u"registered"].toBool(), action);
         QCOMPARE(before[u"playbackSpeed"].toDouble(), 1.0);
@@ -167,33 +150,33 @@ private Q_SLOTS:
         selectTheLastLine();
         const qint64 start = recordedSamples();
         press("ctrl+alt+s");
-        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(), QStringList{kLine}, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(), QStringList{kLine}, 10000);
         QTRY_VERIFY_WITH_TIMEOUT(heard(start), 10000);
         for (const auto &[target, bytes] : kClipboard)
             QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
 
-        QTRY_VERIFY(status()[u"isPlaying"].toBool());
+        QTRY_VERIFY(appStatus()[u"isPlaying"].toBool());
         press("ctrl+alt+e");
-        QTRY_VERIFY(!status()[u"isPlaying"].toBool());
+        QTRY_VERIFY(!appStatus()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding while paused");
         const qint64 resumed = recordedSamples();
         press("ctrl+alt+e");
         QTRY_VERIFY_WITH_TIMEOUT(heard(resumed), 5000);
 
         press("ctrl+alt+t");
-        QTRY_COMPARE(status()[u"playbackSpeed"].toDouble(), 1.25);
+        QTRY_COMPARE(appStatus()[u"playbackSpeed"].toDouble(), 1.25);
 
-        QVERIFY(status()[u"isPlaying"].toBool());
+        QVERIFY(appStatus()[u"isPlaying"].toBool());
         press("ctrl+alt+q");
-        QTRY_VERIFY(!status()[u"hasContent"].toBool());
-        QVERIFY(!status()[u"isPlaying"].toBool());
+        QTRY_VERIFY(!appStatus()[u"hasContent"].toBool());
+        QVERIFY(!appStatus()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding after stop");
 
         // The caret alone, no selection: nothing to narrate.
         xdotool({"key", "ctrl+End"});
         press("ctrl+alt+s");
         QTest::qWait(kNothingHappensMs);
-        QCOMPARE(narratedTexts().size(), 1);
+        QCOMPARE(m_server.narratedTexts().size(), 1);
 
         app.process.terminate();
     }

@@ -41,24 +41,9 @@ bool enter(const QString &name, const QString &text)
     return true;
 }
 
-QJsonObject status()
-{
-    return QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})).object();
-}
-
 QString errorShown()
 {
-    return status()[u"currentError"][u"description"].toString();
-}
-
-QStringList narratedTexts(const DevServer &server)
-{
-    QStringList texts;
-    for (const QJsonObject &record : server.requests()) {
-        if (record[u"path"].toString() == u"/v1/audio/speech")
-            texts.append(DevServer::input(record));
-    }
-    return texts;
+    return appStatus()[u"currentError"][u"description"].toString();
 }
 
 } // namespace
@@ -196,19 +181,19 @@ private Q_SLOTS:
         if (refusing)
             QVERIFY2(refuser.start({"--fail-status", "401"}), qPrintable(refuser.errorString()));
         const DevServer &server = refusing ? refuser : m_second;
-        const qsizetype before = narratedTexts(m_server).size();
+        const qsizetype before = m_server.narratedTexts().size();
 
         QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
         QVERIFY(enter(QStringLiteral("Server"), server.url().toString()));
         QVERIFY(clickAccessibleControl(QStringLiteral("Test")));
         QVERIFY2(showsAccessibleControl(result), qPrintable(result));
-        QTRY_COMPARE(narratedTexts(server), QStringList{QStringLiteral("Test")});
+        QTRY_COMPARE(server.narratedTexts(), QStringList{QStringLiteral("Test")});
 
         runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--speak", spoken});
-        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(server), (QStringList{QStringLiteral("Test"), spoken}),
+        QTRY_COMPARE_WITH_TIMEOUT(server.narratedTexts(), (QStringList{QStringLiteral("Test"), spoken}),
                                   10000);
         QTRY_COMPARE(errorShown(), refusing ? result : QString());
-        QCOMPARE(narratedTexts(m_server).size(), before);
+        QCOMPARE(m_server.narratedTexts().size(), before);
     }
 
     // A combination another client holds is named as such, not left silently dead.
@@ -225,8 +210,8 @@ private Q_SLOTS:
         QVERIFY(clickAccessibleControl(QStringLiteral("Narrate Selection shortcut")));
         QTest::qWait(200); // the recorder takes the focus a turn later
         xdotool({"key", "ctrl+alt+n"});
-        QTRY_COMPARE(status()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
-        QVERIFY(status()[u"shortcuts"][0][u"registered"].toBool());
+        QTRY_COMPARE(appStatus()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
+        QVERIFY(appStatus()[u"shortcuts"][0][u"registered"].toBool());
 
         const QString file = m_dir.filePath(QStringLiteral("text.txt"));
         QFile f(file);
@@ -237,7 +222,7 @@ private Q_SLOTS:
         QVERIFY2(!openInMousepad(editor, file).isEmpty(), "mousepad did not show a window");
         xdotool({"key", "ctrl+End", "shift+Home"});
         xdotool({"key", "ctrl+alt+n"});
-        QTRY_COMPARE_WITH_TIMEOUT(narratedTexts(m_second).last(), kLine, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_second.narratedTexts().last(), kLine, 10000);
     }
 
     // Replay plays the kept audio without asking the server; the export is a FLAC file that decodes;
@@ -245,7 +230,7 @@ private Q_SLOTS:
     void historyReplayExportAndClear()
     {
         QVERIFY(clickAccessibleControl(QStringLiteral("History")));
-        QTRY_VERIFY_WITH_TIMEOUT(!status()[u"isPlaying"].toBool(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(!appStatus()[u"isPlaying"].toBool(), 15000);
         const qsizetype asked = m_second.requests().size();
         QVERIFY(clickAccessibleControl(u"Play " + kSpoken));
         QVERIFY(showsAccessibleControl(u"Pause " + kSpoken));
@@ -293,12 +278,12 @@ private Q_SLOTS:
         QVERIFY(opened.readAll().startsWith(
             m_server.url(QStringLiteral("/auth/v1/authorize?provider=google")).toString().toUtf8()));
         QVERIFY(KeychainHelper::shared().load(KeychainKey::accessToken));
-        QCOMPARE(status()[u"backend"].toString(), QStringLiteral("service"));
+        QCOMPARE(appStatus()[u"backend"].toString(), QStringLiteral("service"));
 
         QVERIFY(clickAccessibleControl(QStringLiteral("Sign Out")));
         QVERIFY(showsAccessibleControl(QStringLiteral("Continue with Google")));
         QVERIFY(!KeychainHelper::shared().load(KeychainKey::accessToken));
-        QCOMPARE(status()[u"backend"].toString(), QStringLiteral("ownKey"));
+        QCOMPARE(appStatus()[u"backend"].toString(), QStringLiteral("ownKey"));
     }
 
     // Where selection capture cannot work, the widget's "Open Settings" leads to the Shortcuts section,
@@ -312,11 +297,11 @@ private Q_SLOTS:
         env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
         m_app.process.setProcessEnvironment(env);
         m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QVERIFY(QTest::qWaitFor([] { return !status().isEmpty(); }, 10000));
+        QVERIFY(QTest::qWaitFor([] { return !appStatus().isEmpty(); }, 10000));
 
         // What the desktop's own binding runs there.
         runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--narrate-selection"});
-        QTRY_COMPARE(status()[u"currentError"][u"id"].toString(),
+        QTRY_COMPARE(appStatus()[u"currentError"][u"id"].toString(),
                      QStringLiteral("accessibilityPermissionMissing"));
         // The header's settings button comes first, the error's own second.
         QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings"), 1));

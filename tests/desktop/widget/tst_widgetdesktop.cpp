@@ -38,13 +38,6 @@ QByteArray activeWindow()
     return runProgram(program("xdotool"), {"getactivewindow"}).trimmed();
 }
 
-QJsonObject appStatus()
-{
-    const QJsonObject answer =
-        QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})).object();
-    return answer.value(QStringLiteral("status")).toObject(answer);
-}
-
 // The pixel's colour on the screen.
 QColor screenPixel(QPoint point)
 {
@@ -206,12 +199,7 @@ private Q_SLOTS:
         QTRY_VERIFY(!appStatus().value(QStringLiteral("hasContent")).toBool());
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
         // What was narrated is the editor's selection (its exchange is logged once the stop ended it).
-        const auto narrated = [this] {
-            for (const QJsonObject &request : m_server.requests())
-                if (request.value(QStringLiteral("path")).toString() == u"/api/tts/stream")
-                    return request.value(QStringLiteral("body")).toString();
-            return QString();
-        };
+        const auto narrated = [this] { return m_server.narratedTexts(u"/api/tts/stream").join(u'|'); };
         QTRY_VERIFY2(narrated().contains(QStringLiteral("floats above this editor")), qPrintable(narrated()));
         // Pinned: the controls stay when the pointer leaves.
         xdotool({"mousemove", "200", "600"});

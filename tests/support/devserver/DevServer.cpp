@@ -35,13 +35,8 @@ bool DevServer::start(const QStringList &arguments)
 
     // A file rather than a pipe: nobody reads a pipe while a test blocks, and a full one would stall
     // the server.
-    const QString stderrPath = m_dir.filePath(QStringLiteral("stderr.txt"));
-    m_process.setStandardErrorFile(stderrPath);
+    m_process.setStandardErrorFile(m_dir.filePath(QStringLiteral("stderr.txt")));
     m_process.start(program, QStringList{"--port", "0", "--log", logPath()} + arguments);
-    const auto standardError = [&] {
-        QFile file(stderrPath);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
-    };
 
     const QDeadlineTimer deadline(std::chrono::seconds(10));
     while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning && !deadline.hasExpired())
@@ -53,23 +48,29 @@ bool DevServer::start(const QStringList &arguments)
     if (port == 0 || port > 65535) {
         stop();
         return fail(QStringLiteral("%1 is not listening (%2, first line \"%3\"): %4")
-                        .arg(program, m_process.errorString(), line, standardError()));
+                        .arg(program, m_process.errorString(), line, standardError().trimmed()));
     }
     m_port = static_cast<quint16>(port);
     return true;
 }
 
-int DevServer::stop()
+int DevServer::stop(std::chrono::milliseconds timeout)
 {
     if (m_process.state() == QProcess::NotRunning)
         return -1;
     m_process.terminate();
-    if (!m_process.waitForFinished(5000)) {
+    if (!m_process.waitForFinished(int(timeout.count()))) {
         m_process.kill();
         m_process.waitForFinished();
         return -1;
     }
     return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+QString DevServer::standardError() const
+{
+    QFile file(m_dir.filePath(QStringLiteral("stderr.txt")));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 QUrl DevServer::url() const
@@ -138,6 +139,16 @@ QJsonObject DevServer::body(const QJsonObject &record)
 QString DevServer::input(const QJsonObject &record)
 {
     return body(record).value(QLatin1String("input")).toString();
+}
+
+QStringList DevServer::narratedTexts(QStringView path) const
+{
+    QStringList texts;
+    for (const QJsonObject &record : requests()) {
+        if (record.value(QLatin1String("path")).toString() == path)
+            texts.append(input(record));
+    }
+    return texts;
 }
 
 QProcessEnvironment DevServer::appEnvironment(QProcessEnvironment base) const

@@ -34,10 +34,12 @@ public:
     bool start(const QStringList &arguments = {});
 
     // Sends SIGTERM and returns the exit code; -1 when the server crashed, was not running, or had to
-    // be killed because it did not exit within 5 s.
-    int stop();
+    // be killed because it did not exit within the timeout (an instrumented one takes longer).
+    int stop(std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
     QString errorString() const { return m_error; }
+    // What the server wrote to standard error so far.
+    QString standardError() const;
 
     // http://127.0.0.1:PORT
     QUrl url() const;
@@ -59,6 +61,8 @@ public:
     static QJsonObject body(const QJsonObject &record);
     // The "input" member of that body: the text a speech request asked for.
     static QString input(const QJsonObject &record);
+    // The texts of the finished requests to `path`, in the order they ended.
+    QStringList narratedTexts(QStringView path = u"/v1/audio/speech") const;
 
     // `base` with every origin the app talks to (speech, the account service, sign-in) at this server,
     // and its anon key: the app's traffic stays on loopback.

@@ -4,6 +4,8 @@
 #include "platform/SystemClipboard.h"
 
 #include <QByteArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRect>
 #include <QString>
@@ -55,3 +57,11 @@ bool clickAccessibleControl(const QString &name, int index = 0);
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);
+
+#ifdef QUILLVOX_EXECUTABLE
+// What the running app answers to `quillvox --status`; empty when none runs.
+inline QJsonObject appStatus()
+{
+    return QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})).object();
+}
+#endif
