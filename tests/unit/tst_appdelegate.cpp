@@ -37,62 +37,39 @@ private Q_SLOTS:
 
     // Only KDE Plasma on Wayland with XWayland at hand moves the app to XWayland, and never against the
     // user's own QT_QPA_PLATFORM.
-    void windowingPlatform_data()
-    {
-        QTest::addColumn<QString>("desktop");
-        QTest::addColumn<bool>("wayland");
-        QTest::addColumn<bool>("xwayland");
-        QTest::addColumn<bool>("userChose");
-        QTest::addColumn<QByteArray>("expected");
-        QTest::newRow("plasma") << "KDE" << true << true << false << QByteArray("xcb");
-        QTest::newRow("plasma, listed second") << "neon:kde" << true << true << false << QByteArray("xcb");
-        QTest::newRow("plasma without xwayland") << "KDE" << true << false << false << QByteArray();
-        QTest::newRow("plasma, user's choice") << "KDE" << true << true << true << QByteArray();
-        QTest::newRow("plasma on x11") << "KDE" << false << true << false << QByteArray();
-        QTest::newRow("gnome") << "ubuntu:GNOME" << true << true << false << QByteArray();
-        QTest::newRow("sway") << "sway" << true << true << false << QByteArray();
-    }
     void windowingPlatform()
     {
-        QFETCH(QString, desktop);
-        QFETCH(bool, wayland);
-        QFETCH(bool, xwayland);
-        QFETCH(bool, userChose);
-        QTEST(WindowingPlatform::choose({desktop, wayland, xwayland, userChose}), "expected");
-    }
-
-    void shouldShowOnboarding_data()
-    {
-        QTest::addColumn<QVariant>("completed"); // invalid: never written
-        QTest::addColumn<bool>("apiKey");
-        QTest::addColumn<bool>("accessToken");
-        QTest::addColumn<bool>("onboarding");
-
-        QTest::newRow("first start") << QVariant() << false << false << true;
-        QTest::newRow("not finished, key saved") << QVariant(false) << true << false << true;
-        QTest::newRow("finished, own key") << QVariant(true) << true << false << false;
-        QTest::newRow("finished, signed in") << QVariant(true) << false << true << false;
-        QTest::newRow("finished, credentials gone") << QVariant(true) << false << false << true;
+        // Desktop, Wayland, XWayland at hand, the user's own choice: the platform asked for.
+        const std::tuple<const char *, bool, bool, bool, QByteArray> rows[] = {
+            {"KDE", true, true, false, "xcb"}, {"neon:kde", true, true, false, "xcb"},
+            {"KDE", true, false, false, {}},   {"KDE", true, true, true, {}},
+            {"KDE", false, true, false, {}},   {"ubuntu:GNOME", true, true, false, {}},
+            {"sway", true, true, false, {}}};
+        for (const auto &[desktop, wayland, xwayland, userChose, expected] : rows)
+            QCOMPARE(WindowingPlatform::choose({QString::fromLatin1(desktop), wayland, xwayland, userChose}),
+                     expected);
     }
 
     void shouldShowOnboarding()
     {
-        QFETCH(QVariant, completed);
-        QFETCH(bool, apiKey);
-        QFETCH(bool, accessToken);
-
-        const auto defaults = freshDefaults();
-        if (completed.isValid())
-            defaults->setBoolean(QStringLiteral("hasCompletedOnboarding"), completed.toBool());
-        auto *store = new MemorySecretStore;
-        KeychainHelper keychain(QStringLiteral("test"), std::unique_ptr<SecretStore>(store));
-        if (apiKey)
-            store->insert(QStringLiteral("test"), accountName(KeychainKey::openAIAPIKey), "sk-test");
-        if (accessToken)
-            store->insert(QStringLiteral("test"), accountName(KeychainKey::accessToken), "token");
-
-        AppDelegate delegate(*defaults, keychain);
-        QTEST(delegate.shouldShowOnboarding(), "onboarding");
+        // Onboarding completed (-1: never written), a key saved, signed in: whether onboarding shows.
+        const std::tuple<int, bool, bool, bool> rows[] = {{-1, false, false, true},
+                                                          {0, true, false, true},
+                                                          {1, true, false, false},
+                                                          {1, false, true, false},
+                                                          {1, false, false, true}};
+        for (const auto &[completed, apiKey, accessToken, onboarding] : rows) {
+            const auto defaults = freshDefaults();
+            if (completed >= 0)
+                defaults->setBoolean(QStringLiteral("hasCompletedOnboarding"), completed == 1);
+            auto *store = new MemorySecretStore;
+            KeychainHelper keychain(QStringLiteral("test"), std::unique_ptr<SecretStore>(store));
+            if (apiKey)
+                store->insert(QStringLiteral("test"), accountName(KeychainKey::openAIAPIKey), "sk-test");
+            if (accessToken)
+                store->insert(QStringLiteral("test"), accountName(KeychainKey::accessToken), "token");
+            QCOMPARE(AppDelegate(*defaults, keychain).shouldShowOnboarding(), onboarding);
+        }
     }
 
     // Each step posts its notifications in one go ("+" between them) and then lets the event loop run.

@@ -10,8 +10,6 @@
 
 #include <future>
 
-Q_DECLARE_METATYPE(RemoteControl::UrlRoute)
-
 namespace {
 
 using Route = RemoteControl::UrlRoute;
@@ -38,59 +36,41 @@ private Q_SLOTS:
         QVERIFY(clientBus().isConnected());
     }
 
-    void urlRoute_data()
-    {
-        QTest::addColumn<QString>("url");
-        QTest::addColumn<Route>("route");
-        const auto row = [](const char *url, Route route) {
-            QTest::newRow(url) << QString::fromUtf8(url) << route;
-        };
-        row("quillvox://auth/callback#access_token=a&refresh_token=r", Route::AuthCallback);
-        row("quillvox://auth/callback?x=1", Route::AuthCallback);
-        row("other://auth/callback", Route::AuthCallback); // the scheme is not checked
-        row("quillvox://purchase/success", Route::PurchaseSuccess);
-        row("quillvox://AUTH/callback", Route::Ignored);
-        row("quillvox://auth/Callback", Route::Ignored);
-        row("quillvox://auth/callback/", Route::Ignored);
-        row("quillvox://auth/error", Route::Ignored);
-        row("quillvox://purchase/cancel", Route::Ignored);
-        row("quillvox:auth/callback", Route::Ignored);
-        row("not a url", Route::Ignored);
-    }
-
     void urlRoute()
     {
-        QFETCH(QString, url);
-        QFETCH(Route, route);
-        QCOMPARE(RemoteControl::urlRoute(url), route);
+        const std::pair<const char *, Route> rows[] = {
+            {"quillvox://auth/callback#access_token=a&refresh_token=r", Route::AuthCallback},
+            {"quillvox://auth/callback?x=1", Route::AuthCallback},
+            {"other://auth/callback", Route::AuthCallback}, // the scheme is not checked
+            {"quillvox://purchase/success", Route::PurchaseSuccess},
+            {"quillvox://AUTH/callback", Route::Ignored},
+            {"quillvox://auth/Callback", Route::Ignored},
+            {"quillvox://auth/callback/", Route::Ignored},
+            {"quillvox://auth/error", Route::Ignored},
+            {"quillvox://purchase/cancel", Route::Ignored},
+            {"quillvox:auth/callback", Route::Ignored},
+            {"not a url", Route::Ignored}};
+        for (const auto &[url, route] : rows)
+            QCOMPARE(RemoteControl::urlRoute(QString::fromLatin1(url)), route);
     }
 
-    void busName_data()
-    {
-        QTest::addColumn<QString>("configFolder");
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("path");
-        QTest::newRow("default") << "/home/ann/.config"
-                                 << "com.vantor.Quillvox"
-                                 << "/com/vantor/Quillvox";
-        QTest::newRow("default, trailing slash") << "/home/ann/.config/"
-                                                 << "com.vantor.Quillvox"
-                                                 << "/com/vantor/Quillvox";
-        QTest::newRow("profile") << "/tmp/profile/config"
-                                 << "com.vantor.Quillvox.Profile_4722d43b96"
-                                 << "/com/vantor/Quillvox/Profile_4722d43b96";
-        QTest::newRow("profile, UTF-8 path") << "/tmp/prófile"
-                                             << "com.vantor.Quillvox.Profile_6fb65a684f"
-                                             << "/com/vantor/Quillvox/Profile_6fb65a684f";
-    }
-
+    // The default profile has the plain name; any other configuration folder one of its own.
     void busName()
     {
-        QFETCH(QString, configFolder);
-        QFETCH(QString, name);
-        QFETCH(QString, path);
-        QCOMPARE(SingleInstance::busNameFor(configFolder, QStringLiteral("/home/ann")), name);
-        QCOMPARE(SingleInstance::objectPathFor(name), path);
+        const std::pair<const char *, QString> rows[] = {
+            {"/home/ann/.config", QString()},
+            {"/home/ann/.config/", QString()},
+            {"/tmp/profile/config", QStringLiteral("Profile_4722d43b96")},
+            {"/tmp/prófile", QStringLiteral("Profile_6fb65a684f")}};
+        for (const auto &[folder, profile] : rows) {
+            const QString name =
+                SingleInstance::busNameFor(QString::fromUtf8(folder), QStringLiteral("/home/ann"));
+            QCOMPARE(name, QStringLiteral("com.vantor.Quillvox") +
+                               (profile.isEmpty() ? QString() : u'.' + profile));
+            QCOMPARE(SingleInstance::objectPathFor(name),
+                     QStringLiteral("/com/vantor/Quillvox") +
+                         (profile.isEmpty() ? QString() : u'/' + profile));
+        }
     }
 
     void overTheBus_data()

@@ -114,26 +114,17 @@ private Q_SLOTS:
         QCOMPARE(vm.showFullControls(), steps.count(QStringLiteral("toggle")) == 1);
     }
 
-    void playState_data()
-    {
-        QTest::addColumn<bool>("processing");
-        QTest::addColumn<bool>("content");
-        QTest::addColumn<bool>("playing");
-        QTest::addColumn<PlayState>("state");
-        QTest::newRow("processing wins") << true << true << true << PlayState::Loading;
-        QTest::newRow("processing, nothing yet") << true << false << false << PlayState::Loading;
-        QTest::newRow("no content") << false << false << true << PlayState::Idle;
-        QTest::newRow("playing") << false << true << true << PlayState::Playing;
-        QTest::newRow("paused") << false << true << false << PlayState::Paused;
-    }
-
+    // Processing, content, playing: the state the buttons show. Processing wins over everything.
     void playState()
     {
-        QFETCH(bool, processing);
-        QFETCH(bool, content);
-        QFETCH(bool, playing);
-        QFETCH(PlayState, state);
-        QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
+        using P = PlayState;
+        const std::tuple<bool, bool, bool, PlayState> rows[] = {{true, true, true, P::Loading},
+                                                                {true, false, false, P::Loading},
+                                                                {false, false, true, P::Idle},
+                                                                {false, true, true, P::Playing},
+                                                                {false, true, false, P::Paused}};
+        for (const auto &[processing, content, playing, state] : rows)
+            QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
     }
 
     // Skips and seeks on a real controller playing 10 s of audio; -1: no seek at all.
@@ -180,22 +171,13 @@ private Q_SLOTS:
         QCOMPARE(seeks.first().first().toLongLong(), frame);
     }
 
-    void labels_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("65.4") << WidgetFormat::timeLabel(65.4) << "1:05";
-        QTest::newRow("-3 shows as positive") << WidgetFormat::timeLabel(-3) << "0:03";
-        QTest::newRow("59.5 rounds up") << WidgetFormat::timeLabel(59.5) << "1:00";
-        QTest::newRow("an hour has no hour field") << WidgetFormat::timeLabel(3600) << "60:00";
-        QTest::newRow("speed 2") << WidgetFormat::speedLabel(2.0) << "2.0x";
-    }
-
     void labels()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, expected);
-        QCOMPARE(text, expected);
+        QCOMPARE(WidgetFormat::timeLabel(65.4), u"1:05"_qs);
+        QCOMPARE(WidgetFormat::timeLabel(-3), u"0:03"_qs);    // shown as positive
+        QCOMPARE(WidgetFormat::timeLabel(59.5), u"1:00"_qs);  // rounded
+        QCOMPARE(WidgetFormat::timeLabel(3600), u"60:00"_qs); // no hour field
+        QCOMPARE(WidgetFormat::speedLabel(2.0), u"2.0x"_qs);
     }
 
     void barColors_data()
@@ -232,26 +214,16 @@ private Q_SLOTS:
         QVERIFY(!repaint.isEmpty());
     }
 
-    void timelineRunsOnlyWhileSomethingMoves_data()
-    {
-        QTest::addColumn<bool>("playing");
-        QTest::addColumn<bool>("processing");
-        QTest::addColumn<float>("tallestBar");
-        QTest::addColumn<bool>("runs");
-        QTest::newRow("idle and at rest") << false << false << 0.0f << false;
-        QTest::newRow("bars at the threshold") << false << false << 0.01f << false;
-        QTest::newRow("bars still falling") << false << false << 0.02f << true;
-        QTest::newRow("playing") << true << false << 0.0f << true;
-        QTest::newRow("generating") << false << true << 0.0f << true;
-    }
-
+    // Playing, generating, the tallest bar: whether the timeline runs. Bars fall until they reach 0.01.
     void timelineRunsOnlyWhileSomethingMoves()
     {
-        QFETCH(bool, playing);
-        QFETCH(bool, processing);
-        QFETCH(float, tallestBar);
-        QFETCH(bool, runs);
-        QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
+        const std::tuple<bool, bool, float, bool> rows[] = {{false, false, 0.0f, false},
+                                                            {false, false, 0.01f, false},
+                                                            {false, false, 0.02f, true},
+                                                            {true, false, 0.0f, true},
+                                                            {false, true, 0.0f, true}};
+        for (const auto &[playing, processing, tallestBar, runs] : rows)
+            QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
     }
 
     void waveformFollowsPlayback()

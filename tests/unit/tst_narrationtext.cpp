@@ -42,41 +42,21 @@ private Q_SLOTS:
         QCOMPARE(comparableText(text), comparable);
     }
 
-    void characters_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<qint64>("count");
-
-        QTest::newRow("ascii") << "abc" << qint64(3);
-        QTest::newRow("combining accent") << "e\u0301" << qint64(1);
-        QTest::newRow("CRLF is one") << "a\r\nb" << qint64(3);
-    }
-
+    // A user-perceived character is one: a letter with its accent, a line break of CR and LF.
     void characters()
     {
-        QFETCH(QString, text);
-        QFETCH(qint64, count);
-        QCOMPARE(characterCount(text), count);
+        QCOMPARE(characterCount(QStringLiteral("abc")), qint64(3));
+        QCOMPARE(characterCount(QStringLiteral("e\u0301")), qint64(1));
+        QCOMPARE(characterCount(QStringLiteral("a\r\nb")), qint64(3));
     }
 
-    void estimate_data()
-    {
-        QTest::addColumn<int>("characters");
-        QTest::addColumn<float>("speed");
-        QTest::addColumn<double>("seconds");
-
-        QTest::newRow("660 at 1.0") << 660 << 1.0f << 40.0;
-        QTest::newRow("660 at 2.0") << 660 << 2.0f << 20.0;
-        QTest::newRow("one at 2.0") << 1 << 2.0f << 1.0 / 6.0 / 2.75 / 2.0;
-        QTest::newRow("speed floor") << 660 << 0.0f << 400.0;
-    }
-
+    // Characters per second at 1×, divided by the speed, which counts as at least 0.1.
     void estimate()
     {
-        QFETCH(int, characters);
-        QFETCH(float, speed);
-        QFETCH(double, seconds);
-        QVERIFY(qAbs(estimatedDuration(QString(characters, u'x'), speed) - seconds) < 1e-9);
+        const std::tuple<int, float, double> rows[] = {
+            {660, 1.0f, 40.0}, {660, 2.0f, 20.0}, {1, 2.0f, 1.0 / 6.0 / 2.75 / 2.0}, {660, 0.0f, 400.0}};
+        for (const auto &[characters, speed, seconds] : rows)
+            QVERIFY(qAbs(estimatedDuration(QString(characters, u'x'), speed) - seconds) < 1e-9);
     }
 };
 

@@ -44,7 +44,6 @@ private:
     std::atomic<std::size_t> m_count{0};
 };
 
-using Steps = QList<std::pair<int, int>>; // (frames, device delay after them)
 using Pulls = QList<std::pair<int, int>>; // (frames, device delay before them)
 
 } // namespace
@@ -54,98 +53,70 @@ class TestNullAudioSink : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void manualClockReportsWhatIsUnheard_data()
+    // Steps: "open", "refused" (an open that fails), "close", "on"/"off", "discard", and "F/D": F frames of
+    // time pass, after which the device holds D frames unheard.
+    void manualClock_data()
     {
-        QTest::addColumn<Steps>("steps");
-        QTest::addColumn<bool>("discardBeforeLast");
+        QTest::addColumn<QStringList>("steps");
         QTest::addColumn<Pulls>("pulls");
 
-        QTest::newRow("no latency") << Steps{{100, 0}, {50, 0}} << false
+        QTest::newRow("no latency") << QStringList{"open", "on", "100/0", "50/0"}
                                     << Pulls{{100, 0}, {0, 0}, {50, 0}, {0, 0}};
         QTest::newRow("latency carried to the next pull")
-            << Steps{{100, 30}, {50, 80}, {10, 0}} << false
+            << QStringList{"open", "on", "100/30", "50/80", "10/0"}
             << Pulls{{100, 0}, {0, 30}, {50, 30}, {0, 80}, {10, 80}, {0, 0}};
-        QTest::newRow("discard empties the device")
-            << Steps{{100, 60}, {50, 20}} << true << Pulls{{100, 0}, {0, 60}, {50, 0}, {0, 20}};
+        QTest::newRow("discard empties the device") << QStringList{"open", "on", "100/60", "discard", "50/20"}
+                                                    << Pulls{{100, 0}, {0, 60}, {50, 0}, {0, 20}};
+        QTest::newRow("opens paused, and paused keeps what it holds")
+            << QStringList{"open", "64/0", "on", "100/40", "off", "100/0", "on", "10/0"}
+            << Pulls{{100, 0}, {0, 40}, {10, 40}, {0, 0}};
+        QTest::newRow("refused or closed, nothing plays")
+            << QStringList{"refused", "on", "10/0", "open", "close", "on", "10/0"} << Pulls{};
     }
 
-    void manualClockReportsWhatIsUnheard()
+    void manualClock()
     {
-        QFETCH(Steps, steps);
-        QFETCH(bool, discardBeforeLast);
+        QFETCH(QStringList, steps);
         QFETCH(Pulls, pulls);
 
         RecordingSource source;
         NullAudioSink sink;
-        QVERIFY(sink.open(&source, nullptr));
-        sink.setActive(true);
+        bool open = false, active = false;
         std::size_t pulledFrames = 0;
-        for (qsizetype i = 0; i < steps.size(); ++i) {
-            if (discardBeforeLast && i == steps.size() - 1)
+        for (const QString &step : std::as_const(steps)) {
+            QString error;
+            if (step == u"open") {
+                QVERIFY(sink.open(&source, &error));
+                open = true;
+                active = false;
+            } else if (step == u"refused") {
+                sink.setOpenError(QStringLiteral("no device"));
+                QVERIFY(!sink.open(&source, &error));
+                QCOMPARE(error, QStringLiteral("no device"));
+                sink.setOpenError({});
+            } else if (step == u"close") {
+                sink.close();
+                open = active = false;
+            } else if (step == u"on" || step == u"off") {
+                active = step == u"on";
+                sink.setActive(active);
+            } else if (step == u"discard") {
                 sink.discardPending();
-            const std::span<const float> out = sink.advance(std::size_t(steps[i].first), steps[i].second);
-            QCOMPARE(out.size(), std::size_t(steps[i].first));
-            for (std::size_t f = 0; f < out.size(); ++f)
-                QCOMPARE(out[f], float(pulledFrames + f));
-            pulledFrames += out.size();
+            } else {
+                const std::size_t frames = step.section(u'/', 0, 0).toUInt();
+                const std::span<const float> out = sink.advance(frames, step.section(u'/', 1).toInt());
+                QCOMPARE(out.size(), open ? frames : 0);
+                for (std::size_t f = 0; f < out.size(); ++f)
+                    QCOMPARE(out[f], active ? float(pulledFrames + f) : 0.0f);
+                pulledFrames += active ? out.size() : 0;
+            }
+            QCOMPARE(sink.isOpen(), open);
+            QCOMPARE(sink.isActive(), active);
         }
         std::vector<RecordingSource::Pull> expected;
         for (const auto &[frames, delay] : pulls)
             expected.push_back({std::size_t(frames), delay});
         QVERIFY(source.pulls() == expected);
-    }
-
-    void inactiveDeviceKeepsWhatItHolds()
-    {
-        RecordingSource source;
-        NullAudioSink sink;
-        QVERIFY(sink.open(&source, nullptr));
-        QVERIFY2(!sink.isActive(), "a sink opens paused");
-        const std::span<const float> silent = sink.advance(64, 0);
-        QCOMPARE(silent.size(), std::size_t(64));
-        QVERIFY(std::all_of(silent.begin(), silent.end(), [](float s) { return s == 0.0f; }));
-        QCOMPARE(source.count(), std::size_t(0));
-
-        sink.setActive(true);
-        sink.advance(100, 40);
-        sink.setActive(false);
-        sink.advance(100, 0);
-        sink.setActive(true);
-        sink.advance(10, 0);
-        const std::vector<RecordingSource::Pull> expected{{100, 0}, {0, 40}, {10, 40}, {0, 0}};
-        QVERIFY(source.pulls() == expected);
-    }
-
-    void openAndClose()
-    {
-        RecordingSource source;
-        NullAudioSink sink;
-        sink.setOpenError(QStringLiteral("no device"));
-        QString error;
-        QVERIFY(!sink.open(&source, &error));
-        QCOMPARE(error, QStringLiteral("no device"));
-        QVERIFY(!sink.isOpen());
-        QVERIFY(sink.advance(10).empty());
-
-        sink.setOpenError({});
-        QVERIFY(sink.open(&source, &error));
-        QVERIFY(sink.isOpen());
-        QCOMPARE(sink.openCount(), 1);
-        sink.close();
-        QVERIFY(!sink.isOpen());
-        QVERIFY(!sink.isActive());
-        sink.setActive(true);
-        QVERIFY(sink.advance(10).empty());
-        QCOMPARE(source.count(), std::size_t(0));
-    }
-
-    void failuresReachTheHandler()
-    {
-        NullAudioSink sink;
-        QStringList reasons;
-        sink.setFailureHandler([&](const QString &reason) { reasons.append(reason); });
-        sink.simulateFailure(QStringLiteral("Connection terminated"));
-        QCOMPARE(reasons, QStringList{QStringLiteral("Connection terminated")});
     }
 
     void realTimeClockPullsOnlyWhileActive()

@@ -153,25 +153,17 @@ private Q_SLOTS:
         QTEST(vm.currentStepName(), "afterTutorial");
     }
 
-    void packageTexts_data()
-    {
-        QTest::addColumn<double>("hours");
-        QTest::addColumn<QString>("hoursText");
-        QTest::addColumn<int>("cents");
-        QTest::addColumn<QString>("priceText");
-
-        QTest::newRow("starter") << 2.5 << "2.5 hours" << 500 << "$5.00";
-        QTest::newRow("pro") << 20.0 << "20 hours" << 3500 << "$35.00";
-        QTest::newRow("one hour, odd cents") << 1.0 << "1 hour" << 1999 << "$19.99";
-        QTest::newRow("fraction, few cents") << 3.33 << "3.3 hours" << 5 << "$0.05";
-    }
-
     void packageTexts()
     {
-        QFETCH(double, hours);
-        QFETCH(int, cents);
-        QTEST(OnboardingPackage::hoursText(hours), "hoursText");
-        QTEST(OnboardingPackage::priceText(cents), "priceText");
+        const std::tuple<double, const char *, int, const char *> rows[] = {
+            {2.5, "2.5 hours", 500, "$5.00"},
+            {20.0, "20 hours", 3500, "$35.00"},
+            {1.0, "1 hour", 1999, "$19.99"},
+            {3.33, "3.3 hours", 5, "$0.05"}};
+        for (const auto &[hours, hoursText, cents, priceText] : rows) {
+            QCOMPARE(OnboardingPackage::hoursText(hours), QString::fromLatin1(hoursText));
+            QCOMPARE(OnboardingPackage::priceText(cents), QString::fromLatin1(priceText));
+        }
     }
 
     void tokenExchangeUrl_data()

@@ -30,7 +30,6 @@
 
 using Verdict = OpenAIServer::Verdict;
 Q_DECLARE_METATYPE(Verdict::Kind)
-Q_DECLARE_METATYPE(GnomeShellExtension::Support)
 
 class TestSettingsModels : public QObject
 {
@@ -223,35 +222,26 @@ private Q_SLOTS:
         QCOMPARE(m_defaults->unsigned32(keyCodeKey), HotkeyManager::defaultKeyFor(binding));
     }
 
-    void usagePeriods_data()
-    {
-        QTest::addColumn<int>("index");
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<QString>("server");
-
-        QTest::newRow("week") << 0 << QStringLiteral("This Week") << QStringLiteral("week");
-        QTest::newRow("month") << 1 << QStringLiteral("This Month") << QStringLiteral("month");
-        QTest::newRow("all") << 2 << QStringLiteral("All Time") << QStringLiteral("all");
-    }
+    // Each period in picker order: its label, its name for the server, and the counts shown on picking
+    // it (the week is picked at first).
     void usagePeriods()
     {
-        QFETCH(int, index);
-        QFETCH(QString, label);
-        QFETCH(QString, server);
-        const UsagePeriod period = allUsagePeriods().at(index);
-        QCOMPARE(usagePeriodLabel(period), label);
-        QCOMPARE(UsageSettingsModel::serverPeriod(period), server);
-
-        // Picking the period shows its counts (the week is picked at first).
         m_defaults->setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
         UsageManager usage(*m_defaults);
         usage.recordNarration(5);
-        UsageSettingsModel model(usage, nullptr, nullptr);
-        QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
-        model.setPeriodIndex(index);
-        QCOMPARE(shown.size(), index == 0 ? 0 : 1);
-        QCOMPARE(model.characters(), usage.stats(period).characters);
-        QCOMPARE(model.narrations(), usage.stats(period).narrations);
+        const std::pair<const char *, const char *> rows[] = {
+            {"This Week", "week"}, {"This Month", "month"}, {"All Time", "all"}};
+        for (int index = 0; index < 3; ++index) {
+            const UsagePeriod period = allUsagePeriods().at(index);
+            QCOMPARE(usagePeriodLabel(period), QString::fromLatin1(rows[index].first));
+            QCOMPARE(UsageSettingsModel::serverPeriod(period), QString::fromLatin1(rows[index].second));
+            UsageSettingsModel model(usage, nullptr, nullptr);
+            QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
+            model.setPeriodIndex(index);
+            QCOMPARE(shown.size(), index == 0 ? 0 : 1);
+            QCOMPARE(model.characters(), usage.stats(period).characters);
+            QCOMPARE(model.narrations(), usage.stats(period).narrations);
+        }
     }
 
     // About's switches land where the update checker and the desktop session read them.
@@ -271,33 +261,22 @@ private Q_SLOTS:
 
     // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
     // it cannot run, neither where a new login is the answer or it already runs.
-    void gnomeOffers_data()
-    {
-        QTest::addColumn<GnomeShellExtension::Support>("support");
-        QTest::addColumn<bool>("canEnable");
-        QTest::addColumn<bool>("canAdd");
-        using S = GnomeShellExtension::Support;
-        QTest::newRow("not gnome") << S::NotGnome << false << false;
-        QTest::newRow("running") << S::Available << false << false;
-        QTest::newRow("switched off") << S::NotEnabled << true << false;
-        QTest::newRow("installed after login") << S::NeedsRestart << false << false;
-        QTest::newRow("not installed") << S::NotInstalled << false << true;
-        QTest::newRow("failed") << S::Failed << false << true;
-    }
     void gnomeOffers()
     {
-        QFETCH(GnomeShellExtension::Support, support);
-        QFETCH(bool, canEnable);
-        QFETCH(bool, canAdd);
-        ShortcutSettingsModel model(nullptr, QString());
-        QSignalSpy changed(&model, &ShortcutSettingsModel::gnomeChanged);
-        model.setGnomeSupport(support);
-        QCOMPARE(model.canEnableGnomeExtension(), canEnable);
-        QCOMPARE(model.canAddGnomeKeybindings(), canAdd);
-        QCOMPARE(model.gnomeExtensionHelp().isEmpty(),
-                 support == GnomeShellExtension::Support::NotGnome ||
-                     support == GnomeShellExtension::Support::Available);
-        QCOMPARE(changed.size(), support == GnomeShellExtension::Support::NotGnome ? 0 : 1);
+        using S = GnomeShellExtension::Support;
+        // The support, then whether the extension can be switched on and GNOME's shortcuts added.
+        const std::tuple<S, bool, bool> rows[] = {
+            {S::NotGnome, false, false},     {S::Available, false, false},   {S::NotEnabled, true, false},
+            {S::NeedsRestart, false, false}, {S::NotInstalled, false, true}, {S::Failed, false, true}};
+        for (const auto &[support, canEnable, canAdd] : rows) {
+            ShortcutSettingsModel model(nullptr, QString());
+            QSignalSpy changed(&model, &ShortcutSettingsModel::gnomeChanged);
+            model.setGnomeSupport(support);
+            QCOMPARE(model.canEnableGnomeExtension(), canEnable);
+            QCOMPARE(model.canAddGnomeKeybindings(), canAdd);
+            QCOMPARE(model.gnomeExtensionHelp().isEmpty(), support == S::NotGnome || support == S::Available);
+            QCOMPARE(changed.size(), support == S::NotGnome ? 0 : 1);
+        }
     }
 
     // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or

@@ -56,58 +56,36 @@ private Q_SLOTS:
 
     void cleanup() { m_window.reset(); }
 
-    void interpretKeyPress_data()
-    {
-        QTest::addColumn<quint32>("scanCode");
-        QTest::addColumn<int>("qtKey");
-        QTest::addColumn<Qt::KeyboardModifiers>("modifiers");
-        QTest::addColumn<int>("kind");
-        QTest::addColumn<quint32>("key");
-        QTest::addColumn<quint64>("flags");
-
-        const auto none = Qt::KeyboardModifiers();
-        QTest::newRow("Escape cancels")
-            << kEscape << int(Qt::Key_Escape) << none << int(Kind::Cancel) << 0u << quint64(0);
-        QTest::newRow("letter alone keeps waiting")
-            << kKeyA << int(Qt::Key_A) << none << int(Kind::Ignore) << 0u << quint64(0);
-        QTest::newRow("Shift-A counts") << kKeyA << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ShiftModifier)
-                                        << int(Kind::Record) << 0u << quint64(0x20000);
-        QTest::newRow("Super+Q is Control-Q")
-            << kKeyQ << int(Qt::Key_Q) << Qt::KeyboardModifiers(Qt::MetaModifier) << int(Kind::Record) << 12u
-            << quint64(0x40000);
-        QTest::newRow("the key by position, not by layout (AZERTY A on the Q key)")
-            << kKeyQ << int(Qt::Key_A) << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Record)
-            << 12u << quint64(0x100000);
-        QTest::newRow("Caps Lock pressed with Ctrl is a modifier")
-            << kCapsLock << int(Qt::Key_CapsLock) << Qt::KeyboardModifiers(Qt::ControlModifier)
-            << int(Kind::Ignore) << 0u << quint64(0);
-        QTest::newRow("Shift pressed while Ctrl is held")
-            << kLeftShift << int(Qt::Key_Shift) << (Qt::ControlModifier | Qt::ShiftModifier)
-            << int(Kind::Ignore) << 0u << quint64(0);
-        QTest::newRow("AltGr") << kRightAlt << int(Qt::Key_AltGr)
-                               << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Ignore) << 0u
-                               << quint64(0);
-        QTest::newRow("key with no name")
-            << kPlayPause << int(Qt::Key_MediaTogglePlayPause) << Qt::KeyboardModifiers(Qt::ControlModifier)
-            << int(Kind::Ignore) << 0u << quint64(0);
-        QTest::newRow("no native key code")
-            << 0u << int(Qt::Key_S) << Qt::KeyboardModifiers(Qt::ControlModifier) << int(Kind::Ignore) << 0u
-            << quint64(0);
-    }
-
     void interpretKeyPress()
     {
-        QFETCH(quint32, scanCode);
-        QFETCH(int, qtKey);
-        QFETCH(Qt::KeyboardModifiers, modifiers);
-        QFETCH(int, kind);
-        QFETCH(quint32, key);
-        QFETCH(quint64, flags);
-
-        const auto meaning = ShortcutRecorderItem::interpretKeyPress(scanCode, qtKey, modifiers);
-        QCOMPARE(int(meaning.kind), kind);
-        QCOMPARE(meaning.key, key);
-        QCOMPARE(meaning.modifiers, flags);
+        struct Row
+        {
+            quint32 scanCode;
+            int qtKey;
+            Qt::KeyboardModifiers modifiers;
+            Kind kind;
+            quint32 key = 0;
+            quint64 flags = 0;
+        };
+        const Qt::KeyboardModifiers none, ctrl = Qt::ControlModifier;
+        const Row rows[] = {
+            {kEscape, Qt::Key_Escape, none, Kind::Cancel},
+            {kKeyA, Qt::Key_A, none, Kind::Ignore}, // a letter alone keeps waiting
+            {kKeyA, Qt::Key_A, Qt::ShiftModifier, Kind::Record, 0, 0x20000},
+            {kKeyQ, Qt::Key_Q, Qt::MetaModifier, Kind::Record, 12, 0x40000}, // Super is Control
+            // The key by position, not by layout: AZERTY's A on the Q key.
+            {kKeyQ, Qt::Key_A, ctrl, Kind::Record, 12, 0x100000},
+            {kCapsLock, Qt::Key_CapsLock, ctrl, Kind::Ignore},
+            {kLeftShift, Qt::Key_Shift, ctrl | Qt::ShiftModifier, Kind::Ignore},
+            {kRightAlt, Qt::Key_AltGr, ctrl, Kind::Ignore},
+            {kPlayPause, Qt::Key_MediaTogglePlayPause, ctrl, Kind::Ignore}, // a key with no name
+            {0, Qt::Key_S, ctrl, Kind::Ignore}};                            // no native key code
+        for (const Row &r : rows) {
+            const auto meaning = ShortcutRecorderItem::interpretKeyPress(r.scanCode, r.qtKey, r.modifiers);
+            QCOMPARE(int(meaning.kind), int(r.kind));
+            QCOMPARE(meaning.key, r.key);
+            QCOMPARE(meaning.modifiers, r.flags);
+        }
     }
 
     void recordingTakesFocusAndRecordsOnce()

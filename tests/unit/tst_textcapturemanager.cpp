@@ -360,37 +360,28 @@ private Q_SLOTS:
         QCOMPARE(m_timeline.isEmpty(), copyKeys.isEmpty());
     }
 
-    void focusedEditorSelection_data()
-    {
-        QTest::addColumn<bool>("enabled");
-        QTest::addColumn<bool>("readOnly");
-        QTest::addColumn<int>("hints");
-        QTest::addColumn<bool>("read");
-
-        QTest::newRow("text field") << true << false << int(Qt::ImhNone) << true;
-        QTest::newRow("read-only text") << false << true << int(Qt::ImhNone) << true;
-        QTest::newRow("password field") << true << false << int(Qt::ImhHiddenText) << false;
-        QTest::newRow("sensitive field") << true << false << int(Qt::ImhSensitiveData) << false;
-        QTest::newRow("not an editor") << false << false << int(Qt::ImhNone) << false;
-    }
-
+    // Our own focused field is read through the input method queries; never a password or other
+    // sensitive field, and nothing that is no editor.
     void focusedEditorSelection()
     {
-        QFETCH(bool, enabled);
-        QFETCH(bool, readOnly);
-        QFETCH(int, hints);
-        QFETCH(bool, read);
-
         EditorWindow window;
-        window.editor.enabled = enabled;
-        window.editor.readOnly = readOnly;
-        window.editor.hints = Qt::InputMethodHints(hints);
         window.editor.selection = QStringLiteral("picked");
         window.show();
         window.requestActivate();
         QVERIFY(QTest::qWaitForWindowActive(&window));
-        QCOMPARE(TextCaptureManager::focusedEditorSelection(),
-                 read ? std::optional(u"picked"_qs) : std::nullopt);
+        const std::tuple<bool, bool, Qt::InputMethodHint, bool> rows[] = {
+            {true, false, Qt::ImhNone, true},
+            {false, true, Qt::ImhNone, true}, // read-only text
+            {true, false, Qt::ImhHiddenText, false},
+            {true, false, Qt::ImhSensitiveData, false},
+            {false, false, Qt::ImhNone, false}};
+        for (const auto &[enabled, readOnly, hints, read] : rows) {
+            window.editor.enabled = enabled;
+            window.editor.readOnly = readOnly;
+            window.editor.hints = hints;
+            QCOMPARE(TextCaptureManager::focusedEditorSelection(),
+                     read ? std::optional(u"picked"_qs) : std::nullopt);
+        }
     }
 };
 
