@@ -1,13 +1,113 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The narration controller end to end: real HTTP to the dev server on loopback, the audio engine on the
-// null sink's virtual clock, secrets in an in-memory store.
-#include "SpeechFixture.h"
+// null sink's virtual clock or a PulseAudio daemon of the test's own, secrets in an in-memory store; and
+// narration when things go wrong or grow large: texts longer than one request takes, a piece failing
+// midway, the sound server going away mid-narration. Fakes stand in for the account, the records and the
+// selection.
+#include "DevServer.h"
+#include "PulseServer.h"
 
-#include "speech/AudioEngine.h"
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "platform/pulse/PulseAudioSink.h"
+#include "speech/NarrationServices.h"
+#include "speech/NarrationText.h"
+#include "speech/SpeechManager.h"
+#include "speech/TextPieces.h"
 
+#include <QElapsedTimer>
+#include <QFile>
 #include <QJsonArray>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
 
 namespace {
+
+class FakeAccount final : public AccountGate
+{
+public:
+    bool signedIn = false;
+    qint64 balance = 3600;
+    int minutes = 60;
+    std::optional<QString> token = QStringLiteral("service-token");
+    QList<double> deducted;
+
+    bool isSignedIn() const override { return signedIn; }
+    qint64 balanceSeconds() const override { return balance; }
+    int minutesRemaining() const override { return minutes; }
+    void getValidAccessToken(QObject *context, std::function<void(std::optional<QString>)> done) override
+    {
+        // Answer in a later turn of the event loop, as a real refresh would.
+        QTimer::singleShot(0, context, [done, t = token] { done(t); });
+    }
+    void deductSeconds(double seconds) override { deducted << seconds; }
+};
+
+class FakeRecords final : public NarrationRecords
+{
+public:
+    struct Session
+    {
+        QString text, voice;
+        double duration;
+        qsizetype bytes;
+    };
+    QList<Session> sessions;
+    QList<qint64> usage;
+    QString folder;
+
+    void addSession(const QString &text, const QString &voice, double durationSeconds,
+                    const QByteArray &audioData) override
+    {
+        sessions << Session{text, voice, durationSeconds, audioData.size()};
+    }
+    QString audioFile(const QUuid &id) const override
+    {
+        return folder + u'/' + id.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".pcm");
+    }
+    void recordUsage(qint64 characters) override { usage << characters; }
+};
+
+class FakeSelection final : public SelectionSource
+{
+public:
+    bool trusted = true;
+    std::optional<QString> selection;
+    bool isProcessTrusted(bool) override { return trusted; }
+    std::optional<QString> captureSelectedText() override { return selection; }
+};
+
+// Notes when each request leaves.
+class RecordingNetwork final : public QNetworkAccessManager
+{
+public:
+    QElapsedTimer clock;
+    QList<qint64> sentAtMs;
+
+protected:
+    QNetworkReply *createRequest(Operation op, const QNetworkRequest &request, QIODevice *data) override
+    {
+        sentAtMs << clock.elapsed();
+        return QNetworkAccessManager::createRequest(op, request, data);
+    }
+};
+
+QString longText(qsizetype length)
+{
+    QString text;
+    for (int i = 0; text.size() < length; ++i)
+        text += QStringLiteral("Sentence number %1 goes on for a while. ").arg(i);
+    return text.left(length);
+}
 
 QString sentence(int words)
 {
@@ -19,10 +119,71 @@ QString sentence(int words)
 
 } // namespace
 
-class TestSpeechManager : public SpeechFixture
+// A manager that talks to a dev server with the own key "local" from an in-memory keychain.
+class TestSpeechManager : public QObject
 {
     Q_OBJECT
 
+    QTemporaryDir m_dir;
+    std::unique_ptr<DevServer> m_server;
+    std::unique_ptr<UserDefaults> m_defaults;
+    std::unique_ptr<KeychainHelper> m_keychain;
+    FakeAccount m_account;
+    FakeRecords m_records;
+    FakeSelection m_selection;
+    RecordingNetwork m_network;
+    NullAudioSink *m_sink = nullptr; // the manager's, when it plays on the null sink
+    std::unique_ptr<SpeechManager> m_speech;
+
+    // Starts a dev server with `arguments` and a manager on the null sink that talks to it.
+    bool startServer(const QStringList &arguments)
+    {
+        m_server = std::make_unique<DevServer>();
+        if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine")} + arguments)) {
+            qWarning() << m_server->errorString();
+            return false;
+        }
+        createManager(m_server->url());
+        return true;
+    }
+
+    // A new manager for both the service and the own-key origin; on the null sink unless given a sink.
+    void createManager(const QUrl &origin, std::unique_ptr<AudioSink> sink = {})
+    {
+        m_speech.reset();
+        m_sink = nullptr;
+        if (!sink) {
+            auto null = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+            m_sink = null.get();
+            sink = std::move(null);
+        }
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.account = &m_account;
+        services.records = &m_records;
+        services.selection = &m_selection;
+        services.audioSink = std::move(sink);
+        services.network = &m_network;
+        services.serviceOrigin = origin;
+        services.openAIOrigin = origin;
+        m_speech = std::make_unique<SpeechManager>(std::move(services));
+    }
+
+    // Renders virtual time, `frames` a step, until the narration has been heard to its end; false
+    // when it does not end, or when there is nothing left to play.
+    bool playToEnd(int frames = 2400, int maxSteps = 2000)
+    {
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        for (int i = 0; i < maxSteps && ended.isEmpty(); ++i) {
+            m_sink->advance(frames);
+            QCoreApplication::processEvents();
+            if (!m_speech->isPlaying() && !m_speech->isProcessing() && i > 10 && ended.isEmpty() &&
+                !m_speech->hasContent())
+                return false;
+        }
+        return !ended.isEmpty();
+    }
     bool waitUntilPlaying()
     {
         return QTest::qWaitFor([&] { return m_speech->isPlaying(); }, 10000);
@@ -41,9 +202,39 @@ class TestSpeechManager : public SpeechFixture
         return waitUntilPlaying() && QTest::qWaitFor([&] { return m_records.sessions.size() == 1; }, 5000);
     }
 
+    QList<QJsonObject> speechRequests(qsizetype count) const
+    {
+        QList<QJsonObject> speech;
+        for (const QJsonObject &record : m_server->waitForRequests(count + 1, std::chrono::seconds(2))) {
+            if (record.value(QStringLiteral("path")).toString() == u"/v1/audio/speech")
+                speech << record;
+        }
+        return speech;
+    }
+
 private Q_SLOTS:
-    void init() { setUpSpeech(); }
-    void cleanup() { tearDownSpeech(); }
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void init()
+    {
+        m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("defaults.conf")));
+        m_keychain = std::make_unique<KeychainHelper>(QStringLiteral("com.vantor.quillvox.test.speech"),
+                                                      std::make_unique<MemorySecretStore>());
+        m_keychain->save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
+        m_account = FakeAccount();
+        m_records = FakeRecords();
+        m_records.folder = m_dir.path();
+        m_selection = FakeSelection();
+        m_network.sentAtMs.clear();
+        m_network.clock.start();
+    }
+
+    void cleanup()
+    {
+        m_speech.reset();
+        m_server.reset();
+        QFile::remove(m_dir.filePath(QStringLiteral("defaults.conf")));
+    }
 
     void narrationRunsThroughItsStates()
     {
@@ -484,6 +675,167 @@ private Q_SLOTS:
         QCOMPARE(m_defaults->string(QStringLiteral("selectedVoiceStyle")), QStringLiteral("Dramatic"));
         m_speech->useVoiceForThisRun(QStringLiteral("onyx"));
         QCOMPARE(m_defaults->string(QStringLiteral("selectedVoice")).value_or(QString()), stored.value(0));
+    }
+    // tst_tokenorigins checks the refusal for each origin that carries tokens; here, that the program
+    // stops on it before doing anything else.
+    void startRefusesPlainHttpForTokens()
+    {
+        const QString variable = QStringLiteral("QUILLVOX_AUTH_ORIGIN");
+        QProcess app;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(variable, QStringLiteral("http://quillvox.example"));
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        app.setProcessEnvironment(env);
+        app.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--speak"), QStringLiteral("Hello.")});
+        QVERIFY(app.waitForFinished(30000));
+        QCOMPARE(app.exitCode(), 1);
+        QCOMPARE(
+            QString::fromUtf8(app.readAllStandardError()).section(u'\n', 0, 0),
+            QStringLiteral("quillvox: %1 is http://quillvox.example, but sign-in tokens are only sent over "
+                           "https:// (plain http only to this computer: localhost, 127.0.0.1 or ::1).")
+                .arg(variable));
+    }
+
+    void longTextPlaysAsOneNarration()
+    {
+        // Fast enough to finish soon, slow enough that a piece streams for seconds: a next request that
+        // waited for the end of the previous stream would show in the send times.
+        QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("100")}));
+        const QString text = longText(10000);
+        QList<QPair<qint64, double>> totals; // when, and the total then
+        connect(m_speech.get(), &SpeechManager::totalTimeChanged, this, [&] {
+            totals.append({m_network.clock.elapsed(), m_speech->totalTime()});
+        });
+        m_speech->speak(text);
+        QTRY_COMPARE_WITH_TIMEOUT(m_records.sessions.size(), 1, 120000);
+
+        // The log is in the order the responses ended; the pieces are put back in the text's order.
+        QList<QJsonObject> log = speechRequests(3);
+        QCOMPARE(log.size(), 3);
+        std::sort(log.begin(), log.end(), [&](const QJsonObject &a, const QJsonObject &b) {
+            return text.indexOf(DevServer::input(a)) < text.indexOf(DevServer::input(b));
+        });
+        QStringList inputs;
+        qint64 bytes = 0;
+        QCOMPARE(m_network.sentAtMs.size(), 3);
+        for (const QJsonObject &record : log) {
+            QCOMPARE(record.value(QStringLiteral("status")).toInt(), 200);
+            inputs << DevServer::input(record);
+            QVERIFY(TextPieces::codePointCount(inputs.last()) <= 4096);
+            bytes += record.value(QStringLiteral("bodyBytesSent")).toInteger();
+            if (inputs.size() == 3)
+                break;
+            // The next request left before the last chunk of this piece had arrived.
+            const double lastChunk = double(bytes - 9600) / 48000.0;
+            const auto arrived = std::find_if(totals.begin(), totals.end(),
+                                              [&](const auto &total) { return total.second >= lastChunk; });
+            QVERIFY(arrived != totals.end());
+            QVERIFY2(m_network.sentAtMs[inputs.size()] < arrived->first,
+                     qPrintable(QStringLiteral("request %1 left at %2 ms, the previous piece ended at %3 ms")
+                                    .arg(inputs.size() + 1)
+                                    .arg(m_network.sentAtMs[inputs.size()])
+                                    .arg(arrived->first)));
+        }
+        QCOMPARE(inputs.join(QString()), text);
+
+        // One narration: one record with the whole text and all the audio, one usage count, a total
+        // that only grew.
+        QCOMPARE(m_records.sessions.first().text, text);
+        QCOMPARE(m_records.sessions.first().bytes, bytes);
+        QCOMPARE(m_records.usage, QList<qint64>{NarrationText::characterCount(text)});
+        QCOMPARE(m_speech->totalTime(), double(bytes) / 48000.0);
+        QVERIFY(std::is_sorted(totals.begin(), totals.end(),
+                               [](const auto &a, const auto &b) { return a.second < b.second; }));
+        QVERIFY(playToEnd(48000));
+        QVERIFY(!m_speech->currentError());
+    }
+
+    void failingPieceEndsTheNarrationAfterWhatCame()
+    {
+        QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        m_server->control(QStringLiteral("/dev/fail"),
+                          {{"route", "speech"}, {"status", 500}, {"count", 1}, {"after", 1}});
+        const QString text = longText(10000);
+        m_speech->speak(text);
+        QTRY_COMPARE_WITH_TIMEOUT(m_records.sessions.size(), 1, 60000);
+
+        // What came before the failure plays first, with no error shown yet.
+        QVERIFY(m_speech->isPlaying());
+        QVERIFY(!m_speech->currentError());
+        // The log is written as responses end: the failed second piece may end before the first.
+        QList<QJsonObject> log = speechRequests(2);
+        QCOMPARE(log.size(), 2);
+        if (log[0].value(QStringLiteral("status")).toInt() != 200)
+            log.swapItemsAt(0, 1);
+        QCOMPARE(log[0].value(QStringLiteral("status")).toInt(), 200);
+        QCOMPARE(log[1].value(QStringLiteral("status")).toInt(), 500);
+        QVERIFY(text.startsWith(DevServer::input(log[0])));
+        const qint64 heard = log[0].value(QStringLiteral("bodyBytesSent")).toInteger();
+        QCOMPARE(m_records.sessions.first().text, text);
+        QCOMPARE(m_records.sessions.first().bytes, heard);
+        QCOMPARE(m_records.usage.size(), 1);
+
+        QVERIFY(playToEnd(48000));
+        QCOMPARE(m_speech->currentErrorDescription(),
+                 QStringLiteral("API error (500): Internal Server Error"));
+        QVERIFY(!m_speech->isPlaying());
+        QVERIFY(m_speech->hasContent());
+        QCOMPARE(m_network.sentAtMs.size(), 2); // nothing after the failed piece
+    }
+
+    void soundServerGoesAwayMidNarration()
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty())
+            QSKIP("pulseaudio is not installed");
+        PulseServer pulse(m_dir.filePath(QStringLiteral("pulse")));
+        QVERIFY(pulse.start());
+        PulseServerEnvironment environment(pulse.address());
+        QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        createManager(m_server->url(), std::make_unique<PulseAudioSink>(2000));
+        QVERIFY(!m_speech->currentError());
+
+        m_speech->speak(longText(300));
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->isPlaying(), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_records.sessions.size(), 1, 20000);
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->currentPlaybackFrame() > 24000, 10000);
+        const qsizetype audio = m_speech->accumulatedByteCount();
+
+        pulse.kill();
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->currentError().has_value(), 10000);
+        QVERIFY2(m_speech->currentErrorDescription().startsWith(
+                     QStringLiteral("Audio engine failed: PulseAudio: ")),
+                 qPrintable(m_speech->currentErrorDescription()));
+        QCOMPARE(m_speech->currentError()->kind(), SpeechError::audioEngineFailure);
+        QVERIFY(!m_speech->isPlaying());
+        QVERIFY(m_speech->hasContent());
+        QCOMPARE(m_speech->accumulatedByteCount(), audio);
+        QCOMPARE(m_records.sessions.size(), 1);
+        const qint64 place = m_speech->currentPlaybackFrame();
+        QVERIFY2(place > 24000 && place < audio / 2, qPrintable(QString::number(place)));
+        QCOMPARE(m_speech->currentTime(), double(place) / 24000.0);
+
+        // Play with no server: the same error, the same place.
+        m_speech->togglePlayPause();
+        QVERIFY(!m_speech->isPlaying());
+        QCOMPARE(m_speech->currentError()->kind(), SpeechError::audioEngineFailure);
+        QCOMPARE(m_speech->currentPlaybackFrame(), place);
+
+        // A server is back: nothing happens until play, which goes on from the same place.
+        QVERIFY(pulse.start());
+        QVERIFY(pulse.startRecorder());
+        QVERIFY(!m_speech->isPlaying());
+        m_speech->togglePlayPause();
+        QVERIFY(m_speech->isPlaying());
+        QVERIFY(!m_speech->currentError());
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->currentPlaybackFrame() > place + 12000, 10000);
+        QVERIFY(m_speech->currentPlaybackFrame() < place + 5 * 24000);
+        QTRY_VERIFY_WITH_TIMEOUT(findSound(pulse.recorded()).start >= 0, 5000);
+        QCOMPARE(m_records.sessions.size(), 1);
+
+        // And the next narration plays as usual.
+        m_speech->speak(longText(120));
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->isPlaying(), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_records.sessions.size(), 2, 20000);
     }
 };
 
