@@ -167,26 +167,14 @@ private Q_SLOTS:
         }
     }
 
-    void storedShape_data()
-    {
-        QTest::addColumn<QDateTime>("now");
-        QTest::addColumn<double>("expectedTimestamp");
-
-        QTest::newRow("with milliseconds") << utc("2025-02-03T04:05:06.789Z") << 760248306.789;
-        QTest::newRow("before the reference date") << utc("2000-12-31T23:59:58.500Z") << -1.5;
-    }
-
     void storedShape()
     {
-        QFETCH(QDateTime, now);
-        QFETCH(double, expectedTimestamp);
         Fixture f;
-        f.now = now;
         const QString text = QStringLiteral("Line one\nline \"two\" – ünïcödé 👍🏽");
         const QByteArray audio = makePcm(2400, 3);
         auto history = f.open();
         history->addSession(text, QStringLiteral("alloy"), 0.1, audio);
-        QCOMPARE(history->sessions().constFirst().timestamp, now);
+        QCOMPARE(history->sessions().constFirst().timestamp, f.now);
 
         // A data value, not a string.
         QCOMPARE(f.readRaw().typeId(), QMetaType::QByteArray);
@@ -197,16 +185,21 @@ private Q_SLOTS:
         static const QRegularExpression uuid(
             QStringLiteral("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$"));
         QVERIFY2(uuid.match(id).hasMatch(), qPrintable(id));
-        // Exactly these members, each a JSON number or string.
-        QCOMPARE(entry, (QJsonObject{{"text", text},
-                                     {"voice", "alloy"},
-                                     {"timestamp", expectedTimestamp},
-                                     {"durationSeconds", 0.1}}));
+        // Exactly these members, each a JSON number or string; the time in seconds since 2001.
+        QCOMPARE(
+            entry,
+            (QJsonObject{
+                {"text", text}, {"voice", "alloy"}, {"timestamp", 760248306.789}, {"durationSeconds", 0.1}}));
         QFile file(f.file(id + QStringLiteral(".pcm")));
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(file.readAll(), audio);
 
-        // And back: a new instance reads the same record.
+        // Before 2001 the seconds are negative.
+        f.now = utc("2000-12-31T23:59:58.500Z");
+        history->addSession(text, QStringLiteral("alloy"), 0.1, audio);
+        QCOMPARE(f.storedArray()[0][QStringLiteral("timestamp")].toDouble(), -1.5);
+
+        // And back: a new instance reads the same records.
         QCOMPARE(f.open()->sessions(), history->sessions());
     }
 
@@ -303,40 +296,34 @@ private Q_SLOTS:
         QCOMPARE(f.readRaw(), storedBefore);
     }
 
-    void deleteSession_data()
-    {
-        QTest::addColumn<int>("index"); // -1: an id that is not in the list; -2: clearAll()
-        QTest::addColumn<QStringList>("expectedTexts");
-
-        QTest::newRow("newest") << 0 << QStringList{"b", "a"};
-        QTest::newRow("oldest") << 2 << QStringList{"b", "b"};
-        QTest::newRow("unknown id") << -1 << QStringList{"b", "b", "a"};
-        QTest::newRow("clear all") << -2 << QStringList{};
-    }
-
+    // In turn: an id that is not in the list, the newest, one of two entries with the same text and audio
+    // (told apart by their ids only), the oldest, then all (-2). A file no entry lists is never touched.
     void deleteSession()
     {
-        QFETCH(int, index);
-        QFETCH(QStringList, expectedTexts);
         Fixture f;
         auto history = f.open();
-        // The same text and audio twice: entries are told apart by their ids only.
-        for (const char *t : {"a", "b", "b"})
+        for (const char *t : {"a", "b", "b", "c", "d"})
             history->addSession(QString::fromLatin1(t), QStringLiteral("marin"), 0.1, makePcm(10, 0));
-        // A file that no entry lists is never touched.
         const QString orphan = QStringLiteral("0E2B1C1D-1111-4222-8333-444455556666.pcm");
         QVERIFY(writeFile(f.file(orphan), "\0\0"));
         QSignalSpy changed(history.get(), &HistoryManager::sessionsChanged);
 
-        if (index == -2)
-            history->clearAll();
-        else
-            history->deleteSession(index < 0 ? QUuid::createUuid() : history->sessions()[index].id);
-
-        QCOMPARE(textsOf(*history), expectedTexts);
-        QCOMPARE(f.storedTexts(), expectedTexts);
-        QCOMPARE(f.filesInHistory(), audioFilesOf(*history, {orphan}));
-        QCOMPARE(changed.count(), index == -1 ? 0 : 1);
+        const std::pair<int, QStringList> steps[] = {{-1, {"d", "c", "b", "b", "a"}},
+                                                     {0, {"c", "b", "b", "a"}},
+                                                     {1, {"c", "b", "a"}},
+                                                     {2, {"c", "b"}},
+                                                     {-2, {}}};
+        for (const auto &[index, expectedTexts] : steps) {
+            changed.clear();
+            if (index == -2)
+                history->clearAll();
+            else
+                history->deleteSession(index < 0 ? QUuid::createUuid() : history->sessions()[index].id);
+            QCOMPARE(textsOf(*history), expectedTexts);
+            QCOMPARE(f.storedTexts(), expectedTexts);
+            QCOMPARE(f.filesInHistory(), audioFilesOf(*history, {orphan}));
+            QCOMPARE(changed.count(), index == -1 ? 0 : 1);
+        }
     }
 
     void exportAudio_data()

@@ -12,8 +12,6 @@
 
 #include <linux/input-event-codes.h>
 
-Q_DECLARE_METATYPE(std::optional<QString>)
-
 namespace {
 
 constexpr quint64 kCommandOption = 0x180000;
@@ -281,85 +279,60 @@ private Q_SLOTS:
         QCOMPARE(m_manager->registrationProblem(HotkeyManager::Narration), QString());
     }
 
-    void keyRepeat_data()
-    {
-        // Events of the narration combination's key: +t press at time t, -t release at time t.
-        QTest::addColumn<QList<int>>("events");
-        QTest::addColumn<quint32>("releaseModifiers");
-        QTest::addColumn<int>("presses");
-
-        QTest::newRow("one tap") << QList<int>{+10, -60} << kCtrlAlt << 1;
-        QTest::newRow("held, detectable auto-repeat")
-            << QList<int>{+10, +510, +540, +570, -590} << kCtrlAlt << 1;
-        QTest::newRow("held, release-press pairs")
-            << QList<int>{+10, -510, +510, -540, +540, -600} << kCtrlAlt << 1;
-        QTest::newRow("two taps") << QList<int>{+10, -60, +200, -260} << kCtrlAlt << 2;
-        QTest::newRow("two holds") << QList<int>{+10, -510, +510, -600, +900, +1400, -1500} << kCtrlAlt << 2;
-        QTest::newRow("press while held is a repeat") << QList<int>{+10, +20} << kCtrlAlt << 1;
-        // Letting go of a modifier before the key changes the modifiers of the key's release.
-        QTest::newRow("release with other modifiers ends the press")
-            << QList<int>{+10, -80, +300} << quint32(NativeHotKey::AltMask) << 2;
-    }
-
     void keyRepeat()
     {
-        QFETCH(QList<int>, events);
-        QFETCH(quint32, releaseModifiers);
-        QFETCH(int, presses);
-
-        for (const int e : events) {
-            if (e > 0)
-                m_backend->press(native(KEY_E), quint32(e));
-            else
-                m_backend->release(native(KEY_E, releaseModifiers), quint32(-e));
+        // Events of the narration combination's key (+t press at time t, -t release at time t), the
+        // modifiers of the releases, and the presses that count.
+        const std::tuple<QList<int>, quint32, int> rows[] = {
+            {{+10, -60}, kCtrlAlt, 1},
+            {{+10, +510, +540, +570, -590}, kCtrlAlt, 1},               // held, detectable auto-repeat
+            {{+10, -510, +510, -540, +540, -600}, kCtrlAlt, 1},         // held, release-press pairs
+            {{+10, -60, +200, -260}, kCtrlAlt, 2},                      // two taps
+            {{+10, -510, +510, -600, +900, +1400, -1500}, kCtrlAlt, 2}, // two holds
+            {{+10, +20}, kCtrlAlt, 1},                                  // a press while held is a repeat
+            // Letting go of a modifier before the key changes the modifiers of the key's release.
+            {{+10, -80, +300}, NativeHotKey::AltMask, 2}};
+        for (const auto &[events, releaseModifiers, presses] : rows) {
+            useDefaults({});
+            m_manager = makeManager();
+            m_controls.calls.clear();
+            for (const int e : events) {
+                if (e > 0)
+                    m_backend->press(native(KEY_E), quint32(e));
+                else
+                    m_backend->release(native(KEY_E, releaseModifiers), quint32(-e));
+            }
+            QCOMPARE(m_controls.calls.size(), presses);
         }
-        QCOMPARE(m_controls.calls.size(), presses);
-    }
-
-    void actions_data()
-    {
-        QTest::addColumn<quint32>("evdev");
-        QTest::addColumn<qint64>("frame");
-        QTest::addColumn<std::optional<QString>>("captured");
-        QTest::addColumn<QStringList>("calls");
-
-        const auto none = std::optional<QString>();
-        QTest::newRow("play/pause") << quint32(KEY_E) << qint64(0) << none << QStringList{"togglePlayPause"};
-        QTest::newRow("stop") << quint32(KEY_Q) << qint64(0) << none << QStringList{"stop"};
-        QTest::newRow("cycle speed") << quint32(KEY_T) << qint64(0) << none
-                                     << QStringList{"cyclePlaybackSpeed"};
-        QTest::newRow("skip back at the start gives a negative frame")
-            << quint32(KEY_W) << qint64(0) << none << QStringList{"seek:-120000"};
-        QTest::newRow("skip back within")
-            << quint32(KEY_W) << qint64(200000) << none << QStringList{"seek:80000"};
-        QTest::newRow("skip forward is not clamped")
-            << quint32(KEY_R) << qint64(1000) << none << QStringList{"seek:121000"};
-        QTest::newRow("narration: text as captured, spaces and all")
-            << quint32(KEY_S) << qint64(0) << std::optional(u"  two  words \n"_qs)
-            << QStringList{u"speak:  two  words \n"_qs};
-        QTest::newRow("narration: empty text still goes to the controller")
-            << quint32(KEY_S) << qint64(0) << std::optional(QString()) << QStringList{"speak:"};
-        QTest::newRow("narration: nothing captured does nothing")
-            << quint32(KEY_S) << qint64(0) << none << QStringList{};
     }
 
     void actions()
     {
-        QFETCH(quint32, evdev);
-        QFETCH(qint64, frame);
-        QFETCH(std::optional<QString>, captured);
-        QFETCH(QStringList, calls);
-
-        m_controls.frame = frame;
-        m_selection.text = captured;
+        const auto none = std::optional<QString>();
+        // The key, the playback frame and what the selection gives: what the controller is asked.
+        const std::tuple<quint32, qint64, std::optional<QString>, QStringList> rows[] = {
+            {KEY_E, 0, none, {"togglePlayPause"}},
+            {KEY_Q, 0, none, {"stop"}},
+            {KEY_T, 0, none, {"cyclePlaybackSpeed"}},
+            {KEY_W, 0, none, {"seek:-120000"}}, // skip back at the start gives a negative frame
+            {KEY_W, 200000, none, {"seek:80000"}},
+            {KEY_R, 1000, none, {"seek:121000"}},                             // skip forward is not clamped
+            {KEY_S, 0, u"  two  words \n"_qs, {u"speak:  two  words \n"_qs}}, // as captured, spaces and all
+            {KEY_S, 0, QString(), {"speak:"}}, // empty text still goes to the controller
+            {KEY_S, 0, none, {}}};             // nothing captured does nothing
         quint32 clock = 0;
-        QVERIFY(tap(native(evdev), clock));
-        QCOMPARE(m_selection.captures, evdev == KEY_S ? 1 : 0);
-        // The narration starts after the key handler has returned.
-        if (evdev == KEY_S)
-            QVERIFY(m_controls.calls.isEmpty());
-        QCoreApplication::processEvents();
-        QCOMPARE(m_controls.calls, calls);
+        for (const auto &[evdev, frame, captured, calls] : rows) {
+            m_controls = RecordingControls();
+            m_controls.frame = frame;
+            m_selection = ScriptedSelection();
+            m_selection.text = captured;
+            QVERIFY(tap(native(evdev), clock));
+            QCOMPARE(m_selection.captures, evdev == KEY_S ? 1 : 0);
+            // The narration starts after the key handler has returned.
+            QVERIFY(evdev != KEY_S || m_controls.calls.isEmpty());
+            QCoreApplication::processEvents();
+            QCOMPARE(m_controls.calls, calls);
+        }
     }
 
     void withoutDisplayNothingRegisters()

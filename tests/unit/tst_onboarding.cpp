@@ -166,29 +166,22 @@ private Q_SLOTS:
         }
     }
 
-    void tokenExchangeUrl_data()
-    {
-        QTest::addColumn<QString>("packageId");
-        QTest::addColumn<QString>("url");
-
-        QTest::newRow("popular") << "popular"
-                                 << "https://svc.test/api/auth/token-exchange?code=c0de"
-                                    "&next=/api/credits/purchase-redirect?package=popular";
-        QTest::newRow("characters outside the query set are escaped")
-            << "a b#c"
-            << "https://svc.test/api/auth/token-exchange?code=c0de"
-               "&next=/api/credits/purchase-redirect?package=a%20b%23c";
-    }
-
+    // The purchase page is reached through the token exchange; characters outside the query set are
+    // escaped.
     void tokenExchangeUrl()
     {
-        QFETCH(QString, packageId);
-        const QUrl url = OnboardingViewModel::tokenExchangeUrl(QUrl(QStringLiteral("https://svc.test/")),
-                                                               QStringLiteral("c0de"), packageId);
-        QVERIFY(url.isValid());
-        QTEST(url.toString(QUrl::FullyEncoded), "url");
-        QCOMPARE(QUrlQuery(url).queryItemValue(QStringLiteral("next"), QUrl::FullyDecoded),
-                 QStringLiteral("/api/credits/purchase-redirect?package=") + packageId);
+        for (const auto &[packageId, escaped] :
+             {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
+            const QUrl url = OnboardingViewModel::tokenExchangeUrl(QUrl(QStringLiteral("https://svc.test/")),
+                                                                   QStringLiteral("c0de"), packageId);
+            QVERIFY(url.isValid());
+            QCOMPARE(
+                url.toString(QUrl::FullyEncoded),
+                u"https://svc.test/api/auth/token-exchange?code=c0de&next=/api/credits/purchase-redirect?package="_qs +
+                    escaped);
+            QCOMPARE(QUrlQuery(url).queryItemValue(QStringLiteral("next"), QUrl::FullyDecoded),
+                     QStringLiteral("/api/credits/purchase-redirect?package=") + packageId);
+        }
     }
 
     void purchaseSuccessConfirmsTheSelectedPackage()

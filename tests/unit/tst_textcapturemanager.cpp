@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+#include "capture/SelectionCapture.h"
 #include "capture/TextCaptureManager.h"
+#include "platform/gnome/GnomeShellExtension.h"
 #include "platform/null/input/FixedWindowFocus.h"
 #include "platform/null/input/MemoryClipboard.h"
 #include "platform/null/input/NullKeyboardInjector.h"
+#include "platform/wayland/WaylandSelection.h"
 
 #include <QInputMethodQueryEvent>
 #include <QLoggingCategory>
@@ -19,6 +22,8 @@ namespace {
 using Buffer = SystemClipboard::Buffer;
 using Availability = KeyboardInjector::Availability;
 using KeyEvent = NullKeyboardInjector::KeyEvent;
+using Support = WaylandSelection::Support;
+using GnomeSupport = GnomeShellExtension::Support;
 
 ClipboardContent content(std::initializer_list<std::pair<const char *, QByteArray>> entries)
 {
@@ -172,44 +177,37 @@ private Q_SLOTS:
 
     void cleanup() { m_manager.reset(); }
 
-    void trust_data()
-    {
-        QTest::addColumn<Availability>("availability");
-        QTest::addColumn<bool>("trusted");
-        QTest::addColumn<QString>("mentions");
-
-        QTest::newRow("X11 with XTEST") << Availability::Available << true << QString();
-        QTest::newRow("Wayland session") << Availability::WaylandSession << false << "Wayland";
-        QTest::newRow("no display") << Availability::NoDisplay << false << "X11 display";
-        QTest::newRow("no XTEST") << Availability::NoXTest << false << "XTEST";
-    }
-
+    // Untrusted, the reason names what is missing, and nothing is touched: no key, no wait, no clipboard
+    // read or change.
     void trust()
     {
-        QFETCH(Availability, availability);
-        QFETCH(bool, trusted);
-        QFETCH(QString, mentions);
+        const std::pair<Availability, const char *> rows[] = {{Availability::Available, ""},
+                                                              {Availability::WaylandSession, "Wayland"},
+                                                              {Availability::NoDisplay, "X11 display"},
+                                                              {Availability::NoXTest, "XTEST"}};
+        for (const auto &[availability, mentions] : rows) {
+            const bool trusted = availability == Availability::Available;
+            m_timeline.clear();
+            makeManager(availability);
+            m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
+            m_appSelection = textContent("selected");
+            QSignalSpy explained(m_manager.get(), &TextCaptureManager::permissionExplanationRequested);
 
-        makeManager(availability);
-        m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
-        m_appSelection = textContent("selected");
-        QSignalSpy explained(m_manager.get(), &TextCaptureManager::permissionExplanationRequested);
-
-        QCOMPARE(m_manager->isProcessTrusted(false), trusted);
-        QCOMPARE(explained.count(), 0);
-        QCOMPARE(m_manager->isProcessTrusted(true), trusted);
-        QCOMPARE(explained.count(), trusted ? 0 : 1);
-        QCOMPARE(m_manager->untrustedReason().isEmpty(), trusted);
-        if (!trusted) {
-            QVERIFY(explained.at(0).at(0).toString().contains(mentions));
-            QCOMPARE(explained.at(0).at(0).toString(), m_manager->untrustedReason());
+            QCOMPARE(m_manager->isProcessTrusted(false), trusted);
+            QCOMPARE(explained.count(), 0);
+            QCOMPARE(m_manager->isProcessTrusted(true), trusted);
+            QCOMPARE(explained.count(), trusted ? 0 : 1);
+            QCOMPARE(m_manager->untrustedReason().isEmpty(), trusted);
+            if (!trusted) {
+                QVERIFY(explained.at(0).at(0).toString().contains(QLatin1String(mentions)));
+                QCOMPARE(explained.at(0).at(0).toString(), m_manager->untrustedReason());
+            }
+            QCOMPARE(m_manager->captureSelectedText(),
+                     trusted ? std::optional(u"selected"_qs) : std::nullopt);
+            QCOMPARE(m_timeline.isEmpty(), !trusted);
+            QCOMPARE(m_clipboard->dataRequests().isEmpty(), !trusted);
+            QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
         }
-
-        // Untrusted, nothing is touched: no key, no wait, no clipboard read or change.
-        QCOMPARE(m_manager->captureSelectedText(), trusted ? std::optional(u"selected"_qs) : std::nullopt);
-        QCOMPARE(m_timeline.isEmpty(), !trusted);
-        QCOMPARE(m_clipboard->dataRequests().isEmpty(), !trusted);
-        QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
     }
 
     void copyAndRestore_data()
@@ -226,25 +224,26 @@ private Q_SLOTS:
                             const ClipboardContent &after, bool readable = true) {
             QTest::newRow(name) << before << selection << text << after << readable;
         };
-        const ClipboardContent rich =
-            content({{"TIMESTAMP", "\x01\x02\x03\x04"},
-                     {"TARGETS", "...."},
-                     {"MULTIPLE", ""},
-                     {"SAVE_TARGETS", ""},
-                     {"text/html", "<b>bold</b>"},
-                     {"UTF8_STRING", "bold\nline"},
-                     {"text/plain;charset=utf-8", "bold\r\nline"},
-                     {"GTK_TEXT_BUFFER_CONTENTS", "\x10\x20\x30\x40\x50\x60\x70\x80"},
-                     {"image/png", QByteArray("\x89PNG\r\n\x1a\n\0\0\0", 11)},
-                     {"COMPOUND_TEXT", "bold\nline"},
-                     {"TEXT", "bold\nline"},
-                     {"STRING", "bold\nline"}});
-        ClipboardContent richKept = rich;
-        richKept.removeIf([](const auto &entry) {
-            return QStringList{"TIMESTAMP", "TARGETS", "MULTIPLE", "SAVE_TARGETS", "GTK_TEXT_BUFFER_CONTENTS",
-                               "TEXT"}
-                .contains(entry.first);
-        });
+        // Every target a rich editor offers, and whether it comes back.
+        const std::tuple<const char *, QByteArray, bool> offered[] = {
+            {"TIMESTAMP", "\x01\x02\x03\x04", false},
+            {"TARGETS", "....", false},
+            {"MULTIPLE", "", false},
+            {"SAVE_TARGETS", "", false},
+            {"text/html", "<b>bold</b>", true},
+            {"UTF8_STRING", "bold\nline", true},
+            {"text/plain;charset=utf-8", "bold\r\nline", true},
+            {"GTK_TEXT_BUFFER_CONTENTS", "\x10\x20\x30\x40\x50\x60\x70\x80", false},
+            {"image/png", QByteArray("\x89PNG\r\n\x1a\n\0\0\0", 11), true},
+            {"COMPOUND_TEXT", "bold\nline", true},
+            {"TEXT", "bold\nline", false},
+            {"STRING", "bold\nline", true}};
+        ClipboardContent rich, richKept;
+        for (const auto &[target, bytes, kept] : offered) {
+            rich.append({QString::fromLatin1(target), bytes});
+            if (kept)
+                richKept.append(rich.last());
+        }
         const ClipboardContent kept = textContent("kept");
 
         row("several kinds come back, meta and private targets left out", rich, textContent("picked"),
@@ -382,6 +381,86 @@ private Q_SLOTS:
             QCOMPARE(TextCaptureManager::focusedEditorSelection(),
                      read ? std::optional(u"picked"_qs) : std::nullopt);
         }
+    }
+
+    // Which way of reading the selection a session gets, and what a session where none works is told.
+    // A Wayland session, and what the compositor and the system offer: whether the selection can be read
+    // there, and if not, why (every reason is explained).
+    void waylandSupport()
+    {
+        struct Row
+        {
+            bool wayland, connected;
+            quint32 wlrVersion;
+            bool ext, reader, withheld;
+            Support expected;
+        };
+        const Row rows[] = {
+            {false, true, 2, false, true, false, Support::NotWayland},
+            {true, false, 0, false, true, false, Support::CompositorUnreachable},
+            {true, true, 0, false, true, false, Support::NoDataControl}, // GNOME
+            {true, true, 1, false, true, false, Support::ClipboardOnly}, // KWin, clipboard only
+            {true, true, 2, false, true, false, Support::Available},     // sway
+            {true, true, 0, true, true, false, Support::Available},      // ext data-control
+            {true, true, 2, false, true, true, Support::ClipboardOnly},  // KWin 5.27: no primary
+            {true, true, 2, false, false, false, Support::NoReader}};    // sway without wl-paste
+        for (const Row &r : rows) {
+            const WaylandSelection::CompositorFacts facts{r.connected, r.wlrVersion, r.ext, r.withheld};
+            QCOMPARE(WaylandSelection::decide(r.wayland, facts, r.reader), r.expected);
+            QCOMPARE(WaylandSelection::explanation(r.expected).isEmpty(), r.expected == Support::Available);
+        }
+    }
+
+    // GNOME on Wayland: what its Shell says of our extension. States as org.gnome.Shell.Extensions
+    // reports them (-1: it knows no such extension).
+    void gnomeSupport()
+    {
+        using G = GnomeSupport;
+        const std::tuple<bool, bool, int, bool, GnomeSupport> rows[] = {
+            {false, false, -1, true, G::NotGnome},     {true, true, 1, true, G::Available},
+            {true, false, -1, false, G::NotInstalled}, {true, false, -1, true, G::NeedsRestart},
+            {true, false, 2, true, G::NotEnabled},     {true, false, 6, true, G::NotEnabled},
+            {true, false, 3, true, G::Failed},         {true, false, 4, true, G::Failed},
+            {true, false, 1, true, G::Failed}}; // enabled, yet silent
+        for (const auto &[gnomeWayland, serving, state, installed, expected] : rows) {
+            GnomeShellExtension::ShellFacts facts{gnomeWayland, serving, std::nullopt, installed};
+            if (state >= 0)
+                facts.state = state;
+            QCOMPARE(GnomeShellExtension::decide(facts), expected);
+            QCOMPARE(GnomeShellExtension::explanation(expected).isEmpty(), expected == G::Available);
+        }
+    }
+
+    // The first backend that works reads; with none, the first one's reason is the explanation.
+    void firstUsableBackend_data()
+    {
+        QTest::addColumn<QStringList>("reasons");
+        QTest::addColumn<QString>("captured");
+        QTest::addColumn<QString>("explanation");
+        QTest::newRow("first works") << QStringList{"", ""} << "backend 0"
+                                     << "";
+        QTest::newRow("second works") << QStringList{"no data-control", ""} << "backend 1"
+                                      << "";
+        QTest::newRow("none works") << QStringList{"no data-control", "no X11"} << ""
+                                    << "no data-control";
+    }
+    void firstUsableBackend()
+    {
+        QFETCH(QStringList, reasons);
+        QFETCH(QString, captured);
+        QFETCH(QString, explanation);
+        QList<CaptureBackend> backends;
+        for (int i = 0; i < reasons.size(); ++i) {
+            backends.append(
+                {[reason = reasons[i]] { return reason; },
+                 [i]() -> std::optional<QString> { return QStringLiteral("backend %1").arg(i); }});
+        }
+        SelectionCapture capture(backends);
+        QSignalSpy explained(&capture, &SelectionCapture::permissionExplanationRequested);
+        QCOMPARE(capture.isProcessTrusted(true), explanation.isEmpty());
+        QCOMPARE(capture.captureSelectedText().value_or(QString()), captured);
+        QCOMPARE(capture.untrustedReason(), explanation);
+        QCOMPARE(explained.size(), explanation.isEmpty() ? 0 : 1);
     }
 };
 

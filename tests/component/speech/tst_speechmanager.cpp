@@ -354,22 +354,6 @@ private Q_SLOTS:
         QVERIFY(m_records.usage.isEmpty());
     }
 
-    void staleCompletionsNeverEndTheNextNarration()
-    {
-        QVERIFY(narrated(sentence(10)));
-        m_sink->advance(4800);         // part of the old narration is rendered...
-        m_speech->speak(sentence(11)); // ...and then it is replaced
-        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
-        for (int i = 0; i < 20; ++i) {
-            m_sink->advance(240);
-            QCoreApplication::processEvents();
-        }
-        QVERIFY(ended.isEmpty());
-        QVERIFY(waitUntilPlaying());
-        QVERIFY(playToEnd());
-        QCOMPARE(m_records.sessions.size(), 2);
-    }
-
     // Of a burst of seeks only the last is performed, clamped to the audio; the scrubber follows each at
     // once. Past the end, playback ends.
     void seeks_data()
