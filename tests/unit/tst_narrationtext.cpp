@@ -24,36 +24,24 @@ class TestNarrationText : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void forms_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("normalized");
-        QTest::addColumn<QString>("comparable");
-
-        const auto row = [](const char *name, const char *text, const char *normalized,
-                            const char *comparable) {
-            QTest::newRow(name) << QString::fromUtf8(text) << QString::fromUtf8(normalized)
-                                << QString::fromUtf8(comparable);
-        };
-        row("plain", "Hello World", "hello world", "hello world");
-        row("whitespace runs", "  Hello \t\n  World ", "hello world", "hello world");
-        row("punctuation", "Hello,  World!", "hello, world!", "hello world");
-        row("only spaces", "   \n\t ", "", "");
-        row("leading symbol keeps a space", "\u2022 Item one", "\u2022 item one", " item one");
-        row("emoji dropped", "Go \U0001F680 now", "go \U0001F680 now", "go now");
-        row("accents and marks kept", "Cafe\u0301 Ü", "cafe\u0301 ü", "cafe\u0301 ü");
-        row("other scripts", "Привет, мир! 你好。", "привет, мир! 你好。", "привет мир 你好");
-        row("digits", "Room 101.", "room 101.", "room 101");
-        row("no-break space collapses", "a\u00a0\u00a0b", "a b", "a b");
-    }
-
+    // The text, its normalized form (lower case, whitespace runs as one space) and its comparable form
+    // (letters, marks and digits only).
     void forms()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, normalized);
-        QFETCH(QString, comparable);
-        QCOMPARE(normalizedText(text), normalized);
-        QCOMPARE(comparableText(text), comparable);
+        const std::tuple<const char *, const char *, const char *> rows[] = {
+            {"  Hello \t\n  World ", "hello world", "hello world"},
+            {"Hello,  World!", "hello, world!", "hello world"},
+            {"   \n\t ", "", ""},
+            {"\u2022 Item one", "\u2022 item one", " item one"}, // a leading symbol keeps a space
+            {"Go \U0001F680 now", "go \U0001F680 now", "go now"},
+            {"Cafe\u0301 Ü", "cafe\u0301 ü", "cafe\u0301 ü"},
+            {"Привет, мир! 你好。", "привет, мир! 你好。", "привет мир 你好"},
+            {"Room 101.", "room 101.", "room 101"},
+            {"a\u00a0\u00a0b", "a b", "a b"}}; // no-break spaces collapse
+        for (const auto &[text, normalized, comparable] : rows) {
+            QCOMPARE(normalizedText(QString::fromUtf8(text)), QString::fromUtf8(normalized));
+            QCOMPARE(comparableText(QString::fromUtf8(text)), QString::fromUtf8(comparable));
+        }
     }
 
     // A user-perceived character is one: a letter with its accent, a line break of CR and LF.

@@ -304,59 +304,46 @@ private Q_SLOTS:
 
     // Where the text comes from, by the focused window: our own text field is read directly, a
     // terminal is copied with its own shortcut or read from the primary selection.
-    void focusedWindow_data()
-    {
-        QTest::addColumn<QString>("instance");
-        QTest::addColumn<QString>("className");
-        QTest::addColumn<bool>("own");
-        QTest::addColumn<std::optional<QString>>("ownSelection");
-        QTest::addColumn<QString>("expected");
-        QTest::addColumn<QList<quint32>>("copyKeys");
-
-        const QList<quint32> none, copy{KEY_LEFTCTRL, KEY_C}, terminal{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C};
-        const auto row = [](const char *name, const char *instance, const char *className, bool own,
-                            const std::optional<QString> &ownSelection, const char *expected,
-                            const QList<quint32> &keys) {
-            QTest::newRow(name) << QString::fromLatin1(instance) << QString::fromLatin1(className) << own
-                                << ownSelection << QString::fromUtf8(expected) << keys;
-        };
-        row("our field's selection", "quillvox", "quillvox", true, u"in our field"_qs, "in our field", none);
-        row("our caret without selection", "quillvox", "quillvox", true, QString(), "copied", copy);
-        row("our window without an editor", "quillvox", "quillvox", true, std::nullopt, "copied", copy);
-        row("another application's window", "quillvox", "quillvox", false, u"in our field"_qs, "copied",
-            copy);
-        row("text editor", "mousepad", "Mousepad", false, std::nullopt, "copied", copy);
-        row("no WM_CLASS", "", "", false, std::nullopt, "copied", copy);
-        row("GNOME Terminal", "gnome-terminal-server", "Gnome-terminal", false, std::nullopt, "copied",
-            terminal);
-        // Either half of WM_CLASS may match, in any case.
-        row("instance alone, other case", "Alacritty", "Unknown", false, std::nullopt, "copied", terminal);
-        row("xterm", "xterm", "XTerm", false, std::nullopt, "primary", none);
-        row("class alone, other case", "unknown", "URxvt", false, std::nullopt, "primary", none);
-    }
-
     void focusedWindow()
     {
-        QFETCH(QString, instance);
-        QFETCH(QString, className);
-        QFETCH(bool, own);
-        QFETCH(std::optional<QString>, ownSelection);
-        QFETCH(QString, expected);
-        QFETCH(QList<quint32>, copyKeys);
+        struct Row
+        {
+            const char *instance, *className;
+            bool own;
+            std::optional<QString> ownSelection;
+            const char *expected;
+            QList<quint32> copyKeys;
+        };
+        const QList<quint32> none, copy{KEY_LEFTCTRL, KEY_C}, terminal{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C};
+        const Row rows[] = {
+            {"quillvox", "quillvox", true, u"in our field"_qs, "in our field", none},
+            {"quillvox", "quillvox", true, QString(), "copied", copy},    // our caret without a selection
+            {"quillvox", "quillvox", true, std::nullopt, "copied", copy}, // our window without an editor
+            {"quillvox", "quillvox", false, u"in our field"_qs, "copied", copy}, // another application's
+            {"mousepad", "Mousepad", false, std::nullopt, "copied", copy},
+            {"", "", false, std::nullopt, "copied", copy}, // no WM_CLASS
+            {"gnome-terminal-server", "Gnome-terminal", false, std::nullopt, "copied", terminal},
+            // Either half of WM_CLASS may match, in any case.
+            {"Alacritty", "Unknown", false, std::nullopt, "copied", terminal},
+            {"xterm", "XTerm", false, std::nullopt, "primary", none},
+            {"unknown", "URxvt", false, std::nullopt, "primary", none}};
+        for (const Row &r : rows) {
+            m_copyRequested = false;
+            m_timeline.clear();
+            makeManager();
+            focus(QString::fromLatin1(r.instance), QString::fromLatin1(r.className), r.own);
+            m_ownSelection = r.ownSelection;
+            m_appCopiesWithShift = r.copyKeys.contains(KEY_LEFTSHIFT);
+            m_appSelection = textContent("copied");
+            m_clipboard->setOwnerContent(Buffer::Primary, textContent("primary"));
+            m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
 
-        makeManager();
-        focus(instance, className, own);
-        m_ownSelection = ownSelection;
-        m_appCopiesWithShift = copyKeys.contains(KEY_LEFTSHIFT);
-        m_appSelection = textContent("copied");
-        m_clipboard->setOwnerContent(Buffer::Primary, textContent("primary"));
-        m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
-
-        QCOMPARE(m_manager->captureSelectedText(), std::optional(expected));
-        QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
-        // Read without copying: no key and no wait.
-        QCOMPARE(m_keyboard->sentKeys(), copyKeys.isEmpty() ? QList<KeyEvent>{} : stroke(copyKeys));
-        QCOMPARE(m_timeline.isEmpty(), copyKeys.isEmpty());
+            QCOMPARE(m_manager->captureSelectedText(), std::optional(QString::fromLatin1(r.expected)));
+            QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
+            // Read without copying: no key and no wait.
+            QCOMPARE(m_keyboard->sentKeys(), r.copyKeys.isEmpty() ? QList<KeyEvent>{} : stroke(r.copyKeys));
+            QCOMPARE(m_timeline.isEmpty(), r.copyKeys.isEmpty());
+        }
     }
 
     // Our own focused field is read through the input method queries; never a password or other
