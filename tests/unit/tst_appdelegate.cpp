@@ -334,34 +334,29 @@ private Q_SLOTS:
     }
 
     // Trust as the session answers it at each poll (the first answer is the construction's own check).
-    void permissionPoll_data()
-    {
-        QTest::addColumn<QList<bool>>("answers");
-        QTest::addColumn<int>("publications");
-        QTest::addColumn<bool>("finally");
-
-        QTest::newRow("never trusted") << QList<bool>{false, false, false, false} << 0 << false;
-        QTest::newRow("trusted from the start") << QList<bool>{true, true, true, true} << 1 << true;
-        QTest::newRow("granted later") << QList<bool>{false, false, true, true} << 1 << true;
-        QTest::newRow("granted then lost") << QList<bool>{false, true, true, false} << 2 << false;
-    }
-
     void permissionPoll()
     {
-        QFETCH(QList<bool>, answers);
-        qsizetype asked = 0;
-        const auto vm = model([&] { return answers.value(std::min(asked++, answers.size() - 1)); });
-        QSignalSpy published(vm.get(), &OnboardingViewModel::hasPermissionsChanged);
-        QCoreApplication::processEvents();
-        for (qsizetype tick = 1; tick < answers.size(); ++tick) {
-            m_clock.advance(999ms);
-            QCOMPARE(asked, tick);
-            m_clock.advance(1ms);
-            QCOMPARE(asked, tick + 1);
+        // The answers, the publications of a change and the trust at the end.
+        const std::tuple<QList<bool>, int, bool> rows[] = {
+            {{false, false, false, false}, 0, false},
+            {{true, true, true, true}, 1, true},
+            {{false, false, true, true}, 1, true},   // granted later
+            {{false, true, true, false}, 2, false}}; // then lost
+        for (const auto &[answers, publications, finally] : rows) {
+            qsizetype asked = 0;
+            const auto vm = model([&] { return answers.value(std::min(asked++, answers.size() - 1)); });
+            QSignalSpy published(vm.get(), &OnboardingViewModel::hasPermissionsChanged);
             QCoreApplication::processEvents();
+            for (qsizetype tick = 1; tick < answers.size(); ++tick) {
+                m_clock.advance(999ms);
+                QCOMPARE(asked, tick);
+                m_clock.advance(1ms);
+                QCOMPARE(asked, tick + 1);
+                QCoreApplication::processEvents();
+            }
+            QCOMPARE(int(published.count()), publications);
+            QCOMPARE(vm->hasPermissions(), finally);
         }
-        QTEST(int(published.count()), "publications");
-        QTEST(vm->hasPermissions(), "finally");
     }
 
     // "Use my own API key": the flow moves on once the keyring holds the key, offers no way back to

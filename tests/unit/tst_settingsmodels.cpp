@@ -441,46 +441,37 @@ private Q_SLOTS:
 
     // The floating widget.
     // Steps: "in"/"out" hover events, "force"/"unforce" the pin, "toggle" the expand button, "+N" lets N ms
-    // pass.
-    void hoverCollapse_data()
-    {
-        QTest::addColumn<QStringList>("steps");
-        QTest::addColumn<bool>("expanded");
-        QTest::newRow("hover expands") << QStringList{"in"} << true;
-        QTest::newRow("still expanded at 199 ms") << QStringList{"in", "out", "+199"} << true;
-        QTest::newRow("collapsed at 200 ms") << QStringList{"in", "out", "+200"} << false;
-        QTest::newRow("back within the delay") << QStringList{"in", "out", "+150", "in", "+500"} << true;
-        QTest::newRow("a second leave restarts the delay")
-            << QStringList{"in", "out", "+150", "out", "+100"} << true;
-        QTest::newRow("pinned: leaving schedules nothing")
-            << QStringList{"force", "in", "out", "+500"} << true;
-        QTest::newRow("pinned after the collapse was scheduled")
-            << QStringList{"in", "out", "+100", "force", "+500"} << true;
-        QTest::newRow("unpinned before the collapse runs")
-            << QStringList{"in", "out", "force", "+100", "unforce", "+500"} << false;
-        QTest::newRow("expand button pins") << QStringList{"toggle", "out", "+500"} << true;
-        QTest::newRow("expand button again unpins")
-            << QStringList{"toggle", "toggle", "out", "+200"} << false;
-    }
-
+    // pass; then whether the widget is expanded.
     void hoverCollapse()
     {
-        QFETCH(QStringList, steps);
-        QFETCH(bool, expanded);
-        FloatingWidgetViewModel vm(*m_speech, m_clock);
-        for (const QString &step : steps) {
-            if (step == u"in" || step == u"out")
-                vm.setHovered(step == u"in");
-            else if (step == u"force" || step == u"unforce")
-                vm.setForceExpanded(step == u"force");
-            else if (step == u"toggle")
-                vm.toggleFullControls();
-            else
-                m_clock.advance(std::chrono::milliseconds(step.mid(1).toInt()));
+        const std::pair<const char *, bool> rows[] = {
+            {"in", true},
+            {"in out +199", true},
+            {"in out +200", false},
+            {"in out +150 in +500", true},    // back within the delay
+            {"in out +150 out +100", true},   // a second leave restarts it
+            {"force in out +500", true},      // pinned: nothing scheduled
+            {"in out +100 force +500", true}, // pinned after scheduling
+            {"in out force +100 unforce +500", false},
+            {"toggle out +500", true}, // the expand button pins
+            {"toggle toggle out +200", false}};
+        for (const auto &[script, expanded] : rows) {
+            const QStringList steps = QString::fromLatin1(script).split(u' ');
+            FloatingWidgetViewModel vm(*m_speech, m_clock);
+            for (const QString &step : steps) {
+                if (step == u"in" || step == u"out")
+                    vm.setHovered(step == u"in");
+                else if (step == u"force" || step == u"unforce")
+                    vm.setForceExpanded(step == u"force");
+                else if (step == u"toggle")
+                    vm.toggleFullControls();
+                else
+                    m_clock.advance(std::chrono::milliseconds(step.mid(1).toInt()));
+            }
+            QCOMPARE(vm.isExpanded(), expanded);
+            QCOMPARE(vm.isHovered(), steps.filter(QRegularExpression("^(in|out)$")).last() == u"in");
+            QCOMPARE(vm.showFullControls(), steps.count(QStringLiteral("toggle")) == 1);
         }
-        QCOMPARE(vm.isExpanded(), expanded);
-        QCOMPARE(vm.isHovered(), steps.filter(QRegularExpression("^(in|out)$")).last() == u"in");
-        QCOMPARE(vm.showFullControls(), steps.count(QStringLiteral("toggle")) == 1);
     }
 
     // Processing, content, playing: the state the buttons show. Processing wins over everything.
