@@ -626,6 +626,15 @@ private Q_SLOTS:
         QCoreApplication::sendEvent(m_window.get(), &after);
         QVERIFY(!after.isAccepted());
         QCOMPARE(recorded.count(), 1);
+
+        // Escape ends recording by itself, whoever listens.
+        QSignalSpy cancelled(&item, &ShortcutRecorderItem::cancel);
+        item.setRecording(true);
+        QKeyEvent escape = keyPress(kEscape, Qt::Key_Escape, {});
+        QCoreApplication::sendEvent(m_window.get(), &escape);
+        QCOMPARE(cancelled.count(), 1);
+        QVERIFY(!item.recording());
+        QCOMPARE(recorded.count(), 1);
     }
 
     void qmlRecorder_data()
