@@ -43,6 +43,8 @@ private Q_SLOTS:
 
         QTest::newRow("A") << 0u << KEY_A;
         QTest::newRow("C, the copy key") << 8u << KEY_C;
+        QTest::newRow("Q, the stop key") << 12u << KEY_Q;
+        QTest::newRow("T, the speed key") << 17u << KEY_T;
         QTest::newRow("digit 5 sits before 6 in codes, after in place") << 23u << KEY_5;
         QTest::newRow("Command key is Ctrl") << 55u << KEY_LEFTCTRL;
         QTest::newRow("Option key is Alt") << 58u << KEY_LEFTALT;
