@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "records/UsageManager.h"
 
-#include "core/TextMetrics.h"
 #include "core/UserDefaults.h"
 
 #include <QtNumeric>
@@ -108,11 +107,6 @@ void UsageManager::recordNarration(qint64 characters)
     Q_EMIT allTimeChanged();
     Q_EMIT thisMonthChanged();
     Q_EMIT thisWeekChanged();
-}
-
-qint64 UsageManager::characterCount(const QString &text)
-{
-    return graphemeCount(text);
 }
 
 void UsageManager::checkPeriodRollover()

@@ -61,9 +61,6 @@ public:
     // Counts one completed narration of `characters` user-perceived characters.
     void recordNarration(qint64 characters);
 
-    // The user-perceived characters of `text`: an emoji sequence or a letter with combining marks
-    // counts once.
-    static qint64 characterCount(const QString &text);
 
 Q_SIGNALS:
     void allTimeChanged();

@@ -54,12 +54,3 @@ void AudioLevelInterpolator::reset()
     m_lastUpdateTime = 0;
 }
 
-float AudioLevelInterpolator::level(const float *samples, qsizetype frames)
-{
-    if (!samples || frames <= 0)
-        return 0;
-    double sum = 0;
-    for (qsizetype i = 0; i < frames; ++i)
-        sum += double(samples[i]) * double(samples[i]);
-    return std::min(1.0f, float(std::sqrt(sum / double(frames))) * 8.0f);
-}

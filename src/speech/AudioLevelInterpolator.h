@@ -22,9 +22,6 @@ public:
     Q_INVOKABLE float barLevel(int index, bool isPlaying, double time);
     Q_INVOKABLE void reset();
 
-    // Root-mean-square of `frames` samples × 8, at most 1; 0 for no samples.
-    static float level(const float *samples, qsizetype frames);
-
 private:
     double m_lastUpdateTime = 0;
     std::array<float, kBarCount> m_barLevels{};

@@ -644,20 +644,6 @@ private Q_SLOTS:
     }
 
     // How the widget's bars follow the measured levels.
-    // Eight times the RMS, at most 1; nothing for no frames.
-    void interpolatorLevel()
-    {
-        std::vector<float> square(1024), sine(1024);
-        for (std::size_t i = 0; i < square.size(); ++i) {
-            square[i] = (i / 12) % 2 ? -1.0f : 1.0f;
-            sine[i] = 0.1f * float(std::sin(2 * M_PI * double(i) / 64.0));
-        }
-        QCOMPARE(AudioLevelInterpolator::level(square.data(), 1024), 1.0f);
-        QVERIFY(qAbs(AudioLevelInterpolator::level(sine.data(), 1024) - float(0.1 / std::sqrt(2.0) * 8.0)) <
-                1e-4f);
-        QCOMPARE(AudioLevelInterpolator::level(square.data(), 0), 0.0f);
-    }
-
     // Bars 0 and 3 read the oldest of ten levels (lag 0), bars 1 and 4 the newest (lag 1), bar 2 lag 2,
     // bar 5 lag 3; a bar moves by its smoothing factor towards level × its frequency weight.
     void lagsAndSmoothing()

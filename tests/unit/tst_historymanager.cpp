@@ -630,13 +630,6 @@ private Q_SLOTS:
         QCOMPARE(restarted->thisWeek(), usage->thisWeek());
     }
 
-    // Counted by the platform's grapheme rules: an emoji with its skin tone and a letter with two marks are
-    // one each.
-    void characterCount()
-    {
-        QCOMPARE(UsageManager::characterCount(QStringLiteral("Hi 👋🏽, Zoë\u0308!")), qint64(10));
-    }
-
     // A stored value that does not read as what it should be loads as the default; the other values load
     // as stored.
     void corruptValuesLoadAsDefaults_data()

@@ -44,11 +44,12 @@ private Q_SLOTS:
         }
     }
 
-    // A user-perceived character is one: a letter with its accent, a line break of CR and LF.
+    // A user-perceived character is one: a letter with its accents, an emoji with its skin tone, a line
+    // break of CR and LF.
     void characters()
     {
         QCOMPARE(characterCount(QStringLiteral("abc")), qint64(3));
-        QCOMPARE(characterCount(QStringLiteral("e\u0301")), qint64(1));
+        QCOMPARE(characterCount(QStringLiteral("Hi 👋🏽, Zoë\u0308!")), qint64(10));
         QCOMPARE(characterCount(QStringLiteral("a\r\nb")), qint64(3));
     }
 
