@@ -61,7 +61,6 @@ public:
     // Counts one completed narration of `characters` user-perceived characters.
     void recordNarration(qint64 characters);
 
-
 Q_SIGNALS:
     void allTimeChanged();
     void thisMonthChanged();

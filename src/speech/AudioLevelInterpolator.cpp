@@ -53,4 +53,3 @@ void AudioLevelInterpolator::reset()
     m_historyIndex = 0;
     m_lastUpdateTime = 0;
 }
-
