@@ -84,20 +84,36 @@ QJsonObject entryJson(const QString &id, const QString &text)
 
 const QString kId = QStringLiteral("3F2504E0-4F89-41D3-9A0C-0305E82C3301");
 
-// One history world per test: its own defaults file, audio folder and clock.
-struct HistoryFixture
+// A defaults file of its own, opened once by the manager under test.
+struct DefaultsFixture
 {
     QTemporaryDir dir;
     QString confPath = dir.filePath(QStringLiteral("Quillvox.conf"));
-    QString historyPath = dir.filePath(QStringLiteral("Quillvox/History"));
     std::unique_ptr<UserDefaults> defaults;
-    QDateTime now = at("2025-02-03T04:05:06.789Z");
 
     // Values written through a QSettings of their own keep exactly the type given (bytes, text,
     // numbers), as another version of the program might have left them.
+    void storeRaw(const QString &key, const QVariant &value)
+    {
+        QSettings(confPath, QSettings::IniFormat).setValue(key, value);
+    }
+    UserDefaults &openDefaults()
+    {
+        if (!defaults)
+            defaults = std::make_unique<UserDefaults>(confPath);
+        return *defaults;
+    }
+};
+
+// One history world per test: its own defaults file, audio folder and clock.
+struct HistoryFixture : DefaultsFixture
+{
+    QString historyPath = dir.filePath(QStringLiteral("Quillvox/History"));
+    QDateTime now = at("2025-02-03T04:05:06.789Z");
+
     void storeRaw(const QVariant &value)
     {
-        QSettings(confPath, QSettings::IniFormat).setValue(HistoryManager::userDefaultsKey, value);
+        DefaultsFixture::storeRaw(HistoryManager::userDefaultsKey, value);
     }
     QVariant readRaw() const
     {
@@ -106,9 +122,7 @@ struct HistoryFixture
     }
     std::unique_ptr<HistoryManager> open()
     {
-        if (!defaults)
-            defaults = std::make_unique<UserDefaults>(confPath);
-        return std::make_unique<HistoryManager>(*defaults, historyPath, [this] { return now; });
+        return std::make_unique<HistoryManager>(openDefaults(), historyPath, [this] { return now; });
     }
     QString file(const QString &name) const { return historyPath + u'/' + name; }
     QStringList filesInHistory() const
@@ -146,11 +160,8 @@ const QStringList kAllKeys{UsageManager::allTimeKey, UsageManager::thisMonthKey,
                            UsageManager::weekStartKey, UsageManager::monthStartKey};
 
 // One machine per test: its own defaults file, clock, time zone and locale.
-struct UsageFixture
+struct UsageFixture : DefaultsFixture
 {
-    QTemporaryDir dir;
-    QString confPath = dir.filePath(QStringLiteral("Quillvox.conf"));
-    std::unique_ptr<UserDefaults> defaults;
     QDateTime now;
     QTimeZone zone;
     QLocale locale;
@@ -164,11 +175,6 @@ struct UsageFixture
             qFatal("no time zone %s", zoneId.constData());
     }
 
-    void storeRaw(const QString &key, const QVariant &value)
-    {
-        QSettings s(confPath, QSettings::IniFormat);
-        s.setValue(key, value);
-    }
     // The state a previous run left: three records and the two starts.
     void storeState(UsageStats all, UsageStats month, UsageStats week, const QDateTime &weekStart,
                     const QDateTime &monthStart)
@@ -182,10 +188,8 @@ struct UsageFixture
     }
     std::unique_ptr<UsageManager> open()
     {
-        if (!defaults)
-            defaults = std::make_unique<UserDefaults>(confPath);
         return std::make_unique<UsageManager>(
-            *defaults, [this] { return now; }, zone, locale);
+            openDefaults(), [this] { return now; }, zone, locale);
     }
     UsageStats stored(const QString &key) const
     {

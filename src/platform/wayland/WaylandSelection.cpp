@@ -2,6 +2,7 @@
 #include "platform/wayland/WaylandSelection.h"
 
 #include "core/Logging.h"
+#include "platform/wayland/WaylandClipboard.h"
 #include "platform/wayland/WlClipboardTool.h"
 
 #include <QCoreApplication>
@@ -118,23 +119,12 @@ QString explanation(Support support)
 
 std::optional<QString> readPrimarySelection(std::chrono::milliseconds timeLimit)
 {
-    // "text" picks the best text type the selection offers.
-    const WlClipboardTool::Outcome paste =
-        WlClipboardTool::run(kReader,
-                             {QStringLiteral("--primary"), QStringLiteral("--no-newline"),
-                              QStringLiteral("--type"), QStringLiteral("text")},
-                             timeLimit);
-    if (!paste.answered) {
-        qCWarning(lcCapture) << "wl-paste did not answer within" << timeLimit.count() << "ms";
+    // "text" picks the best text type the selection offers; nothing highlighted reads as nothing.
+    const std::optional<QByteArray> text =
+        WaylandClipboard(timeLimit).data(SystemClipboard::Buffer::Primary, QStringLiteral("text"));
+    if (!text || text->isEmpty())
         return std::nullopt;
-    }
-    // Exit status 1 with "No selection" when nothing is highlighted.
-    if (paste.exitCode != 0)
-        return std::nullopt;
-    const QString text = QString::fromUtf8(paste.output);
-    if (text.isEmpty())
-        return std::nullopt;
-    return text;
+    return QString::fromUtf8(*text);
 }
 
 } // namespace WaylandSelection

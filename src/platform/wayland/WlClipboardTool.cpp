@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "platform/wayland/WlClipboardTool.h"
 
+#include "core/Logging.h"
+
 #include <QProcess>
 
 namespace WlClipboardTool {
@@ -15,6 +17,7 @@ Outcome run(const QString &program, const QStringList &arguments, std::chrono::m
         process.closeWriteChannel();
     }
     if (!process.waitForFinished(int(timeLimit.count()))) {
+        qCWarning(lcCapture).noquote() << program << "did not answer within" << timeLimit.count() << "ms";
         process.kill();
         process.waitForFinished(1000);
         return {};
