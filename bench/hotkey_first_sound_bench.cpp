@@ -11,8 +11,8 @@
 //
 // The floor is what the design waits for: the 0.2 s to the first byte, and 0.15 s for the 0.6 s of audio
 // that playback waits for to arrive at 4x (the capture's copy wait ends when the copy lands, within a few
-// milliseconds in mousepad). The overhead is the median above it; the goal for the whole is
-// 380 ms. The baseline fetches the same request whole with curl and then plays it with paplay.
+// milliseconds in mousepad). The overhead is the median above it; the goal for the whole is 380 ms. The
+// baseline fetches the same request whole with curl and then plays it with paplay.
 //
 // Clocks. Both ends are on steady_clock. The press: the time taken right before the XTest key press of
 // S (Ctrl and Alt already down) is queued and flushed to the X server. The first sound: the null sink's
