@@ -85,7 +85,8 @@ private:
     ShellStatusMenu &m_owner;
 };
 
-ShellStatusMenu::ShellStatusMenu(StatusMenu &menu, SpeechManager &speech, QDBusConnection bus, QObject *parent)
+ShellStatusMenu::ShellStatusMenu(StatusMenu &menu, SpeechManager &speech, QDBusConnection bus,
+                                 QObject *parent)
     : QObject(parent)
     , m_menu(menu)
     , m_speech(speech)
@@ -119,10 +120,9 @@ void ShellStatusMenu::start()
     scheduleChanged();
 
     const QString extension = QString::fromLatin1(GnomeShellExtension::kService);
-    auto *watcher = new QDBusServiceWatcher(extension, m_bus,
-                                            QDBusServiceWatcher::WatchForRegistration |
-                                                QDBusServiceWatcher::WatchForUnregistration,
-                                            this);
+    auto *watcher = new QDBusServiceWatcher(
+        extension, m_bus,
+        QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration, this);
     connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, [this] { followExtension(true); });
     connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, [this] { followExtension(false); });
     followExtension(m_bus.interface()->isServiceRegistered(extension));

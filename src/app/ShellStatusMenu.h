@@ -33,8 +33,8 @@ public:
         bool operator==(const Item &) const = default;
     };
 
-    ShellStatusMenu(StatusMenu &menu, SpeechManager &speech, QDBusConnection bus = QDBusConnection::sessionBus(),
-                    QObject *parent = nullptr);
+    ShellStatusMenu(StatusMenu &menu, SpeechManager &speech,
+                    QDBusConnection bus = QDBusConnection::sessionBus(), QObject *parent = nullptr);
     ~ShellStatusMenu() override;
 
     // Exports the menu and shows the tray item unless the extension is there to show the menu.

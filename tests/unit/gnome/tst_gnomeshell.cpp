@@ -138,24 +138,28 @@ private Q_SLOTS:
     {
         QFETCH(QString, name);
         QFETCH(bool, answered);
-        const QString connectionName = QStringLiteral("caller ") + QString::fromLatin1(QTest::currentDataTag());
+        const QString connectionName =
+            QStringLiteral("caller ") + QString::fromLatin1(QTest::currentDataTag());
         {
-            QDBusConnection caller = QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
+            QDBusConnection caller =
+                QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
             // The extension's own name is taken; owning it is no way in either way.
             if (!name.isEmpty() && name != QLatin1String(GnomeShellExtension::kService))
                 QVERIFY(caller.registerService(name));
             const auto call = [&](const QString &method, const QVariantList &arguments) {
                 QDBusMessage message = QDBusMessage::createMethodCall(
-                    QString::fromLatin1(GnomeShellExtension::kService), QString::fromLatin1(GnomeShellExtension::kPath),
+                    QString::fromLatin1(GnomeShellExtension::kService),
+                    QString::fromLatin1(GnomeShellExtension::kPath),
                     QString::fromLatin1(GnomeShellExtension::kInterface), method);
                 message.setArguments(arguments);
                 return caller.call(message, QDBus::Block, 5000);
             };
             const QDBusMessage read = call(QStringLiteral("ReadSelection"), {});
-            const QDBusMessage bind = call(QStringLiteral("BindShortcuts"),
-                                           {QVariant::fromValue(QList<KeyRequest>())});
+            const QDBusMessage bind =
+                call(QStringLiteral("BindShortcuts"), {QVariant::fromValue(QList<KeyRequest>())});
             if (answered) {
-                QCOMPARE(read.arguments().value(0).toString(), QStringLiteral("Highlighted in the fake shell"));
+                QCOMPARE(read.arguments().value(0).toString(),
+                         QStringLiteral("Highlighted in the fake shell"));
                 QCOMPARE(bind.type(), QDBusMessage::ReplyMessage);
             } else {
                 QCOMPARE(read.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
