@@ -30,7 +30,6 @@ public:
         QString label;
         bool enabled = false;
         bool separator = false;
-        bool operator==(const Item &) const = default;
     };
 
     ShellStatusMenu(StatusMenu &menu, SpeechManager &speech,
@@ -40,12 +39,12 @@ public:
     // Exports the menu and shows the tray item unless the extension is there to show the menu.
     void start();
 
+private:
     // The menu's actions as the bus offers them.
     static QList<Item> items(const QMenu &menu);
     // Triggers the visible, enabled item `id` of `menu` from the event loop; false when there is none.
     static bool activate(QMenu &menu, const QString &id);
 
-private:
     class BusObject;
 
     void scheduleChanged();
