@@ -115,8 +115,7 @@ void ShellStatusMenu::start()
     m_object = new BusObject(*this);
     if (!m_bus.registerVirtualObject(QString::fromLatin1(kPath), m_object))
         qCWarning(lcApp) << "could not export the status menu on the session bus";
-    // An extension that started before us asks for the menu when our name appears; one that starts later
-    // asks at once. Either may have asked before the object was there.
+    // The extension asked for the menu when our name appeared, before the object was there.
     scheduleChanged();
 
     const QString extension = QString::fromLatin1(GnomeShellExtension::kService);

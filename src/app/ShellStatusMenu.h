@@ -3,7 +3,6 @@
 
 #include <QDBusConnection>
 #include <QObject>
-#include <QPointer>
 
 class QMenu;
 class SpeechManager;
