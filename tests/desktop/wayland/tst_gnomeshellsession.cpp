@@ -102,7 +102,6 @@ class TestGnomeShellSession : public QObject
     // Opens the indicator's menu and clicks the item labelled `label` once the menu has stopped sliding in.
     bool chooseFromMenu(const QString &label)
     {
-        clickAt(indicator()[u"rect"].toObject());
         const auto itemRect = [&label] {
             for (const QJsonValue &item : indicator()[u"items"].toArray()) {
                 if (item[u"label"].toString() == label)
@@ -113,6 +112,10 @@ class TestGnomeShellSession : public QObject
         QJsonObject rect;
         const bool settled = QTest::qWaitFor(
             [&] {
+                if (!indicator()[u"open"].toBool()) {
+                    clickAt(indicator()[u"rect"].toObject());
+                    QTest::qWait(200);
+                }
                 const QJsonObject before = itemRect();
                 QTest::qWait(100);
                 rect = itemRect();
@@ -121,8 +124,11 @@ class TestGnomeShellSession : public QObject
             5000);
         if (settled)
             clickAt(rect);
+        else
+            qWarning("%s", QJsonDocument(probe(QStringLiteral("Indicators"))).toJson().constData());
         return settled;
     }
+
     // Of the nested shell, the pointer out of the way.
     void screenshot(const QString &name)
     {
