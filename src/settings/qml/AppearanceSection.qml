@@ -42,6 +42,11 @@ SectionPage {
                     Accessible.description: modelData.description
                     onClicked: root.model.selectAppearance(modelData.name)
 
+                    FocusRing {
+                        shown: option.visualFocus
+                        radius: 10
+                    }
+
                     background: Rectangle {
                         radius: 8
                         color: option.hovered ? Qt.rgba(palette.highlight.r, palette.highlight.g,
@@ -124,6 +129,11 @@ SectionPage {
                     Accessible.checked: selected
                     Accessible.name: modelData.name
                     onClicked: root.model.selectTheme(modelData.name)
+
+                    FocusRing {
+                        shown: swatch.visualFocus
+                        radius: 10
+                    }
 
                     contentItem: ColumnLayout {
                         spacing: 6

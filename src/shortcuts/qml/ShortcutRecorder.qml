@@ -3,9 +3,10 @@ import QtQuick
 import Quillvox.Shortcuts
 
 // One settings row's recorder. The row owns the recording flag: bind `isRecording` to it and clear it on
-// `finished`, which follows both an accepted combination (after `recorded`) and Escape. How the row looks
-// while recording is the settings window's business; this shows the binding or the prompt.
-Item {
+// `finished`, which follows an accepted combination (after `recorded`), Escape, and the recorder losing
+// the keyboard focus. How the row looks while recording is the settings window's business; this shows
+// the binding or the prompt, and the keyboard focus as a ring.
+FocusScope {
     id: root
 
     property bool isRecording: false
@@ -31,6 +32,16 @@ Item {
         border.color: root.isRecording ? systemPalette.highlight : systemPalette.mid
     }
 
+    Rectangle {
+        anchors.fill: parent
+        anchors.margins: -3
+        visible: root.activeFocus && !root.isRecording
+        radius: 6
+        color: "transparent"
+        border.width: 2
+        border.color: systemPalette.highlight
+    }
+
     Text {
         id: caption
         anchors.centerIn: parent
@@ -41,6 +52,7 @@ Item {
     ShortcutRecorderItem {
         id: recorder
         anchors.fill: parent
+        focus: true
         recording: root.isRecording
         onShortcutRecorded: (key, modifiers) => {
             root.recorded(key, modifiers);

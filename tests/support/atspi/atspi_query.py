@@ -4,6 +4,8 @@
 #   atspi_query.py APP find NAME [N] -> "x y width height" (screen pixels) of the first (or N-th,
 #                                     from 0) showing accessible called NAME, exit 1 when there is none
 #   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
+#   atspi_query.py APP focused     -> the name of the accessible that has the keyboard focus, exit 1 when
+#                                     none has
 import sys
 
 import pyatspi
@@ -40,6 +42,12 @@ def main():
         for node in walk(app):
             print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
         return 0
+    if command == "focused":
+        for node in walk(app):
+            if node.getState().contains(pyatspi.STATE_FOCUSED) and showing(node):
+                print(node.name)
+                return 0
+        return 1
     wanted = sys.argv[3]
     skip = int(sys.argv[4]) if len(sys.argv) > 4 else 0
     for node in walk(app):
