@@ -44,7 +44,8 @@ SectionPage {
 
                     FocusRing {
                         shown: option.visualFocus
-                        radius: 10
+                        gap: 4
+                        radius: 12
                     }
 
                     background: Rectangle {
@@ -132,7 +133,8 @@ SectionPage {
 
                     FocusRing {
                         shown: swatch.visualFocus
-                        radius: 10
+                        gap: 4
+                        radius: 12
                     }
 
                     contentItem: ColumnLayout {
@@ -176,6 +178,11 @@ SectionPage {
                 checked: root.model.showWidgetWithOwnKey
                 Accessible.name: "Show the widget when using my own API key"
                 onToggled: root.model.showWidgetWithOwnKey = checked
+
+                FocusRing {
+                    shown: parent.visualFocus
+                    radius: 4
+                }
             }
         }
     }

@@ -8,7 +8,7 @@ Rectangle {
 
     // Whether the parent has the focus; controls pass their `visualFocus`, so that a click draws none.
     property bool shown: parent ? parent.activeFocus : false
-    property real gap: 2
+    property real gap: 3
 
     anchors.fill: parent
     anchors.margins: -gap

@@ -90,6 +90,11 @@ SectionPage {
                         flat: false
                         Accessible.name: (entry.playing ? "Pause " : "Play ") + entry.title
                         onClicked: root.model.replay(entry.entryId)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: width / 2 + 3
+                        }
                     }
                     ColumnLayout {
                         Layout.fillWidth: true
@@ -117,6 +122,11 @@ SectionPage {
                         ToolTip.visible: hovered
                         ToolTip.text: Accessible.name
                         onClicked: entry.expanded = !entry.expanded
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
+                        }
                     }
                     Button {
                         text: "Export…"
