@@ -138,11 +138,8 @@ SectionPage {
                     label: shortcutRow.row.label
                     isRecording: root.model.recordingRow === shortcutRow.index
                     activeFocusOnTab: true
-                    Accessible.role: Accessible.Button
-                    Accessible.name: shortcutRow.row.title + " shortcut"
-                    // While recording, what the row waits for; else the combination.
-                    Accessible.description: isRecording ? prompt : shortcutRow.row.label
-                    Accessible.onPressAction: root.model.recordingRow = shortcutRow.index
+                    accessibleName: shortcutRow.row.title + " shortcut"
+                    onActivated: root.model.recordingRow = shortcutRow.index
                     Keys.onReturnPressed: root.model.recordingRow = shortcutRow.index
                     Keys.onSpacePressed: root.model.recordingRow = shortcutRow.index
                     onRecorded: (key, modifiers) => root.model.record(shortcutRow.index, key, modifiers)

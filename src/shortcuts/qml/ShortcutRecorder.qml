@@ -13,9 +13,16 @@ FocusScope {
     // The binding shown while not recording, e.g. HotkeyManager.displayLabel.
     property string label
     property string prompt: qsTr("Type a shortcut…")
+    // What a screen reader calls the recorder; it also hears whether it records.
+    property string accessibleName
 
     signal recorded(var key, var modifiers)
     signal finished
+    // A screen reader's press.
+    signal activated
+
+    // The item inside, which holds the keyboard focus, speaks for the recorder.
+    Accessible.ignored: true
 
     implicitWidth: Math.max(caption.implicitWidth + 16, 120)
     implicitHeight: caption.implicitHeight + 10
@@ -54,6 +61,10 @@ FocusScope {
         anchors.fill: parent
         focus: true
         recording: root.isRecording
+        Accessible.role: Accessible.Button
+        Accessible.name: root.accessibleName
+        Accessible.description: root.isRecording ? root.prompt : root.label
+        Accessible.onPressAction: root.activated()
         onShortcutRecorded: (key, modifiers) => {
             root.recorded(key, modifiers);
             root.finished();

@@ -211,7 +211,7 @@ private Q_SLOTS:
     void tabWalksTheVoiceSection()
     {
         QVERIFY(clickAccessibleControl(QStringLiteral("Voice")));
-        QTRY_COMPARE(focusedAccessibleName(), QStringLiteral("Sections"));
+        QTRY_COMPARE(focusedAccessibleName(), QStringLiteral("Voice"));
         QStringList walked;
         for (int i = 0; i < 28; ++i) {
             xdotool({"key", "Tab"});

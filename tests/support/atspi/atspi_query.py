@@ -43,11 +43,13 @@ def main():
             print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
         return 0
     if command == "focused":
-        for node in walk(app):
-            if node.getState().contains(pyatspi.STATE_FOCUSED) and showing(node):
-                print(node.name)
-                return 0
-        return 1
+        # Focus scopes around the control count as focused too: the deepest is the control.
+        focused = [node for node in walk(app)
+                   if node.getState().contains(pyatspi.STATE_FOCUSED) and showing(node)]
+        if not focused:
+            return 1
+        print(focused[-1].name)
+        return 0
     wanted = sys.argv[3]
     skip = int(sys.argv[4]) if len(sys.argv) > 4 else 0
     for node in walk(app):
