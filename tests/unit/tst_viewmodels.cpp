@@ -237,6 +237,30 @@ private Q_SLOTS:
         QVERIFY(!apiKeys.hasKey());
     }
 
+    // Recording and resetting a row from the keyboard keep the focus on that row's recorder.
+    void focusStaysOnItsRow()
+    {
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        SettingsServices services;
+        services.hotkeys = hotkeys.get();
+        SettingsWindow settings(SettingsSection::shortcuts, std::move(services));
+        settings.present();
+        QQuickWindow *window = settings.window();
+        QVERIFY(QTest::qWaitForWindowActive(window));
+        QTest::keyClick(window, Qt::Key_Tab); // the section list
+        QTest::keyClick(window, Qt::Key_Tab);
+        QQuickItem *recorder = window->activeFocusItem();
+        QVERIFY(recorder && recorder->inherits("ShortcutRecorderItem"));
+
+        settings.viewModel()->shortcuts()->record(0, 40, 0x100000);
+        QCOMPARE(window->activeFocusItem(), recorder);
+        QTest::keyClick(window, Qt::Key_Tab);
+        QVERIFY(window->activeFocusItem()->property("text") == QStringLiteral("Reset"));
+        QTest::keyClick(window, Qt::Key_Space);
+        QVERIFY(hotkeys->currentKey() == HotkeyManager::defaultKey);
+        QCOMPARE(window->activeFocusItem(), recorder);
+    }
+
     // The history's rows change in place: only the rows that changed are touched, none is rebuilt.
     void historyRowsInPlace_data()
     {
