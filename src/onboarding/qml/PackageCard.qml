@@ -21,6 +21,8 @@ T.AbstractButton {
     FocusRing {
         shown: card.visualFocus
         radius: 15
+        // Under the card, so that the badge on its edge stays whole.
+        z: -2
     }
 
     background: Rectangle {
