@@ -237,12 +237,18 @@ private Q_SLOTS:
         QVERIFY(!apiKeys.hasKey());
     }
 
-    // Recording and resetting a row from the keyboard keep the focus on that row's recorder.
+    // Recording and resetting a row from the keyboard keep the focus on that row's recorder; deleting a
+    // history entry moves it to the next entry's Delete.
     void focusStaysOnItsRow()
     {
         const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
+        for (const char *text : {"Older", "Newer"})
+            history.addSession(QString::fromLatin1(text), QStringLiteral("cedar"), 1, QByteArray(480, 0));
         SettingsServices services;
         services.hotkeys = hotkeys.get();
+        services.speech = m_speech.get();
+        services.history = &history;
         SettingsWindow settings(SettingsSection::shortcuts, std::move(services));
         settings.present();
         QQuickWindow *window = settings.window();
@@ -259,6 +265,15 @@ private Q_SLOTS:
         QTest::keyClick(window, Qt::Key_Space);
         QVERIFY(hotkeys->currentKey() == HotkeyManager::defaultKey);
         QCOMPARE(window->activeFocusItem(), recorder);
+
+        settings.viewModel()->selectLabel(QStringLiteral("History"));
+        // Tab to the newest entry's Delete.
+        for (int i = 0; i < 8 && window->activeFocusItem()->property("text") != QStringLiteral("Delete"); ++i)
+            QTest::keyClick(window, Qt::Key_Tab);
+        QCOMPARE(window->activeFocusItem()->property("text"), QStringLiteral("Delete"));
+        QTest::keyClick(window, Qt::Key_Space);
+        QCOMPARE(history.sessions().size(), 1);
+        QCOMPARE(window->activeFocusItem()->property("text"), QStringLiteral("Delete"));
     }
 
     // The history's rows change in place: only the rows that changed are touched, none is rebuilt.

@@ -13,10 +13,9 @@ SectionPage {
     function focusEntry(index) {
         const count = entryRows.count;
         const entry = count > 0 ? entryRows.itemAt(Math.min(index, count - 1)) : null;
-        if (entry)
-            entry.deleteButton.forceActiveFocus(Qt.TabFocusReason);
-        else
-            clearAll.nextItemInFocusChain().forceActiveFocus(Qt.TabFocusReason);
+        const next = entry ? entry.deleteButton : clearAll.nextItemInFocusChain();
+        if (next)
+            next.forceActiveFocus(Qt.TabFocusReason);
     }
 
     title: "History"
@@ -140,9 +139,9 @@ SectionPage {
                         flat: true
                         Accessible.name: "Delete " + entry.title
                         onClicked: {
-                            const at = entry.index;
+                            // Once this row has gone from the list.
+                            Qt.callLater(root.focusEntry, entry.index);
                             root.model.remove(entry.entryId);
-                            root.focusEntry(at);
                         }
                     }
                 }
