@@ -217,6 +217,9 @@ void AppDelegate::ensureShortcuts()
     } else {
         explainWayland();
     }
+    // A window opened during onboarding was made without them.
+    if (m_settingsWindow)
+        m_settingsWindow->adoptServices(SettingsServices::fromShared());
 }
 
 void AppDelegate::promptForTrust()

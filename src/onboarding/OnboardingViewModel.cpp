@@ -240,8 +240,15 @@ void OnboardingViewModel::requestPermission()
 
 void OnboardingViewModel::signIn(bool google)
 {
-    if (m_services.auth)
-        m_services.auth->signIn(google);
+    if (!m_services.auth)
+        return;
+    const bool again = m_isSigningIn;
+    m_services.auth->signIn(google);
+    // The session was still waiting for the first browser: this one gets its own 10 s.
+    if (again && m_isSigningIn && std::exchange(m_signInWaitedLong, false)) {
+        holdSignInButtons();
+        Q_EMIT isSigningInChanged();
+    }
 }
 
 void OnboardingViewModel::useOwnApiKey()
@@ -418,8 +425,23 @@ void OnboardingViewModel::setHasPermissions(bool granted)
 
 void OnboardingViewModel::setIsSigningIn(bool signingIn)
 {
-    if (assignIfChanged(m_isSigningIn, signingIn))
+    if (!assignIfChanged(m_isSigningIn, signingIn))
+        return;
+    m_signInWaitedLong = false;
+    if (signingIn)
+        holdSignInButtons();
+    Q_EMIT isSigningInChanged();
+}
+
+void OnboardingViewModel::holdSignInButtons()
+{
+    const int generation = ++m_signInGeneration;
+    m_services.clock->callAfter(std::chrono::milliseconds(kSignInRetryMs), this, [this, generation] {
+        if (generation != m_signInGeneration || !m_isSigningIn)
+            return;
+        m_signInWaitedLong = true;
         Q_EMIT isSigningInChanged();
+    });
 }
 
 void OnboardingViewModel::setSignInError(std::optional<QString> error)

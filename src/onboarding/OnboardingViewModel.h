@@ -40,6 +40,9 @@ class OnboardingViewModel : public QObject
     Q_PROPERTY(bool showPermissionError READ showPermissionError NOTIFY showPermissionErrorChanged)
     Q_PROPERTY(QString permissionHint READ permissionHint NOTIFY showPermissionErrorChanged)
     Q_PROPERTY(bool isSigningIn READ isSigningIn NOTIFY isSigningInChanged)
+    // The sign-in buttons: off while a sign-in has just started, on again after kSignInRetryMs so that a
+    // closed browser is no dead end (the first sign-in's callback still counts).
+    Q_PROPERTY(bool canSignIn READ canSignIn NOTIFY isSigningInChanged)
     Q_PROPERTY(QString signInError READ signInErrorText NOTIFY signInErrorChanged)
     Q_PROPERTY(bool hasCompletedTryIt READ hasCompletedTryIt NOTIFY hasCompletedTryItChanged)
     Q_PROPERTY(QString tutorialPhase READ tutorialPhaseName NOTIFY tutorialPhaseChanged)
@@ -57,6 +60,7 @@ class OnboardingViewModel : public QObject
 public:
     static constexpr const char *kHasCompletedOnboardingKey = "hasCompletedOnboarding";
     static constexpr int kPermissionPollMs = 1000;
+    static constexpr int kSignInRetryMs = 10000;
 
     enum class TutorialPhase { intro, tryIt, voice, appearance, shortcut };
 
@@ -92,6 +96,7 @@ public:
     bool showPermissionError() const { return m_showPermissionError; }
     QString permissionHint() const { return m_permissionHint; }
     bool isSigningIn() const { return m_isSigningIn; }
+    bool canSignIn() const { return !m_isSigningIn || m_signInWaitedLong; }
     std::optional<QString> signInError() const { return m_signInError; }
     QString signInErrorText() const { return m_signInError.value_or(QString()); }
     bool hasCompletedTryIt() const { return m_hasCompletedTryIt; }
@@ -165,6 +170,7 @@ private:
     void setTutorialPhase(TutorialPhase phase);
     void setHasPermissions(bool granted);
     void setIsSigningIn(bool signingIn);
+    void holdSignInButtons();
     void setSignInError(std::optional<QString> error);
     void setHasCompletedTryIt(bool done);
     void setIsPurchasing(bool purchasing);
@@ -178,6 +184,8 @@ private:
     bool m_showPermissionError = false;
     QString m_permissionHint;
     bool m_isSigningIn = false;
+    bool m_signInWaitedLong = false;
+    int m_signInGeneration = 0;
     std::optional<QString> m_signInError;
     bool m_hasCompletedTryIt = false;
     bool m_isPurchasing = false;
