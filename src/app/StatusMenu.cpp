@@ -16,6 +16,7 @@
 
 #include <QCoreApplication>
 #include <QCursor>
+#include <QDBusConnectionInterface>
 #include <QGuiApplication>
 #include <QIcon>
 #include <QMenu>
@@ -103,10 +104,11 @@ StatusMenu::~StatusMenu() = default;
 
 void StatusMenu::show()
 {
-    // Decided once, as Qt does: Qt's own icon would be a second item where a host runs.
-    const bool hosted = StatusNotifierItem::isHostAvailable();
     m_item->registerOnBus();
-    if (hosted)
+    // Qt's icon would be a second item where a panel hosts ours; where none does, older trays take it.
+    // The watcher is asked through the bus, never synchronously: it may be busy starting us.
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected() && bus.interface()->isServiceRegistered(StatusNotifierItem::kWatcherService))
         return;
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         qCInfo(lcApp) << "no system tray: start quillvox again to open the settings window";

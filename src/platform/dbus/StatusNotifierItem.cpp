@@ -19,7 +19,6 @@
 
 namespace {
 
-const QString kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
 const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
 const QString kItemPath = QStringLiteral("/StatusNotifierItem");
 const QString kMenuPath = QStringLiteral("/MenuBar");
@@ -172,6 +171,8 @@ private:
     StatusNotifierItem *m_item;
 };
 
+const QString StatusNotifierItem::kWatcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+
 StatusNotifierItem::StatusNotifierItem(const QString &id, const QDBusConnection &bus, QObject *parent)
     : QObject(parent)
     , m_bus(bus)
@@ -189,20 +190,6 @@ StatusNotifierItem::~StatusNotifierItem()
         m_bus.unregisterObject(kItemPath);
         m_bus.unregisterService(m_service);
     }
-}
-
-bool StatusNotifierItem::isHostAvailable(const QDBusConnection &bus)
-{
-    if (!bus.isConnected() || !bus.interface()->isServiceRegistered(kWatcherService))
-        return false;
-    QDBusMessage get = QDBusMessage::createMethodCall(kWatcherService, kWatcherPath,
-                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                      QStringLiteral("Get"));
-    get << QStringLiteral("org.kde.StatusNotifierWatcher")
-        << QStringLiteral("IsStatusNotifierHostRegistered");
-    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
-    return reply.type() == QDBusMessage::ReplyMessage &&
-           reply.arguments().value(0).value<QDBusVariant>().variant().toBool();
 }
 
 bool StatusNotifierItem::registerOnBus()

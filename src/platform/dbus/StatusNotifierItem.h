@@ -25,8 +25,8 @@ public:
                                 QObject *parent = nullptr);
     ~StatusNotifierItem() override;
 
-    // Whether a panel hosts items on `bus` now.
-    static bool isHostAvailable(const QDBusConnection &bus = QDBusConnection::sessionBus());
+    // The bus name of the panel's StatusNotifierWatcher.
+    static const QString kWatcherService;
 
     // Claims the item's bus name and object and registers with the watcher; false without a bus.
     bool registerOnBus();

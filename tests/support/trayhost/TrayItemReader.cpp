@@ -130,25 +130,36 @@ QList<TrayItemReader::Entry> TrayItemReader::menu() const
     return entries;
 }
 
+QString TrayItemReader::text(const Entry &entry)
+{
+    if (entry.properties.value(QStringLiteral("type")).toString() == u"separator")
+        return QStringLiteral("-");
+    QString text = entry.properties.value(QStringLiteral("label")).toString();
+    if (!entry.properties.value(QStringLiteral("enabled"), true).toBool())
+        text = QLatin1Char('[') + text + QLatin1Char(']');
+    const QString shortcut = shortcutText(entry.properties.value(QStringLiteral("shortcut")));
+    if (!shortcut.isEmpty())
+        text += QLatin1Char('\t') + shortcut;
+    return text;
+}
+
 QStringList TrayItemReader::shownMenu() const
 {
     QStringList shown;
     for (const Entry &entry : menu()) {
-        if (!entry.properties.value(QStringLiteral("visible"), true).toBool())
-            continue;
-        if (entry.properties.value(QStringLiteral("type")).toString() == u"separator") {
-            shown.append(QStringLiteral("-"));
-            continue;
-        }
-        QString text = entry.properties.value(QStringLiteral("label")).toString();
-        if (!entry.properties.value(QStringLiteral("enabled"), true).toBool())
-            text = QLatin1Char('[') + text + QLatin1Char(']');
-        const QString shortcut = shortcutText(entry.properties.value(QStringLiteral("shortcut")));
-        if (!shortcut.isEmpty())
-            text += QLatin1Char('\t') + shortcut;
-        shown.append(text);
+        if (entry.properties.value(QStringLiteral("visible"), true).toBool())
+            shown.append(text(entry));
     }
     return shown;
+}
+
+QString TrayItemReader::entryText(const QString &label) const
+{
+    for (const Entry &entry : menu()) {
+        if (entry.properties.value(QStringLiteral("label")).toString() == label)
+            return text(entry);
+    }
+    return {};
 }
 
 bool TrayItemReader::click(const QString &label) const

@@ -29,6 +29,8 @@ public:
     // What a person sees: the shown entries, "-" for a separator, a disabled one in brackets, the key
     // hint after a tab ("Narrate Selection\tControl+Alt+S").
     QStringList shownMenu() const;
+    // The entry labelled `label` as shownMenu() writes it, also while it is hidden.
+    QString entryText(const QString &label) const;
     // Clicks the entry labelled `label` as a panel does when the user picks it.
     bool click(const QString &label) const;
 
@@ -38,6 +40,7 @@ private:
         int id = 0;
         QVariantMap properties;
     };
+    static QString text(const Entry &entry);
     QString menuPath() const;
     QList<Entry> menu() const;
 
