@@ -8,6 +8,7 @@
 #include <QVariantMap>
 
 class QAction;
+class QKeySequence;
 class QMenu;
 
 // A QMenu's actions as a com.canonical.dbusmenu menu, for panels that draw an item's menu themselves.
