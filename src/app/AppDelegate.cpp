@@ -214,6 +214,8 @@ void AppDelegate::ensureShortcuts()
     if (HotkeyManager *hotkeys = createSharedHotkeyManager()) {
         if (m_remote)
             m_remote->setHotkeys(hotkeys);
+        if (m_statusMenu)
+            m_statusMenu->setHotkeys(hotkeys);
     } else {
         explainWayland();
     }
