@@ -16,6 +16,7 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "records/HistoryManager.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
@@ -46,6 +47,16 @@ void explainWayland()
            "  quillvox --narrate-selection   quillvox --toggle        quillvox --stop\n"
            "  quillvox --skip-back           quillvox --skip-forward  quillvox --cycle-speed\n"
         << Qt::flush;
+}
+
+// Where the user looks, not only on standard error: the Shortcuts section explains the session.
+void notifyWithSettings(const QString &summary, const QString &body)
+{
+    showDesktopNotification(summary, body, QStringLiteral("Open Settings"), [] {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(
+            settingsSectionLabel(SettingsSection::shortcuts));
+    });
 }
 
 } // namespace
@@ -82,12 +93,14 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
 
     m_remote = std::make_unique<RemoteControl>(speech, nullptr);
     m_instance = std::make_unique<SingleInstance>();
-    if (!m_instance->listen([this](const QString &command, const QString &argument) {
-            return m_remote->handle(command, argument);
-        }))
+    if (!m_instance->listen([this](const QString &command,
+                                   const QString &argument) { return m_remote->handle(command, argument); },
+                            [this](const QString &text, std::function<void(const QJsonObject &)> reply) {
+                                m_remote->speakAndWait(text, std::move(reply));
+                            }))
         return false;
     m_remote->setOnboardingRaiser([this] { return raiseOnboardingWindow(); });
-    m_mpris = std::make_unique<MprisPlayer>(speech);
+    m_mpris = std::make_unique<MprisPlayer>(speech, &HistoryManager::shared());
     m_mpris->registerOnBus(MprisPlayer::busNameFor(
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
@@ -213,6 +226,10 @@ void AppDelegate::ensureShortcuts()
             m_remote->setHotkeys(hotkeys);
     } else {
         explainWayland();
+        notifyWithSettings(QStringLiteral("Quillvox cannot bind its shortcuts"),
+                           QStringLiteral("This session lets no application bind global shortcuts. Bind "
+                                          "Quillvox's commands in your desktop's keyboard settings."));
+        m_sessionExplained = true;
     }
 }
 
@@ -220,9 +237,11 @@ void AppDelegate::promptForTrust()
 {
     // Asked once per start; where capture cannot work the user is told why, once.
     SelectionCapture &capture = SelectionCapture::shared();
-    const QMetaObject::Connection explain =
-        connect(&capture, &SelectionCapture::permissionExplanationRequested, this, [](const QString &why) {
-            showDesktopNotification(QStringLiteral("Quillvox cannot read selected text"), why);
+    // One notification per start: the section it opens explains both.
+    const QMetaObject::Connection explain = connect(
+        &capture, &SelectionCapture::permissionExplanationRequested, this, [this](const QString &why) {
+            if (!std::exchange(m_sessionExplained, true))
+                notifyWithSettings(QStringLiteral("Quillvox cannot read selected text"), why);
         });
     capture.isProcessTrusted(true);
     disconnect(explain);

@@ -93,4 +93,6 @@ private:
     std::unique_ptr<UpdateChecker> m_updateChecker;
     std::unique_ptr<UpdateWindow> m_updateWindow;
     bool m_trustExplained = false;
+    // The notification about what the session lacks was shown.
+    bool m_sessionExplained = false;
 };
