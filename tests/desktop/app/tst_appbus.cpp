@@ -188,9 +188,12 @@ private Q_SLOTS:
 
         // A replay from the history is a new track with its own title.
         const QString other = QStringLiteral("A second narration, short.");
-        QCOMPARE(run(QStringLiteral(QUILLVOX_EXECUTABLE),
-                     {QStringLiteral("--speak"), QStringLiteral("--wait"), other}, m_env),
-                 QByteArray());
+        QProcess waiting;
+        waiting.setProcessEnvironment(m_env);
+        waiting.start(QStringLiteral(QUILLVOX_EXECUTABLE),
+                      {QStringLiteral("--speak"), other, QStringLiteral("--wait")});
+        QVERIFY(waiting.waitForFinished(30000));
+        QVERIFY2(waiting.exitCode() == 0, waiting.readAllStandardError().constData());
         QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}), other.toUtf8());
         const QByteArray track = playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")});
         QDBusMessage settings = applicationCall(QStringLiteral("ActivateAction"));

@@ -142,10 +142,9 @@ private Q_SLOTS:
         QCOMPARE(screen.size(), 2);
         const QByteArray geometry = runProgram(QStringLiteral("xdotool"),
                                                {"getwindowgeometry", "--shell", QString::fromLatin1(widget)});
-        QVERIFY2(
-            geometry.contains("X=" + QByteArray::number((screen[0].toInt() - kWidgetWidth) / 2) + '\n') &&
-                geometry.contains("Y=" + QByteArray::number(kWidgetTop) + '\n'),
-            geometry.constData());
+        const QByteArray left = "X=" + QByteArray::number((screen[0].toInt() - kWidgetWidth) / 2) + '\n';
+        const QByteArray top = "Y=" + QByteArray::number(kWidgetTop) + '\n';
+        QVERIFY2(geometry.contains(left) && geometry.contains(top), geometry.constData());
 
         const QString file = m_profile.filePath(QStringLiteral("note.txt"));
         QFile note(file);
