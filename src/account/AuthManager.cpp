@@ -154,7 +154,8 @@ void AuthManager::restoreSession()
             return;
         }
         log(QStringLiteral("Token verification failed: ") + describe(user.failure()));
-        const std::optional<QString> refreshToken = m_services.keychain->loadSecret(KeychainKey::refreshToken);
+        const std::optional<QString> refreshToken =
+            m_services.keychain->loadSecret(KeychainKey::refreshToken);
         if (!refreshToken) {
             log(QStringLiteral("No refresh token available, signing out"));
             signOut();
