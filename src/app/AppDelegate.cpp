@@ -16,6 +16,7 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "platform/x11/X11Activation.h"
 #include "records/HistoryManager.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
@@ -100,6 +101,14 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
                             }))
         return false;
     m_remote->setOnboardingRaiser([this] { return raiseOnboardingWindow(); });
+    // A launcher's leave to come to the front holds for the window its request shows, not later ones.
+    connect(m_instance.get(), &SingleInstance::startupIdReceived, this, [this](const QByteArray &id) {
+        m_startupId = id;
+        QTimer::singleShot(2000, this, [this, id] {
+            if (m_startupId == id)
+                m_startupId.clear();
+        });
+    });
     m_mpris = std::make_unique<MprisPlayer>(speech, &HistoryManager::shared());
     m_mpris->registerOnBus(MprisPlayer::busNameFor(
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
@@ -190,7 +199,17 @@ bool AppDelegate::raiseOnboardingWindow()
     m_onboardingWindow->show();
     m_onboardingWindow->raise();
     m_onboardingWindow->requestActivate();
+    activateForLauncher(m_onboardingWindow);
     return true;
+}
+
+void AppDelegate::activateForLauncher(QWindow *window)
+{
+    const QByteArray startupId = std::exchange(m_startupId, {});
+    if (startupId.isEmpty() || !window)
+        return;
+    // Once the window manager has mapped it.
+    QTimer::singleShot(100, window, [window, startupId] { X11Activation::activate(*window, startupId); });
 }
 
 void AppDelegate::startMainApp()
@@ -254,9 +273,11 @@ void AppDelegate::openSettings(std::optional<SettingsSection> section)
                                                             SettingsServices::fromShared());
         m_pendingSection.reset();
         m_settingsWindow->present();
+        activateForLauncher(m_settingsWindow->window());
         return;
     }
     m_settingsWindow->present();
+    activateForLauncher(m_settingsWindow->window());
     if (section)
         Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(*section));
 }

@@ -33,18 +33,22 @@ QVariantMap ownPlatformData()
     return data;
 }
 
-// The window this request brings forward uses the caller's leave to do so: Qt's Wayland window takes
-// XDG_ACTIVATION_TOKEN for its next activation (and clears it). Launchers send the token under either
-// name. Elsewhere nothing is kept: a variable left set would pass to programs started later.
-void takeActivation(const QVariantMap &platformData)
+// The window this request brings forward uses the caller's leave to do so. Qt's Wayland window takes
+// XDG_ACTIVATION_TOKEN for its next activation (and clears it); launchers send the token under either
+// name. On X11 the startup id goes to whoever shows the window. Nothing is kept in the environment
+// otherwise: a variable left set would pass to programs started later.
+void takeActivation(SingleInstance &instance, const QVariantMap &platformData)
 {
-    if (QGuiApplication::platformName() != u"wayland")
-        return;
     QString token = platformData.value(QStringLiteral("activation-token")).toString();
-    if (token.isEmpty())
-        token = platformData.value(QStringLiteral("desktop-startup-id")).toString();
-    if (!token.isEmpty())
-        qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+    const QString startupId = platformData.value(QStringLiteral("desktop-startup-id")).toString();
+    if (QGuiApplication::platformName() == u"wayland") {
+        if (token.isEmpty())
+            token = startupId;
+        if (!token.isEmpty())
+            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+    } else if (QGuiApplication::platformName() == u"xcb" && !startupId.isEmpty()) {
+        Q_EMIT instance.startupIdReceived(startupId.toUtf8());
+    }
 }
 
 // Runs one request and turns a refusal into a D-Bus error for the caller.
@@ -72,22 +76,24 @@ class ApplicationAdaptor : public QDBusAbstractAdaptor
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
 public:
-    ApplicationAdaptor(InstanceObject *object, const SingleInstance::Handler &handler)
+    ApplicationAdaptor(InstanceObject *object, SingleInstance &instance,
+                       const SingleInstance::Handler &handler)
         : QDBusAbstractAdaptor(object)
         , m_context(*object)
+        , m_instance(instance)
         , m_handler(handler)
     {}
 
 public Q_SLOTS:
     void Activate(const QVariantMap &platformData)
     {
-        takeActivation(platformData);
+        takeActivation(m_instance, platformData);
         answer(m_handler, m_context, QStringLiteral("activate"), {});
     }
 
     void Open(const QStringList &uris, const QVariantMap &platformData)
     {
-        takeActivation(platformData);
+        takeActivation(m_instance, platformData);
         for (const QString &uri : uris)
             answer(m_handler, m_context, QStringLiteral("open-url"), uri);
     }
@@ -96,7 +102,7 @@ public Q_SLOTS:
                         const QVariantMap &platformData)
     {
         Q_UNUSED(parameter)
-        takeActivation(platformData);
+        takeActivation(m_instance, platformData);
         if (!SingleInstance::actionNames().contains(actionName)) {
             m_context.sendErrorReply(QDBusError::InvalidArgs,
                                      QStringLiteral("No action \"%1\".").arg(actionName));
@@ -107,6 +113,7 @@ public Q_SLOTS:
 
 private:
     QDBusContext &m_context;
+    SingleInstance &m_instance;
     const SingleInstance::Handler &m_handler;
 };
 
@@ -212,7 +219,7 @@ bool SingleInstance::listen(Handler handler, SpeakAndWaitHandler speakAndWait)
     auto *object = new InstanceObject(this);
     m_handler = std::move(handler);
     m_speakAndWait = std::move(speakAndWait);
-    new ApplicationAdaptor(object, m_handler);
+    new ApplicationAdaptor(object, *this, m_handler);
     new RemoteAdaptor(object, m_handler, m_speakAndWait);
     if (!m_bus.registerObject(objectPathFor(m_name), object)) {
         qCWarning(lcApp) << "cannot export" << objectPathFor(m_name) << m_bus.lastError().message();

@@ -55,6 +55,11 @@ public:
                                            int timeoutMs = 5000,
                                            QDBusConnection bus = QDBusConnection::sessionBus());
 
+Q_SIGNALS:
+    // An X11 launcher's startup notification id came with Activate, Open or ActivateAction, before the
+    // request runs: the window it brings forward may use it (X11Activation).
+    void startupIdReceived(const QByteArray &startupId);
+
 private:
     QDBusConnection m_bus;
     Handler m_handler;
