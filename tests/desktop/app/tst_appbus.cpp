@@ -247,6 +247,22 @@ private Q_SLOTS:
                      .isEmpty());
     }
 
+    // A purchase finished in the browser, with no first-run window open: the balance is asked again and
+    // the settings window shows it on its Account section.
+    void purchaseShowsTheNewBalance()
+    {
+        QVERIFY(
+            !m_server.control(QStringLiteral("/dev/balance"), {{QStringLiteral("seconds"), 5400}}).isEmpty());
+        QVERIFY(clickAccessibleControl(QStringLiteral("Voice"))); // away from the Account section
+        QVERIFY(showsAccessibleControl(QStringLiteral("Cedar")));
+        QTest::qWait(5100); // past the refresh throttle of the earlier activations
+        QDBusMessage open = applicationCall(QStringLiteral("Open"));
+        open << QStringList{QStringLiteral("quillvox://purchase/success")} << QVariantMap();
+        QCOMPARE(QDBusConnection::sessionBus().call(open).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(showsAccessibleControl(QStringLiteral("Balance 1h 30m")));
+        QTRY_VERIFY(findAccessibleControl(QStringLiteral("Cedar")).isEmpty());
+    }
+
     void secondProfileRunsBeside()
     {
         QTemporaryDir profile;
