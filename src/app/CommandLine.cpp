@@ -227,6 +227,7 @@ int runApplication(int argc, char *argv[], const Invocation &invocation)
 {
     const std::optional<QString> &url = invocation.url;
     WindowingPlatform::applyForThisSession();
+    SingleInstance::keepLaunchActivation();
     // The bus connection wants the application object first.
     QApplication app(argc, argv);
     // Already running: a callback URL goes to it, a plain start shows its settings window. A login start

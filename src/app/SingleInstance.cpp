@@ -23,9 +23,15 @@ const QString kFailed = QStringLiteral("com.vantor.Quillvox.Error.Failed");
 
 // The launcher's leave to bring a window to the front, handed on by a second start: Wayland's
 // xdg-activation token, or the X11 startup notification id.
+QVariantMap &launchActivation()
+{
+    static QVariantMap data;
+    return data;
+}
+
 QVariantMap ownPlatformData()
 {
-    QVariantMap data;
+    QVariantMap data = launchActivation();
     if (const QString token = qEnvironmentVariable("XDG_ACTIVATION_TOKEN"); !token.isEmpty())
         data.insert(QStringLiteral("activation-token"), token);
     if (const QString id = qEnvironmentVariable("DESKTOP_STARTUP_ID"); !id.isEmpty())
@@ -35,8 +41,8 @@ QVariantMap ownPlatformData()
 
 // The window this request brings forward uses the caller's leave to do so. Qt's Wayland window takes
 // XDG_ACTIVATION_TOKEN for its next activation (and clears it); launchers send the token under either
-// name. On X11 the startup id goes to whoever shows the window. Nothing is kept in the environment
-// otherwise: a variable left set would pass to programs started later.
+// name. Elsewhere (X11) the startup id goes to whoever shows the window. Nothing is kept in the
+// environment otherwise: a variable left set would pass to programs started later.
 void takeActivation(SingleInstance &instance, const QVariantMap &platformData)
 {
     QString token = platformData.value(QStringLiteral("activation-token")).toString();
@@ -46,7 +52,7 @@ void takeActivation(SingleInstance &instance, const QVariantMap &platformData)
             token = startupId;
         if (!token.isEmpty())
             qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
-    } else if (QGuiApplication::platformName() == u"xcb" && !startupId.isEmpty()) {
+    } else if (!startupId.isEmpty()) {
         Q_EMIT instance.startupIdReceived(startupId.toUtf8());
     }
 }
@@ -174,6 +180,11 @@ SingleInstance::~SingleInstance()
         return;
     m_bus.unregisterService(m_name);
     m_bus.unregisterObject(objectPathFor(m_name));
+}
+
+void SingleInstance::keepLaunchActivation()
+{
+    launchActivation() = ownPlatformData();
 }
 
 QString SingleInstance::busNameFor(const QString &configFolder, const QString &home)

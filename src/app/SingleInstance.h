@@ -40,6 +40,9 @@ public:
     static QString busName();
     // "/com/vantor/Quillvox" for "com.vantor.Quillvox", as org.freedesktop.Application derives it.
     static QString objectPathFor(const QString &busName);
+    // Keeps the launcher's activation token and startup id from this process's environment for send():
+    // called before the application object, which takes them for a window of its own.
+    static void keepLaunchActivation();
     // The actions ActivateAction runs.
     static const QStringList &actionNames();
 

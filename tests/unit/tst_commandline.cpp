@@ -181,9 +181,16 @@ private Q_SLOTS:
             commands.append(command);
             return QJsonObject{{QStringLiteral("ok"), true}};
         }));
+        QSignalSpy startupIds(&instance, &SingleInstance::startupIdReceived);
+        // As a launcher starts it: its leave to bring a window forward goes along.
+        qputenv("DESKTOP_STARTUP_ID", "launcher-42_TIME1234");
         const Outcome outcome = run(arguments);
+        qunsetenv("DESKTOP_STARTUP_ID");
         QCOMPARE(outcome.exitCode, 0);
         QCOMPARE(commands, heard);
+        QCOMPARE(startupIds.count(), heard == QStringList{QStringLiteral("activate")} ? 1 : 0);
+        if (!startupIds.isEmpty())
+            QCOMPARE(startupIds.first().first().toByteArray(), QByteArray("launcher-42_TIME1234"));
     }
 
     // The running instance's reply, as one line of JSON; none running is exit status 2.
