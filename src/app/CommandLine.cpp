@@ -22,6 +22,7 @@
 #include <QTextStream>
 #include <QTimer>
 
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -44,17 +45,28 @@ int refuse(const QString &why)
     return 1;
 }
 
+termios g_shownTerminal{};
+
+// Ctrl+C at the prompt leaves the terminal as it found it.
+void restoreTerminalAndExit(int signal)
+{
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_shownTerminal);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
 // Reads one line from standard input, without its line end. On a terminal it asks for the key and does
 // not show it as typed. The key never travels in the arguments, where any user on the machine could
 // read it from the process list.
 QString readKeyFromStandardInput()
 {
-    const bool terminal = ::isatty(STDIN_FILENO);
-    termios saved{};
-    if (terminal && ::tcgetattr(STDIN_FILENO, &saved) == 0) {
-        termios hidden = saved;
+    const bool hide = ::isatty(STDIN_FILENO) && ::tcgetattr(STDIN_FILENO, &g_shownTerminal) == 0;
+    if (hide) {
+        termios hidden = g_shownTerminal;
         hidden.c_lflag &= ~tcflag_t(ECHO);
         hidden.c_lflag |= ECHONL;
+        std::signal(SIGINT, restoreTerminalAndExit);
+        std::signal(SIGTERM, restoreTerminalAndExit);
         ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
         std::fputs("OpenAI API key: ", stderr);
         std::fflush(stderr);
@@ -62,8 +74,11 @@ QString readKeyFromStandardInput()
     std::string line;
     for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar())
         line.push_back(char(c));
-    if (terminal)
-        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    if (hide) {
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_shownTerminal);
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+    }
     return QString::fromUtf8(line.data(), qsizetype(line.size())).trimmed();
 }
 

@@ -42,6 +42,23 @@ QJsonObject refusal(const QString &why)
     return QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), why}};
 }
 
+// After a purchase: the refresh first, then the window that shows the new balance (the application has
+// no window of its own to bring forward).
+void refreshThenShowAccount()
+{
+    const auto showAccount = [] {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(SettingsSection::account));
+    };
+    BalanceManager &balance = BalanceManager::shared();
+    balance.refreshBalance();
+    if (balance.isLoading())
+        QObject::connect(&balance, &BalanceManager::refreshFinished, &balance, showAccount,
+                         Qt::SingleShotConnection);
+    else
+        showAccount(); // throttled: the balance is a moment old
+}
+
 } // namespace
 
 std::optional<QString> RemoteControl::startSpeaking(const QString &text)
@@ -233,24 +250,9 @@ void RemoteControl::routeUrl(const QString &text)
             Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
             return;
         }
-        {
-            // The refresh first, then the window that shows the new balance: the application has no window
-            // of its own to bring forward.
-            qCInfo(lcApp) << "purchase completed";
-            BalanceManager &balance = BalanceManager::shared();
-            const auto showAccount = [] {
-                Q_EMIT AppEvents::shared().openSettingsWindow();
-                Q_EMIT AppEvents::shared().navigateToSettingsSection(
-                    settingsSectionLabel(SettingsSection::account));
-            };
-            balance.refreshBalance();
-            if (balance.isLoading())
-                QObject::connect(&balance, &BalanceManager::refreshFinished, &balance, showAccount,
-                                 Qt::SingleShotConnection);
-            else
-                showAccount();
-            return;
-        }
+        qCInfo(lcApp) << "purchase completed";
+        refreshThenShowAccount();
+        return;
     case UrlRoute::Ignored:
         qCInfo(lcApp) << "ignoring unknown callback URL";
         return;
