@@ -20,7 +20,6 @@ class AuthManager;
 class BalanceManager;
 class Clock;
 class KeychainHelper;
-class QNetworkAccessManager;
 class UserDefaults;
 
 // The first-run flow: which step shows, the permission and the account as they change, the try-it
@@ -67,8 +66,7 @@ public:
         SpeechManager *speech = nullptr;
         KeychainHelper *keychain = nullptr;
         UserDefaults *defaults = nullptr;
-        QNetworkAccessManager *network = nullptr; // none: one of its own
-        Clock *clock = nullptr;                   // none: the system clock
+        Clock *clock = nullptr; // none: the system clock
         QUrl serviceOrigin;
         // Whether selection capture works here (never prompts), and if not, why.
         std::function<bool()> isTrusted;
@@ -135,10 +133,6 @@ public:
     Q_INVOKABLE void finishTutorial();
     Q_INVOKABLE QVariantList themeColors(const QString &theme) const;
 
-    // The browser page that signs the user in with `code` and then opens the purchase of `packageId`.
-    // Invalid when the text does not parse as a URL.
-    static QUrl tokenExchangeUrl(const QUrl &serviceOrigin, const QString &code, const QString &packageId);
-
 Q_SIGNALS:
     void currentStepChanged();
     void hasPermissionsChanged();
@@ -159,7 +153,6 @@ private:
     void subscribe();
     void schedulePoll();
     void pollTick();
-    void purchaseWithToken(const QString &packageId, const QString &token);
     void failPurchase(const QString &description);
     void setCurrentStep(OnboardingStep step);
     void setTutorialPhase(TutorialPhase phase);
@@ -172,7 +165,6 @@ private:
     bool hasKeychainItem(bool accessToken) const;
 
     Services m_services;
-    QNetworkAccessManager *m_network;
     OnboardingStep m_currentStep = OnboardingStep::welcome;
     bool m_hasPermissions = false;
     bool m_showPermissionError = false;

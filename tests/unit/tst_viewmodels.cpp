@@ -803,8 +803,8 @@ private Q_SLOTS:
     {
         for (const auto &[packageId, escaped] :
              {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
-            const QUrl url = OnboardingViewModel::tokenExchangeUrl(QUrl(QStringLiteral("https://svc.test/")),
-                                                                   QStringLiteral("c0de"), packageId);
+            const QUrl url = BalanceManager::packagePurchaseUrl(QUrl(QStringLiteral("https://svc.test/")),
+                                                                QStringLiteral("c0de"), packageId);
             QVERIFY(url.isValid());
             QCOMPARE(
                 url.toString(QUrl::FullyEncoded),
