@@ -11,8 +11,9 @@
 class AudioSink;
 
 // Plays scheduled 16-bit mono 24 kHz buffers through a time-stretcher (rate changes keep the pitch)
-// into an AudioSink, like a player node feeding a time-pitch unit. Lives on the GUI thread; the sink's
-// render thread only reads the queue, and completions and levels come back to the GUI thread as signals.
+// into an AudioSink, like a player node feeding a time-pitch unit. Lives on the GUI thread and holds the
+// device; the sink's render thread runs AudioRenderer, which only reads the AudioBufferQueue, and
+// completions and levels come back to the GUI thread as signals.
 //
 // The queue holds references to the scheduled storage, never copies: a QByteArray that is still being
 // appended to while a slice of it is queued is deep-copied by Qt on every append, so schedule slices of
