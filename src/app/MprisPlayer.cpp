@@ -3,6 +3,7 @@
 
 #include "core/AppEvents.h"
 #include "core/Logging.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
@@ -190,6 +191,10 @@ MprisPlayer::MprisPlayer(SpeechManager &speech, QDBusConnection bus, QObject *pa
                 QTimer::singleShot(0, this, &MprisPlayer::publishChanges);
         });
     }
+    connect(m_speech.followAlong(), &FollowAlong::sentenceChanged, this, [this] {
+        if (!std::exchange(m_publishQueued, true))
+            QTimer::singleShot(0, this, &MprisPlayer::publishChanges);
+    });
     m_published = playerProperties();
     m_published.remove(QStringLiteral("Position"));
 }
@@ -242,6 +247,8 @@ QVariantMap MprisPlayer::playerProperties() const
         metadata.insert(QStringLiteral("mpris:length"), toMicroseconds(s.displayedTotalTime()));
         metadata.insert(QStringLiteral("xesam:title"), firstWords(s.lastSpokenText()));
         metadata.insert(QStringLiteral("xesam:artist"), QStringList{s.selectedVoice()});
+        if (const QString sentence = s.followAlong()->sentence(); !sentence.isEmpty())
+            metadata.insert(QStringLiteral("xesam:comment"), QStringList{sentence});
     }
     return {
         {QStringLiteral("PlaybackStatus"), status},

@@ -89,10 +89,10 @@ void FollowAlong::start(const QString &text, const QList<TextPieces::Range> &pie
         piece.characters = graphemes[std::size_t(span.end)] - graphemes[std::size_t(span.start)];
         for (; sentence < m_sentences.size() && (last || m_sentences[sentence].range.start < spoken[p].end);
              ++sentence) {
-            const qint64 before =
-                graphemes[std::size_t(m_sentences[sentence].range.start)] - graphemes[std::size_t(span.start)];
-            m_shares.push_back(piece.characters > 0 ? std::clamp(double(before) / double(piece.characters), 0.0, 1.0)
-                                                    : 0.0);
+            const qint64 before = graphemes[std::size_t(m_sentences[sentence].range.start)] -
+                                  graphemes[std::size_t(span.start)];
+            m_shares.push_back(
+                piece.characters > 0 ? std::clamp(double(before) / double(piece.characters), 0.0, 1.0) : 0.0);
         }
         piece.sentenceEnd = qsizetype(sentence);
         m_pieces.push_back(piece);

@@ -8,6 +8,7 @@
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
 #include "speech/AudioEngine.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 #include "speech/OpenAIServer.h"
@@ -18,6 +19,7 @@
 #include <QNetworkAccessManager>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -54,6 +56,7 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
                                .value_or(VoiceStyle::Standard);
     m_widgetAppearance = widgetAppearanceFromRawValue(d.string(kWidgetAppearanceKey).value_or(QString()));
     m_widgetTheme = widgetThemeFromRawValue(d.string(kWidgetThemeKey).value_or(QString()));
+    m_followAlong = new FollowAlong(&d, this);
 
     m_seekDebounce.setSingleShot(true);
     m_seekDebounce.setInterval(50);
@@ -205,13 +208,16 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
 
     // OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the
     // service takes any length in one request.
-    const QStringList texts = backend == SpeechBackend::OpenAI ? TextPieces::split(text) : QStringList{text};
+    const QList<TextPieces::Range> ranges = backend == SpeechBackend::OpenAI
+                                                ? TextPieces::splitRanges(text)
+                                                : QList<TextPieces::Range>{{0, text.size()}};
     const QNetworkRequest request = buildSpeechRequest(backend, origin, credential);
     QList<SpeechSequence::Piece> pieces;
-    for (const QString &piece : texts) {
-        body.input = piece;
+    for (const TextPieces::Range &range : ranges) {
+        body.input = text.mid(range.start, range.end - range.start);
         pieces.append({request, body.toJson()});
     }
+    m_followAlong->start(text, ranges);
     auto *stream = new SpeechSequence(m_network, std::move(pieces), this);
     m_currentTask = stream;
     m_currentTaskViaService = backend == SpeechBackend::Service;
@@ -219,6 +225,10 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
     connect(stream, &SpeechSequence::headReceived, this, &SpeechManager::onStreamHead);
     connect(stream, &SpeechSequence::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
     connect(stream, &SpeechSequence::dataReceived, this, &SpeechManager::appendStreamBytes);
+    connect(stream, &SpeechSequence::pieceStarted, this, [this](qsizetype index) {
+        const qsizetype received = withState([](StreamState &s) { return s.receivedByteCount; });
+        m_followAlong->beginPiece(index, (received + m_chunker.pendingSize()) / 2);
+    });
     connect(stream, &SpeechSequence::laterPieceFailed, this, [this](int status) {
         const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
         m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
@@ -234,6 +244,7 @@ void SpeechManager::onStreamHead(int status)
     if (status == 200)
         return;
     cancelCurrentTask();
+    m_followAlong->clear();
     const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
     setCurrentError(speechErrorForStatus(status, minutes));
     setIsProcessing(false);
@@ -244,6 +255,7 @@ void SpeechManager::onStreamHead(int status)
 void SpeechManager::onStreamFailedBeforeHead()
 {
     cancelCurrentTask();
+    m_followAlong->clear();
     setCurrentError(SpeechError::make(SpeechError::invalidResponse));
     setIsProcessing(false);
     if (m_engine && !m_isPlaying)
@@ -316,6 +328,8 @@ void SpeechManager::playFromHistory(const QUuid &sessionId)
     }
     const QByteArray audio = file.readAll();
     replayStoredAudio(audio);
+    if (m_hasContent)
+        m_followAlong->startComplete(m_services.records->text(sessionId), audio.size() / 2);
     setCurrentPlayingSessionId(sessionId); // the replay's own stop() cleared it
 }
 
@@ -335,7 +349,8 @@ void SpeechManager::acceptChunk(const QByteArray &chunk)
 {
     withState([&](StreamState &s) { s.accumulatedData.append(chunk); });
     scheduleChunk(chunk, 0, chunk.size());
-    withState([&](StreamState &s) { s.receivedByteCount += chunk.size(); });
+    const qsizetype received = withState([&](StreamState &s) { return s.receivedByteCount += chunk.size(); });
+    m_followAlong->setReceivedFrames(received / 2);
 }
 
 void SpeechManager::publishTotals()
@@ -360,6 +375,7 @@ void SpeechManager::finishStream()
     if (const QByteArray tail = m_chunker.takeTail(); !tail.isEmpty())
         acceptChunk(tail);
     withState([](StreamState &s) { s.isStreamActive = false; });
+    m_followAlong->finish();
     publishTotals();
     startCheck(true);
     if (m_engine)
@@ -489,6 +505,7 @@ void SpeechManager::stop()
         s.hasStartedPlayback = false;
     });
     m_currentFrameOffset = 0;
+    m_followAlong->clear();
     setCurrentTime(0);
     setTotalTime(0);
     setDisplayedTotalTime(0);
@@ -720,6 +737,7 @@ void SpeechManager::setHasContent(bool v)
 
 void SpeechManager::setCurrentTime(double v)
 {
+    m_followAlong->setPosition(std::llround(v * kSampleRateHz));
     if (assignIfChanged(m_currentTime, v))
         Q_EMIT currentTimeChanged();
 }

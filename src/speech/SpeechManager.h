@@ -21,6 +21,7 @@
 
 class AccountGate;
 class AudioEngine;
+class FollowAlong;
 class AudioSink;
 class KeychainHelper;
 class NarrationRecords;
@@ -155,6 +156,8 @@ public:
     double estimatedDuration(const QString &text) const;
 
     AudioEngine *audioEngine() const { return m_engine.get(); }
+    // The sentence being heard.
+    FollowAlong *followAlong() const { return m_followAlong; }
     bool isTapInstalled() const { return m_isTapInstalled; }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const;
@@ -251,6 +254,7 @@ private:
     std::unique_ptr<QNetworkAccessManager> m_ownNetwork;
     QNetworkAccessManager *m_network = nullptr;
     std::unique_ptr<AudioEngine> m_engine;
+    FollowAlong *m_followAlong = nullptr;
 
     // Published.
     bool m_isProcessing = false;

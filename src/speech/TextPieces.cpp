@@ -38,8 +38,8 @@ bool isBlank(QStringView text)
 bool endsWithAbbreviation(QStringView text)
 {
     static const QStringList abbreviations{
-        QStringLiteral("Mr"),   QStringLiteral("Mrs"), QStringLiteral("Ms"), QStringLiteral("Dr"),
-        QStringLiteral("Prof"), QStringLiteral("St"),  QStringLiteral("Jr"), QStringLiteral("Sr"),
+        QStringLiteral("Mr"),   QStringLiteral("Mrs"), QStringLiteral("Ms"),  QStringLiteral("Dr"),
+        QStringLiteral("Prof"), QStringLiteral("St"),  QStringLiteral("Jr"),  QStringLiteral("Sr"),
         QStringLiteral("vs"),   QStringLiteral("e.g"), QStringLiteral("i.e"), QStringLiteral("cf")};
     qsizetype end = text.size();
     while (end > 0 && text[end - 1].isSpace())
@@ -102,7 +102,8 @@ QList<Range> splitRanges(const QString &text, qsizetype limit)
                                            codePoints[std::size_t(start)] + limit);
         const qsizetype furthest = qsizetype(fits - codePoints.begin()) - 1;
         const auto sentenceEnd = std::upper_bound(sentences.begin(), sentences.end(), furthest);
-        qsizetype cut = sentenceEnd != sentences.begin() && *(sentenceEnd - 1) > start ? *(sentenceEnd - 1) : -1;
+        qsizetype cut =
+            sentenceEnd != sentences.begin() && *(sentenceEnd - 1) > start ? *(sentenceEnd - 1) : -1;
         if (cut < 0)
             cut = boundaryBefore(words, start, furthest);
         if (cut < 0)

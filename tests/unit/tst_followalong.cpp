@@ -76,10 +76,9 @@ private Q_SLOTS:
         // 16 characters at 1,454.5 frames each: 23,273 frames.
         QTest::newRow("one piece, estimated")
             << one << 4096 << QStringList{"received 4000"} << QList<qint64>{0, 7273, 14546};
-        QTest::newRow("two pieces, complete") << two << 14
-                                              << QStringList{"received 26000", "begin 1 26000", "received 50000",
-                                                             "finish"}
-                                              << QList<qint64>{0, 14000, 26000, 38923};
+        QTest::newRow("two pieces, complete")
+            << two << 14 << QStringList{"received 26000", "begin 1 26000", "received 50000", "finish"}
+            << QList<qint64>{0, 14000, 26000, 38923};
         QTest::newRow("the first piece's pace estimates the second")
             << two << 14 << QStringList{"received 20000", "begin 1 26000", "received 30000"}
             << QList<qint64>{0, 14000, 26000, 40000};
@@ -124,11 +123,14 @@ private Q_SLOTS:
         follow.start(text, TextPieces::splitRanges(text, 14));
         QSignalSpy changes(&follow, &FollowAlong::sentenceChanged);
         const std::tuple<const char *, qint64, const char *, int> rows[] = {
-            {"received 20000", 0, "Aa bb.", 0},    {"", 10768, "Aa bb.", 0},
-            {"", 10769, "Cc dd.", 1},              {"", 20000, "Ee ff.", 2},
+            {"received 20000", 0, "Aa bb.", 0},
+            {"", 10768, "Aa bb.", 0},
+            {"", 10769, "Cc dd.", 1},
+            {"", 20000, "Ee ff.", 2},
             {"begin 1 26000", 20000, "Cc dd.", 3}, // the first piece turned out longer
-            {"", 40000, "Gg hh.", 4},              {"", 5000, "Aa bb.", 5}, // a seek back
-            {"", 1000000, "Gg hh.", 6}};                                       // past the end
+            {"", 40000, "Gg hh.", 4},
+            {"", 5000, "Aa bb.", 5},     // a seek back
+            {"", 1000000, "Gg hh.", 6}}; // past the end
         for (const auto &[event, position, sentence, count] : rows) {
             if (*event)
                 apply(follow, {QString::fromLatin1(event)});
