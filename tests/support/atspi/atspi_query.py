@@ -5,9 +5,10 @@
 #                                     from 0) showing accessible called NAME, exit 1 when there is none
 #   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
 #   atspi_query.py APP watch NAME  -> the description of the showing accessible called NAME, a line
-#                                     each time it changes (empty while there is none), until killed
+#                                     each time it changes (empty while there is none), until its
+#                                     standard input closes
+import select
 import sys
-import time
 
 import pyatspi
 
@@ -52,7 +53,8 @@ def watch(app, wanted):
         if description != last:
             print(description, flush=True)
             last = description
-        time.sleep(0.02)
+        if select.select([sys.stdin], [], [], 0.02)[0] and not sys.stdin.read(1):
+            return 0
 
 
 def main():
