@@ -135,6 +135,13 @@ bool watchAccessibleDescription(ChildProcess &watcher, const QString &name)
     return watcher.process.waitForStarted();
 }
 
+QString focusedAccessibleName()
+{
+    return QString::fromUtf8(runProgram(QStringLiteral("/usr/bin/python3"),
+                                        {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "focused"})
+                                 .trimmed());
+}
+
 QRect findAccessibleControl(const QString &name, int index)
 {
     const QList<QByteArray> numbers =
