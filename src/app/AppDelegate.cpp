@@ -17,6 +17,8 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "platform/x11/X11Activation.h"
+#include "records/HistoryManager.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
@@ -47,6 +49,16 @@ void explainWayland()
            "  quillvox --narrate-selection   quillvox --toggle        quillvox --stop\n"
            "  quillvox --skip-back           quillvox --skip-forward  quillvox --cycle-speed\n"
         << Qt::flush;
+}
+
+// Where the user looks, not only on standard error: the Shortcuts section explains the session.
+void notifyWithSettings(const QString &summary, const QString &body)
+{
+    showDesktopNotification(summary, body, QStringLiteral("Open Settings"), [] {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(
+            settingsSectionLabel(SettingsSection::shortcuts));
+    });
 }
 
 } // namespace
@@ -83,12 +95,22 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
 
     m_remote = std::make_unique<RemoteControl>(speech, nullptr);
     m_instance = std::make_unique<SingleInstance>();
-    if (!m_instance->listen([this](const QString &command, const QString &argument) {
-            return m_remote->handle(command, argument);
-        }))
+    if (!m_instance->listen([this](const QString &command,
+                                   const QString &argument) { return m_remote->handle(command, argument); },
+                            [this](const QString &text, std::function<void(const QJsonObject &)> reply) {
+                                m_remote->speakAndWait(text, std::move(reply));
+                            }))
         return false;
     m_remote->setOnboardingRaiser([this] { return raiseOnboardingWindow(); });
-    m_mpris = std::make_unique<MprisPlayer>(speech);
+    // A launcher's leave to come to the front holds for the window its request shows, not later ones.
+    connect(m_instance.get(), &SingleInstance::startupIdReceived, this, [this](const QByteArray &id) {
+        m_startupId = id;
+        QTimer::singleShot(2000, this, [this, id] {
+            if (m_startupId == id)
+                m_startupId.clear();
+        });
+    });
+    m_mpris = std::make_unique<MprisPlayer>(speech, &HistoryManager::shared());
     m_mpris->registerOnBus(MprisPlayer::busNameFor(
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
@@ -180,7 +202,17 @@ bool AppDelegate::raiseOnboardingWindow()
     m_onboardingWindow->show();
     m_onboardingWindow->raise();
     m_onboardingWindow->requestActivate();
+    activateForLauncher(m_onboardingWindow);
     return true;
+}
+
+void AppDelegate::activateForLauncher(QWindow *window)
+{
+    const QByteArray startupId = std::exchange(m_startupId, {});
+    if (startupId.isEmpty() || !window)
+        return;
+    // Once the window manager has mapped it.
+    QTimer::singleShot(100, window, [window, startupId] { X11Activation::activate(*window, startupId); });
 }
 
 void AppDelegate::startMainApp()
@@ -214,8 +246,14 @@ void AppDelegate::ensureShortcuts()
     if (HotkeyManager *hotkeys = createSharedHotkeyManager()) {
         if (m_remote)
             m_remote->setHotkeys(hotkeys);
+        if (m_statusMenu)
+            m_statusMenu->setHotkeys(hotkeys);
     } else {
         explainWayland();
+        notifyWithSettings(QStringLiteral("Quillvox cannot bind its shortcuts"),
+                           QStringLiteral("This session lets no application bind global shortcuts. Bind "
+                                          "Quillvox's commands in your desktop's keyboard settings."));
+        m_sessionExplained = true;
     }
     // A window opened during onboarding was made without them.
     if (m_settingsWindow)
@@ -226,9 +264,11 @@ void AppDelegate::promptForTrust()
 {
     // Asked once per start; where capture cannot work the user is told why, once.
     SelectionCapture &capture = SelectionCapture::shared();
-    const QMetaObject::Connection explain =
-        connect(&capture, &SelectionCapture::permissionExplanationRequested, this, [](const QString &why) {
-            showDesktopNotification(QStringLiteral("Quillvox cannot read selected text"), why);
+    // One notification per start: the section it opens explains both.
+    const QMetaObject::Connection explain = connect(
+        &capture, &SelectionCapture::permissionExplanationRequested, this, [this](const QString &why) {
+            if (!std::exchange(m_sessionExplained, true))
+                notifyWithSettings(QStringLiteral("Quillvox cannot read selected text"), why);
         });
     capture.isProcessTrusted(true);
     disconnect(explain);
@@ -241,9 +281,11 @@ void AppDelegate::openSettings(std::optional<SettingsSection> section)
                                                             SettingsServices::fromShared());
         m_pendingSection.reset();
         m_settingsWindow->present();
+        activateForLauncher(m_settingsWindow->window());
         return;
     }
     m_settingsWindow->present();
+    activateForLauncher(m_settingsWindow->window());
     if (section)
         Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(*section));
 }

@@ -66,6 +66,8 @@ private:
     void ensureShortcuts();
     // Brings the onboarding window forward; false when it is not open.
     bool raiseOnboardingWindow();
+    // Brings `window` to the front with the startup id a launcher handed over (X11), if one is waiting.
+    void activateForLauncher(QWindow *window);
     void promptForTrust();
     void applicationDidBecomeActive();
     void applicationWillTerminate();
@@ -95,4 +97,7 @@ private:
     std::unique_ptr<UpdateChecker> m_updateChecker;
     std::unique_ptr<UpdateWindow> m_updateWindow;
     bool m_trustExplained = false;
+    // The notification about what the session lacks was shown.
+    bool m_sessionExplained = false;
+    QByteArray m_startupId;
 };

@@ -162,7 +162,7 @@ void SpeechManager::speak(const QString &text)
         startServiceNarration(text, generation);
         return;
     }
-    const std::optional<QString> key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
     if (!key || key->isEmpty()) {
         setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
         return;
@@ -251,6 +251,7 @@ void SpeechManager::playVoicePreview(const QString &voice)
     stop();
     m_isVoicePreview = true;
     m_currentNarrationText.reset();
+    m_currentNarrationVoice = voice;
     const QString path = m_services.voiceSampleFolder + u'/' + voice + QStringLiteral(".mp3");
     if (!QFile::exists(path))
         return;

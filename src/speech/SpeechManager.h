@@ -95,6 +95,9 @@ public:
     bool isNewText(const QString &text) const;
     // The text of the latest narration as given, for media controls' titles.
     QString lastSpokenText() const { return m_lastSpokenText; }
+    // The voice of the latest narration or voice sample, as it spoke (the selection may have changed
+    // since), for media controls.
+    std::optional<QString> currentNarrationVoice() const { return m_currentNarrationVoice; }
     Q_INVOKABLE void playVoicePreview(const QString &voice);
     Q_INVOKABLE void playFromHistory(const QUuid &sessionId);
     void recordNarration(bool viaService);
@@ -160,6 +163,8 @@ public:
     bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
+    // Audio is still arriving: the narration's length is not known yet.
+    bool isStreamActive() const { return m_playback.isStreamActive(); }
 
     // Converts an audio file (a path or a resource) to raw 16-bit mono 24 kHz; nothing and the reason on
     // failure.

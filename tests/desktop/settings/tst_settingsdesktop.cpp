@@ -5,7 +5,9 @@
 // the history replayed, paused, resumed, exported and cleared, the account signed in through the browser
 // and out, the way from a missing permission.
 #include "DevServer.h"
+#include "StatusNotifierWatcher.h"
 #include "TestBrowser.h"
+#include "TrayItemReader.h"
 #include "X11Desktop.h"
 
 #include "account/KeychainHelper.h"
@@ -59,6 +61,8 @@ class TestSettingsDesktop : public QObject
     // Another client's hold on Ctrl+Alt+W (skip back), taken before the app starts.
     X11Connection m_other;
     ChildProcess m_accessibility;
+    // The tray host, there before the app, shows the narration shortcut in the menu.
+    StatusNotifierWatcher m_tray;
     ChildProcess m_app;
     QString m_browserLog;
 
@@ -103,6 +107,7 @@ private Q_SLOTS:
         env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"),
                    m_server.url(QStringLiteral("/appcast.xml")).toString());
         env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        QVERIFY2(m_tray.start(), qPrintable(m_tray.errorString()));
         m_browserLog = installTestBrowser(env);
         QVERIFY(!m_browserLog.isEmpty());
         m_app.process.setProcessEnvironment(env);
@@ -300,9 +305,17 @@ private Q_SLOTS:
         QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
         QVERIFY(clickAccessibleControl(QStringLiteral("Narrate Selection shortcut")));
         QTest::qWait(200); // the recorder takes the focus a turn later
+        QTRY_COMPARE(m_tray.items().size(), 1);
+        const TrayItemReader tray(m_tray.items().first());
+        // The server test's word may still play, which hides the entry.
+        QTRY_VERIFY_WITH_TIMEOUT(!appStatus()[u"isPlaying"].toBool(), 15000);
+        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
+                 QStringLiteral("Narrate Selection\tControl+Alt+S"));
         xdotool({"key", "ctrl+alt+n"});
         QTRY_COMPARE(appStatus()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
         QVERIFY(appStatus()[u"shortcuts"][0][u"registered"].toBool());
+        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
+                 QStringLiteral("Narrate Selection\tControl+Alt+N"));
 
         const QString file = m_dir.filePath(QStringLiteral("text.txt"));
         QFile f(file);
