@@ -4,6 +4,7 @@
 #include "core/AppEvents.h"
 #include "core/Logging.h"
 #include "records/HistoryManager.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
@@ -197,6 +198,7 @@ MprisPlayer::MprisPlayer(SpeechManager &speech, const HistoryManager *history, Q
         connect(&m_speech, signal, this, &MprisPlayer::queuePublish);
     if (m_history) // a narration's length is known once it is recorded
         connect(m_history, &HistoryManager::sessionsChanged, this, &MprisPlayer::queuePublish);
+    connect(m_speech.followAlong(), &FollowAlong::sentenceChanged, this, &MprisPlayer::queuePublish);
     m_published = playerProperties();
     m_published.remove(QStringLiteral("Position"));
 }
@@ -284,6 +286,8 @@ QVariantMap MprisPlayer::playerProperties() const
         metadata.insert(QStringLiteral("xesam:artist"), QStringList{m_artist});
         if (!s.isStreamActive() && s.totalTime() > 0)
             metadata.insert(QStringLiteral("mpris:length"), toMicroseconds(s.totalTime()));
+        if (const QString sentence = s.followAlong()->sentence(); !sentence.isEmpty())
+            metadata.insert(QStringLiteral("xesam:comment"), QStringList{sentence});
     }
     return {
         {QStringLiteral("PlaybackStatus"), playbackStatus(s.isProcessing(), s.isPlaying(), loaded, m_atEnd)},

@@ -41,14 +41,10 @@ void NarrationStream::start(const Request &request)
                                                m_origins.openAIOriginFromEnvironment);
     }
 
-    // OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the
-    // service takes any length in one request.
-    const QStringList texts =
-        backend == SpeechBackend::OpenAI ? TextPieces::split(request.text) : QStringList{request.text};
     const QNetworkRequest networkRequest = buildSpeechRequest(backend, origin, request.credential);
     QList<SpeechSequence::Piece> pieces;
-    for (const QString &piece : texts) {
-        body.input = piece;
+    for (const TextPieces::Range &range : NarrationStream::pieces(backend, request.text)) {
+        body.input = request.text.mid(range.start, range.end - range.start);
         pieces.append({networkRequest, body.toJson()});
     }
     auto *sequence = new SpeechSequence(m_network, std::move(pieces), this);
@@ -56,12 +52,25 @@ void NarrationStream::start(const Request &request)
     m_viaService = backend == SpeechBackend::Service;
     connect(sequence, &SpeechSequence::headReceived, this, &NarrationStream::headReceived);
     connect(sequence, &SpeechSequence::failedBeforeHead, this, &NarrationStream::failedBeforeHead);
+    m_receivedBytes = 0;
+    connect(sequence, &SpeechSequence::pieceStarted, this,
+            [this](qsizetype index) { Q_EMIT pieceStarted(index, m_receivedBytes / 2); });
     connect(sequence, &SpeechSequence::dataReceived, this, [this](const QByteArray &piece) {
+        m_receivedBytes += piece.size();
         m_chunker.push(piece, [this](const QByteArray &chunk) { Q_EMIT chunkReceived(chunk); });
     });
     connect(sequence, &SpeechSequence::laterPieceFailed, this, &NarrationStream::laterPieceFailed);
     connect(sequence, &SpeechSequence::bodyFinished, this, &NarrationStream::bodyFinished);
     sequence->start();
+}
+
+// OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the service
+// takes any length in one request.
+QList<TextPieces::Range> NarrationStream::pieces(SpeechBackend backend, const QString &text)
+{
+    if (backend == SpeechBackend::OpenAI)
+        return TextPieces::splitRanges(text);
+    return {{0, text.size()}};
 }
 
 void NarrationStream::cancel()

@@ -3,6 +3,7 @@
 
 #include "speech/StreamChunker.h"
 #include "speech/TTSRequest.h"
+#include "speech/TextPieces.h"
 
 #include <QObject>
 #include <QPointer>
@@ -49,6 +50,10 @@ public:
     // The received bytes that make no whole chunk, taken out.
     QByteArray takeTail() { return m_chunker.takeTail(); }
     bool isViaService() const { return m_viaService; }
+    // Bytes received since start(), whole chunks or not.
+    qint64 receivedBytes() const { return m_receivedBytes; }
+    // The places in `text` of the pieces it is sent in, one request each.
+    static QList<TextPieces::Range> pieces(SpeechBackend backend, const QString &text);
 
 Q_SIGNALS:
     // As SpeechSequence reports them.
@@ -57,6 +62,8 @@ Q_SIGNALS:
     void laterPieceFailed(int status);
     void bodyFinished();
     void chunkReceived(const QByteArray &chunk);
+    // The audio of piece `index` follows, from this frame of the narration on.
+    void pieceStarted(qsizetype index, qint64 frame);
 
 private:
     Origins m_origins;
@@ -65,4 +72,5 @@ private:
     QPointer<SpeechSequence> m_sequence;
     bool m_viaService = false;
     StreamChunker m_chunker;
+    qint64 m_receivedBytes = 0;
 };

@@ -7,11 +7,14 @@
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 
 #include <QFile>
 #include <QTimer>
+
+#include <cmath>
 
 namespace {
 
@@ -49,6 +52,13 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
     });
     connect(&m_stream, &NarrationStream::bodyFinished, this,
             [this] { recordNarration(m_stream.isViaService()); });
+
+    m_followAlong = new FollowAlong(&d, this);
+    connect(&m_stream, &NarrationStream::pieceStarted, m_followAlong, &FollowAlong::beginPiece);
+    connect(&m_stream, &NarrationStream::chunkReceived, this,
+            [this] { m_followAlong->setReceivedFrames(m_stream.receivedBytes() / 2); });
+    connect(&m_playback, &NarrationPlayback::currentTimeChanged, this,
+            [this] { m_followAlong->setPosition(std::llround(currentTime() * kSampleRateHz)); });
 
     const NarrationPlayback *playback = &m_playback;
     connect(playback, &NarrationPlayback::isProcessingChanged, this, &SpeechManager::isProcessingChanged);
@@ -193,6 +203,7 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
         return;
     // Wake the device now: an idle output swallows the first word.
     m_playback.prepareOutput();
+    m_followAlong->start(text, NarrationStream::pieces(backend, text));
     m_stream.start({backend, credential, text, m_selectedVoice, m_selectedVoiceStyle.instructions()});
 }
 
@@ -200,6 +211,7 @@ void SpeechManager::onStreamHead(int status)
 {
     if (status == 200)
         return;
+    m_followAlong->clear();
     m_stream.cancel();
     const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
     setCurrentError(speechErrorForStatus(status, minutes));
@@ -208,6 +220,7 @@ void SpeechManager::onStreamHead(int status)
 
 void SpeechManager::onStreamFailedBeforeHead()
 {
+    m_followAlong->clear();
     m_stream.cancel();
     setCurrentError(SpeechError::make(SpeechError::invalidResponse));
     m_playback.abandonRequest();
@@ -216,6 +229,7 @@ void SpeechManager::onStreamFailedBeforeHead()
 void SpeechManager::recordNarration(bool viaService)
 {
     m_playback.finishStream(m_stream.takeTail());
+    m_followAlong->finish();
     m_stream.cancel();
 
     const QByteArray audio = m_isVoicePreview ? QByteArray() : m_playback.receivedAudio();
@@ -266,6 +280,8 @@ void SpeechManager::playFromHistory(const QUuid &sessionId)
     }
     const QByteArray audio = file.readAll();
     replayStoredAudio(audio);
+    if (hasContent())
+        m_followAlong->startComplete(m_services.records->text(sessionId), audio.size() / 2);
     setCurrentPlayingSessionId(sessionId); // the replay's own stop() cleared it
 }
 
@@ -290,6 +306,7 @@ void SpeechManager::stop()
     m_errorAfterHeard.reset();
     m_stream.cancel();
     m_playback.stop();
+    m_followAlong->clear();
     setCurrentPlayingSessionId(std::nullopt);
 }
 

@@ -19,6 +19,7 @@
 
 class AccountGate;
 class AudioEngine;
+class FollowAlong;
 class AudioSink;
 class KeychainHelper;
 class NarrationRecords;
@@ -157,6 +158,8 @@ public:
     double estimatedDuration(const QString &text) const;
 
     AudioEngine *audioEngine() const { return m_playback.audioEngine(); }
+    // The sentence being heard.
+    FollowAlong *followAlong() const { return m_followAlong; }
     bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
@@ -207,6 +210,7 @@ private:
     Services m_services;
     NarrationStream m_stream;
     NarrationPlayback m_playback;
+    FollowAlong *m_followAlong = nullptr;
 
     // Published.
     std::optional<QUuid> m_currentPlayingSessionId;

@@ -92,7 +92,16 @@ void SpeechSequence::onData(SpeechStream *stream, const QByteArray &bytes)
     if (stream == m_next.stream)
         m_next.held.append(bytes);
     else
-        Q_EMIT dataReceived(bytes);
+        deliver(bytes);
+}
+
+void SpeechSequence::deliver(const QByteArray &bytes)
+{
+    if (m_current.index != m_deliveringPiece) {
+        m_deliveringPiece = m_current.index;
+        Q_EMIT pieceStarted(m_deliveringPiece);
+    }
+    Q_EMIT dataReceived(bytes);
 }
 
 void SpeechSequence::onFinished(SpeechStream *stream)
@@ -130,7 +139,7 @@ void SpeechSequence::advance()
             return;
         }
         if (!m_current.held.isEmpty())
-            Q_EMIT dataReceived(std::exchange(m_current.held, QByteArray()));
+            deliver(std::exchange(m_current.held, QByteArray()));
         if (!m_current.cutOff)
             requestNextIfDue();
     }

@@ -39,6 +39,8 @@ Q_SIGNALS:
     // The first piece ended without an HTTP head.
     void failedBeforeHead();
     void dataReceived(const QByteArray &bytes);
+    // The bytes of piece `index` follow (sent before its first dataReceived).
+    void pieceStarted(qsizetype index);
     // A later piece failed: with its status, or 0 when it ended without a head. The audio before it is
     // complete, and bodyFinished() follows at once.
     void laterPieceFailed(int status);
@@ -61,6 +63,7 @@ private:
     void onFailedBeforeHead(SpeechStream *stream);
     void onData(SpeechStream *stream, const QByteArray &bytes);
     void onFinished(SpeechStream *stream);
+    void deliver(const QByteArray &bytes);
     void advance();
     void requestNextIfDue();
     void end();
@@ -70,4 +73,5 @@ private:
     QList<Piece> m_pieces;
     Request m_current;
     Request m_next;
+    qsizetype m_deliveringPiece = -1;
 };

@@ -4,6 +4,7 @@
 #include "core/AppEvents.h"
 #include "core/Clock.h"
 #include "core/Published.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 
 #include <algorithm>
@@ -29,6 +30,10 @@ FloatingWidgetViewModel::FloatingWidgetViewModel(SpeechManager &speech, Clock &c
     connect(&speech, &SpeechManager::currentErrorChanged, this, &FloatingWidgetViewModel::errorChanged);
     for (auto signal : {&SpeechManager::widgetThemeChanged, &SpeechManager::widgetAppearanceChanged})
         connect(&speech, signal, this, &FloatingWidgetViewModel::paletteChanged);
+    connect(speech.followAlong(), &FollowAlong::sentenceChanged, this,
+            &FloatingWidgetViewModel::followAlongChanged);
+    connect(this, &FloatingWidgetViewModel::showFullControlsChanged, this,
+            &FloatingWidgetViewModel::followAlongChanged);
 }
 
 void FloatingWidgetViewModel::setDragging(bool dragging)
@@ -68,6 +73,11 @@ FloatingWidgetViewModel::PlayState FloatingWidgetViewModel::playStateFor(bool is
     if (!hasContent)
         return PlayState::Idle;
     return isPlaying ? PlayState::Playing : PlayState::Paused;
+}
+
+QString FloatingWidgetViewModel::followAlongText() const
+{
+    return m_showFullControls ? m_speech->followAlong()->sentence() : QString();
 }
 
 QString FloatingWidgetViewModel::currentTimeText() const
@@ -165,6 +175,13 @@ void FloatingWidgetViewModel::seekToTime(double seconds)
     if (total <= 0)
         return;
     m_speech->seekToProgress(std::min(total, seconds) / total);
+}
+
+void FloatingWidgetViewModel::seekToSentenceStart()
+{
+    const FollowAlong *follow = m_speech->followAlong();
+    if (follow->currentIndex() >= 0)
+        m_speech->seekToFrame(follow->currentStartFrame());
 }
 
 void FloatingWidgetViewModel::expandFullControls()

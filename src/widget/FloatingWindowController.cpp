@@ -46,6 +46,8 @@ FloatingWindowController::FloatingWindowController(Services services, QObject *p
     Clock &clock = m_services.clock ? *m_services.clock : Clock::system();
     m_viewModel = new FloatingWidgetViewModel(*m_services.speech, clock, this);
     createWindow();
+    connect(m_viewModel, &FloatingWidgetViewModel::followAlongChanged, this,
+            &FloatingWindowController::fitHeight);
 }
 
 FloatingWindowController::~FloatingWindowController()
@@ -118,6 +120,20 @@ void FloatingWindowController::applyShape()
     // Without a compositing manager the transparent corners would show black: cut them away.
     const bool composited = !m_services.hints || m_services.hints->hasCompositingManager();
     m_window->setMask(composited ? QRegion() : roundedRegion(m_window->size(), kCornerRadius));
+}
+
+// Its top edge and centre stay where they are: the window keeps its position and width.
+void FloatingWindowController::fitHeight()
+{
+    const int height = kPanelHeight + (m_viewModel->showsFollowAlong() ? kFollowAlongHeight : 0);
+    if (m_window->height() == height)
+        return;
+    m_window->setMinimumSize(QSize(kPanelWidth, std::min(height, m_window->height())));
+    m_window->setMaximumSize(QSize(kPanelWidth, std::max(height, m_window->height())));
+    m_window->resize(kPanelWidth, height);
+    m_window->setMinimumSize(QSize(kPanelWidth, height));
+    m_window->setMaximumSize(QSize(kPanelWidth, height));
+    applyShape();
 }
 
 void FloatingWindowController::showWidget()

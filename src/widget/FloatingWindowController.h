@@ -35,6 +35,8 @@ public:
     static constexpr int kPanelHeight = 140;
     static constexpr int kTopGap = 40;
     static constexpr int kCornerRadius = 16;
+    // What the panel grows by, downwards, while the full controls show the sentence being heard.
+    static constexpr int kFollowAlongHeight = 44;
 
     struct Services
     {
@@ -83,6 +85,7 @@ Q_SIGNALS:
 private:
     void createWindow();
     void applyShape();
+    void fitHeight();
 
     Services m_services;
     std::unique_ptr<QQmlEngine> m_ownEngine;

@@ -20,6 +20,7 @@
 #include "records/UsageStats.h"
 #include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
+#include "settings/AppearanceSettingsModel.h"
 #include "settings/HistoryListModel.h"
 #include "settings/HistorySettingsModel.h"
 #include "settings/SettingsViewModel.h"
@@ -28,6 +29,7 @@
 #include "settings/UsageSettingsModel.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/NarrationControls.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
@@ -797,6 +799,19 @@ private Q_SLOTS:
             QVERIFY(!window->mask().contains(QPoint(0, 0)));
             QVERIFY(window->mask().contains(QPoint(170, 70)));
         }
+
+        // The sentence being heard grows the full controls downwards, until Settings switches it off.
+        const QRect placed = window->geometry();
+        m_speech->followAlong()->startComplete(QStringLiteral("One. Two."), 24000);
+        controller.viewModel()->toggleFullControls();
+        QCOMPARE(controller.viewModel()->followAlongText(), QStringLiteral("One."));
+        QCOMPARE(window->geometry(), placed.adjusted(0, 0, 0, 44));
+        QCOMPARE(window->mask().contains(QPoint(170, 170)), !compositing);
+        AppearanceSettingsModel appearance(*m_speech, *m_defaults, {});
+        appearance.setShowFollowAlong(false);
+        QCOMPARE(m_defaults->boolean(QStringLiteral("showFollowAlong")), false);
+        QCOMPARE(window->geometry(), placed);
+        controller.viewModel()->toggleFullControls();
 
         FloatingWidgetViewModel *vm = controller.viewModel();
         QSignalSpy dragging(vm, &FloatingWidgetViewModel::isDraggingChanged);
