@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "SpeechRoutes.h"
 
+#include "AnswerEncoder.h"
 #include "BearerToken.h"
 #include "BodyMeter.h"
 #include "DevControlRoutes.h"
@@ -26,6 +27,7 @@ SpeechRoutes::SpeechRoutes(const Options &options, Synthesizer &synthesizer, Acc
     , m_pace(options.pace)
     , m_failStatus(options.failStatus)
     , m_cutAfterBytes(options.cutAfterBytes)
+    , m_options(options)
 {}
 
 void SpeechRoutes::install(httplib::Server &server)
@@ -76,15 +78,21 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
     }
 
     std::vector<std::int16_t> samples;
+    EncodedAnswer answer;
     try {
-        samples = m_synthesizer.synthesize(speech.input, speech.voice);
+        samples = m_synthesizer.synthesize(speech.input, speech.voice,
+                                           service ? Synthesizer::outputRateHz : m_options.audioRateHz);
+        if (!service)
+            answer = EncodedAnswer::encode(samples, m_options);
     } catch (const std::exception &error) {
         setJsonError(response, 500, error.what(), "server_error");
         waitForHead();
         return;
     }
     // Everything that takes time happens before the wait, so that the head leaves on time.
-    PacedBody body(samples, m_pace, m_cutAfterBytes, m_stop);
+    PacedBody body = service ? PacedBody(samples, m_pace, m_cutAfterBytes, m_stop)
+                             : PacedBody(m_options.noAudio ? std::string() : std::move(answer.bytes),
+                                         answer.bytesPerSecond, m_pace, m_cutAfterBytes, m_stop);
     if (!waitForHead()) {
         setJsonError(response, 503, "The server is shutting down.", "server_error");
         return;
@@ -92,7 +100,7 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
     response.status = 200;
     BodyMeter::beginStream();
     if (!service) {
-        response.set_chunked_content_provider("audio/pcm", std::move(body));
+        response.set_chunked_content_provider(answer.contentType, std::move(body));
         return;
     }
     body.onEnd([&account = m_account](std::uint64_t bytesSent) {

@@ -20,7 +20,8 @@ class Synthesizer;
 
 // POST /v1/audio/speech (OpenAI-compatible, one accepted key) and POST /api/tts/stream (the Quillvox
 // service: wants a signed-in user's access token and time left on the balance, and charges the seconds
-// streamed to it). Both answer with streamed PCM or a JSON error, after the configured delay and with the
+// streamed to it). Both answer with streamed audio (the service always 24 kHz PCM, /v1/audio/speech in the
+// format the options choose) or a JSON error, after the configured delay and with the
 // configured faults. /v1/audio/speech refuses an input longer than OpenAI's, with OpenAI's 400.
 class SpeechRoutes final : public Routes
 {
@@ -48,4 +49,5 @@ private:
     double m_pace;
     std::optional<int> m_failStatus;
     std::optional<std::uint64_t> m_cutAfterBytes;
+    Options m_options;
 };
