@@ -27,8 +27,8 @@ Read readWav(const QByteArray &bytes, const std::vector<uint8_t> &lengths)
     Read read;
     qsizetype at = 0;
     for (size_t i = 0; at < bytes.size(); ++i) {
-        const qsizetype length = lengths.empty() ? bytes.size()
-                                                 : std::max<qsizetype>(1, lengths[i % lengths.size()]);
+        const qsizetype length =
+            lengths.empty() ? bytes.size() : std::max<qsizetype>(1, lengths[i % lengths.size()]);
         const QByteArray piece = bytes.mid(at, length);
         at += piece.size();
         const QByteArray out = reader.push(piece);
@@ -73,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(SpeechResampler::isValid(*once.format));
         // Kept short: the resampler's own work is not what is under test.
         SpeechResampler resampler(*once.format);
-        QByteArray out = resampler.push(QByteArrayView(once.samples).first(std::min<qsizetype>(once.samples.size(), 4096)));
+        QByteArray out = resampler.push(
+            QByteArrayView(once.samples).first(std::min<qsizetype>(once.samples.size(), 4096)));
         out += resampler.finish();
         FUZZ_CHECK(once.format->isSpeechFormat() || out.size() % 2 == 0);
     }

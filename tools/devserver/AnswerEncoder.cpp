@@ -50,7 +50,9 @@ struct Memory
 std::string compressed(const std::vector<std::int16_t> &samples, int rateHz, int format)
 {
     SF_VIRTUAL_IO io{
-        [](void *user) -> sf_count_t { return static_cast<sf_count_t>(static_cast<Memory *>(user)->bytes.size()); },
+        [](void *user) -> sf_count_t {
+            return static_cast<sf_count_t>(static_cast<Memory *>(user)->bytes.size());
+        },
         [](sf_count_t offset, int whence, void *user) -> sf_count_t {
             auto *m = static_cast<Memory *>(user);
             const sf_count_t base = whence == SEEK_SET   ? 0
@@ -104,8 +106,8 @@ EncodedAnswer EncodedAnswer::encode(const std::vector<std::int16_t> &samples, co
         break;
     case Options::AudioFormat::Wav:
         answer.bytes = pcmBytes(samples);
-        answer.bytes.insert(0, wavHeader(rate, static_cast<std::uint32_t>(answer.bytes.size()),
-                                         options.wavUnknownSizes));
+        answer.bytes.insert(
+            0, wavHeader(rate, static_cast<std::uint32_t>(answer.bytes.size()), options.wavUnknownSizes));
         answer.contentType = "audio/wav";
         break;
     case Options::AudioFormat::Mp3:

@@ -81,7 +81,8 @@ Options Options::parse(const std::vector<std::string> &args)
                                              std::string(v) + "'");
              options.audioFormat = format->second;
          }},
-        {"--audio-rate", [&](auto v) { options.audioRateHz = parseNumber<int>("--audio-rate", v, 8000, 48000); }},
+        {"--audio-rate",
+         [&](auto v) { options.audioRateHz = parseNumber<int>("--audio-rate", v, 8000, 48000); }},
         {"--content-type", [&](auto v) { options.contentType = nonEmpty("--content-type", v); }},
         {"--anon-key", [&](auto v) { options.anonKey = nonEmpty("--anon-key", v); }},
         {"--token-ttl",

@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-// Turns text into 16-bit mono samples, at 24 kHz unless asked otherwise: espeak-ng speech resampled with libsoxr, or a pure
-// tone exactly as long as that speech would be (so that pitch and timing can be measured against a
-// known signal while lengths stay realistic).
+// Turns text into 16-bit mono samples, at 24 kHz unless asked otherwise: espeak-ng speech resampled with
+// libsoxr, or a pure tone exactly as long as that speech would be (so that pitch and timing can be measured
+// against a known signal while lengths stay realistic).
 class Synthesizer
 {
 public:
