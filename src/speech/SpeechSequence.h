@@ -29,9 +29,16 @@ public:
     SpeechSequence(QNetworkAccessManager *network, QList<Piece> pieces, QObject *parent = nullptr);
     ~SpeechSequence() override;
 
+    // Every request goes to a speech server the user chose (SpeechStream::setChosenServer). Before start().
+    void setChosenServer(bool chosen) { m_chosenServer = chosen; }
+
     void start();
     // Tears every request down; nothing is reported afterwards.
     void cancel();
+    // A chosen server's own reason for the refusal just reported (headReceived, laterPieceFailed).
+    QString serverMessage() const { return m_serverMessage; }
+    // Some audio has been handed on.
+    bool hasDeliveredAudio() const { return m_deliveredAudio; }
 
 Q_SIGNALS:
     // The first piece's head, as SpeechStream reports it; after any status but 200 nothing follows.
@@ -44,6 +51,9 @@ Q_SIGNALS:
     void laterPieceFailed(int status);
     // The last body ended, or a body was cut off, or a later piece failed: what came is all there is.
     void bodyFinished();
+    // A chosen server's answer cannot be played. With audio delivered before it, bodyFinished() follows
+    // at once; with none, nothing follows.
+    void audioUnplayable(const QString &message);
 
 private:
     struct Request
@@ -54,6 +64,8 @@ private:
         bool finished = false;
         bool cutOff = false;
         QByteArray held; // the next piece's bytes while the current one still streams
+        std::optional<QString> unplayable;
+        QString serverMessage;
     };
 
     void startPiece(Request &request, qsizetype index);
@@ -61,6 +73,9 @@ private:
     void onFailedBeforeHead(SpeechStream *stream);
     void onData(SpeechStream *stream, const QByteArray &bytes);
     void onFinished(SpeechStream *stream);
+    void onUnplayable(SpeechStream *stream, const QString &message);
+    void failUnplayable(const QString &message);
+    void deliver(const QByteArray &bytes);
     void advance();
     void requestNextIfDue();
     void end();
@@ -70,4 +85,7 @@ private:
     QList<Piece> m_pieces;
     Request m_current;
     Request m_next;
+    bool m_chosenServer = false;
+    bool m_deliveredAudio = false;
+    QString m_serverMessage;
 };
