@@ -35,7 +35,7 @@ class ApiKeySettingsModel : public QObject
     // Why the last address typed was not taken; empty once one is.
     Q_PROPERTY(QString serverError READ serverError NOTIFY serverChanged)
     Q_PROPERTY(QString model READ model NOTIFY modelChanged)
-    Q_PROPERTY(QString defaultModel READ defaultModel CONSTANT)
+    Q_PROPERTY(QString defaultModel READ defaultModel NOTIFY serverChanged)
     Q_PROPERTY(TestState testState READ testState NOTIFY testChanged)
     // "Works", or what a narration would show for the same failure.
     Q_PROPERTY(QString testResult READ testResult NOTIFY testChanged)
@@ -79,7 +79,8 @@ public:
     Q_INVOKABLE bool setServer(const QString &text);
     // Blank restores the default.
     Q_INVOKABLE void setModel(const QString &text);
-    // Sends a one-word request with the stored key to the server in use; nothing is played or recorded.
+    // Sends what a narration sends, with one short sentence, to the server in use; nothing is played or
+    // recorded. A chosen server's audio is checked as a narration would play it.
     Q_INVOKABLE void test();
 
 Q_SIGNALS:
@@ -89,6 +90,7 @@ Q_SIGNALS:
     void testChanged();
 
 private:
+    std::optional<QUrl> chosenServer() const;
     void finishTest(TestState state, const QString &result);
     void cancelTest();
 
