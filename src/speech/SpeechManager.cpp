@@ -11,6 +11,7 @@
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 #include "speech/OpenAIServer.h"
+#include "speech/ServerErrorBody.h"
 #include "speech/SpeechSequence.h"
 #include "speech/TextPieces.h"
 
@@ -143,12 +144,12 @@ void SpeechManager::speak(const QString &text)
         return;
     }
     const std::optional<QString> key = m_services.keychain->load(KeychainKey::openAIAPIKey);
-    if (!key || key->isEmpty()) {
+    if ((!key || key->isEmpty()) && !isKeylessServer()) {
         setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
         return;
     }
     setCurrentError(std::nullopt);
-    streamSpeech(SpeechBackend::OpenAI, *key, text, estimatedDuration(text));
+    streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), text, estimatedDuration(text));
 }
 
 void SpeechManager::startServiceNarration(const QString &text, quint64 speakGeneration)
@@ -196,33 +197,71 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
     body.voice = m_selectedVoice;
     body.instructions = m_selectedVoiceStyle.instructions();
     QUrl origin = backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
+    std::optional<QUrl> chosen;
+    int inputLimit = int(TextPieces::kOpenAIInputLimit);
+    int timeoutMs = 60000;
     // Read per request, so that a server chosen in the settings applies to the next narration.
     if (backend == SpeechBackend::OpenAI && m_services.defaults) {
         body.model = OpenAIServer::effectiveModel(*m_services.defaults);
         origin = OpenAIServer::effectiveOrigin(*m_services.defaults, m_services.openAIOrigin,
                                                m_services.openAIOriginFromEnvironment);
+        chosen = OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+        if (chosen) {
+            body.model = OpenAIServer::chosenServerModel(*m_services.defaults);
+            inputLimit = OpenAIServer::maxInputChars(*m_services.defaults);
+            if (OpenAIServer::isLocalHost(chosen->host()))
+                timeoutMs = OpenAIServer::kLocalHeadTimeoutMs;
+        }
     }
 
     // OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the
     // service takes any length in one request.
-    const QStringList texts = backend == SpeechBackend::OpenAI ? TextPieces::split(text) : QStringList{text};
-    const QNetworkRequest request = buildSpeechRequest(backend, origin, credential);
-    QList<SpeechSequence::Piece> pieces;
-    for (const QString &piece : texts) {
-        body.input = piece;
-        pieces.append({request, body.toJson()});
+    QStringList texts =
+        backend == SpeechBackend::OpenAI ? TextPieces::split(text, inputLimit) : QStringList{text};
+    const QNetworkRequest request = buildSpeechRequest(backend, origin, credential, timeoutMs);
+    const auto piecesOf = [request, body](const QStringList &inputs) {
+        QList<SpeechSequence::Piece> pieces;
+        TTSRequest piece = body;
+        for (const QString &input : inputs) {
+            piece.input = input;
+            pieces.append({request, piece.toJson()});
+        }
+        return pieces;
+    };
+    auto *stream = new SpeechSequence(m_network, piecesOf(texts), this);
+    if (chosen) {
+        stream->setChosenServer(true);
+        // A server that refuses a piece for its size gets the rest of the text in pieces half as long, for
+        // the rest of this narration; each piece is retried once.
+        stream->setRetryRefused([texts, inputLimit, piecesOf, retried = QSet<qsizetype>()](
+                                    qsizetype index, int status, const QString &message) mutable {
+            QList<SpeechSequence::Piece> none;
+            if (!ServerErrorBody::refusesInputLength(status, message) || retried.contains(index) ||
+                inputLimit <= ServerErrorBody::kMinInputChars)
+                return none;
+            retried.insert(index);
+            inputLimit = ServerErrorBody::halvedLimit(inputLimit);
+            const QString rest = texts.mid(index).join(QString());
+            texts = texts.first(index) + TextPieces::split(rest, inputLimit);
+            return piecesOf(texts.mid(index));
+        });
     }
-    auto *stream = new SpeechSequence(m_network, std::move(pieces), this);
     m_currentTask = stream;
     m_currentTaskViaService = backend == SpeechBackend::Service;
     m_chunker.clear();
     connect(stream, &SpeechSequence::headReceived, this, &SpeechManager::onStreamHead);
     connect(stream, &SpeechSequence::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
     connect(stream, &SpeechSequence::dataReceived, this, &SpeechManager::appendStreamBytes);
-    connect(stream, &SpeechSequence::laterPieceFailed, this, [this](int status) {
+    connect(stream, &SpeechSequence::laterPieceFailed, this, [this, stream](int status) {
         const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
         m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
-                                        : speechErrorForStatus(status, minutes);
+                                        : speechErrorForStatus(status, minutes, stream->serverMessage());
+    });
+    connect(stream, &SpeechSequence::audioUnplayable, this, [this, stream](const QString &message) {
+        if (stream->hasDeliveredAudio())
+            m_errorAfterHeard = SpeechError::makeUnplayableAudio(message); // what came still plays
+        else
+            failBeforeAudio(SpeechError::makeUnplayableAudio(message));
     });
     connect(stream, &SpeechSequence::bodyFinished, this,
             [this] { recordNarration(m_currentTaskViaService); });
@@ -233,12 +272,27 @@ void SpeechManager::onStreamHead(int status)
 {
     if (status == 200)
         return;
-    cancelCurrentTask();
+    const QString serverMessage = m_currentTask ? m_currentTask->serverMessage() : QString();
     const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
-    setCurrentError(speechErrorForStatus(status, minutes));
+    failBeforeAudio(speechErrorForStatus(status, minutes, serverMessage));
+}
+
+void SpeechManager::failBeforeAudio(const SpeechError &error)
+{
+    cancelCurrentTask();
+    setCurrentError(error);
     setIsProcessing(false);
     if (m_engine && !m_isPlaying)
         m_engine->stop(); // let the device idle again
+}
+
+bool SpeechManager::isKeylessServer() const
+{
+    const std::optional<QUrl> chosen =
+        m_services.defaults
+            ? OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment)
+            : std::nullopt;
+    return chosen && OpenAIServer::isLocalHost(chosen->host());
 }
 
 void SpeechManager::onStreamFailedBeforeHead()

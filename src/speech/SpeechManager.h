@@ -216,6 +216,10 @@ private:
     void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
     void onStreamHead(int status);
     void onStreamFailedBeforeHead();
+    // Ends a narration whose request failed before any audio came, showing why.
+    void failBeforeAudio(const SpeechError &error);
+    // A chosen server on this computer or the local network: narrations need no key.
+    bool isKeylessServer() const;
     void cancelCurrentTask();
 
     void appendStreamBytes(const QByteArray &piece);

@@ -63,6 +63,8 @@ void SpeechSequence::onHead(SpeechStream *stream, int status)
     }
     m_current.status = status;
     m_serverMessage = stream->serverMessage();
+    if (status != 200 && retried(status, m_serverMessage))
+        return;
     if (m_current.index == 0) {
         if (status != 200)
             drop(m_current);
@@ -157,7 +159,8 @@ void SpeechSequence::advance()
             return; // its head is still on the way
         if (*m_current.status != 200) {
             m_serverMessage = m_current.serverMessage;
-            end();
+            if (!retried(*m_current.status, m_serverMessage))
+                end();
             return;
         }
         if (!m_current.held.isEmpty())
@@ -169,6 +172,23 @@ void SpeechSequence::advance()
         if (!m_current.cutOff)
             requestNextIfDue();
     }
+}
+
+// Replaces the refused current piece and those after it, when the retry hook gives replacements, and
+// requests the first replacement.
+bool SpeechSequence::retried(int status, const QString &serverMessage)
+{
+    if (!m_retryRefused)
+        return false;
+    const qsizetype index = m_current.index;
+    const QList<Piece> replacement = m_retryRefused(index, status, serverMessage);
+    if (replacement.isEmpty())
+        return false;
+    m_pieces = m_pieces.first(index) + replacement;
+    drop(m_next);
+    drop(m_current);
+    startPiece(m_current, index);
+    return true;
 }
 
 void SpeechSequence::requestNextIfDue()

@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QPointer>
 
+#include <functional>
 #include <optional>
 
 class QNetworkAccessManager;
@@ -31,6 +32,11 @@ public:
 
     // Every request goes to a speech server the user chose (SpeechStream::setChosenServer). Before start().
     void setChosenServer(bool chosen) { m_chosenServer = chosen; }
+    // Asked when a piece is refused (any status but 200): the pieces to send instead of that one and
+    // those after it, the first of them at once; none to take the refusal as it is. Before start().
+    using RetryRefused =
+        std::function<QList<Piece>(qsizetype index, int status, const QString &serverMessage)>;
+    void setRetryRefused(RetryRefused retry) { m_retryRefused = std::move(retry); }
 
     void start();
     // Tears every request down; nothing is reported afterwards.
@@ -77,6 +83,7 @@ private:
     void failUnplayable(const QString &message);
     void deliver(const QByteArray &bytes);
     void advance();
+    bool retried(int status, const QString &serverMessage);
     void requestNextIfDue();
     void end();
     static void drop(Request &request);
@@ -86,6 +93,7 @@ private:
     Request m_current;
     Request m_next;
     bool m_chosenServer = false;
+    RetryRefused m_retryRefused;
     bool m_deliveredAudio = false;
     QString m_serverMessage;
 };
