@@ -87,9 +87,10 @@ SpeechResampler::SpeechResampler(const PcmFormat &format)
     if (format.rateHz != kSpeechRateHz) {
         soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_INT16_I);
         io.flags |= SOXR_NO_DITHER; // the same answer always plays as the same samples
-        // Medium quality keeps the filter's delay to a few milliseconds; speech has nothing above
-        // 12 kHz that the better filters would keep.
-        const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_MQ, 0);
+        // Low quality (16-bit precision, the output's own) delays by about a millisecond where the
+        // better filters hold back 20 to 25 ms, which the first sound would wait for; it gives up only
+        // the top of the band, where speech has little.
+        const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_LQ, 0);
         soxr_error_t error = nullptr;
         m_soxr = soxr_create(double(format.rateHz), double(kSpeechRateHz), 1, &error, &io, &quality, nullptr);
         if (error)

@@ -106,6 +106,7 @@ EncodedAnswer EncodedAnswer::encode(const std::vector<std::int16_t> &samples, co
         break;
     case Options::AudioFormat::Wav:
         answer.bytes = pcmBytes(samples);
+        answer.headerBytes = 44;
         answer.bytes.insert(
             0, wavHeader(rate, static_cast<std::uint32_t>(answer.bytes.size()), options.wavUnknownSizes));
         answer.contentType = "audio/wav";
@@ -126,6 +127,9 @@ EncodedAnswer EncodedAnswer::encode(const std::vector<std::int16_t> &samples, co
     if (!options.contentType.empty())
         answer.contentType = options.contentType;
     const double seconds = static_cast<double>(samples.size()) / rate;
-    answer.bytesPerSecond = seconds > 0 ? static_cast<double>(answer.bytes.size()) / seconds : rate * 2.0;
+    const bool raw =
+        options.audioFormat == Options::AudioFormat::Pcm || options.audioFormat == Options::AudioFormat::Wav;
+    answer.bytesPerSecond =
+        raw || seconds <= 0 ? rate * 2.0 : static_cast<double>(answer.bytes.size()) / seconds;
     return answer;
 }

@@ -13,6 +13,8 @@ struct EncodedAnswer
 {
     std::string bytes;
     std::string contentType;
+    // Leading bytes that are no audio (a WAV header).
+    std::size_t headerBytes = 0;
     // What the body's bytes take per second of audio, for pacing.
     double bytesPerSecond = 48000;
 

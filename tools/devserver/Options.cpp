@@ -83,6 +83,7 @@ Options Options::parse(const std::vector<std::string> &args)
          }},
         {"--audio-rate",
          [&](auto v) { options.audioRateHz = parseNumber<int>("--audio-rate", v, 8000, 48000); }},
+        {"--piece-ms", [&](auto v) { options.pieceMs = parseNumber<int>("--piece-ms", v, 1, 1000); }},
         {"--content-type", [&](auto v) { options.contentType = nonEmpty("--content-type", v); }},
         {"--anon-key", [&](auto v) { options.anonKey = nonEmpty("--anon-key", v); }},
         {"--token-ttl",
@@ -163,6 +164,7 @@ What /v1/audio/speech answers with, as self-hosted servers do (the service alway
   --wav-unknown-sizes  WAV with 0xFFFFFFFF sizes, as a streaming writer sends it
   --content-type TYPE  the Content-Type sent (default the format's own: audio/pcm, with ";rate=N"
                        when not 24000, audio/wav, audio/mpeg, audio/ogg, audio/flac)
+  --piece-ms N         N ms of audio a piece of the body (default 50)
   --no-audio           answer 200 with the Content-Type and an empty body
                        (--cut-after 0 drops the connection after the head instead)
 

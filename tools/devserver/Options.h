@@ -28,6 +28,7 @@ struct Options
     bool wavUnknownSizes = false;
     std::string contentType; // empty: the format's own
     bool noAudio = false;
+    int pieceMs = 50;
     std::string logPath;
 
     // The auth backend and the account service.

@@ -90,9 +90,10 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         return;
     }
     // Everything that takes time happens before the wait, so that the head leaves on time.
-    PacedBody body = service ? PacedBody(samples, m_pace, m_cutAfterBytes, m_stop)
-                             : PacedBody(m_options.noAudio ? std::string() : std::move(answer.bytes),
-                                         answer.bytesPerSecond, m_pace, m_cutAfterBytes, m_stop);
+    PacedBody body =
+        service ? PacedBody(samples, m_pace, m_cutAfterBytes, m_stop)
+                : PacedBody(m_options.noAudio ? std::string() : std::move(answer.bytes), answer.headerBytes,
+                            answer.bytesPerSecond, m_options.pieceMs, m_pace, m_cutAfterBytes, m_stop);
     if (!waitForHead()) {
         setJsonError(response, 503, "The server is shutting down.", "server_error");
         return;
