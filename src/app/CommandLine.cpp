@@ -10,6 +10,7 @@
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 #include "updates/UpdateChecker.h"
@@ -241,7 +242,7 @@ public:
                 return QStringLiteral("Nothing to narrate: the text is empty.");
             if (m_parser.isSet(m_voice)) {
                 invocation.voice = m_parser.value(m_voice);
-                if (!availableVoices().contains(invocation.voice))
+                if (!offeredVoices().contains(invocation.voice))
                     return unknownVoice(invocation.voice);
             }
             if (m_parser.isSet(m_style)) {
@@ -261,7 +262,7 @@ public:
         }
         if (invocation.mode == Invocation::Mode::preview) {
             invocation.text = m_parser.value(m_preview);
-            if (!availableVoices().contains(invocation.text))
+            if (!offeredVoices().contains(invocation.text))
                 return unknownVoice(invocation.text);
         }
         return invocation;
@@ -293,10 +294,17 @@ public:
     }
 
 private:
+    // A speech server the user chose may list voices of its own.
+    static QStringList offeredVoices()
+    {
+        return OpenAIServer::offeredVoices(UserDefaults::standard(),
+                                           DeploymentConfig::current().openAIOriginFromEnvironment);
+    }
+
     static QString unknownVoice(const QString &voice)
     {
         return QStringLiteral("Unknown voice \"%1\". Voices: %2")
-            .arg(voice, availableVoices().join(QStringLiteral(", ")));
+            .arg(voice, offeredVoices().join(QStringLiteral(", ")));
     }
 
     static QString controlDescription(const QString &command)

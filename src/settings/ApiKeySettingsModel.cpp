@@ -24,6 +24,33 @@ ApiKeySettingsModel::ApiKeySettingsModel(Services services, QObject *parent)
     m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
     if (m_key && m_key->isEmpty())
         m_key.reset();
+    if (m_services.speech) {
+        connect(m_services.speech, &SpeechManager::availableVoicesChanged, this,
+                &ApiKeySettingsModel::modelChanged);
+        m_services.speech->refreshServerCatalog();
+    }
+}
+
+void ApiKeySettingsModel::refreshCatalog()
+{
+    if (m_services.speech)
+        m_services.speech->refreshServerCatalog();
+}
+
+QStringList ApiKeySettingsModel::serverModels() const
+{
+    return chosenServer() ? OpenAIServer::listedModels(*m_services.defaults) : QStringList();
+}
+
+int ApiKeySettingsModel::maxInputChars() const
+{
+    return OpenAIServer::maxInputChars(*m_services.defaults);
+}
+
+void ApiKeySettingsModel::setMaxInputChars(int characters)
+{
+    m_services.defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, quint32(std::max(characters, 1)));
+    Q_EMIT serverChanged();
 }
 
 ApiKeySettingsModel::~ApiKeySettingsModel()
@@ -81,6 +108,8 @@ bool ApiKeySettingsModel::saveKey(const QString &text)
         m_keyProblem = m_services.keychain->lastFailureReason();
     }
     Q_EMIT keyChanged();
+    if (saved)
+        refreshCatalog();
     if (saved && m_services.ownKeyChanged)
         m_services.ownKeyChanged();
     return saved;
@@ -107,6 +136,8 @@ bool ApiKeySettingsModel::setServer(const QString &text)
         m_services.defaults->remove(OpenAIServer::serverKey);
         m_serverError.clear();
         Q_EMIT serverChanged();
+        Q_EMIT modelChanged();
+        refreshCatalog();
         return true;
     }
     const OpenAIServer::Verdict verdict = OpenAIServer::check(text);
@@ -122,6 +153,7 @@ bool ApiKeySettingsModel::setServer(const QString &text)
         m_services.defaults->setString(OpenAIServer::serverKey, verdict.origin.toString());
     Q_EMIT serverChanged();
     Q_EMIT modelChanged(); // a chosen server has its own default model
+    refreshCatalog();
     return true;
 }
 

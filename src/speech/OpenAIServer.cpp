@@ -5,6 +5,7 @@
 #include "speech/ServerCatalog.h"
 #include "speech/ServerErrorBody.h"
 #include "speech/TTSRequest.h"
+#include "speech/VoiceStyle.h"
 
 #include <QHostAddress>
 
@@ -106,6 +107,13 @@ static QStringList lines(const UserDefaults &defaults, const QString &key)
 QStringList listedVoices(const UserDefaults &defaults)
 {
     return lines(defaults, listedVoicesKey);
+}
+
+QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvironment)
+{
+    const QStringList listed =
+        chosenServer(defaults, deploymentFromEnvironment) ? listedVoices(defaults) : QStringList();
+    return listed.isEmpty() ? availableVoices() : listed;
 }
 
 QStringList listedModels(const UserDefaults &defaults)

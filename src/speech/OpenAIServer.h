@@ -63,6 +63,8 @@ QString chosenServerModel(const UserDefaults &defaults);
 // Most characters per request for a chosen server (4,096 unless set).
 int maxInputChars(const UserDefaults &defaults);
 QStringList listedVoices(const UserDefaults &defaults);
+// The voices the pickers and --voice offer: a chosen server's list when it gave one, else the built-in.
+QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvironment);
 QStringList listedModels(const UserDefaults &defaults);
 
 } // namespace OpenAIServer

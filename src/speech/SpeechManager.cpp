@@ -11,6 +11,7 @@
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 #include "speech/OpenAIServer.h"
+#include "speech/ServerCatalogFetch.h"
 #include "speech/ServerErrorBody.h"
 #include "speech/SpeechSequence.h"
 #include "speech/TextPieces.h"
@@ -63,6 +64,9 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
     connect(&m_progressTimer, &QTimer::timeout, this, &SpeechManager::updateProgress);
 
     setupAudioEngine();
+
+    m_catalog = std::make_unique<ServerCatalogFetch>(m_network, d);
+    connect(m_catalog.get(), &ServerCatalogFetch::listsChanged, this, &SpeechManager::availableVoicesChanged);
 }
 
 SpeechManager::~SpeechManager()
@@ -194,7 +198,7 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
     TTSRequest body;
     body.model = speechModel(backend);
     body.input = text;
-    body.voice = m_selectedVoice;
+    body.voice = m_previewVoice.value_or(m_selectedVoice);
     body.instructions = m_selectedVoiceStyle.instructions();
     QUrl origin = backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
     std::optional<QUrl> chosen;
@@ -342,6 +346,20 @@ void SpeechManager::playVoicePreview(const QString &voice)
     stop();
     m_isVoicePreview = true;
     m_currentNarrationText.reset();
+    // A chosen server's voices have no bundled samples: the server speaks one.
+    if (m_services.defaults &&
+        OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment)) {
+        const std::optional<QString> key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+        if ((!key || key->isEmpty()) && !isKeylessServer()) {
+            setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+            return;
+        }
+        const QString sample = QStringLiteral("Hello! This is how this voice sounds.");
+        m_previewVoice = voice;
+        streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), sample, estimatedDuration(sample));
+        m_previewVoice.reset();
+        return;
+    }
     const QString path = m_services.voiceSampleFolder + u'/' + voice + QStringLiteral(".mp3");
     if (!QFile::exists(path))
         return;
@@ -892,7 +910,16 @@ void SpeechManager::setWidgetThemeRawValue(const QString &raw)
 
 QStringList SpeechManager::availableVoices() const
 {
-    return ::availableVoices();
+    return OpenAIServer::offeredVoices(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+}
+
+void SpeechManager::refreshServerCatalog()
+{
+    const std::optional<QUrl> chosen =
+        OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+    m_catalog->refresh(chosen, chosen
+                                   ? m_services.keychain->load(KeychainKey::openAIAPIKey).value_or(QString())
+                                   : QString());
 }
 
 void SpeechManager::useVoiceForThisRun(const QString &voice)

@@ -26,6 +26,7 @@ class KeychainHelper;
 class NarrationRecords;
 class QNetworkAccessManager;
 class SelectionSource;
+class ServerCatalogFetch;
 class SpeechSequence;
 class UserDefaults;
 
@@ -57,7 +58,8 @@ class SpeechManager : public QObject
     Q_PROPERTY(float currentAudioLevel READ currentAudioLevel NOTIFY currentAudioLevelChanged)
     Q_PROPERTY(float rawAudioLevel READ rawAudioLevel NOTIFY rawAudioLevelChanged)
     Q_PROPERTY(double lastLevelTimestamp READ lastLevelTimestamp NOTIFY lastLevelTimestampChanged)
-    Q_PROPERTY(QStringList availableVoices READ availableVoices CONSTANT)
+    // The built-in voices, or those a chosen speech server lists.
+    Q_PROPERTY(QStringList availableVoices READ availableVoices NOTIFY availableVoicesChanged)
 
 public:
     static constexpr int kSampleRateHz = 24000;
@@ -146,6 +148,8 @@ public:
     float rawAudioLevel() const { return m_rawAudioLevel; }
     double lastLevelTimestamp() const { return m_lastLevelTimestamp; }
     QStringList availableVoices() const;
+    // Asks a chosen server for its voices and models again (after the server or the key changed).
+    Q_INVOKABLE void refreshServerCatalog();
 
     // Voice and style for this process only, not persisted (the command line's per-run choices).
     void useVoiceForThisRun(const QString &voice);
@@ -185,6 +189,8 @@ Q_SIGNALS:
     void currentAudioLevelChanged();
     void rawAudioLevelChanged();
     void lastLevelTimestampChanged();
+    // Also when a chosen server's models changed: both lists come together.
+    void availableVoicesChanged();
     // The end-of-playback step ran (the narration was heard to its end).
     void playbackEnded();
     // A seek was carried out (after its debounce), at this frame.
@@ -293,6 +299,8 @@ private:
     std::optional<QString> m_currentNarrationText;
     std::optional<QString> m_currentNarrationVoice;
     bool m_isVoicePreview = false;
+    std::optional<QString> m_previewVoice; // a chosen server's voice being sampled
+    std::unique_ptr<ServerCatalogFetch> m_catalog;
     bool m_persistChoices = true;
 
     mutable std::mutex m_stateMutex;
