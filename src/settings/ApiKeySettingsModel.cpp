@@ -21,9 +21,7 @@ ApiKeySettingsModel::ApiKeySettingsModel(Services services, QObject *parent)
         m_ownNetwork = std::make_unique<QNetworkAccessManager>();
         m_services.network = m_ownNetwork.get();
     }
-    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
-    if (m_key && m_key->isEmpty())
-        m_key.reset();
+    reloadKey();
     if (m_services.speech) {
         connect(m_services.speech, &SpeechManager::availableVoicesChanged, this,
                 &ApiKeySettingsModel::modelChanged);
@@ -93,6 +91,16 @@ QString ApiKeySettingsModel::defaultModel() const
 {
     return chosenServer() ? ServerCatalog::defaultModel(OpenAIServer::listedModels(*m_services.defaults))
                           : OpenAIServer::defaultModel();
+}
+
+void ApiKeySettingsModel::reloadKey()
+{
+    const std::optional<QString> before = m_key;
+    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    if (m_key && m_key->isEmpty())
+        m_key.reset();
+    if (m_key != before)
+        Q_EMIT keyChanged();
 }
 
 bool ApiKeySettingsModel::saveKey(const QString &text)
