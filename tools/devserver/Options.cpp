@@ -38,6 +38,20 @@ std::string nonEmpty(std::string_view name, std::string_view text)
     return std::string(text);
 }
 
+std::vector<std::string> commaList(std::string_view name, std::string_view text)
+{
+    std::vector<std::string> items;
+    for (std::size_t at = 0; at <= text.size();) {
+        const std::size_t comma = std::min(text.find(',', at), text.size());
+        if (comma > at)
+            items.emplace_back(text.substr(at, comma - at));
+        at = comma + 1;
+    }
+    if (items.empty())
+        throw std::invalid_argument(std::string(name) + ": expected names separated by commas");
+    return items;
+}
+
 } // namespace
 
 Options Options::parse(const std::vector<std::string> &args)
@@ -83,6 +97,9 @@ Options Options::parse(const std::vector<std::string> &args)
          }},
         {"--audio-rate",
          [&](auto v) { options.audioRateHz = parseNumber<int>("--audio-rate", v, 8000, 48000); }},
+        {"--voices", [&](auto v) { options.voices = commaList("--voices", v); }},
+        {"--models", [&](auto v) { options.models = commaList("--models", v); }},
+        {"--max-input", [&](auto v) { options.maxInput = parseNumber<int>("--max-input", v, 1, 1'000'000); }},
         {"--piece-ms", [&](auto v) { options.pieceMs = parseNumber<int>("--piece-ms", v, 1, 1000); }},
         {"--content-type", [&](auto v) { options.contentType = nonEmpty("--content-type", v); }},
         {"--anon-key", [&](auto v) { options.anonKey = nonEmpty("--anon-key", v); }},
@@ -105,6 +122,8 @@ Options Options::parse(const std::vector<std::string> &args)
         {"--drop-before-head", [&](auto) { options.dropBeforeHead = true; }},
         {"--wav-unknown-sizes", [&](auto) { options.wavUnknownSizes = true; }},
         {"--no-audio", [&](auto) { options.noAudio = true; }},
+        {"--keyless", [&](auto) { options.keyless = true; }},
+        {"--refuse-instructions", [&](auto) { options.refuseInstructions = true; }},
         {"--auto-consent", [&](auto) { options.autoConsent = true; }},
         {"--help", [&](auto) { options.showHelp = true; }},
         {"-h", [&](auto) { options.showHelp = true; }},
@@ -165,6 +184,12 @@ What /v1/audio/speech answers with, as self-hosted servers do (the service alway
   --content-type TYPE  the Content-Type sent (default the format's own: audio/pcm, with ";rate=N"
                        when not 24000, audio/wav, audio/mpeg, audio/ogg, audio/flac)
   --piece-ms N         N ms of audio a piece of the body (default 50)
+  --voices A,B         GET /v1/audio/voices lists these ({"voices": [...]}), and speech refuses any
+                       other voice with 400 and the list, as Kokoro-FastAPI does
+  --models A,B         GET /v1/models lists these (OpenAI's shape); without it both lists are 404
+  --keyless            /v1/audio/speech takes requests without a key
+  --max-input N        refuse an input over N characters with 422, as a pydantic server does
+  --refuse-instructions  refuse a request with "instructions" with 400
   --no-audio           answer 200 with the Content-Type and an empty body
                        (--cut-after 0 drops the connection after the head instead)
 

@@ -29,6 +29,12 @@ struct Options
     std::string contentType; // empty: the format's own
     bool noAudio = false;
     int pieceMs = 50;
+    // As self-hosted servers list and check: their voices and models, no key, an input limit.
+    std::vector<std::string> voices;
+    std::vector<std::string> models;
+    bool keyless = false;
+    std::optional<int> maxInput;
+    bool refuseInstructions = false;
     std::string logPath;
 
     // The auth backend and the account service.

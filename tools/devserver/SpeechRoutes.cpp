@@ -12,8 +12,11 @@
 
 #include <httplib.h>
 
+#include <QJsonArray>
 #include <QString>
+#include <QStringList>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -38,6 +41,22 @@ void SpeechRoutes::install(httplib::Server &server)
     server.Post("/api/tts/stream", [this](const httplib::Request &request, httplib::Response &response) {
         handle(request, response, Backend::Service);
     });
+    if (!m_options.voices.empty()) {
+        server.Get("/v1/audio/voices", [this](const httplib::Request &, httplib::Response &response) {
+            QJsonArray voices;
+            for (const std::string &voice : m_options.voices)
+                voices.append(QString::fromStdString(voice));
+            setJson(response, 200, {{"voices", voices}});
+        });
+    }
+    if (!m_options.models.empty()) {
+        server.Get("/v1/models", [this](const httplib::Request &, httplib::Response &response) {
+            QJsonArray models;
+            for (const std::string &model : m_options.models)
+                models.append(QJsonObject{{"id", QString::fromStdString(model)}, {"object", "model"}});
+            setJson(response, 200, {{"object", "list"}, {"data", models}});
+        });
+    }
 }
 
 void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &response, Backend backend) const
@@ -68,6 +87,10 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
         return;
     }
     const auto &speech = std::get<SpeechRequest>(parsed);
+    if (!service && refusedAsSelfHosted(speech, request.body, response)) {
+        waitForHead();
+        return;
+    }
     // OpenAI's limit, in code points (what its server counts); the service takes any length.
     if (!service && QString::fromStdString(speech.input).toUcs4().size() > kOpenAIInputLimit) {
         setJsonError(response, 400,
@@ -111,6 +134,37 @@ void SpeechRoutes::handle(const httplib::Request &request, httplib::Response &re
     response.set_chunked_content_provider("audio/pcm", body, [body](bool) mutable { body.finish(); });
 }
 
+bool SpeechRoutes::refusedAsSelfHosted(const SpeechRequest &speech, const std::string &body,
+                                       httplib::Response &response) const
+{
+    const auto detail = [&response](int status, const QJsonValue &value) {
+        setJson(response, status, {{"detail", value}});
+    };
+    if (!m_options.voices.empty() &&
+        std::find(m_options.voices.begin(), m_options.voices.end(), speech.voice) == m_options.voices.end()) {
+        QStringList voices;
+        for (const std::string &voice : m_options.voices)
+            voices << QString::fromStdString(voice);
+        detail(400, QStringLiteral("Voice '%1' not found. Available voices: %2")
+                        .arg(QString::fromStdString(speech.voice), voices.join(QStringLiteral(", "))));
+        return true;
+    }
+    if (m_options.maxInput && QString::fromStdString(speech.input).size() > *m_options.maxInput) {
+        detail(422, QJsonArray{QJsonObject{
+                        {"loc", QJsonArray{"body", "input"}},
+                        {"msg",
+                         QStringLiteral("String should have at most %1 characters").arg(*m_options.maxInput)},
+                        {"type", "string_too_long"}}});
+        return true;
+    }
+    if (m_options.refuseInstructions &&
+        jsonObjectBody(body).value_or(QJsonObject()).contains("instructions")) {
+        detail(400, QStringLiteral("Unsupported parameter: 'instructions'."));
+        return true;
+    }
+    return false;
+}
+
 bool SpeechRoutes::hasBalance(httplib::Response &response) const
 {
     if (m_account.balanceSeconds() > 0)
@@ -126,6 +180,8 @@ bool SpeechRoutes::authorise(const httplib::Request &request, httplib::Response 
 {
     const std::optional<std::string> token = bearerToken(request);
     if (backend == Backend::OpenAI) {
+        if (m_options.keyless)
+            return true;
         if (!token || token->empty()) {
             setJsonError(
                 response, 401,

@@ -4,6 +4,7 @@
 #include "AccountState.h"
 #include "Options.h"
 #include "Routes.h"
+#include "SpeechRequest.h"
 #include "StopFlag.h"
 
 #include <chrono>
@@ -38,6 +39,9 @@ private:
     void handle(const httplib::Request &request, httplib::Response &response, Backend backend) const;
     bool authorise(const httplib::Request &request, httplib::Response &response, Backend backend) const;
 
+    // What self-hosted servers refuse (--voices, --max-input, --refuse-instructions), answered as they do.
+    bool refusedAsSelfHosted(const SpeechRequest &speech, const std::string &body,
+                             httplib::Response &response) const;
     // For the service backend: answers 402 unless there is time left to narrate.
     bool hasBalance(httplib::Response &response) const;
 

@@ -13,6 +13,7 @@
 #include "speech/SpeechManager.h"
 
 #include <QDeadlineTimer>
+#include <QJsonObject>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -220,6 +221,56 @@ private Q_SLOTS:
             QVERIFY2(peak <= kToneAmplitude * 1.5 && peak >= kToneAmplitude * 0.5,
                      qPrintable(QStringLiteral("%1 at %2 s").arg(peak).arg(double(at) / 24000)));
         }
+    }
+
+    // A voice only the server has is offered and sent as is; without a key a local server is asked
+    // without an Authorization header.
+    void serversOwnVoiceWithoutKey()
+    {
+        QVERIFY(startServer({"--voices", "af_heart,am_adam", "--models", "whisper-1,kokoro", "--keyless"}));
+        m_keychain->remove(KeychainKey::openAIAPIKey);
+        QSignalSpy listed(m_speech.get(), &SpeechManager::availableVoicesChanged);
+        m_speech->refreshServerCatalog();
+        QTRY_COMPARE(m_speech->availableVoices(), (QStringList{"af_heart", "am_adam"}));
+        m_speech->setSelectedVoice(QStringLiteral("af_heart"));
+        QVERIFY2(narrate(kText), qPrintable(m_speech->currentErrorDescription()));
+        QJsonObject request;
+        for (const QJsonObject &record : m_server->waitForRequests(3)) {
+            if (record.value("path").toString() == u"/v1/audio/speech")
+                request = record;
+        }
+        QCOMPARE(DevServer::body(request).value("voice").toString(), "af_heart");
+        QCOMPARE(DevServer::body(request).value("model").toString(), "kokoro");
+        QVERIFY(DevServer::header(request, u"Authorization").isNull());
+    }
+
+    void refusedVoiceShowsTheServersWords()
+    {
+        QVERIFY(startServer({"--voices", "af_heart"}));
+        m_speech->speak(kText);
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->hasError(), 10000);
+        QCOMPARE(m_speech->currentErrorDescription(),
+                 "API error (400): Voice 'marin' not found. Available voices: af_heart");
+    }
+
+    // A 422 about the input's length halves the request size and sends the refused piece again.
+    void tooLongInputIsSentAgainInHalves()
+    {
+        QVERIFY(startServer({"--max-input", "300"}));
+        m_defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, 512);
+        const QString text = longText().left(500);
+        QVERIFY2(narrate(text), qPrintable(m_speech->currentErrorDescription()));
+        const QList<QJsonObject> log = m_server->requests();
+        QCOMPARE(log.first().value("status").toInt(), 422);
+        QStringList sent;
+        for (const QJsonObject &record : log.mid(1)) {
+            QCOMPARE(record.value("status").toInt(), 200);
+            sent << DevServer::input(record);
+        }
+        // The log is in the order the answers ended; the pieces go back in the text's order.
+        std::sort(sent.begin(), sent.end(),
+                  [&](const QString &a, const QString &b) { return text.indexOf(a) < text.indexOf(b); });
+        QCOMPARE(sent.join(QString()), text);
     }
 
     void answersWithoutAudioSayWhy_data()
