@@ -10,6 +10,7 @@
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
 #include "updates/UpdateChecker.h"
 

@@ -2,6 +2,9 @@
 #include "app/CommandLineArguments.h"
 
 #include "app/RemoteControl.h"
+#include "core/DeploymentConfig.h"
+#include "core/UserDefaults.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
 
 #include <QCoreApplication>
@@ -51,10 +54,17 @@ QString styleNames()
     return names.join(QStringLiteral(", "));
 }
 
+// A speech server the user chose may list voices of its own.
+QStringList offeredVoices()
+{
+    return OpenAIServer::offeredVoices(UserDefaults::standard(),
+                                       DeploymentConfig::current().openAIOriginFromEnvironment);
+}
+
 QString unknownVoice(const QString &voice)
 {
     return QStringLiteral("Unknown voice \"%1\". Voices: %2")
-        .arg(voice, availableVoices().join(QStringLiteral(", ")));
+        .arg(voice, offeredVoices().join(QStringLiteral(", ")));
 }
 
 QString controlDescription(const QString &command)
@@ -227,7 +237,7 @@ std::variant<Invocation, QString> CommandLineArguments::check(const QStringList 
     }
     if (invocation.mode == Invocation::Mode::preview) {
         invocation.text = m_parser.value(m_options[preview]);
-        if (!availableVoices().contains(invocation.text))
+        if (!offeredVoices().contains(invocation.text))
             return unknownVoice(invocation.text);
     }
     return invocation;
@@ -241,7 +251,7 @@ std::optional<QString> CommandLineArguments::checkSpeak(Invocation &invocation) 
     invocation.wait = m_parser.isSet(m_options[wait]);
     if (m_parser.isSet(m_options[voice])) {
         invocation.voice = m_parser.value(m_options[voice]);
-        if (!availableVoices().contains(invocation.voice))
+        if (!offeredVoices().contains(invocation.voice))
             return unknownVoice(invocation.voice);
     }
     if (m_parser.isSet(m_options[style])) {

@@ -25,6 +25,7 @@ class KeychainHelper;
 class NarrationRecords;
 class QNetworkAccessManager;
 class SelectionSource;
+class ServerCatalogFetch;
 class UserDefaults;
 
 // The one long-lived object that turns text into a spoken narration: the checks before a request, the
@@ -57,7 +58,8 @@ class SpeechManager : public QObject
     Q_PROPERTY(float currentAudioLevel READ currentAudioLevel NOTIFY currentAudioLevelChanged)
     Q_PROPERTY(float rawAudioLevel READ rawAudioLevel NOTIFY rawAudioLevelChanged)
     Q_PROPERTY(double lastLevelTimestamp READ lastLevelTimestamp NOTIFY lastLevelTimestampChanged)
-    Q_PROPERTY(QStringList availableVoices READ availableVoices CONSTANT)
+    // The built-in voices, or those a chosen speech server lists.
+    Q_PROPERTY(QStringList availableVoices READ availableVoices NOTIFY availableVoicesChanged)
 
 public:
     static constexpr int kSampleRateHz = NarrationPlayback::kSampleRateHz;
@@ -149,6 +151,8 @@ public:
     float rawAudioLevel() const { return m_playback.levels().rawAudioLevel(); }
     double lastLevelTimestamp() const { return m_playback.levels().lastLevelTimestamp(); }
     QStringList availableVoices() const;
+    // Asks a chosen server for its voices and models again (after the server or the key changed).
+    Q_INVOKABLE void refreshServerCatalog();
 
     // Voice and style for this process only, not persisted (the command line's per-run choices).
     void useVoiceForThisRun(const QString &voice);
@@ -192,6 +196,8 @@ Q_SIGNALS:
     void currentAudioLevelChanged();
     void rawAudioLevelChanged();
     void lastLevelTimestampChanged();
+    // Also when a chosen server's models changed: both lists come together.
+    void availableVoicesChanged();
     // The end-of-playback step ran (the narration was heard to its end).
     void playbackEnded();
     // A seek was carried out (after its debounce), at this frame.
@@ -203,6 +209,10 @@ private:
     void startServiceNarration(const QString &text, quint64 speakGeneration);
     void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
     void onStreamHead(int status);
+    // Ends a narration whose request failed before any audio came, showing why.
+    void failBeforeAudio(const SpeechError &error);
+    // A chosen server on this computer or the local network: narrations need no key.
+    bool isKeylessServer() const;
     void onStreamFailedBeforeHead();
     void onPlaybackEnded();
     void setCurrentPlayingSessionId(const std::optional<QUuid> &id);
@@ -230,5 +240,8 @@ private:
     std::optional<QString> m_currentNarrationText;
     std::optional<QString> m_currentNarrationVoice;
     bool m_isVoicePreview = false;
+    std::optional<QString> m_previewVoice;               // a chosen server's voice being sampled
+    std::unique_ptr<QNetworkAccessManager> m_ownNetwork; // for the catalog, when not given one
+    std::unique_ptr<ServerCatalogFetch> m_catalog;
     bool m_persistChoices = true;
 };
