@@ -242,10 +242,7 @@ bool SpeechManager::isKeylessServer() const
 
 void SpeechManager::onStreamFailedBeforeHead()
 {
-    m_followAlong->clear();
-    m_stream.cancel();
-    setCurrentError(SpeechError::make(SpeechError::invalidResponse));
-    m_playback.abandonRequest();
+    failBeforeAudio(SpeechError::make(SpeechError::invalidResponse));
 }
 
 void SpeechManager::recordNarration(bool viaService)
