@@ -16,6 +16,7 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "platform/dbus/LogindWakeMonitor.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
@@ -122,13 +123,12 @@ void AppDelegate::startUpdateChecks()
             [this] { updateWindow().checkForUpdates(); });
     connect(m_updateChecker.get(), &UpdateChecker::updateFound, this,
             [this](const UpdateChecker::Result &result) { updateWindow().showResult(result); });
-    // Once a day at most, across restarts: an hourly look at when the last check was is enough.
-    auto *daily = new QTimer(this);
-    daily->setInterval(std::chrono::hours(1));
-    connect(daily, &QTimer::timeout, m_updateChecker.get(), &UpdateChecker::checkAutomaticallyIfDue);
-    daily->start();
-    QTimer::singleShot(std::chrono::seconds(10), m_updateChecker.get(),
-                       &UpdateChecker::checkAutomaticallyIfDue);
+    // Once a day at most, across restarts, and never before start-up has settled.
+    static constexpr std::chrono::seconds kSoonest(10);
+    m_updateChecker->scheduleAutomaticChecks(kSoonest);
+    auto *wake = new LogindWakeMonitor(this);
+    connect(wake, &WakeMonitor::woke, m_updateChecker.get(),
+            [checker = m_updateChecker.get()] { checker->scheduleAutomaticChecks(kSoonest); });
 }
 
 UpdateWindow &AppDelegate::updateWindow()
