@@ -5,7 +5,8 @@
 One run, side by side, each in a fresh profile in own-key mode against quillvox-devserver (espeak voice,
 streamed at real time), through the rig's PulseAudio:
   1. Quillvox with the widget hidden: idle wake-ups, idle RSS, a ~30 s narration, then Settings opened
-     and closed again.
+     and closed again. The profile's last update check was an hour ago, as on most starts (a check
+     that is due runs 10 s after the start and costs about ten wake-ups once).
   2. `pacat` playing the very PCM that narration stored in the history, to the same PulseAudio.
   3. Quillvox with the widget shown ("showWidgetWithOwnKey"): the same.
 
@@ -25,10 +26,12 @@ most 0.2/s; idle RSS under 45 MB, after Settings under 60 MB. Not part of CI; te
 """
 
 import argparse
+import datetime
 import glob
 import json
 import os
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -118,6 +121,14 @@ def visible_window(name):
                           capture_output=True, text=True).stdout.strip()
 
 
+def settings_date(when):
+    """A UTC date as QSettings writes it: QDataStream of a QVariant holding a QDateTime."""
+    midnight = when.replace(hour=0, minute=0, second=0, microsecond=0)
+    msecs = int((when - midnight).total_seconds() * 1000)
+    data = struct.pack(">IBqIb", 16, 0, when.toordinal() + 1721425, msecs, 1)
+    return "@DateTime(" + "".join(f"\\x{b:02x}" for b in data) + ")"
+
+
 class App:
     def __init__(self, exe, origin, shown, label):
         self.exe, self.shown = exe, shown
@@ -133,7 +144,8 @@ class App:
         os.makedirs(f"{self.profile}/config/Quillvox")
         with open(f"{self.profile}/config/Quillvox/Quillvox.conf", "w") as f:
             f.write("[General]\nhasCompletedOnboarding=true\n"
-                    f"showWidgetWithOwnKey={'true' if shown else 'false'}\n")
+                    f"showWidgetWithOwnKey={'true' if shown else 'false'}\n"
+                    f"lastUpdateCheck={settings_date(datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(hours=1))}\n")
         subprocess.run([exe, "--set-api-key"], input="local\n", env=self.env, text=True, check=True,
                        capture_output=True)
         self.started = time.monotonic()

@@ -32,7 +32,6 @@
 #include <QQuickWindow>
 #include <QTextStream>
 #include <QTimer>
-#include <QWindow>
 
 namespace {
 
@@ -166,17 +165,14 @@ void AppDelegate::openOnboardingWindow()
             widget.updateVisibility();
     };
     m_onboarding = std::make_unique<OnboardingWindow>(std::move(services));
-    m_onboardingWindow = m_onboarding->window();
     m_onboarding->present();
 }
 
 bool AppDelegate::raiseOnboardingWindow()
 {
-    if (!m_onboardingWindow)
+    if (!m_onboarding)
         return false;
-    m_onboardingWindow->show();
-    m_onboardingWindow->raise();
-    m_onboardingWindow->requestActivate();
+    m_onboarding->present();
     return true;
 }
 
@@ -248,12 +244,12 @@ void AppDelegate::addObservers()
     m_onboardingObserver = connect(
         &events, &AppEvents::onboardingCompleted, this,
         [this] {
-            if (m_onboardingWindow)
-                m_onboardingWindow->close();
-            m_onboardingWindow.clear();
             // The flow may still be inside the click that completed it.
-            if (m_onboarding)
+            if (m_onboarding) {
+                if (QQuickView *window = m_onboarding->window())
+                    window->close();
                 m_onboarding.release()->deleteLater();
+            }
             startMainApp();
         },
         Qt::QueuedConnection);

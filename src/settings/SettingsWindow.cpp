@@ -2,6 +2,7 @@
 #include "settings/SettingsWindow.h"
 
 #include "core/AppEvents.h"
+#include "core/FreedMemory.h"
 #include "core/Logging.h"
 #include "settings/SettingsViewModel.h"
 
@@ -12,6 +13,7 @@
 #include <QQuickView>
 #include <QScreen>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_SettingsPlugin)
@@ -56,8 +58,16 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
                                QQmlEngine *engine, QObject *parent)
     : QObject(parent)
     , m_viewModel(new SettingsViewModel(initialSection, withDialogs(std::move(services)), this))
-    , m_window(engine ? std::make_unique<QQuickView>(engine, nullptr) : std::make_unique<QQuickView>())
+    , m_engine(engine)
 {
+    createView();
+    connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
+            &SettingsViewModel::selectLabel);
+}
+
+void SettingsWindow::createView()
+{
+    m_window = m_engine ? std::make_unique<QQuickView>(m_engine, nullptr) : std::make_unique<QQuickView>();
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
     m_window->engine()->addImportPath(QStringLiteral("qrc:/qt/qml"));
     m_window->setTitle(QStringLiteral("Settings"));
@@ -72,15 +82,28 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
     m_window->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Quillvox/Settings/SettingsView.qml")));
     for (const QQmlError &error : m_window->errors())
         qCWarning(lcApp).noquote() << error.toString();
+    // Released from the event loop: closing may come from inside the window's own handlers.
+    connect(m_window.get(), &QWindow::visibleChanged, this, [this](bool visible) {
+        if (!visible)
+            QTimer::singleShot(0, this, &SettingsWindow::releaseViewIfHidden);
+    });
+}
 
-    connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
-            &SettingsViewModel::selectLabel);
+void SettingsWindow::releaseViewIfHidden()
+{
+    if (!m_window || m_window->isVisible())
+        return;
+    QQuickView *view = m_window.release();
+    connect(view, &QObject::destroyed, qApp, [] { returnFreedMemory(); });
+    view->deleteLater();
 }
 
 SettingsWindow::~SettingsWindow() = default;
 
 void SettingsWindow::present()
 {
+    if (!m_window)
+        createView();
     m_viewModel->refreshShownSection();
     m_window->show();
     m_window->raise();
