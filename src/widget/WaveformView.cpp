@@ -96,15 +96,13 @@ void WaveformView::setSpeech(SpeechManager *speech)
         disconnect(c);
     m_connections.clear();
     m_speech = speech;
+    m_pendingLevels.clear();
     m_interpolator.reset();
     if (speech) {
-        m_connections << connect(speech, &SpeechManager::isPlayingChanged, this,
-                                 &WaveformView::onPlayingChanged)
-                      << connect(speech, &SpeechManager::isProcessingChanged, this,
-                                 &WaveformView::updateTimeline)
-                      << connect(speech, &SpeechManager::lastLevelTimestampChanged, this, [this] {
-                             m_interpolator.push(m_speech->rawAudioLevel(), m_speech->lastLevelTimestamp());
-                         });
+        m_connections
+            << connect(speech, &SpeechManager::isPlayingChanged, this, &WaveformView::onPlayingChanged)
+            << connect(speech, &SpeechManager::isProcessingChanged, this, &WaveformView::updateTimeline)
+            << connect(speech, &SpeechManager::lastLevelTimestampChanged, this, &WaveformView::onLevel);
     }
     updateTimeline();
     Q_EMIT speechChanged();
@@ -143,8 +141,23 @@ int WaveformView::variationRow(double wallSeconds)
     return int(std::fmod(std::trunc(wallSeconds * 3.3), double(kVariationRows)));
 }
 
+void WaveformView::onLevel()
+{
+    m_pendingLevels.append({m_speech->rawAudioLevel(), m_speech->lastLevelTimestamp()});
+    pushDueLevels(AudioEngine::steadySeconds());
+}
+
+void WaveformView::pushDueLevels(double now)
+{
+    qsizetype due = 0;
+    for (; due < m_pendingLevels.size() && m_pendingLevels[due].timestamp <= now; ++due)
+        m_interpolator.push(m_pendingLevels[due].level, m_pendingLevels[due].timestamp);
+    m_pendingLevels.remove(0, due);
+}
+
 void WaveformView::advanceFrame(double now, double wallSeconds)
 {
+    pushDueLevels(now);
     const bool playing = m_speech && m_speech->isPlaying();
     const int steps =
         m_lastFrame < 0 ? 1 : std::clamp(int(std::lround((now - m_lastFrame) / kStepSeconds)), 1, 4);
@@ -168,6 +181,7 @@ void WaveformView::advanceFrame(double now, double wallSeconds)
 void WaveformView::onPlayingChanged()
 {
     if (!m_speech->isPlaying()) {
+        m_pendingLevels.clear();
         m_interpolator.reset();
         m_levels.fill(0);
         m_heights.fill(m_minimumBarHeight);

@@ -79,6 +79,8 @@ protected:
 private:
     void updateTimeline();
     void onPlayingChanged();
+    void onLevel();
+    void pushDueLevels(double now);
     bool isShown() const;
     std::array<QRectF, kBarCount> barRects() const;
 
@@ -92,5 +94,12 @@ private:
     std::array<float, kBarCount> m_levels{};
     std::array<qreal, kBarCount> m_heights{};
     double m_lastFrame = -1; // level clock of the previous frame; none while stopped
+    // Levels stamped with the time they will be heard (the output buffers ahead), held until then.
+    struct PendingLevel
+    {
+        float level;
+        double timestamp;
+    };
+    QList<PendingLevel> m_pendingLevels;
     QTimer m_timeline;
 };
