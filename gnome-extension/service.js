@@ -28,10 +28,12 @@ const INTERFACE_XML = `
 
 // shell: readText(primary, callback(text or null)), grab(accelerator) → a handle or 0 when the shell
 // refuses the combination, ungrab(handle), and onAccelerator(callback(handle)) → a disconnect function.
+// instances: a QuillvoxInstances; only those programs are answered, everyone else refused.
 export class QuillvoxService {
-    constructor(connection, shell) {
+    constructor(connection, shell, instances) {
         this._connection = connection;
         this._shell = shell;
+        this._instances = instances;
         this._grabs = new Map(); // handle → action id
         this._client = null;     // the unique bus name that bound the keys
         this._clientWatch = 0;
@@ -62,8 +64,24 @@ export class QuillvoxService {
         return INTERFACE_VERSION;
     }
 
+    // GNOME keeps the selection and the clipboard from programs that are not focused; we hand them to
+    // Quillvox alone.
+    _answerQuillvoxOnly(invocation, answer) {
+        this._instances.isQuillvox(invocation.get_sender()).then(allowed => {
+            if (allowed)
+                answer();
+            else
+                invocation.return_dbus_error('org.freedesktop.DBus.Error.AccessDenied',
+                    `${invocation.get_method_name()} is only for Quillvox`);
+        });
+    }
+
     // The primary selection, or the clipboard when nothing is highlighted; "" when both are empty.
     ReadSelectionAsync(_parameters, invocation) {
+        this._answerQuillvoxOnly(invocation, () => this._readSelection(invocation));
+    }
+
+    _readSelection(invocation) {
         this._shell.readText(true, primary => {
             if (primary) {
                 invocation.return_value(new GLib.Variant('(s)', [primary]));
@@ -78,6 +96,10 @@ export class QuillvoxService {
     // Replaces the keys bound before with these (id, accelerator) pairs: one Quillvox holds the keys at a
     // time, the last to bind. Answers the ids the shell took; the keys stay while the caller is on the bus.
     BindShortcutsAsync([shortcuts], invocation) {
+        this._answerQuillvoxOnly(invocation, () => this._bind(shortcuts, invocation));
+    }
+
+    _bind(shortcuts, invocation) {
         this._releaseKeys();
         const bound = [];
         for (const [id, accelerator] of shortcuts) {

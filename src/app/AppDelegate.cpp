@@ -8,6 +8,7 @@
 #include "app/DesktopNotification.h"
 #include "app/MprisPlayer.h"
 #include "app/RemoteControl.h"
+#include "app/ShellStatusMenu.h"
 #include "app/SingleInstance.h"
 #include "app/StatusMenu.h"
 #include "capture/SelectionCapture.h"
@@ -92,7 +93,9 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
     m_statusMenu = std::make_unique<StatusMenu>(speech, SelectionCapture::shared(), nullptr);
-    m_statusMenu->show();
+    // Shows the tray item, or leaves the menu to GNOME Shell's top bar where our extension runs.
+    m_shellStatusMenu = std::make_unique<ShellStatusMenu>(*m_statusMenu, speech);
+    m_shellStatusMenu->start();
 
     if (shouldShowOnboarding())
         openOnboardingWindow();
@@ -210,6 +213,9 @@ void AppDelegate::ensureShortcuts()
     } else {
         explainWayland();
     }
+    // A window opened during onboarding was made without them.
+    if (m_settingsWindow)
+        m_settingsWindow->adoptServices(SettingsServices::fromShared());
 }
 
 void AppDelegate::promptForTrust()

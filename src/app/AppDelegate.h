@@ -16,6 +16,7 @@ class OnboardingWindow;
 class MprisPlayer;
 class RemoteControl;
 class SettingsWindow;
+class ShellStatusMenu;
 class SingleInstance;
 class SpeechManager;
 class StatusMenu;
@@ -84,6 +85,7 @@ private:
     std::unique_ptr<RemoteControl> m_remote;
     std::unique_ptr<SingleInstance> m_instance;
     std::unique_ptr<StatusMenu> m_statusMenu;
+    std::unique_ptr<ShellStatusMenu> m_shellStatusMenu;
     std::unique_ptr<OnboardingWindow> m_onboarding;
     bool m_shortcutsMade = false;
     std::unique_ptr<MprisPlayer> m_mpris;

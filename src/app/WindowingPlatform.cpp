@@ -10,8 +10,9 @@ QByteArray choose(const Session &session)
     if (session.userChose || !session.wayland || !session.xwayland)
         return {};
     const QStringList desktops = session.currentDesktop.split(u':', Qt::SkipEmptyParts);
-    return desktops.contains(QStringLiteral("KDE"), Qt::CaseInsensitive) ? QByteArrayLiteral("xcb")
-                                                                         : QByteArray();
+    const bool placesNoNativeWidget = desktops.contains(QStringLiteral("KDE"), Qt::CaseInsensitive) ||
+                                      desktops.contains(QStringLiteral("GNOME"), Qt::CaseInsensitive);
+    return placesNoNativeWidget ? QByteArrayLiteral("xcb") : QByteArray();
 }
 
 void applyForThisSession()

@@ -13,7 +13,11 @@
 //    layer (not kept above), and KWin makes it the active window, taking the keyboard from the editor the
 //    user selected text in. On XWayland it sits at the top centre (470,40), kept above on all desktops,
 //    out of the taskbar, and the editor stays active. XWayland.
-//  - GNOME and other desktops: native, as Qt would choose.
+//  - GNOME Shell 43 (nested): natively it opens where GNOME places new windows, in the normal layer (a
+//    maximised window covers it), and GNOME gives it the keyboard. On XWayland it sits at the top centre,
+//    above a maximised window, and the editor keeps the keyboard. XWayland; where the widget is native all
+//    the same, our Shell extension places it.
+//  - Other desktops: native, as Qt would choose.
 // Capture and shortcuts are unaffected: they go through the desktop's portal or its Wayland clipboard
 // whatever Qt's platform is.
 namespace WindowingPlatform {

@@ -4,6 +4,7 @@
 #include "core/AppEvents.h"
 #include "core/FreedMemory.h"
 #include "core/Logging.h"
+#include "platform/dbus/SecretServiceWatcher.h"
 #include "settings/SettingsViewModel.h"
 
 #include <QApplication>
@@ -63,6 +64,15 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
     createView();
     connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
             &SettingsViewModel::selectLabel);
+    if (ApiKeySettingsModel *apiKeys = m_viewModel->apiKeys()) {
+        // A save is a deletion and a creation: read the keyring once they have both arrived.
+        auto *reload = new QTimer(this);
+        reload->setSingleShot(true);
+        reload->setInterval(100);
+        connect(reload, &QTimer::timeout, apiKeys, &ApiKeySettingsModel::reloadKey);
+        auto *keyring = new SecretServiceWatcher(this);
+        connect(keyring, &SecretServiceWatcher::itemsChanged, reload, qOverload<>(&QTimer::start));
+    }
 }
 
 void SettingsWindow::createView()
@@ -82,6 +92,10 @@ void SettingsWindow::createView()
     m_window->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Quillvox/Settings/SettingsView.qml")));
     for (const QQmlError &error : m_window->errors())
         qCWarning(lcApp).noquote() << error.toString();
+    connect(m_window.get(), &QWindow::activeChanged, m_viewModel, [this, view = m_window.get()] {
+        if (view->isActive())
+            m_viewModel->windowActivated();
+    });
     // Released from the event loop: closing may come from inside the window's own handlers.
     connect(m_window.get(), &QWindow::visibleChanged, this, [this](bool visible) {
         if (!visible)
@@ -96,6 +110,11 @@ void SettingsWindow::releaseViewIfHidden()
     QQuickView *view = m_window.release();
     connect(view, &QObject::destroyed, qApp, [] { returnFreedMemory(); });
     view->deleteLater();
+}
+
+void SettingsWindow::adoptServices(const SettingsServices &latest)
+{
+    m_viewModel->adoptServices(latest);
 }
 
 SettingsWindow::~SettingsWindow() = default;

@@ -36,6 +36,8 @@ public:
 
     // Shows the window, brings it to the front and asks for the keyboard focus.
     void present();
+    // See SettingsViewModel::adoptServices.
+    void adoptServices(const SettingsServices &latest);
 
 private:
     void createView();

@@ -59,19 +59,33 @@ private Q_SLOTS:
         QVERIFY(clientBus().isConnected());
     }
 
-    // Only KDE Plasma on Wayland with XWayland at hand moves the app to XWayland, and never against the
+    // KDE Plasma and GNOME on Wayland, with XWayland at hand, move the app to XWayland, never against the
     // user's own QT_QPA_PLATFORM.
+    void windowingPlatform_data()
+    {
+        QTest::addColumn<QString>("desktop");
+        QTest::addColumn<bool>("wayland");
+        QTest::addColumn<bool>("xwayland");
+        QTest::addColumn<bool>("userChose");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("GNOME") << "GNOME" << true << true << false << QByteArray("xcb");
+        QTest::newRow("Ubuntu's GNOME") << "ubuntu:GNOME" << true << true << false << QByteArray("xcb");
+        QTest::newRow("GNOME without XWayland") << "GNOME" << true << false << false << QByteArray();
+        QTest::newRow("GNOME, user's choice") << "GNOME" << true << true << true << QByteArray();
+        QTest::newRow("KDE") << "KDE" << true << true << false << QByteArray("xcb");
+        QTest::newRow("KDE neon") << "neon:kde" << true << true << false << QByteArray("xcb");
+        QTest::newRow("KDE without XWayland") << "KDE" << true << false << false << QByteArray();
+        QTest::newRow("KDE, user's choice") << "KDE" << true << true << true << QByteArray();
+        QTest::newRow("sway") << "sway" << true << true << false << QByteArray();
+        QTest::newRow("X11 session") << "GNOME" << false << true << false << QByteArray();
+    }
     void windowingPlatform()
     {
-        // Desktop, Wayland, XWayland at hand, the user's own choice: the platform asked for.
-        const std::tuple<const char *, bool, bool, bool, QByteArray> rows[] = {
-            {"KDE", true, true, false, "xcb"}, {"neon:kde", true, true, false, "xcb"},
-            {"KDE", true, false, false, {}},   {"KDE", true, true, true, {}},
-            {"KDE", false, true, false, {}},   {"ubuntu:GNOME", true, true, false, {}},
-            {"sway", true, true, false, {}}};
-        for (const auto &[desktop, wayland, xwayland, userChose, expected] : rows)
-            QCOMPARE(WindowingPlatform::choose({QString::fromLatin1(desktop), wayland, xwayland, userChose}),
-                     expected);
+        QFETCH(QString, desktop);
+        QFETCH(bool, wayland);
+        QFETCH(bool, xwayland);
+        QFETCH(bool, userChose);
+        QTEST(WindowingPlatform::choose({desktop, wayland, xwayland, userChose}), "expected");
     }
 
     void shouldShowOnboarding()

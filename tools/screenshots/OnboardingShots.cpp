@@ -7,6 +7,9 @@
 #include "onboarding/OnboardingWindow.h"
 #include "platform/null/MemorySecretStore.h"
 
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QQuickItem>
 #include <QQuickView>
 #include <QTextStream>
 
@@ -43,9 +46,22 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
             QTextStream(stderr) << "could not write " << path << Qt::endl;
     };
 
+    // The keyboard focus as Tab leaves it, from the top of the step.
+    const auto tabTo = [&](int tabs) {
+        onboarding.window()->contentItem()->forceActiveFocus();
+        for (int i = 0; i < tabs; ++i) {
+            QKeyEvent press(QEvent::KeyPress, Qt::Key_Tab, Qt::NoModifier);
+            QKeyEvent release(QEvent::KeyRelease, Qt::Key_Tab, Qt::NoModifier);
+            QGuiApplication::sendEvent(onboarding.window(), &press);
+            QGuiApplication::sendEvent(onboarding.window(), &release);
+        }
+    };
+
     shoot(QStringLiteral("1-welcome"));
     vm.nextStep();
     shoot(QStringLiteral("2-sign-in"));
+    tabTo(1);
+    shoot(QStringLiteral("2-sign-in-focus"));
     vm.goToFreeMinutes();
     shoot(QStringLiteral("3-free-minutes"));
     vm.goToPermissions();
@@ -63,12 +79,16 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     speech.stop();
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-voice"));
+    tabTo(2);
+    shoot(QStringLiteral("5-tutorial-voice-focus"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-appearance"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-shortcut"));
     vm.goToPricing();
     shoot(QStringLiteral("6-pricing"));
+    tabTo(2);
+    shoot(QStringLiteral("6-pricing-focus"));
     vm.purchase(QStringLiteral("popular")); // no account here: shows the failure text
     shoot(QStringLiteral("6-pricing-error"));
     Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();

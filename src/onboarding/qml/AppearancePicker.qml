@@ -44,6 +44,9 @@ Column {
                 Accessible.checkable: true
                 Accessible.checked: chosen
                 onClicked: picker.speech.widgetAppearance = modelData.name
+                FocusRing {
+                    shown: style.visualFocus
+                }
                 background: Rectangle {
                     radius: Theme.radius
                     color: style.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.08)
@@ -104,6 +107,10 @@ Column {
                 Accessible.checkable: true
                 Accessible.checked: chosen
                 onClicked: picker.speech.widgetTheme = modelData
+                FocusRing {
+                    shown: swatch.visualFocus
+                    radius: width / 2
+                }
                 background: Rectangle {
                     radius: width / 2
                     color: "transparent"

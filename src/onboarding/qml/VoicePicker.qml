@@ -26,6 +26,9 @@ Grid {
             Accessible.role: Accessible.RadioButton
             Accessible.checkable: true
             Accessible.checked: chosen
+            FocusRing {
+                shown: card.visualFocus
+            }
             onClicked: {
                 picker.speech.selectedVoice = modelData
                 picker.speech.playVoicePreview(modelData)

@@ -38,6 +38,11 @@ SectionPage {
                         checked: root.model.voice === modelData.name
                         Accessible.name: modelData.label
                         onClicked: root.model.selectVoice(modelData.name)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
+                        }
                     }
                     ToolButton {
                         text: "▶"
@@ -45,6 +50,11 @@ SectionPage {
                         ToolTip.visible: hovered
                         ToolTip.text: "Play a sample"
                         onClicked: root.model.previewVoice(modelData.name)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
+                        }
                     }
                 }
             }
@@ -79,6 +89,11 @@ SectionPage {
                         Accessible.name: modelData.name
                         Accessible.description: modelData.subtitle
                         onClicked: root.model.selectStyle(modelData.name)
+
+                        FocusRing {
+                            shown: styleButton.visualFocus
+                            radius: 4
+                        }
                     }
                     Label {
                         Layout.leftMargin: styleButton.leftPadding + styleButton.indicator.width + styleButton.spacing

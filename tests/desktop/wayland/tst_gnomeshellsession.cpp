@@ -6,6 +6,7 @@
 // through the extension reaches its action and no other. GNOME Shell runs nested in the rig's X server:
 // headless, its seat has no keyboard, so no Wayland client could take the selection or a key press.
 #include "DevServer.h"
+#include "StatusNotifierWatcher.h"
 #include "X11Desktop.h"
 #include "keyring/KeyringFixture.h"
 
@@ -15,7 +16,9 @@
 #include "platform/gnome/GnomeShellShortcuts.h"
 
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
 #include <QDir>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QStandardPaths>
@@ -27,6 +30,11 @@
 namespace {
 
 const QString kKey = QStringLiteral("sk-gnome-1357");
+const QString kEditorText = QStringLiteral("The editor's text");
+const char kProbeUuid[] = "quillvox-probe@tests.vantor.com";
+// The nested shell's screen; the widget is 340 wide.
+const int kScreenWidth = 1280;
+const int kWidgetX = (kScreenWidth - 340) / 2;
 
 bool writeFile(const QString &path, const QByteArray &content)
 {
@@ -47,8 +55,112 @@ class TestGnomeShellSession : public QObject
     ChildProcess m_systemBus;
     ChildProcess m_shell;
     ChildProcess m_app;
+    ChildProcess m_editor;
+    // A tray host, as GNOME's AppIndicator extension runs one: Quillvox must not use it beside our menu.
+    std::unique_ptr<StatusNotifierWatcher> m_trayHost;
     QProcessEnvironment m_wayland;
     QByteArray m_shellWindow;
+    QJsonObject m_shellFacts;
+
+    // What the probe extension says: Windows, Shell or Indicators.
+    static QJsonArray probe(const QString &what)
+    {
+        const QDBusMessage reply = QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
+            QStringLiteral("com.vantor.QuillvoxTest.Probe"), QStringLiteral("/com/vantor/QuillvoxTest/Probe"),
+            QStringLiteral("com.vantor.QuillvoxTest.Probe"), what));
+        const QJsonDocument json = QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8());
+        return json.isObject() ? QJsonArray{json.object()} : json.array();
+    }
+    static QJsonObject window(const QString &title)
+    {
+        for (const QJsonValue &w : probe(QStringLiteral("Windows"))) {
+            if (w[u"title"].toString() == title)
+                return w.toObject();
+        }
+        return {};
+    }
+    static QByteArray windows()
+    {
+        return QJsonDocument(probe(QStringLiteral("Windows"))).toJson(QJsonDocument::Compact);
+    }
+    static QJsonObject indicator() { return probe(QStringLiteral("Indicators")).first().toObject(); }
+    static QString menuLabels()
+    {
+        QStringList labels;
+        for (const QJsonValue &item : indicator()[u"items"].toArray())
+            labels.append(item[u"label"].toString() +
+                          (item[u"sensitive"].toBool() || item[u"label"].toString() == u"-" ? "" : " (off)"));
+        return labels.join(u'|');
+    }
+
+    void clickAt(const QJsonObject &rect)
+    {
+        xdotool({"mousemove", "--window", m_shellWindow,
+                 QString::number(rect[u"x"].toInt() + rect[u"width"].toInt() / 2),
+                 QString::number(rect[u"y"].toInt() + rect[u"height"].toInt() / 2), "click", "1"});
+    }
+    // Opens the indicator's menu and clicks the item labelled `label` once the menu has stopped sliding in.
+    bool chooseFromMenu(const QString &label)
+    {
+        const auto itemRect = [&label] {
+            for (const QJsonValue &item : indicator()[u"items"].toArray()) {
+                if (item[u"label"].toString() == label)
+                    return item[u"rect"].toObject();
+            }
+            return QJsonObject();
+        };
+        QJsonObject rect;
+        const bool settled = QTest::qWaitFor(
+            [&] {
+                if (!indicator()[u"open"].toBool()) {
+                    clickAt(indicator()[u"rect"].toObject());
+                    QTest::qWait(200);
+                }
+                const QJsonObject before = itemRect();
+                QTest::qWait(100);
+                rect = itemRect();
+                return indicator()[u"open"].toBool() && !rect.isEmpty() && rect == before;
+            },
+            5000);
+        if (settled)
+            clickAt(rect);
+        else
+            qWarning("%s", QJsonDocument(probe(QStringLiteral("Indicators"))).toJson().constData());
+        return settled;
+    }
+
+    // Of the nested shell, the pointer out of the way.
+    void screenshot(const QString &name)
+    {
+        xdotool({"mousemove", "--window", m_shellWindow, "640", "700"});
+        const QString path = QDir::tempPath() + QStringLiteral("/qv-gnome-%1.png").arg(name);
+        runProgram(QStringLiteral("import"), {"-window", m_shellWindow, path});
+        qInfo("screenshot: %s", qPrintable(path));
+    }
+
+    // Quillvox on the GNOME session, natively or on GNOME's XWayland as it chooses there.
+    void startApp(bool native)
+    {
+        QProcessEnvironment env = m_wayland;
+        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
+        if (!native) {
+            env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+            env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
+            env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
+        }
+        m_app.process.setProcessEnvironment(env);
+        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
+        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+        QVERIFY(m_app.process.waitForStarted());
+        // Asked for its status, not to narrate: the menu's test wants it idle.
+        QTRY_VERIFY_WITH_TIMEOUT(runQuillvox({"--status"}) == 0, 20000);
+    }
+    void quitApp()
+    {
+        m_app.process.terminate();
+        QVERIFY(m_app.process.waitForFinished(10000));
+    }
 
     // wl-copy on the GNOME session. It takes the selection once its window has the keyboard, and the
     // nested compositor has the keyboard only while its X window has the focus.
@@ -63,13 +175,15 @@ class TestGnomeShellSession : public QObject
         return copy.state() == QProcess::NotRunning ? copy.exitCode() : -1;
     }
 
-    int narrateSelection()
+    // `quillvox` with these arguments on the GNOME session; its exit code.
+    int runQuillvox(const QStringList &arguments)
     {
         QProcess client;
         client.setProcessEnvironment(m_wayland);
-        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--narrate-selection")});
+        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
         return client.waitForFinished(15000) ? client.exitCode() : -1;
     }
+    int narrateSelection() { return runQuillvox({QStringLiteral("--narrate-selection")}); }
 
 private Q_SLOTS:
     void initTestCase()
@@ -90,12 +204,18 @@ private Q_SLOTS:
         const QString extension =
             rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(GnomeShellExtension::kUuid);
         QDir().mkpath(extension);
-        for (const QFileInfo &file :
-             QDir(QStringLiteral(QUILLVOX_GNOME_EXTENSION_DIR)).entryInfoList(QDir::Files))
-            QVERIFY(QFile::copy(file.filePath(), extension + u'/' + file.fileName()));
+        QCOMPARE(runProgram(QStringLiteral("cp"), {"-r", QUILLVOX_GNOME_EXTENSION_DIR "/.", extension}),
+                 QByteArray());
+        const QString probeDir =
+            rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(kProbeUuid);
+        QDir().mkpath(probeDir);
+        for (const char *file : {"metadata.json", "extension.js"})
+            QVERIFY(
+                QFile::copy(QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/desktop/wayland/gnome-probe/") + file,
+                            probeDir + u'/' + QLatin1String(file)));
         QVERIFY(writeFile(rt + QStringLiteral("/config/glib-2.0/settings/keyfile"),
                           "[org/gnome/shell]\nenabled-extensions=['" +
-                              QByteArray(GnomeShellExtension::kUuid) + "']\n"));
+                              QByteArray(GnomeShellExtension::kUuid) + "', '" + kProbeUuid + "']\n"));
         QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, rt}), QByteArray());
 
         // GNOME Shell asks logind on the system bus, and stops when there is none to ask.
@@ -113,13 +233,16 @@ private Q_SLOTS:
                                "XDG_DATA_HOME=" + rt + "/data", "XDG_DATA_DIRS=" + rt + "/share:/usr/share",
                                "GSETTINGS_BACKEND=keyfile", "DISPLAY=" + qEnvironmentVariable("DISPLAY"),
                                "DBUS_SESSION_BUS_ADDRESS=" + m_bus->busAddress(),
-                               "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus", "gnome-shell",
-                               "--nested", "--wayland", "--no-x11"});
+                               "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus",
+                               "MUTTER_DEBUG_DUMMY_MODE_SPECS=" + QString::number(kScreenWidth) + "x800",
+                               "gnome-shell", "--nested", "--wayland"});
         const auto serving = [] {
             return QDBusConnection::sessionBus().interface()->isServiceRegistered(
                 QString::fromLatin1(GnomeShellExtension::kService));
         };
         QTRY_VERIFY2_WITH_TIMEOUT(serving(), "the extension did not start; see gnome-shell.log", 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(!probe(QStringLiteral("Shell")).isEmpty(), 10000);
+        m_shellFacts = probe(QStringLiteral("Shell")).first().toObject();
         QVERIFY(QFile::exists(rt + QStringLiteral("/wayland-0")));
         // The nested compositor's window on the rig's X server.
         // xdotool's search does not find it by name; xwininfo does.
@@ -136,6 +259,7 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
         UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
+        UserDefaults::standard().setBoolean(QStringLiteral("showWidgetWithOwnKey"), true);
         UserDefaults::standard().sync();
 
         // A native Wayland client of GNOME's session, with no X11 to fall back on.
@@ -145,14 +269,15 @@ private Q_SLOTS:
         m_wayland.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
         m_wayland.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("GNOME"));
         m_wayland.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
-        QProcessEnvironment appEnv = m_wayland;
-        appEnv.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        appEnv.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
-        m_app.process.setProcessEnvironment(appEnv);
-        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QVERIFY(m_app.process.waitForStarted());
-        QTRY_VERIFY_WITH_TIMEOUT(narrateSelection() != 2, 20000); // 2: not running yet
+
+        m_trayHost = std::make_unique<StatusNotifierWatcher>();
+        QVERIFY2(m_trayHost->start(), qPrintable(m_trayHost->errorString()));
+
+        // The user's editor, maximised, with the keyboard.
+        m_editor.process.setProcessEnvironment(m_wayland);
+        m_editor.process.start(QStringLiteral(QUILLVOX_WAYLAND_EDITOR), {kEditorText, "maximized"});
+        QTRY_VERIFY_WITH_TIMEOUT(window(QStringLiteral("Editor"))[u"maximized"].toBool(), 15000);
+        startApp(true);
     }
 
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
@@ -196,10 +321,122 @@ private Q_SLOTS:
         QCOMPARE(DevServer::input(log.last()), text);
     }
 
+    // GNOME keeps the selection from programs that are not focused; the extension keeps it for Quillvox.
+    void othersAreRefusedTheSelection()
+    {
+        const QString name = QStringLiteral("another program");
+        {
+            QDBusConnection other = QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
+            const QDBusMessage reply = other.call(QDBusMessage::createMethodCall(
+                QString::fromLatin1(GnomeShellExtension::kService),
+                QString::fromLatin1(GnomeShellExtension::kPath),
+                QString::fromLatin1(GnomeShellExtension::kInterface), QStringLiteral("ReadSelection")));
+            QCOMPARE(reply.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+        }
+        QDBusConnection::disconnectFromBus(name);
+    }
+
+    // Natively the extension places the widget; on XWayland, GNOME's choice, the window manager does. Either
+    // way it sits at the top centre, 40 px below the top bar, above the maximised editor on all workspaces,
+    // and the editor keeps the keyboard; the top bar shows Quillvox's menu.
+    void widgetAboveTheEditor_data()
+    {
+        QTest::addColumn<bool>("native");
+        QTest::newRow("native Wayland") << true;
+        QTest::newRow("XWayland") << false;
+    }
+    void widgetAboveTheEditor()
+    {
+        QFETCH(bool, native);
+        if (m_app.process.state() != QProcess::NotRunning)
+            quitApp();
+        QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
+        // The user clicks into the editor.
+        xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow, "400", "500",
+                 "click", "1"});
+        QTRY_VERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), qPrintable(windows()));
+        startApp(native);
+        QTRY_VERIFY_WITH_TIMEOUT(!probe(QStringLiteral("Indicators")).isEmpty(), 10000);
+
+        const int top = probe(QStringLiteral("Shell")).at(0)[u"workArea"][u"y"].toInt();
+        QVERIFY(top > 0); // below the top bar
+        QTRY_VERIFY2_WITH_TIMEOUT(window(QStringLiteral("Quillvox"))[u"y"].toInt() == top + 40, windows(),
+                                  10000);
+        const QJsonObject widget = window(QStringLiteral("Quillvox"));
+        QCOMPARE(widget[u"wayland"].toBool(), native);
+        QCOMPARE(widget[u"x"].toInt(), kWidgetX);
+        QCOMPARE(widget[u"width"].toInt(), 340);
+        QVERIFY(widget[u"above"].toBool());
+        QVERIFY(widget[u"sticky"].toBool());
+        QStringList stacking;
+        for (const QJsonValue &w : probe(QStringLiteral("Windows")))
+            stacking.append(w[u"title"].toString());
+        QVERIFY2(stacking.indexOf(u"Quillvox") > stacking.indexOf(u"Editor"),
+                 qPrintable(stacking.join(u',')));
+
+        QVERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), windows());
+        QTRY_VERIFY(!indicator()[u"rect"][u"width"].isUndefined());
+        screenshot(native ? QStringLiteral("native") : QStringLiteral("xwayland"));
+        m_editor.process.readAllStandardOutput();
+        xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "x"});
+        QByteArray typed;
+        QTRY_VERIFY((typed += m_editor.process.readAllStandardOutput()).contains("key 88")); // Qt::Key_X
+        QVERIFY(m_trayHost->items().isEmpty());
+    }
+
+    // The menu the tray would show, read through the shell: idle, then while a narration plays.
+    void menuFollowsPlayback()
+    {
+        QCOMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
+        QCOMPARE(menuLabels(), QStringLiteral("Narrate Selection|Expand Widget|-|Pause Narration (off)|"
+                                              "Stop Narration (off)|-|Check for Updates...|About Quillvox|-|"
+                                              "Settings...|-|Quit Quillvox"));
+        clickAt(indicator()[u"rect"].toObject());
+        QTRY_VERIFY(indicator()[u"open"].toBool());
+        screenshot(QStringLiteral("menu"));
+        xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
+        QTRY_VERIFY(!indicator()[u"open"].toBool());
+
+        QCOMPARE(
+            runQuillvox({"--speak", QStringLiteral("A narration long enough to look at the menu while it "
+                                                   "plays. ")
+                                        .repeated(6)}),
+            0);
+        QTRY_COMPARE_WITH_TIMEOUT(indicator()[u"icon"].toString(),
+                                  QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
+        QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"
+                                              "About Quillvox|-|Settings...|-|Quit Quillvox"));
+        screenshot(QStringLiteral("playing"));
+        QCOMPARE(runQuillvox({"--stop"}), 0);
+        QTRY_COMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
+    }
+
+    void narratesFromTheMenu()
+    {
+        const QString text = QStringLiteral("Narrated from GNOME's top bar.");
+        QCOMPARE(wlCopy({"--primary", text}), 0);
+        const qsizetype before = m_server.requests().size();
+        QVERIFY(chooseFromMenu(QStringLiteral("Narrate Selection")));
+        const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
+        QCOMPARE(log.size(), before + 1);
+        QCOMPARE(DevServer::input(log.last()), text);
+        QCOMPARE(runQuillvox({"--stop"}), 0);
+    }
+
+    void quitsFromTheMenu()
+    {
+        QVERIFY(chooseFromMenu(QStringLiteral("Quit Quillvox")));
+        QVERIFY(m_app.process.waitForFinished(10000));
+        QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
+    }
+
     // A key bound through the extension, pressed on the compositor's keyboard, runs its action; another
     // combination runs nothing. Combinations of our own: the running app may hold its default ones.
     void pressedKeyRunsItsAction()
     {
+        // Binding is Quillvox's alone: this test binds as a profile's Quillvox would.
+        QVERIFY(QDBusConnection::sessionBus().registerService(
+            QStringLiteral("com.vantor.Quillvox.Profile_0123456789")));
         GnomeShellShortcuts shortcuts;
         ActionShortcuts::Assignments assigned;
         QStringList pressed;
@@ -218,6 +455,8 @@ private Q_SLOTS:
     {
         m_app.process.terminate();
         m_app.process.waitForFinished(5000);
+        m_editor.process.terminate();
+        m_editor.process.waitForFinished(5000);
         // runuser hands SIGTERM on to its program and waits for it; killed, it would leave the program
         // behind.
         m_shell.process.terminate();

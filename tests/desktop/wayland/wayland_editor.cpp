@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // A Wayland window standing in for an editor with a selection: it takes the keyboard focus like any
 // new window, and Ctrl+C copies its selected text (the first argument) to the clipboard, as editors do.
+// A second argument "maximized" opens it maximised.
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QKeyEvent>
@@ -56,6 +57,9 @@ int main(int argc, char **argv)
 {
     QGuiApplication app(argc, argv);
     Editor editor(app.arguments().value(1));
-    editor.show();
+    if (app.arguments().value(2) == u"maximized")
+        editor.showMaximized();
+    else
+        editor.show();
     return app.exec();
 }

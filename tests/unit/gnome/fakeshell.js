@@ -1,20 +1,26 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The extension's service under plain gjs, on the test's bus, with a scripted GNOME Shell behind it that
 // the test drives over com.vantor.Quillvox.Test: which keys are taken, key presses, and the extension
-// being switched off and on.
+// being switched off and on. Its selection is always SELECTION.
 import Gio from 'gi://Gio';
 import GLib from 'gi://GLib';
 
+import {QuillvoxInstances} from '../../../gnome-extension/instances.js';
 import {QuillvoxService} from '../../../gnome-extension/service.js';
 
 // Held by another program, as the lock screen's key is.
 const TAKEN = ['<Super>l'];
+const SELECTION = 'Highlighted in the fake shell';
 
 class FakeShell {
     constructor() {
         this.grabs = new Map();
         this._next = 1;
         this._listener = null;
+    }
+
+    readText(_primary, callback) {
+        callback(SELECTION);
     }
 
     grab(accelerator) {
@@ -64,6 +70,8 @@ const CONTROL_XML = `
 </node>`;
 
 const shell = new FakeShell();
+const instances = new QuillvoxInstances(Gio.DBus.session);
+instances.start();
 let service = null;
 
 const control = {
@@ -75,7 +83,7 @@ const control = {
     },
     SetEnabled(enabled) {
         if (enabled && !service) {
-            service = new QuillvoxService(Gio.DBus.session, shell);
+            service = new QuillvoxService(Gio.DBus.session, shell, instances);
             service.start();
         } else if (!enabled && service) {
             service.stop();

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Our side of the GNOME Shell extension against the extension's own service (gnome-extension/service.js
 // under gjs) with a scripted shell behind it, on a private bus: keys bound, pressed, released and bound
-// again. Reading the selection is tested against the real shell (tst_gnomeshellsession).
+// again, and only Quillvox answered. Reading the selection is tested against the real shell
+// (tst_gnomeshellsession).
 #include "platform/gnome/GnomeShellExtension.h"
 #include "platform/gnome/GnomeShellShortcuts.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusInterface>
+#include <QDBusMetaType>
 #include <QDBusReply>
 #include <QProcess>
 #include <QTest>
@@ -14,6 +16,30 @@
 #include <memory>
 
 using Shortcut = ActionShortcuts::Shortcut;
+
+// One (id, accelerator) pair of BindShortcuts, for calling it directly.
+struct KeyRequest
+{
+    QString id;
+    QString accelerator;
+};
+Q_DECLARE_METATYPE(KeyRequest)
+
+QDBusArgument &operator<<(QDBusArgument &argument, const KeyRequest &request)
+{
+    argument.beginStructure();
+    argument << request.id << request.accelerator;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, KeyRequest &request)
+{
+    argument.beginStructure();
+    argument >> request.id >> request.accelerator;
+    argument.endStructure();
+    return argument;
+}
 
 class TestGnomeShell : public QObject
 {
@@ -54,6 +80,10 @@ private Q_SLOTS:
                                                   QStringLiteral("/com/vantor/Quillvox/Test"),
                                                   QStringLiteral("com.vantor.Quillvox.Test"));
         QVERIFY(serving());
+        qDBusRegisterMetaType<KeyRequest>();
+        qDBusRegisterMetaType<QList<KeyRequest>>();
+        // This test's own calls come from Quillvox.
+        QVERIFY(QDBusConnection::sessionBus().registerService(QStringLiteral("com.vantor.Quillvox")));
     }
 
     void cleanupTestCase()
@@ -90,6 +120,53 @@ private Q_SLOTS:
         QFETCH(QString, label);
         QCOMPARE(GnomeShellShortcuts::accelerator(trigger), accelerator);
         QCOMPARE(GnomeShellShortcuts::label(trigger), label);
+    }
+
+    // The selection and the keys only for a program that owns Quillvox's name or a profile's; everyone
+    // else is refused.
+    void answersQuillvoxOnly_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<bool>("answered");
+        QTest::newRow("a profile") << "com.vantor.Quillvox.Profile_0a1b2c3d4e" << true;
+        QTest::newRow("no name") << "" << false;
+        QTest::newRow("another program") << "org.example.Notes" << false;
+        QTest::newRow("not a profile") << "com.vantor.Quillvox.Profile_0a1b2c3d4" << false;
+        QTest::newRow("the extension's own") << "com.vantor.Quillvox.Shell" << false;
+    }
+    void answersQuillvoxOnly()
+    {
+        QFETCH(QString, name);
+        QFETCH(bool, answered);
+        const QString connectionName =
+            QStringLiteral("caller ") + QString::fromLatin1(QTest::currentDataTag());
+        {
+            QDBusConnection caller =
+                QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
+            // The extension's own name is taken; owning it is no way in either way.
+            if (!name.isEmpty() && name != QLatin1String(GnomeShellExtension::kService))
+                QVERIFY(caller.registerService(name));
+            const auto call = [&](const QString &method, const QVariantList &arguments) {
+                QDBusMessage message = QDBusMessage::createMethodCall(
+                    QString::fromLatin1(GnomeShellExtension::kService),
+                    QString::fromLatin1(GnomeShellExtension::kPath),
+                    QString::fromLatin1(GnomeShellExtension::kInterface), method);
+                message.setArguments(arguments);
+                return caller.call(message, QDBus::Block, 5000);
+            };
+            const QDBusMessage read = call(QStringLiteral("ReadSelection"), {});
+            const QDBusMessage bind =
+                call(QStringLiteral("BindShortcuts"), {QVariant::fromValue(QList<KeyRequest>())});
+            if (answered) {
+                QCOMPARE(read.arguments().value(0).toString(),
+                         QStringLiteral("Highlighted in the fake shell"));
+                QCOMPARE(bind.type(), QDBusMessage::ReplyMessage);
+            } else {
+                QCOMPARE(read.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+                QCOMPARE(bind.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+            }
+        }
+        QDBusConnection::disconnectFromBus(connectionName);
     }
 
     // The shell takes the keys it can; presses reach us by id; a new set replaces the old one; and a key
@@ -153,6 +230,7 @@ private Q_SLOTS:
         {
             QDBusConnection other =
                 QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("leaving"));
+            QVERIFY(other.registerService(QStringLiteral("com.vantor.Quillvox.Profile_0123456789")));
             GnomeShellShortcuts shortcuts(other);
             bool bound = false;
             shortcuts.setAssignmentsHandler(
