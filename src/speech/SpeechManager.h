@@ -155,6 +155,8 @@ public:
 
     AudioEngine *audioEngine() const { return m_playback.audioEngine(); }
     bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
+    // Levels are measured only while someone shows them: `watcher` (a waveform on screen) says when.
+    void watchLevels(QObject *watcher, bool watching) { m_playback.levels().setWatching(watcher, watching); }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
 

@@ -95,6 +95,8 @@ void WaveformView::setSpeech(SpeechManager *speech)
     for (const QMetaObject::Connection &c : std::as_const(m_connections))
         disconnect(c);
     m_connections.clear();
+    if (m_speech)
+        m_speech->watchLevels(this, false);
     m_speech = speech;
     m_pendingLevels.clear();
     m_interpolator.reset();
@@ -211,6 +213,8 @@ void WaveformView::itemChange(ItemChange change, const ItemChangeData &value)
 
 void WaveformView::updateTimeline()
 {
+    if (m_speech)
+        m_speech->watchLevels(this, isShown());
     const bool run =
         m_speech && isShown() && shouldRun(m_speech->isPlaying(), m_speech->isProcessing(), m_levels);
     if (run == m_timeline.isActive())

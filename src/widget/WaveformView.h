@@ -17,7 +17,8 @@ class SpeechManager;
 // The widget's six live bars. They follow the measured levels through an AudioLevelInterpolator, which
 // moves them in steps of 1/60 s; they are drawn 60 times a second while they move and 30 times while
 // they barely do, and only while something moves (playing, generating, bars still falling back to
-// rest) in a window that is shown. Otherwise the view costs no wake-ups at all.
+// rest) in a window that is shown. Otherwise the view costs no wake-ups at all, and while it is not
+// shown no levels are measured for it.
 //
 // Drawn by scene-graph nodes made once and changed in place: on the software renderer (the app's) one
 // node paints the rounded bars straight into the window; elsewhere six rectangle nodes.
