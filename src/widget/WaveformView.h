@@ -41,8 +41,9 @@ public:
     static constexpr double kStepSeconds = 1.0 / 60; // one step of the bars' motion
     static constexpr int kMovingIntervalMs = 16;     // 60 frames a second while the bars move
     static constexpr int kRestingIntervalMs = 33;    // 30 while they barely do
-    // Bars that move less than a pixel per step barely move.
-    static constexpr qreal kMovingPerStep = 1.0;
+    // Below this per step (120 units a second, the whole range in a fifth of a second) the bars move
+    // slowly enough that 30 frames a second show it as smoothly: most of speech stays below it.
+    static constexpr qreal kMovingPerStep = 2.0;
     static constexpr std::array<double, kBarCount> kHeightWeights{0.9, 1.0, 0.95, 0.95, 1.0, 0.9};
 
     explicit WaveformView(QQuickItem *parent = nullptr);
