@@ -42,7 +42,7 @@ public:
     static constexpr int kMovingIntervalMs = 16;     // 60 frames a second while the bars move
     static constexpr int kRestingIntervalMs = 33;    // 30 while they barely do
     // Below this per step (120 units a second, the whole range in a fifth of a second) the bars move
-    // slowly enough that 30 frames a second show it as smoothly: most of speech stays below it.
+    // slowly enough that 30 frames a second show it as smoothly (much of speech stays below it).
     static constexpr qreal kMovingPerStep = 2.0;
     static constexpr std::array<double, kBarCount> kHeightWeights{0.9, 1.0, 0.95, 0.95, 1.0, 0.9};
 
