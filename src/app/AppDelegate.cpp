@@ -17,6 +17,7 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "platform/dbus/LogindWakeMonitor.h"
 #include "platform/x11/X11Activation.h"
 #include "records/HistoryManager.h"
 #include "settings/SettingsWindow.h"
@@ -34,7 +35,6 @@
 #include <QQuickWindow>
 #include <QTextStream>
 #include <QTimer>
-#include <QWindow>
 
 namespace {
 
@@ -147,13 +147,12 @@ void AppDelegate::startUpdateChecks()
             [this] { updateWindow().checkForUpdates(); });
     connect(m_updateChecker.get(), &UpdateChecker::updateFound, this,
             [this](const UpdateChecker::Result &result) { updateWindow().showResult(result); });
-    // Once a day at most, across restarts: an hourly look at when the last check was is enough.
-    auto *daily = new QTimer(this);
-    daily->setInterval(std::chrono::hours(1));
-    connect(daily, &QTimer::timeout, m_updateChecker.get(), &UpdateChecker::checkAutomaticallyIfDue);
-    daily->start();
-    QTimer::singleShot(std::chrono::seconds(10), m_updateChecker.get(),
-                       &UpdateChecker::checkAutomaticallyIfDue);
+    // Once a day at most, across restarts, and never before start-up has settled.
+    static constexpr std::chrono::seconds kSoonest(10);
+    m_updateChecker->scheduleAutomaticChecks(kSoonest);
+    auto *wake = new LogindWakeMonitor(this);
+    connect(wake, &WakeMonitor::woke, m_updateChecker.get(),
+            [checker = m_updateChecker.get()] { checker->scheduleAutomaticChecks(kSoonest); });
 }
 
 UpdateWindow &AppDelegate::updateWindow()
@@ -191,18 +190,15 @@ void AppDelegate::openOnboardingWindow()
             widget.updateVisibility();
     };
     m_onboarding = std::make_unique<OnboardingWindow>(std::move(services));
-    m_onboardingWindow = m_onboarding->window();
     m_onboarding->present();
 }
 
 bool AppDelegate::raiseOnboardingWindow()
 {
-    if (!m_onboardingWindow)
+    if (!m_onboarding)
         return false;
-    m_onboardingWindow->show();
-    m_onboardingWindow->raise();
-    m_onboardingWindow->requestActivate();
-    activateForLauncher(m_onboardingWindow);
+    m_onboarding->present();
+    activateForLauncher(m_onboarding->window());
     return true;
 }
 
@@ -296,12 +292,12 @@ void AppDelegate::addObservers()
     m_onboardingObserver = connect(
         &events, &AppEvents::onboardingCompleted, this,
         [this] {
-            if (m_onboardingWindow)
-                m_onboardingWindow->close();
-            m_onboardingWindow.clear();
             // The flow may still be inside the click that completed it.
-            if (m_onboarding)
+            if (m_onboarding) {
+                if (QQuickView *window = m_onboarding->window())
+                    window->close();
                 m_onboarding.release()->deleteLater();
+            }
             startMainApp();
         },
         Qt::QueuedConnection);

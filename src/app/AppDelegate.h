@@ -14,7 +14,6 @@
 class KeychainHelper;
 class OnboardingWindow;
 class MprisPlayer;
-class QWindow;
 class RemoteControl;
 class SettingsWindow;
 class ShellStatusMenu;
@@ -77,7 +76,6 @@ private:
     UserDefaults &m_defaults;
     KeychainHelper &m_keychain;
 
-    QPointer<QWindow> m_onboardingWindow;
     QMetaObject::Connection m_onboardingObserver;
     std::unique_ptr<SettingsWindow> m_settingsWindow;
     QMetaObject::Connection m_settingsObserver;

@@ -61,7 +61,8 @@ public:
     float rate() const;
 
     // Levels (RMS of each 1,024 rendered frames, after the stretcher, so what is heard) are measured only
-    // while the tap is on. Timestamps are std::chrono::steady_clock seconds.
+    // while the tap is on. Each is stamped with the std::chrono::steady_clock second at which the middle
+    // of its window will be heard (the device buffers ahead), so it may lie in the future.
     void setTapEnabled(bool enabled);
     bool isTapEnabled() const;
     // The clock of level timestamps, for whoever compares them with "now".

@@ -165,6 +165,8 @@ public:
     // The sentence being heard.
     FollowAlong *followAlong() const { return m_followAlong; }
     bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
+    // Levels are measured only while someone shows them: `watcher` (a waveform on screen) says when.
+    void watchLevels(QObject *watcher, bool watching) { m_playback.levels().setWatching(watcher, watching); }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
     // Audio is still arriving: the narration's length is not known yet.

@@ -59,6 +59,7 @@ public:
     static void installShared(FloatingWindowController *controller);
 
     FloatingWidgetViewModel *viewModel() const { return m_viewModel; }
+    // The panel while it is shown: made by showWidget(), released with its QML by hideWidget().
     QQuickView *window() const { return m_window.get(); }
 
     // Places the panel at the top centre of the primary screen's available area and raises it without
@@ -84,6 +85,7 @@ Q_SIGNALS:
 
 private:
     void createWindow();
+    void releaseWindow();
     void applyShape();
     void fitHeight();
 

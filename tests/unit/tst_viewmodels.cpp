@@ -595,7 +595,7 @@ private Q_SLOTS:
                 Q_EMIT AppEvents::shared().navigateToSettingsSection(label);
             } else {
                 settings.window()->close();
-                QTRY_VERIFY(!settings.window()->isVisible());
+                QTRY_VERIFY(!settings.window()); // released with its QML
                 settings.present();
                 QVERIFY(QTest::qWaitForWindowExposed(settings.window()));
             }
@@ -786,12 +786,12 @@ private Q_SLOTS:
         FloatingWindowController controller({.speech = m_speech.get(),
                                              .clock = &m_clock,
                                              .hints = std::make_unique<NullPanelHints>(compositing)});
+        QVERIFY(!controller.window()); // loaded when first shown
+        controller.showWidget();
         QQuickView *window = controller.window();
         QVERIFY2(window->status() == QQuickView::Ready, qPrintable(window->errors().value(0).toString()));
         QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool |
                                           Qt::FramelessWindowHint));
-
-        controller.showWidget();
         const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
         QCOMPARE(window->geometry(), QRect(area.x() + (area.width() - 340) / 2, area.y() + 40, 340, 140));
         QCOMPARE(window->mask().isEmpty(), compositing);
@@ -829,6 +829,7 @@ private Q_SLOTS:
 
         controller.hideWidget();
         QVERIFY(!controller.isWidgetVisible());
+        QVERIFY(!controller.window()); // released with its QML
     }
 
     // The onboarding flow.

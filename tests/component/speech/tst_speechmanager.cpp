@@ -399,7 +399,12 @@ private Q_SLOTS:
         QVERIFY(startServer({"--pace", "0"}));
         m_speech->speak(sentence(20));
         QVERIFY(waitUntilPlaying());
-        m_sink->advance(12000);
+        QSignalSpy unwatched(m_speech.get(), &SpeechManager::lastLevelTimestampChanged);
+        m_sink->advance(4800);
+        QCoreApplication::processEvents();
+        QVERIFY(unwatched.isEmpty());      // nobody shows the levels: none are measured
+        m_speech->watchLevels(this, true); // as a waveform on screen does
+        m_sink->advance(7200);
         QCoreApplication::processEvents();
         // Levels measured before the pause but delivered after it leave the smoothed level alone.
         m_sink->advance(4800);
