@@ -4,6 +4,8 @@
 // What the benchmarks that time the narration shortcut end to end share: the text they narrate from
 // mousepad, the key press through XTest, a profile of their own for the app binary, and its command line.
 #include "BenchTiming.h"
+#include "MonitorRecorder.h"
+#include "PulseServer.h"
 #include "X11Desktop.h"
 
 #include "platform/x11/X11Connection.h"
@@ -11,6 +13,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <linux/input-event-codes.h>
 #include <xcb/xcb.h>
@@ -50,6 +53,18 @@ inline Clock::time_point pressNarrationShortcut(X11Connection &x)
     key(KEY_LEFTCTRL, false);
     xcb_flush(c);
     return pressed;
+}
+
+// The benchmark's own PulseAudio daemon, its null sink's monitor recorded; what went wrong, or nothing.
+inline const char *startListening(PulseServer &pulse, MonitorRecorder &monitor)
+{
+    if (!pulse.start())
+        return "cannot start pulseaudio";
+    if (!monitor.start(pulse.address()))
+        return "cannot record t.monitor";
+    // The null sink keeps its long idle blocks for up to 2 s before the recorder's latency applies.
+    QThread::msleep(2200);
+    return nullptr;
 }
 
 // A profile of the benchmark's own in dir: settings, history, keyring item and single-instance socket,

@@ -75,13 +75,9 @@ int main(int argc, char **argv)
 
     QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/qv-hotkey-bench-XXXXXX"));
     PulseServer pulse(dir.filePath(QStringLiteral("pulse")));
-    if (!pulse.start())
-        return fail("cannot start pulseaudio");
     MonitorRecorder monitor;
-    if (!monitor.start(pulse.address()))
-        return fail("cannot record t.monitor");
-    // The null sink keeps its long idle blocks for up to 2 s before the recorder's latency applies.
-    QThread::msleep(2200);
+    if (const char *failure = startListening(pulse, monitor))
+        return fail(failure);
     DevServer server;
     if (!server.start({"--synth", "sine", "--ttfb-ms", "200", "--pace", "4"}))
         return fail(qPrintable(server.errorString()));

@@ -45,12 +45,9 @@ int main(int argc, char **argv)
 
     QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/qv-server-audio-bench-XXXXXX"));
     PulseServer pulse(dir.filePath(QStringLiteral("pulse")));
-    if (!pulse.start())
-        return fail("cannot start pulseaudio");
     MonitorRecorder monitor;
-    if (!monitor.start(pulse.address()))
-        return fail("cannot record t.monitor");
-    QThread::msleep(2200); // the null sink's idle blocks
+    if (const char *failure = startListening(pulse, monitor))
+        return fail(failure);
     // Pieces of 5 ms of audio (1.25 ms apart at 4x): with the usual 50 ms, the resampler's millisecond of
     // delay would cost a whole piece, 12.5 ms, whenever the prebuffer ends exactly on a piece's end.
     const QStringList common{"--synth", "sine", "--ttfb-ms", "200", "--pace", "4", "--piece-ms", "5"};
