@@ -20,6 +20,7 @@
 #include <xcb/xtest.h>
 
 #include <cstdio>
+#include <optional>
 
 namespace bench {
 
@@ -53,6 +54,16 @@ inline Clock::time_point pressNarrationShortcut(X11Connection &x)
     key(KEY_LEFTCTRL, false);
     xcb_flush(c);
     return pressed;
+}
+
+// From the shortcut pressed to its first sound on the monitor; nothing when none came within 10 s.
+inline std::optional<double> shortcutToSoundMs(X11Connection &x, MonitorRecorder &monitor)
+{
+    monitor.arm();
+    const Clock::time_point pressed = pressNarrationShortcut(x);
+    if (!waitFor([&] { return monitor.heard(); }, 10000))
+        return std::nullopt;
+    return msBetween(pressed, monitor.heardAt());
 }
 
 // The benchmark's own PulseAudio daemon, its null sink's monitor recorded; what went wrong, or nothing.

@@ -116,11 +116,10 @@ int main(int argc, char **argv)
     std::vector<double> appMs, correction;
     for (int run = 0; run < runs; ++run) {
         const qsizetype requests = server.requests().size();
-        monitor.arm();
-        const Clock::time_point pressed = pressNarrationShortcut(x);
-        if (!waitFor([&] { return monitor.heard(); }, 10000))
+        const std::optional<double> ms = shortcutToSoundMs(x, monitor);
+        if (!ms)
             return fail("no sound within 10 s of the shortcut");
-        appMs.push_back(msBetween(pressed, monitor.heardAt()));
+        appMs.push_back(*ms);
         correction.push_back(monitor.correctionMs());
         quillvox({"--stop"});
         // The aborted stream's log line, and what the sink still held dying away.

@@ -97,11 +97,10 @@ int main(int argc, char **argv)
             return fail("the app did not start");
         for (int run = 0; run < runs / kBlocks; ++run) {
             const qsizetype requests = server.requests().size();
-            monitor.arm();
-            const Clock::time_point pressed = pressNarrationShortcut(x);
-            if (!waitFor([&] { return monitor.heard(); }, 10000))
+            const std::optional<double> heardMs = shortcutToSoundMs(x, monitor);
+            if (!heardMs)
                 return fail("no sound within 10 s of the shortcut");
-            ms[which].push_back(msBetween(pressed, monitor.heardAt()));
+            ms[which].push_back(*heardMs);
             quillvox({"--stop"});
             if (!waitFor([&] { return server.requests().size() > requests; }, 5000))
                 return fail("the chosen dev server logged no request");
