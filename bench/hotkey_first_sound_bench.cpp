@@ -25,10 +25,9 @@
 #include "DevServer.h"
 #include "MonitorRecorder.h"
 #include "PulseServer.h"
-#include "X11Desktop.h"
+#include "ShortcutBench.h"
 
 #include "core/UserDefaults.h"
-#include "platform/x11/X11Connection.h"
 #include "shortcuts/KeyTable.h"
 
 #include <QCoreApplication>
@@ -41,10 +40,7 @@
 #include <QTemporaryDir>
 #include <QThread>
 
-#include <linux/input-event-codes.h>
 #include <pulse/pulseaudio.h>
-#include <xcb/xcb.h>
-#include <xcb/xtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -61,43 +57,11 @@ using namespace bench;
 constexpr double kFloorMs = 200 + 150;
 constexpr double kTotalGoalMs = 380;
 constexpr double kGoalMs = 80;
-constexpr int kEvdevToXKeyCode = 8;
-
-const QByteArray kText =
-    "Quillvox reads the selected text aloud, and the audio starts playing while the rest of "
-    "the sentence is still on its way from the server.";
-
-// Ctrl+Alt+S through XTest, as a keyboard sends it; the time right before S goes down.
-Clock::time_point pressNarrationShortcut(X11Connection &x)
-{
-    xcb_connection_t *c = x.connection();
-    const auto key = [c](int evdev, bool down) {
-        xcb_test_fake_input(c, down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, quint8(evdev + kEvdevToXKeyCode),
-                            XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0, 0, 0);
-    };
-    key(KEY_LEFTCTRL, true);
-    key(KEY_LEFTALT, true);
-    x.sync();
-    const Clock::time_point pressed = Clock::now();
-    key(KEY_S, true);
-    xcb_flush(c);
-    key(KEY_S, false);
-    key(KEY_LEFTALT, false);
-    key(KEY_LEFTCTRL, false);
-    xcb_flush(c);
-    return pressed;
-}
 
 QString appExecutable()
 {
     const QString other = qEnvironmentVariable("QUILLVOX_BENCH_APP");
     return other.isEmpty() ? QStringLiteral(QUILLVOX_EXECUTABLE) : other;
-}
-
-int fail(const char *what)
-{
-    std::fprintf(stderr, "%s\n", what);
-    return 1;
 }
 
 } // namespace
@@ -111,25 +75,15 @@ int main(int argc, char **argv)
 
     QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/qv-hotkey-bench-XXXXXX"));
     PulseServer pulse(dir.filePath(QStringLiteral("pulse")));
-    if (!pulse.start())
-        return fail("cannot start pulseaudio");
     MonitorRecorder monitor;
-    if (!monitor.start(pulse.address()))
-        return fail("cannot record t.monitor");
-    // The null sink keeps its long idle blocks for up to 2 s before the recorder's latency applies.
-    QThread::msleep(2200);
+    if (const char *failure = startListening(pulse, monitor))
+        return fail(failure);
     DevServer server;
     if (!server.start({"--synth", "sine", "--ttfb-ms", "200", "--pace", "4"}))
         return fail(qPrintable(server.errorString()));
 
-    // A profile of the benchmark's own: settings, history, keyring item and single-instance socket.
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const char *name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
-        env.insert(QString::fromLatin1(name), dir.filePath(QString::fromLatin1(name)));
-    env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
-               QStringLiteral("com.vantor.quillvox.bench.hotkey"));
-    env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
-    env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+    QProcessEnvironment env =
+        benchProfile(dir, QStringLiteral("com.vantor.quillvox.bench.hotkey"), pulse.address());
     for (const char *origin : {"QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
         env.insert(QString::fromLatin1(origin), server.url().toString());
     {
@@ -137,13 +91,7 @@ int main(int argc, char **argv)
         settings.setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
     }
     const auto quillvox = [&env](const QStringList &arguments, const QByteArray &input = {}) {
-        QProcess process;
-        process.setProcessEnvironment(env);
-        process.start(appExecutable(), arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
-               process.exitCode() == 0;
+        return runQuillvox(appExecutable(), env, arguments, input);
     };
     if (!quillvox({"--set-api-key"}, "local\n"))
         return fail("cannot store the key");
@@ -158,16 +106,9 @@ int main(int argc, char **argv)
         return fail("the app did not start");
 
     const QString file = dir.filePath(QStringLiteral("text.txt"));
-    {
-        QFile f(file);
-        if (!f.open(QIODevice::WriteOnly))
-            return fail("cannot write the text");
-        f.write(kText);
-    }
     ChildProcess editor;
-    if (openInMousepad(editor, file).isEmpty())
-        return fail("mousepad did not show a window");
-    xdotool({"key", "ctrl+a"});
+    if (const char *failure = selectNarratedText(editor, file))
+        return fail(failure);
 
     X11Connection x;
     if (!x.isValid())
@@ -175,11 +116,10 @@ int main(int argc, char **argv)
     std::vector<double> appMs, correction;
     for (int run = 0; run < runs; ++run) {
         const qsizetype requests = server.requests().size();
-        monitor.arm();
-        const Clock::time_point pressed = pressNarrationShortcut(x);
-        if (!waitFor([&] { return monitor.heard(); }, 10000))
+        const std::optional<double> ms = shortcutToSoundMs(x, monitor);
+        if (!ms)
             return fail("no sound within 10 s of the shortcut");
-        appMs.push_back(msBetween(pressed, monitor.heardAt()));
+        appMs.push_back(*ms);
         correction.push_back(monitor.correctionMs());
         quillvox({"--stop"});
         // The aborted stream's log line, and what the sink still held dying away.
@@ -191,7 +131,7 @@ int main(int argc, char **argv)
     if (QJsonDocument::fromJson(request.value(QStringLiteral("body")).toString().toUtf8())
             .object()
             .value(QStringLiteral("input"))
-            .toString() != QString::fromUtf8(kText))
+            .toString() != QString::fromUtf8(kNarratedText))
         return fail("the app did not narrate the selection");
 
     // The same request, whole, then played.

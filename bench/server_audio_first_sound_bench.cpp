@@ -13,10 +13,9 @@
 #include "DevServer.h"
 #include "MonitorRecorder.h"
 #include "PulseServer.h"
-#include "X11Desktop.h"
+#include "ShortcutBench.h"
 
 #include "core/UserDefaults.h"
-#include "platform/x11/X11Connection.h"
 #include "speech/OpenAIServer.h"
 
 #include <QCoreApplication>
@@ -24,10 +23,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
-
-#include <linux/input-event-codes.h>
-#include <xcb/xcb.h>
-#include <xcb/xtest.h>
 
 #include <cmath>
 #include <cstdio>
@@ -38,37 +33,6 @@ using namespace bench;
 
 constexpr double kGoalMs = 10;
 constexpr int kBlocks = 4;
-constexpr int kEvdevToXKeyCode = 8;
-
-const QByteArray kText =
-    "Quillvox reads the selected text aloud, and the audio starts playing while the rest of "
-    "the sentence is still on its way from the server.";
-
-Clock::time_point pressNarrationShortcut(X11Connection &x)
-{
-    xcb_connection_t *c = x.connection();
-    const auto key = [c](int evdev, bool down) {
-        xcb_test_fake_input(c, down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, quint8(evdev + kEvdevToXKeyCode),
-                            XCB_CURRENT_TIME, XCB_WINDOW_NONE, 0, 0, 0);
-    };
-    key(KEY_LEFTCTRL, true);
-    key(KEY_LEFTALT, true);
-    x.sync();
-    const Clock::time_point pressed = Clock::now();
-    key(KEY_S, true);
-    xcb_flush(c);
-    key(KEY_S, false);
-    key(KEY_LEFTALT, false);
-    key(KEY_LEFTCTRL, false);
-    xcb_flush(c);
-    return pressed;
-}
-
-int fail(const char *what)
-{
-    std::fprintf(stderr, "%s\n", what);
-    return 1;
-}
 
 } // namespace
 
@@ -81,12 +45,9 @@ int main(int argc, char **argv)
 
     QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/qv-server-audio-bench-XXXXXX"));
     PulseServer pulse(dir.filePath(QStringLiteral("pulse")));
-    if (!pulse.start())
-        return fail("cannot start pulseaudio");
     MonitorRecorder monitor;
-    if (!monitor.start(pulse.address()))
-        return fail("cannot record t.monitor");
-    QThread::msleep(2200); // the null sink's idle blocks
+    if (const char *failure = startListening(pulse, monitor))
+        return fail(failure);
     // Pieces of 5 ms of audio (1.25 ms apart at 4x): with the usual 50 ms, the resampler's millisecond of
     // delay would cost a whole piece, 12.5 ms, whenever the prebuffer ends exactly on a piece's end.
     const QStringList common{"--synth", "sine", "--ttfb-ms", "200", "--pace", "4", "--piece-ms", "5"};
@@ -95,13 +56,8 @@ int main(int argc, char **argv)
                                                               "22050", "--wav-unknown-sizes"}))
         return fail("cannot start the dev servers");
 
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const char *name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
-        env.insert(QString::fromLatin1(name), dir.filePath(QString::fromLatin1(name)));
-    env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
-               QStringLiteral("com.vantor.quillvox.bench.serveraudio"));
-    env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
-    env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+    QProcessEnvironment env =
+        benchProfile(dir, QStringLiteral("com.vantor.quillvox.bench.serveraudio"), pulse.address());
     for (const char *origin : {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN"})
         env.insert(QString::fromLatin1(origin), pcm.url().toString());
     env.remove(QStringLiteral("QUILLVOX_OPENAI_ORIGIN")); // the chosen server decides
@@ -112,29 +68,16 @@ int main(int argc, char **argv)
         settings.setString(OpenAIServer::serverKey, server.url().toString());
     };
     const auto quillvox = [&env](const QStringList &arguments, const QByteArray &input = {}) {
-        QProcess process;
-        process.setProcessEnvironment(env);
-        process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
-               process.exitCode() == 0;
+        return runQuillvox(QStringLiteral(QUILLVOX_EXECUTABLE), env, arguments, input);
     };
     choose(pcm);
     if (!quillvox({"--set-api-key"}, "local\n"))
         return fail("cannot store the key");
 
     const QString file = dir.filePath(QStringLiteral("text.txt"));
-    {
-        QFile f(file);
-        if (!f.open(QIODevice::WriteOnly))
-            return fail("cannot write the text");
-        f.write(kText);
-    }
     ChildProcess editor;
-    if (openInMousepad(editor, file).isEmpty())
-        return fail("mousepad did not show a window");
-    xdotool({"key", "ctrl+a"});
+    if (const char *failure = selectNarratedText(editor, file))
+        return fail(failure);
     X11Connection x;
     if (!x.isValid())
         return fail("no X11 connection");
@@ -154,11 +97,10 @@ int main(int argc, char **argv)
             return fail("the app did not start");
         for (int run = 0; run < runs / kBlocks; ++run) {
             const qsizetype requests = server.requests().size();
-            monitor.arm();
-            const Clock::time_point pressed = pressNarrationShortcut(x);
-            if (!waitFor([&] { return monitor.heard(); }, 10000))
+            const std::optional<double> heardMs = shortcutToSoundMs(x, monitor);
+            if (!heardMs)
                 return fail("no sound within 10 s of the shortcut");
-            ms[which].push_back(msBetween(pressed, monitor.heardAt()));
+            ms[which].push_back(*heardMs);
             quillvox({"--stop"});
             if (!waitFor([&] { return server.requests().size() > requests; }, 5000))
                 return fail("the chosen dev server logged no request");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Decoding of bundled audio files (voice samples) into the speech format: libsndfile reads the file
 // through a virtual I/O layer (so that Qt resources work), libsoxr resamples to 24 kHz.
+#include "speech/SndfileMemory.h"
 #include "speech/SpeechManager.h"
 
 #include <QFile>
@@ -10,54 +11,10 @@
 #include <soxr.h>
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <vector>
 
 namespace {
-
-struct MemoryFile
-{
-    QByteArray bytes;
-    sf_count_t position = 0;
-};
-
-sf_count_t vioLength(void *user)
-{
-    return static_cast<MemoryFile *>(user)->bytes.size();
-}
-
-sf_count_t vioSeek(sf_count_t offset, int whence, void *user)
-{
-    auto *f = static_cast<MemoryFile *>(user);
-    const sf_count_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? f->position : f->bytes.size();
-    const sf_count_t target = base + offset;
-    if (target < 0 || target > f->bytes.size())
-        return -1;
-    f->position = target;
-    return f->position;
-}
-
-sf_count_t vioRead(void *ptr, sf_count_t count, void *user)
-{
-    auto *f = static_cast<MemoryFile *>(user);
-    const sf_count_t n = std::min<sf_count_t>(count, f->bytes.size() - f->position);
-    if (n <= 0)
-        return 0;
-    std::memcpy(ptr, f->bytes.constData() + f->position, size_t(n));
-    f->position += n;
-    return n;
-}
-
-sf_count_t vioWrite(const void *, sf_count_t, void *)
-{
-    return 0;
-}
-
-sf_count_t vioTell(void *user)
-{
-    return static_cast<MemoryFile *>(user)->position;
-}
 
 SpeechManager::Conversion failure(const QString &message)
 {
@@ -71,10 +28,9 @@ SpeechManager::Conversion SpeechManager::convertAudioFileToPCM(const QString &pa
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return failure(file.errorString());
-    MemoryFile memory{file.readAll(), 0};
-    SF_VIRTUAL_IO io{vioLength, vioSeek, vioRead, vioWrite, vioTell};
+    SndfileMemory memory{file.readAll()};
     SF_INFO info{};
-    SNDFILE *sf = sf_open_virtual(&io, SFM_READ, &info, &memory);
+    SNDFILE *sf = memory.open(info);
     if (!sf)
         return failure(QString::fromUtf8(sf_strerror(nullptr)));
     const auto closer = qScopeGuard([sf] { sf_close(sf); });
@@ -87,14 +43,7 @@ SpeechManager::Conversion SpeechManager::convertAudioFileToPCM(const QString &pa
     const sf_count_t read = sf_readf_float(sf, interleaved.data(), info.frames);
     if (read < 0)
         return failure(QString::fromUtf8(sf_strerror(sf)));
-    // Down-mix to mono.
-    std::vector<float> mono(static_cast<size_t>(read));
-    for (sf_count_t i = 0; i < read; ++i) {
-        float sum = 0;
-        for (int c = 0; c < info.channels; ++c)
-            sum += interleaved[size_t(i * info.channels + c)];
-        mono[size_t(i)] = sum / float(info.channels);
-    }
+    const std::vector<float> mono = downmixed(interleaved.data(), read, info.channels);
 
     const double ratio = double(kSampleRateHz) / double(info.samplerate);
     const double capacity = std::ceil(ratio * double(read)) + 16;

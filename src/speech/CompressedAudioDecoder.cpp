@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "speech/CompressedAudioDecoder.h"
 
+#include "speech/SndfileMemory.h"
 #include "speech/SpeechResampler.h"
 
 #include <mpg123.h>
 #include <sndfile.h>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 namespace {
@@ -120,7 +120,7 @@ public:
     {
         if (m_failure)
             return {};
-        m_bytes.append(bytes);
+        m_memory.bytes.append(bytes);
         return decode();
     }
 
@@ -141,7 +141,7 @@ public:
     static constexpr qsizetype kReadBytes = 4096;
 
 private:
-    bool ahead() const { return m_ended || m_bytes.size() - m_position >= kMarginBytes; }
+    bool ahead() const { return m_ended || m_memory.bytes.size() - m_memory.position >= kMarginBytes; }
 
     QByteArray decode()
     {
@@ -156,12 +156,7 @@ private:
                     m_failure = QStringLiteral("the %1 stream could not be decoded").arg(m_name);
                 break;
             }
-            std::vector<float> mono(size_t(read), 0.0f);
-            for (sf_count_t i = 0; i < read; ++i) {
-                for (int c = 0; c < m_channels; ++c)
-                    mono[size_t(i)] += frames[size_t(i * m_channels + c)];
-                mono[size_t(i)] /= float(m_channels);
-            }
+            const std::vector<float> mono = downmixed(frames.data(), read, m_channels);
             out.append(m_resampler->pushMono(mono.data(), read));
         }
         return out;
@@ -170,12 +165,12 @@ private:
     bool open()
     {
         // Retried as bytes come in: the headers of an Ogg stream span several pages.
-        if (!m_ended && (m_bytes.size() < kMarginBytes || m_bytes.size() - m_lastOpenAttempt < kReadBytes))
+        const qsizetype arrived = m_memory.bytes.size();
+        if (!m_ended && (arrived < kMarginBytes || arrived - m_lastOpenAttempt < kReadBytes))
             return false;
-        m_lastOpenAttempt = m_bytes.size();
-        m_position = 0;
+        m_lastOpenAttempt = arrived;
         SF_INFO info{};
-        m_file = sf_open_virtual(&m_io, SFM_READ, &info, this);
+        m_file = m_memory.open(info);
         if (!m_file)
             return false;
         if (info.channels <= 0 || info.channels > 64 || info.samplerate <= 0 || info.samplerate > 768000) {
@@ -189,38 +184,9 @@ private:
         return true;
     }
 
-    static SndfileDecoder *self(void *user) { return static_cast<SndfileDecoder *>(user); }
-    static sf_count_t length(void *user) { return self(user)->m_bytes.size(); }
-    static sf_count_t seek(sf_count_t offset, int whence, void *user)
-    {
-        SndfileDecoder *d = self(user);
-        const sf_count_t base = whence == SEEK_SET   ? 0
-                                : whence == SEEK_CUR ? d->m_position
-                                                     : d->m_bytes.size();
-        const sf_count_t target = base + offset;
-        if (target < 0 || target > d->m_bytes.size())
-            return -1;
-        d->m_position = qsizetype(target);
-        return target;
-    }
-    static sf_count_t read(void *ptr, sf_count_t count, void *user)
-    {
-        SndfileDecoder *d = self(user);
-        const sf_count_t n = std::min<sf_count_t>({count, d->m_bytes.size() - d->m_position, kReadBytes});
-        if (n <= 0)
-            return 0;
-        std::memcpy(ptr, d->m_bytes.constData() + d->m_position, size_t(n));
-        d->m_position += qsizetype(n);
-        return n;
-    }
-    static sf_count_t write(const void *, sf_count_t, void *) { return 0; }
-    static sf_count_t tell(void *user) { return self(user)->m_position; }
-
     QString m_name;
-    SF_VIRTUAL_IO m_io{length, seek, read, write, tell};
+    SndfileMemory m_memory{{}, 0, kReadBytes};
     SNDFILE *m_file = nullptr;
-    QByteArray m_bytes;
-    qsizetype m_position = 0;
     qsizetype m_lastOpenAttempt = -kReadBytes;
     bool m_ended = false;
     int m_channels = 1;

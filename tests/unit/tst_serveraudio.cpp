@@ -2,6 +2,8 @@
 #include "speech/ResponseAudio.h"
 #include "speech/ServerAudioFormat.h"
 
+#include "ToneFrequency.h"
+
 #include <QTest>
 #include <QtEndian>
 
@@ -179,25 +181,6 @@ std::vector<double> samplesOf(const QByteArray &pcm)
     return out;
 }
 
-// The tone's frequency from the first and last upward zero crossing (interpolated) of the whole clip.
-double frequencyOf(const std::vector<double> &s)
-{
-    std::optional<double> first;
-    double last = 0;
-    int crossings = 0;
-    for (size_t i = 1; i < s.size(); ++i) {
-        if (s[i - 1] < 0 && s[i] >= 0) {
-            const double at = double(i - 1) + s[i - 1] / (s[i - 1] - s[i]);
-            if (!first)
-                first = at;
-            else
-                ++crossings;
-            last = at;
-        }
-    }
-    return first && crossings > 0 ? crossings * 24000.0 / (last - *first) : 0;
-}
-
 double peak(const std::vector<double> &s, size_t from, size_t to)
 {
     double p = 0;
@@ -326,7 +309,7 @@ private Q_SLOTS:
             const double seconds = double(samples.size()) / 24000;
             QVERIFY2(std::abs(seconds - kToneSeconds) <= toleranceSeconds,
                      qPrintable(QString::number(seconds) + u" in pieces of " + QString::number(pieceBytes)));
-            const double hz = frequencyOf(samples);
+            const double hz = toneFrequency(samples, 24000.0);
             QVERIFY2(std::abs(hz - kToneHz) <= kToneHz * 0.01, qPrintable(QString::number(hz)));
             // No header played as audio: the first 3 ms stay at the tone's own level.
             QVERIFY(peak(samples, 0, 72) <= kToneAmplitude * 1.1);

@@ -137,4 +137,20 @@ bool enable()
     return QProcess::startDetached(QStringLiteral("gnome-extensions-app"), {});
 }
 
+QDBusArgument &operator<<(QDBusArgument &argument, const KeyRequest &request)
+{
+    argument.beginStructure();
+    argument << request.id << request.accelerator;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, KeyRequest &request)
+{
+    argument.beginStructure();
+    argument >> request.id >> request.accelerator;
+    argument.endStructure();
+    return argument;
+}
+
 } // namespace GnomeShellExtension

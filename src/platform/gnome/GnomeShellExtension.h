@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <QDBusArgument>
 #include <QDBusConnection>
+#include <QMetaType>
 #include <QString>
 
 #include <chrono>
@@ -58,4 +60,16 @@ std::optional<QString> readSelection(std::chrono::milliseconds timeLimit,
 // missing. False when neither could be started.
 bool enable();
 
+// One (id, accelerator) pair of BindShortcuts.
+struct KeyRequest
+{
+    QString id;
+    QString accelerator;
+};
+
+QDBusArgument &operator<<(QDBusArgument &argument, const KeyRequest &request);
+const QDBusArgument &operator>>(const QDBusArgument &argument, KeyRequest &request);
+
 } // namespace GnomeShellExtension
+
+Q_DECLARE_METATYPE(GnomeShellExtension::KeyRequest)

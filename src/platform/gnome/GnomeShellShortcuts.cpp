@@ -13,34 +13,7 @@
 
 namespace {
 
-// One (id, accelerator) pair of BindShortcuts.
-struct KeyRequest
-{
-    QString id;
-    QString accelerator;
-};
-
-} // namespace
-
-Q_DECLARE_METATYPE(KeyRequest)
-
-namespace {
-
-QDBusArgument &operator<<(QDBusArgument &argument, const KeyRequest &request)
-{
-    argument.beginStructure();
-    argument << request.id << request.accelerator;
-    argument.endStructure();
-    return argument;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &argument, KeyRequest &request)
-{
-    argument.beginStructure();
-    argument >> request.id >> request.accelerator;
-    argument.endStructure();
-    return argument;
-}
+using GnomeShellExtension::KeyRequest;
 
 struct Modifier
 {

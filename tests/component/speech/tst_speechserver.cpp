@@ -3,6 +3,7 @@
 // servers do: every audio format plays at its pitch and length on the null sink without a header's click,
 // a long text in WAV pieces plays as one, and answers that hold no audio or that refuse say why.
 #include "DevServer.h"
+#include "ToneFrequency.h"
 
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
@@ -46,24 +47,6 @@ QString longText()
     for (int i = 0; text.size() < 900; ++i)
         text += QStringLiteral("Sentence number %1 goes on for a while. ").arg(i);
     return text;
-}
-
-// The tone's frequency from its upward zero crossings.
-double frequencyOf(const std::vector<float> &s)
-{
-    std::optional<double> first;
-    double last = 0;
-    int crossings = 0;
-    for (size_t i = 1; i < s.size(); ++i) {
-        if (s[i - 1] < 0 && s[i] >= 0) {
-            const double at = double(i - 1) + s[i - 1] / (s[i - 1] - s[i]);
-            crossings += first ? 1 : 0;
-            if (!first)
-                first = at;
-            last = at;
-        }
-    }
-    return first && crossings > 0 ? crossings * 24000.0 / (last - *first) : 0;
 }
 
 } // namespace
@@ -195,7 +178,7 @@ private Q_SLOTS:
         const double seconds = double(heard->size()) / 24000;
         QVERIFY2(std::abs(seconds - *reference) <= toleranceSeconds,
                  qPrintable(QStringLiteral("%1 s, not %2 s").arg(seconds).arg(*reference)));
-        const double hz = frequencyOf(*heard);
+        const double hz = toneFrequency(*heard, 24000.0);
         QVERIFY2(std::abs(hz - kToneHz) <= kToneHz * 0.01, qPrintable(QString::number(hz)));
         // No header played as audio: the first 3 ms stay at the tone's own level.
         float peak = 0;

@@ -17,29 +17,7 @@
 
 using Shortcut = ActionShortcuts::Shortcut;
 
-// One (id, accelerator) pair of BindShortcuts, for calling it directly.
-struct KeyRequest
-{
-    QString id;
-    QString accelerator;
-};
-Q_DECLARE_METATYPE(KeyRequest)
-
-QDBusArgument &operator<<(QDBusArgument &argument, const KeyRequest &request)
-{
-    argument.beginStructure();
-    argument << request.id << request.accelerator;
-    argument.endStructure();
-    return argument;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &argument, KeyRequest &request)
-{
-    argument.beginStructure();
-    argument >> request.id >> request.accelerator;
-    argument.endStructure();
-    return argument;
-}
+using GnomeShellExtension::KeyRequest;
 
 class TestGnomeShell : public QObject
 {
