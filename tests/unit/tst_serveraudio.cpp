@@ -49,7 +49,7 @@ QByteArray chunk(const char *id, const QByteArray &payload, std::optional<quint3
     return out;
 }
 
-struct WavSpec
+struct WavShape
 {
     int rateHz = 24000;
     int channels = 1;
@@ -61,49 +61,49 @@ struct WavSpec
     std::optional<quint32> sizes = std::nullopt; // what a streaming writer puts for RIFF and data sizes
 };
 
-QByteArray wav(const WavSpec &spec)
+QByteArray wav(const WavShape &shape)
 {
     QByteArray data;
-    for (double v : tone(spec.rateHz, spec.channels)) {
-        if (spec.isFloat && spec.bits == 32) {
+    for (double v : tone(shape.rateHz, shape.channels)) {
+        if (shape.isFloat && shape.bits == 32) {
             const float f = float(v);
             quint32 bits;
             std::memcpy(&bits, &f, 4);
             data += le(bits, 4);
-        } else if (spec.isFloat) {
+        } else if (shape.isFloat) {
             quint64 bits;
             std::memcpy(&bits, &v, 8);
             data += le(bits, 8);
-        } else if (spec.bits == 8) {
+        } else if (shape.bits == 8) {
             data += char(quint8(std::lround(v * 127) + 128));
         } else {
-            const double full = std::ldexp(1.0, spec.bits - 1) - 1;
-            data += le(quint64(qint64(std::lround(v * full))), spec.bits / 8);
+            const double full = std::ldexp(1.0, shape.bits - 1) - 1;
+            data += le(quint64(qint64(std::lround(v * full))), shape.bits / 8);
         }
     }
-    const int blockAlign = spec.channels * spec.bits / 8;
-    QByteArray fmt = le(spec.extensible ? 0xFFFE
-                        : spec.isFloat  ? 3
-                                        : 1,
+    const int blockAlign = shape.channels * shape.bits / 8;
+    QByteArray fmt = le(shape.extensible ? 0xFFFE
+                        : shape.isFloat  ? 3
+                                         : 1,
                         2) +
-                     le(quint64(spec.channels), 2) + le(quint64(spec.rateHz), 4) +
-                     le(quint64(spec.rateHz * blockAlign), 4) + le(quint64(blockAlign), 2) +
-                     le(quint64(spec.bits), 2);
-    if (spec.extensible) {
-        fmt += le(22, 2) + le(quint64(spec.bits), 2) + le(4, 4) + le(spec.isFloat ? 3 : 1, 2) +
+                     le(quint64(shape.channels), 2) + le(quint64(shape.rateHz), 4) +
+                     le(quint64(shape.rateHz * blockAlign), 4) + le(quint64(blockAlign), 2) +
+                     le(quint64(shape.bits), 2);
+    if (shape.extensible) {
+        fmt += le(22, 2) + le(quint64(shape.bits), 2) + le(4, 4) + le(shape.isFloat ? 3 : 1, 2) +
                QByteArray::fromHex("000000001000800000aa00389b71");
     }
     QByteArray body;
     const QByteArray fmtChunk = chunk("fmt ", fmt);
-    const QByteArray dataChunk = chunk("data", data, spec.sizes);
-    if (!spec.dataFirst)
+    const QByteArray dataChunk = chunk("data", data, shape.sizes);
+    if (!shape.dataFirst)
         body += fmtChunk;
-    if (spec.listBetween)
+    if (shape.listBetween)
         body += chunk("LIST", QByteArray("INFOISFT\x05\0\0\0test\0", 17));
     body += dataChunk;
-    if (spec.dataFirst)
+    if (shape.dataFirst)
         body += fmtChunk;
-    return "RIFF" + le(spec.sizes.value_or(quint32(body.size() + 4)), 4) + "WAVE" + body;
+    return "RIFF" + le(shape.sizes.value_or(quint32(body.size() + 4)), 4) + "WAVE" + body;
 }
 
 struct MemoryFile
