@@ -15,7 +15,7 @@ VoiceSettingsModel::VoiceSettingsModel(SpeechManager &speech, QObject *parent)
 
 QString VoiceSettingsModel::voiceLabel(const QString &voice)
 {
-    return voice.left(1).toUpper() + voice.mid(1);
+    return voiceDisplayName(voice);
 }
 
 QString VoiceSettingsModel::speedLabel(double speed)

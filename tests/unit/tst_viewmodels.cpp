@@ -29,6 +29,7 @@
 #include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
 #include "widget/WaveformView.h"
@@ -106,23 +107,16 @@ class TestViewModels : public QObject
         return std::make_unique<OnboardingViewModel>(std::move(services));
     }
 
-    // Brings a fresh model to `step` the way the views do.
+    // Brings a fresh model to `step`.
     static void reach(OnboardingViewModel &vm, const QString &step)
     {
-        if (step == u"signIn")
-            vm.nextStep();
-        else if (step == u"freeMinutes")
-            vm.goToFreeMinutes();
-        else if (step == u"permissions")
-            vm.goToPermissions();
-        else if (step == u"tutorial")
-            vm.goToTutorial();
-        else if (step == u"pricing")
-            vm.goToPricing();
-        else if (step == u"purchaseConfirmation")
+        if (step == u"purchaseConfirmation")
             Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
-        else if (step == u"completion")
-            vm.goToCompletion();
+        for (OnboardingStep candidate : allOnboardingSteps()) {
+            if (vm.currentStepName() == step)
+                break;
+            vm.goTo(candidate);
+        }
     }
 
 private Q_SLOTS:
@@ -682,11 +676,12 @@ private Q_SLOTS:
         QVERIFY(!controller.isWidgetVisible());
     }
 
-    // The onboarding flow.
+    // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account
+    // (none here: pricing as well, the own key being absent); completion completes onboarding.
     void steps_data()
     {
         QTest::addColumn<QString>("from");
-        QTest::addColumn<QString>("afterNext");
+        QTest::addColumn<QString>("afterAdvance");
         QTest::addColumn<QString>("afterPrevious");
         QTest::addColumn<bool>("showsBack");
 
@@ -695,11 +690,11 @@ private Q_SLOTS:
                                 << QString::fromLatin1(afterPrevious) << back;
         };
         row("welcome", "signIn", "welcome", false);
-        row("signIn", "freeMinutes", "welcome", true);
+        row("signIn", "signIn", "welcome", true);
         row("freeMinutes", "permissions", "freeMinutes", false);
         row("permissions", "tutorial", "freeMinutes", true);
         row("tutorial", "pricing", "tutorial", false);
-        row("pricing", "purchaseConfirmation", "pricing", false);
+        row("pricing", "completion", "pricing", false);
         row("purchaseConfirmation", "completion", "purchaseConfirmation", false);
         row("completion", "completion", "completion", false);
     }
@@ -712,14 +707,36 @@ private Q_SLOTS:
             reach(*vm, from);
             QCOMPARE(vm->currentStepName(), from);
             QTEST(vm->canGoBack(), "showsBack");
+            QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
             if (forward) {
-                vm->nextStep();
-                QTEST(vm->currentStepName(), "afterNext");
+                vm->advance();
+                QTEST(vm->currentStepName(), "afterAdvance");
+                QCOMPARE(completed.size(), from == u"completion" ? 1 : 0);
             } else {
                 vm->previousStep();
                 QTEST(vm->currentStepName(), "afterPrevious");
             }
         }
+    }
+
+    // What the tutorial's pickers show, decided here rather than in the views.
+    void tutorialChoices()
+    {
+        OnboardingViewModel::Services services;
+        services.clock = &m_clock;
+        OnboardingViewModel vm(std::move(services));
+        // The default shortcut, and one whose key has a plus in its name.
+        QCOMPARE(vm.shortcutKeys(), QStringList({"Ctrl", "Alt", "S"}));
+        QCOMPARE(HotkeyManager::shortcutKeys(69, HotkeyManager::defaultModifiers),
+                 QStringList({"Ctrl", "Alt", "Num +"}));
+        const QVariantMap cedar = vm.voices().at(availableVoices().indexOf(u"cedar"_qs)).toMap();
+        QCOMPARE(cedar.value(u"name"_qs), u"Cedar"_qs);
+        QCOMPARE(cedar.value(u"id"_qs), u"cedar"_qs);
+        QCOMPARE(vm.appearances().first().toMap().value(u"detail"_qs), u"Best for light backgrounds"_qs);
+        const QVariantMap sunset = vm.themeItems().at(2).toMap();
+        QCOMPARE(sunset.value(u"name"_qs), u"Sunset"_qs);
+        QCOMPARE(sunset.value(u"colors"_qs).toList().first().value<QColor>(),
+                 WidgetPalette::themeColorsOf(WidgetTheme::Sunset).front());
     }
 
     // Trust as the session answers it at each poll (the first answer is the construction's own check).
@@ -765,7 +782,7 @@ private Q_SLOTS:
         services.keychain = &keychain;
         OnboardingViewModel vm(std::move(services));
         QSignalSpy settingsOpened(&AppEvents::shared(), &AppEvents::openSettingsWindow);
-        vm.nextStep();
+        vm.advance();
         vm.useOwnApiKey();
         QCOMPARE(settingsOpened.count(), 1);
         m_clock.advance(1s);
@@ -779,8 +796,8 @@ private Q_SLOTS:
         QFETCH(bool, alsoSignedIn);
         if (alsoSignedIn)
             QVERIFY(keychain.save(QStringLiteral("token"), KeychainKey::accessToken));
-        vm.goToTutorial();
-        vm.finishTutorial();
+        vm.goTo(OnboardingStep::tutorial);
+        vm.advance();
         QTEST(vm.currentStepName(), "afterTutorial");
     }
 
@@ -818,7 +835,7 @@ private Q_SLOTS:
     void purchaseSuccessConfirmsTheSelectedPackage()
     {
         const auto vm = model();
-        vm->goToPricing();
+        vm->goTo(OnboardingStep::pricing);
         vm->purchase(QStringLiteral("pro")); // no session: fails, but the package stays selected
         QCOMPARE(vm->purchaseError(), QStringLiteral("Failed to generate authentication code"));
         QVERIFY(!vm->purchasedPackage());

@@ -89,6 +89,22 @@ SectionPage {
                 Accessible.name: text
                 onClicked: root.about.checkForUpdates()
             }
+            RowLayout {
+                visible: !!root.about && root.about.skippedVersionText !== ""
+                Layout.fillWidth: true
+                Label {
+                    objectName: "skippedVersionLabel"
+                    text: root.about ? root.about.skippedVersionText : ""
+                    opacity: 0.7
+                    Layout.fillWidth: true
+                    Accessible.name: text
+                }
+                Button {
+                    text: "Forget"
+                    Accessible.name: text
+                    onClicked: root.about.forgetSkippedVersion()
+                }
+            }
         }
     }
 
@@ -110,7 +126,8 @@ SectionPage {
                     font.underline: website.hovered || website.visualFocus
                 }
                 background: Item {}
-                onClicked: Qt.openUrlExternally("https://quillvox.app")
+                visible: !!root.about
+                onClicked: root.about.openWebsite()
             }
         }
     }

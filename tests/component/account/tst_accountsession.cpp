@@ -184,7 +184,7 @@ private Q_SLOTS:
         services.isTrusted = [] { return true; };
         OnboardingViewModel onboarding(std::move(services));
         if (onSignInStep)
-            onboarding.nextStep();
+            onboarding.advance();
         QVERIFY(s.signIn());
         QTEST(onboarding.currentStepName(), "after");
         QCOMPARE(s.auth->email(), "reader@example.com");
