@@ -4,6 +4,7 @@
 #include "core/AppEvents.h"
 #include "core/Logging.h"
 #include "settings/SettingsViewModel.h"
+#include "widget/IconProvider.h"
 
 #include <QApplication>
 #include <QFileDialog>
@@ -60,6 +61,9 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
 {
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
     m_window->engine()->addImportPath(QStringLiteral("qrc:/qt/qml"));
+    // A shared engine may have it from another window already.
+    if (!m_window->engine()->imageProvider(QLatin1String(IconProvider::kProviderId)))
+        m_window->engine()->addImageProvider(QLatin1String(IconProvider::kProviderId), new IconProvider);
     m_window->setTitle(QStringLiteral("Settings"));
     m_window->setResizeMode(QQuickView::SizeRootObjectToView);
     m_window->setMinimumSize(QSize(kMinimumWidth, kMinimumHeight));

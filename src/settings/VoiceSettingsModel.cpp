@@ -37,7 +37,8 @@ QVariantList VoiceSettingsModel::styles() const
     QVariantList list;
     for (VoiceStyle style : VoiceStyle::allCases())
         list.append(QVariantMap{{QStringLiteral("name"), style.rawValue()},
-                                {QStringLiteral("subtitle"), style.subtitle()}});
+                                {QStringLiteral("subtitle"), style.subtitle()},
+                                {QStringLiteral("icon"), style.iconName()}});
     return list;
 }
 

@@ -11,6 +11,7 @@
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingPackage.h"
 #include "onboarding/OnboardingViewModel.h"
+#include "onboarding/OnboardingWindow.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
@@ -20,10 +21,12 @@
 #include "records/UsageStats.h"
 #include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
+#include "settings/SettingsServices.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
 #include "settings/ShortcutSettingsModel.h"
 #include "settings/UsageSettingsModel.h"
+#include "settings/VoiceSettingsModel.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/NarrationControls.h"
 #include "speech/NarrationServices.h"
@@ -32,13 +35,17 @@
 #include "speech/VoiceStyle.h"
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
+#include "widget/IconProvider.h"
 #include "widget/WaveformView.h"
 #include "widget/WidgetPalette.h"
 
+#include <QAccessible>
+#include <QDesktopServices>
 #include <QFile>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -74,6 +81,40 @@ QQuickItem *findItem(const SettingsWindow &settings, const QString &objectName)
 {
     return findItem(settings.window()->rootObject(), objectName);
 }
+
+// A shown item that reads `text`, by its accessible name or, for plain text, its text.
+QQuickItem *findShown(QQuickItem *item, const QString &text)
+{
+    if (!item->isVisible())
+        return nullptr;
+    const QAccessibleInterface *accessible = QAccessible::queryAccessibleInterface(item);
+    if ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text)
+        return item;
+    for (QQuickItem *child : item->childItems()) {
+        if (QQuickItem *found = findShown(child, text))
+            return found;
+    }
+    return nullptr;
+}
+
+// Takes the links the views open.
+class UrlCatcher : public QObject
+{
+    Q_OBJECT
+public:
+    explicit UrlCatcher(const char *scheme)
+        : m_scheme(QString::fromLatin1(scheme))
+    {
+        QDesktopServices::setUrlHandler(m_scheme, this, "open");
+    }
+    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler(m_scheme); }
+    QList<QUrl> opened;
+public Q_SLOTS:
+    void open(const QUrl &url) { opened.append(url); }
+
+private:
+    QString m_scheme;
+};
 
 } // namespace
 
@@ -112,11 +153,9 @@ class TestViewModels : public QObject
     {
         if (step == u"purchaseConfirmation")
             Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
-        for (OnboardingStep candidate : allOnboardingSteps()) {
-            if (vm.currentStepName() == step)
-                break;
-            vm.goTo(candidate);
-        }
+        const QStringList names{"welcome",  "signIn",  "freeMinutes",          "permissions",
+                                "tutorial", "pricing", "purchaseConfirmation", "completion"};
+        vm.goTo(allOnboardingSteps().at(names.indexOf(step)));
     }
 
 private Q_SLOTS:
@@ -321,10 +360,11 @@ private Q_SLOTS:
         }
     }
 
-    // About's switches land where the update checker and the desktop session read them.
+    // About's switches land where the update checker and the desktop session read them; a skipped
+    // version shows until forgotten; the website is the deployment's.
     void aboutSwitches()
     {
-        AboutSettingsModel about(m_defaults.get(), Autostart(m_dir->path()));
+        AboutSettingsModel about(m_defaults.get(), Autostart(m_dir->path()), QUrl(u"https://site.test"_qs));
         QVERIFY(about.checkForUpdatesAutomatically());
         about.setCheckForUpdatesAutomatically(false);
         QCOMPARE(m_defaults->boolean(QStringLiteral("checkForUpdatesAutomatically")),
@@ -334,6 +374,66 @@ private Q_SLOTS:
         QVERIFY(about.startAtLogin() && about.startAtLoginError().isEmpty());
         about.setStartAtLogin(false);
         QVERIFY(!about.startAtLogin());
+
+        QVERIFY(about.skippedVersionText().isEmpty());
+        QSignalSpy changed(&about, &AboutSettingsModel::changed);
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        Q_EMIT AppEvents::shared().skippedVersionChanged();
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(about.skippedVersionText(), u"Skipped version: 1.4.0"_qs);
+        about.forgetSkippedVersion();
+        QCOMPARE(changed.size(), 2);
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QVERIFY(about.skippedVersionText().isEmpty());
+
+        UrlCatcher browser("https");
+        about.openWebsite();
+        QCOMPARE(browser.opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
+    }
+
+    // Every speaking style has its own symbol in the Voice section, drawn in the colour asked for.
+    void styleIcons()
+    {
+        const QVariantList styles = VoiceSettingsModel(*m_speech).styles();
+        QCOMPARE(styles.size(), VoiceStyle::allCases().size());
+        QSet<QString> names;
+        IconProvider icons;
+        for (const QVariant &style : styles) {
+            const QString icon = style.toMap().value(u"icon"_qs).toString();
+            names.insert(icon);
+            const QImage image = icons.requestImage(icon + u"/ff0000"_qs, nullptr, QSize(24, 24));
+            int inked = 0;
+            for (int y = 0; y < 24; ++y)
+                for (int x = 0; x < 24; ++x)
+                    inked += qAlpha(image.pixel(x, y)) > 128 && qRed(image.pixel(x, y)) > 128;
+            QVERIFY2(inked > 40, qPrintable(icon));
+        }
+        QCOMPARE(names.size(), styles.size());
+    }
+
+    // The window as drawn: a skipped version with "Forget"; local counts grouped as the server's are.
+    void aboutAndUsageAsDrawn()
+    {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
+        UsageManager usage(*m_defaults);
+        SettingsServices services;
+        services.defaults = m_defaults.get();
+        services.usage = &usage;
+        SettingsWindow settings(SettingsSection::about, services);
+        QQuickItem *root = settings.window()->rootObject();
+        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
+        QQuickItem *forget = findShown(root, u"Forget"_qs);
+        QVERIFY(forget);
+        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
+
+        settings.viewModel()->select(SettingsSection::usage);
+        settings.viewModel()->usage()->setPeriodIndex(2);
+        QTRY_VERIFY(findShown(root, u"12,345"_qs));
     }
 
     // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
@@ -737,6 +837,69 @@ private Q_SLOTS:
         QCOMPARE(sunset.value(u"name"_qs), u"Sunset"_qs);
         QCOMPARE(sunset.value(u"colors"_qs).toList().first().value<QColor>(),
                  WidgetPalette::themeColorsOf(WidgetTheme::Sunset).front());
+    }
+
+    // The onboarding window as drawn, on a real session that hands the browser its pages: what a step
+    // shows, and where its buttons lead.
+    void onboardingAsDrawn_data()
+    {
+        QTest::addColumn<QString>("step");
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QStringList>("shown");
+        QTest::addColumn<QString>("provider");
+        QTest::newRow("Continue with Apple opens Apple's page")
+            << "signIn"
+            << "Continue with Apple" << QStringList{"Signing in..."} << "provider=apple";
+        QTest::newRow("Continue with Google opens Google's page")
+            << "signIn"
+            << "Continue with Google" << QStringList{"Signing in..."} << "provider=google";
+        QTest::newRow("a sign-in that fails says why")
+            << "signIn"
+            << "callback without tokens"
+            << QStringList{"Authentication failed: No tokens in callback", "Continue with Apple"} << "";
+        QTest::newRow("the packages with their figures and the popular badge")
+            << "pricing"
+            << "" << QStringList{"Starter", "$5.00",        "150 minutes", "2.5 hours", "Popular",
+                                 "POPULAR", "$15.00",       "500 minutes", "8 hours",   "Pro",
+                                 "$35.00",  "1200 minutes", "20 hours"}
+            << "";
+        QTest::newRow("a purchase without a session says so and is clickable again")
+            << "pricing"
+            << "Continue" << QStringList{"Authentication failed: Not signed in", "Continue"} << "";
+    }
+
+    void onboardingAsDrawn()
+    {
+        QFETCH(QString, step);
+        QFETCH(QString, action);
+        QFETCH(QStringList, shown);
+        QList<QUrl> opened;
+        AuthManager auth({.keychain = m_keychain.get(),
+                          .clock = &m_clock,
+                          .authOrigin = QUrl(u"https://auth.test"_qs),
+                          .serviceOrigin = QUrl(u"https://svc.test"_qs),
+                          .openUrl = [&](const QUrl &url) { opened << url; },
+                          .log = [](const QString &) {}});
+        OnboardingViewModel::Services services;
+        services.auth = &auth;
+        services.clock = &m_clock;
+        OnboardingWindow window(std::move(services));
+        QCOMPARE(window.window()->status(), QQuickView::Ready);
+        reach(*window.viewModel(), step);
+        QQuickItem *root = window.window()->rootObject();
+        if (action == u"callback without tokens") {
+            auth.handleCallback(QUrl(u"quillvox://auth/callback"_qs));
+        } else if (!action.isEmpty()) {
+            QQuickItem *button = findShown(root, action);
+            QVERIFY2(button, qPrintable(action));
+            QVERIFY(QMetaObject::invokeMethod(button, "clicked"));
+        }
+        for (const QString &text : shown)
+            QTRY_VERIFY2(findShown(root, text), qPrintable(text));
+        QFETCH(QString, provider);
+        QCOMPARE(opened.size(), provider.isEmpty() ? 0 : 1);
+        if (!provider.isEmpty())
+            QVERIFY2(opened.first().query().startsWith(provider), qPrintable(opened.first().toString()));
     }
 
     // Trust as the session answers it at each poll (the first answer is the construction's own check).

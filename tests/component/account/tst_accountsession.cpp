@@ -193,7 +193,29 @@ private Q_SLOTS:
         QVERIFY(s.keychain.load(KeychainKey::refreshToken));
     }
 
-    void callbackWhoseUserFetchFails()
+    // "Continue" on pricing: the browser gets the purchase page through the token exchange, and the
+    // button is clickable again.
+    void purchaseOpensTheBrowser()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server);
+        QVERIFY(s.signIn());
+        QList<QUrl> opened;
+        OnboardingViewModel::Services services;
+        services.auth = s.auth.get();
+        services.clock = &s.clock;
+        services.serviceOrigin = s.origin;
+        services.openUrl = [&](const QUrl &url) { opened << url; };
+        OnboardingViewModel onboarding(std::move(services));
+        onboarding.goTo(OnboardingStep::pricing);
+        onboarding.purchase(QStringLiteral("popular"));
+        QVERIFY(onboarding.isPurchasing());
+        QTRY_COMPARE(opened.size(), 1);
+        QCOMPARE(opened.first().path(), QStringLiteral("/api/auth/token-exchange"));
+        QVERIFY(!onboarding.isPurchasing());
+        QVERIFY(!onboarding.purchaseError());
+    }
+
     {
         QVERIFY(startServer());
         Session s(*m_server);
