@@ -9,6 +9,12 @@ install(FILES ${PROJECT_SOURCE_DIR}/resources/icons/app/quillvox.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 install(FILES ${PROJECT_SOURCE_DIR}/resources/icons/app/quillvox-symbolic.svg
         DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/symbolic/apps)
+# The tray item's icon names: panels that recolour symbolic icons find them here.
+install(FILES ${PROJECT_SOURCE_DIR}/resources/icons/waveform.svg
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/symbolic/apps RENAME com.vantor.Quillvox-symbolic.svg)
+install(FILES ${PROJECT_SOURCE_DIR}/resources/icons/waveform.circle.fill.svg
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/symbolic/apps
+        RENAME com.vantor.Quillvox-playing-symbolic.svg)
 
 if(QUILLVOX_PACKAGING)
     # The D-Bus service file names the executable by its installed path.

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: GPL-3.0-or-later
-# Draws every window of Quillvox in each of its states to build/screenshots/, at scale 1 and 2.
+# Draws every window of Quillvox in each of its states to build/screenshots/, at scale 1 and 2, and the
+# tray icon as a panel that draws pixmaps shows it, on a dark (#353535) and a light (#f6f5f4) panel at
+# 16, 22 and 32 px (tray-icon-<colour scheme>.png).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh >/dev/null

@@ -38,6 +38,8 @@ QString describe(const AccountFailure &failure)
             using F = std::decay_t<decltype(f)>;
             if constexpr (std::is_same_v<F, AuthError> || std::is_same_v<F, BalanceError>)
                 return f.description();
+            else if constexpr (std::is_same_v<F, PurchaseError>)
+                return purchaseErrorDescription(f);
             else
                 return f.message;
         },

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "account/PurchaseError.h"
+
 #include <QString>
 
 #include <utility>
@@ -76,7 +78,7 @@ struct DecodingError
 
 // Any failure of an account request. Callers tell the session's own errors (which may sign the user
 // out) from everything else.
-using AccountFailure = std::variant<AuthError, BalanceError, TransportError, DecodingError>;
+using AccountFailure = std::variant<AuthError, BalanceError, TransportError, DecodingError, PurchaseError>;
 
 QString describe(const AccountFailure &failure);
 inline bool isAuthError(const AccountFailure &failure)

@@ -172,35 +172,47 @@ QString BalanceManager::formatBalance(qint64 seconds)
 
 // --- Usage and purchase ------------------------------------------------------------------------------
 
+void BalanceManager::sendWithToken(const QObject *context,
+                                   std::function<AccountRequest(const QString &)> build,
+                                   std::function<void(const AccountFailure &)> fail,
+                                   std::function<void(const HttpAnswer &)> answered)
+{
+    const QPointer<const QObject> guard(context);
+    m_services.auth->getValidAccessToken(
+        this, [this, guard, build = std::move(build), fail = std::move(fail),
+               answered = std::move(answered)](const AccountResult<QString> &token) {
+            if (!guard)
+                return;
+            if (!token.ok())
+                return fail(token.failure());
+            sendAccountRequest(*m_services.network, build(token.value()), guard.data(), answered);
+        });
+}
+
 template<typename T>
 void BalanceManager::askService(const QByteArray &method, const QString &pathAndQuery, const QObject *context,
                                 Refusal refusal, Decoder<T> decode,
                                 std::function<void(const AccountResult<T> &)> done)
 {
-    const QPointer<const QObject> guard(context);
-    m_services.auth->getValidAccessToken(this, [this, method, pathAndQuery, guard,
-                                                refusal = std::move(refusal), decode = std::move(decode),
-                                                done = std::move(done)](const AccountResult<QString> &token) {
-        if (!guard)
-            return;
-        if (!token.ok())
-            return done(token.failure());
+    const auto build = [this, method, pathAndQuery](const QString &token) {
         AccountRequest request;
         request.method = method;
         request.url = QUrl(m_services.serviceOrigin.toString() + pathAndQuery);
-        request.headers = {{"Authorization", bearer(token.value())}};
-        sendAccountRequest(*m_services.network, request, guard.data(),
-                           [refusal, decode, done](const HttpAnswer &answer) {
-                               if (!answer.status)
-                                   return done(answer.transportFailure());
-                               if (*answer.status != 200)
-                                   return done(refusal(*answer.status));
-                               const AccountResult<QJsonObject> object = decodeObject(answer.body);
-                               if (!object.ok())
-                                   return done(object.failure());
-                               done(decode(object.value()));
-                           });
-    });
+        request.headers = {{"Authorization", bearer(token)}};
+        return request;
+    };
+    sendWithToken(
+        context, build, [done](const AccountFailure &failure) { done(failure); },
+        [refusal = std::move(refusal), decode = std::move(decode), done](const HttpAnswer &answer) {
+            if (!answer.status)
+                return done(answer.transportFailure());
+            if (*answer.status != 200)
+                return done(refusal(*answer.status));
+            const AccountResult<QJsonObject> object = decodeObject(answer.body);
+            if (!object.ok())
+                return done(object.failure());
+            done(decode(object.value()));
+        });
 }
 
 void BalanceManager::fetchUsageStats(const QString &period, const QObject *context,
@@ -241,6 +253,49 @@ QUrl BalanceManager::tokenExchangeUrl(const QString &code) const
         "code=" + QUrl::toPercentEncoding(code) + "&next=" + QUrl::toPercentEncoding("/purchase");
     url.setQuery(QString::fromLatin1(query), QUrl::StrictMode);
     return url;
+}
+
+QUrl BalanceManager::packagePurchaseUrl(const QUrl &serviceOrigin, const QString &code,
+                                        const QString &packageId)
+{
+    // The query-allowed set keeps '/', '?' and '=' as they are, so the redirect path reads plainly in the
+    // "next" value; what else the id holds is escaped.
+    const QString next = QStringLiteral("/api/credits/purchase-redirect?package=") + packageId;
+    const QString encodedNext = QString::fromLatin1(QUrl::toPercentEncoding(next, "!$&'()*+,;=:@/?"));
+    QString origin = serviceOrigin.toString(QUrl::FullyEncoded);
+    while (origin.endsWith(u'/'))
+        origin.chop(1);
+    const QString text = origin + QStringLiteral("/api/auth/token-exchange?code=") + code +
+                         QStringLiteral("&next=") + encodedNext;
+    return QUrl(text, QUrl::StrictMode);
+}
+
+void BalanceManager::requestPackagePurchaseUrl(const QString &packageId, const QObject *context,
+                                               std::function<void(const AccountResult<QUrl> &)> done)
+{
+    const auto build = [this](const QString &token) {
+        AccountRequest request;
+        request.method = "POST";
+        request.url = m_services.serviceOrigin.resolved(QUrl(QStringLiteral("/api/auth/generate-code")));
+        request.headers = {{"Content-Type", "application/json"}, {"Authorization", bearer(token)}};
+        return request;
+    };
+    sendWithToken(
+        context, build, [done](const AccountFailure &failure) { done(failure); },
+        [origin = m_services.serviceOrigin, packageId, done](const HttpAnswer &answer) {
+            if (answer.status != 200)
+                return done(PurchaseError::exchangeCodeFailed);
+            const AccountResult<QJsonObject> object = decodeObject(answer.body);
+            if (!object.ok())
+                return done(object.failure());
+            const std::optional<QString> code = stringMember(object.value(), QLatin1StringView("code"));
+            if (!code)
+                return done(missingMember(QLatin1StringView("code")));
+            const QUrl url = packagePurchaseUrl(origin, *code, packageId);
+            if (!url.isValid())
+                return done(PurchaseError::invalidURL);
+            done(url);
+        });
 }
 
 void BalanceManager::openPurchasePage()

@@ -12,6 +12,8 @@
 #include <optional>
 
 class AuthManager;
+struct AccountRequest;
+struct HttpAnswer;
 class Clock;
 class QNetworkAccessManager;
 class WakeMonitor;
@@ -84,6 +86,14 @@ public:
     // cannot be had.
     Q_INVOKABLE void openPurchasePage();
     QUrl tokenExchangeUrl(const QString &code) const;
+    // The browser page that buys `packageId` signed in: onboarding's own variant of the exchange-code
+    // request (a JSON content type, only "code" read), whose failures are PurchaseErrors, the session's
+    // errors or the body's. `done` runs while `context` lives.
+    void requestPackagePurchaseUrl(const QString &packageId, const QObject *context,
+                                   std::function<void(const AccountResult<QUrl> &)> done);
+    // The token exchange that signs the browser in with `code` and then opens the purchase of
+    // `packageId`. Invalid when the text does not parse as a URL.
+    static QUrl packagePurchaseUrl(const QUrl &serviceOrigin, const QString &code, const QString &packageId);
 
 Q_SIGNALS:
     void balanceChanged();
@@ -96,6 +106,11 @@ private:
     template<typename T> using Decoder = std::function<AccountResult<T>(const QJsonObject &)>;
     // What a status other than 200 means for a request.
     using Refusal = std::function<AccountFailure(int status)>;
+    // Sends the request that `build` makes around a valid token; `answered` runs while `context` lives,
+    // `fail` instead when no token can be had.
+    void sendWithToken(const QObject *context, std::function<AccountRequest(const QString &token)> build,
+                       std::function<void(const AccountFailure &)> fail,
+                       std::function<void(const HttpAnswer &)> answered);
     // A service request with a valid token; `done` runs while `context` lives.
     template<typename T>
     void askService(const QByteArray &method, const QString &pathAndQuery, const QObject *context,

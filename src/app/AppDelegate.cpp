@@ -214,9 +214,14 @@ void AppDelegate::ensureShortcuts()
     if (HotkeyManager *hotkeys = createSharedHotkeyManager()) {
         if (m_remote)
             m_remote->setHotkeys(hotkeys);
+        if (m_statusMenu)
+            m_statusMenu->setHotkeys(hotkeys);
     } else {
         explainWayland();
     }
+    // A window opened during onboarding was made without them.
+    if (m_settingsWindow)
+        m_settingsWindow->adoptServices(SettingsServices::fromShared());
 }
 
 void AppDelegate::promptForTrust()

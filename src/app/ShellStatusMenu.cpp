@@ -14,7 +14,6 @@
 #include <QDBusServiceWatcher>
 #include <QDBusVirtualObject>
 #include <QMenu>
-#include <QSystemTrayIcon>
 #include <QTimer>
 
 Q_DECLARE_METATYPE(ShellStatusMenu::Item)
@@ -129,10 +128,10 @@ void ShellStatusMenu::start()
 
 void ShellStatusMenu::followExtension(bool present)
 {
-    if (!present)
+    if (present)
+        m_menu.hide();
+    else
         m_menu.show();
-    else if (m_menu.trayIcon()->isVisible())
-        m_menu.trayIcon()->hide();
 }
 
 void ShellStatusMenu::scheduleChanged()

@@ -2,27 +2,50 @@
 #include "app/StatusMenu.h"
 
 #include "app/StatusMenuState.h"
+#include "app/TrayIconImages.h"
 #include "core/AppEvents.h"
 #include "core/Logging.h"
+#include "platform/dbus/PortalColorScheme.h"
+#include "platform/dbus/StatusNotifierItem.h"
+#include "shortcuts/HotkeyManager.h"
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
+#include "widget/WidgetPalette.h"
 
 #include <QCoreApplication>
+#include <QCursor>
+#include <QDBusConnectionInterface>
+#include <QGuiApplication>
 #include <QIcon>
 #include <QMenu>
+#include <QPixmap>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
 namespace {
 
-QIcon templateIcon(const QString &path)
+constexpr int kToolTipCharacters = 60;
+
+TrayIconImages::Panel panelFor(PortalColorScheme::Scheme scheme)
 {
-    QIcon icon(path);
-    // Monochrome: desktops that tint symbolic icons give it the panel's text colour.
-    icon.setIsMask(true);
-    return icon;
+    switch (scheme) {
+    case PortalColorScheme::PreferDark:
+        return TrayIconImages::Panel::Dark;
+    case PortalColorScheme::PreferLight:
+        return TrayIconImages::Panel::Light;
+    case PortalColorScheme::NoPreference:
+        break;
+    }
+    return TrayIconImages::Panel::Unknown;
+}
+
+// "Ctrl+Alt+S" as our settings or the desktop word it; Qt calls Super "Meta".
+QKeySequence keySequence(QString label)
+{
+    label.replace(QStringLiteral("Super"), QStringLiteral("Meta"));
+    return QKeySequence::fromString(label, QKeySequence::PortableText);
 }
 
 } // namespace
@@ -33,12 +56,14 @@ StatusMenu::StatusMenu(SpeechManager &speech, SelectionSource &selection, Floati
     , m_speech(speech)
     , m_selection(selection)
     , m_menu(std::make_unique<QMenu>())
-    , m_tray(new QSystemTrayIcon(this))
+    , m_item(new StatusNotifierItem(QStringLiteral("quillvox"), QDBusConnection::sessionBus(), this))
+    , m_colorScheme(new PortalColorScheme(QDBusConnection::sessionBus(), this))
 {
+    // Only the narration shortcut is shown: it is the one key that works system-wide, and a tray
+    // menu cannot honour keys of its own.
     m_narrate = m_menu->addAction(QStringLiteral("Narrate Selection"), this, &StatusMenu::narrateSelection);
-    m_narrate->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_N));
     m_expand = m_menu->addAction(QStringLiteral("Expand Widget"), this, &StatusMenu::expandWidget);
-    m_menu->addSeparator();
+    m_narrateSeparator = m_menu->addSeparator();
     m_pause =
         m_menu->addAction(QStringLiteral("Pause Narration"), &m_speech, &SpeechManager::togglePlayPause);
     m_stop = m_menu->addAction(QStringLiteral("Stop Narration"), &m_speech, &SpeechManager::stop);
@@ -47,31 +72,74 @@ StatusMenu::StatusMenu(SpeechManager &speech, SelectionSource &selection, Floati
                       &AppEvents::checkForUpdates);
     m_menu->addAction(QStringLiteral("About Quillvox"), &AppEvents::shared(), &AppEvents::openAboutSection);
     m_menu->addSeparator();
-    m_menu->addAction(QStringLiteral("Settings..."), &AppEvents::shared(), &AppEvents::openSettingsWindow)
-        ->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    m_menu->addAction(QStringLiteral("Settings..."), &AppEvents::shared(), &AppEvents::openSettingsWindow);
     m_menu->addSeparator();
-    m_menu->addAction(QStringLiteral("Quit Quillvox"), qApp, &QCoreApplication::quit)
-        ->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+    m_menu->addAction(QStringLiteral("Quit Quillvox"), qApp, &QCoreApplication::quit);
 
-    m_tray->setToolTip(QStringLiteral("Quillvox"));
-    m_tray->setContextMenu(m_menu.get());
+    m_item->setMenu(m_menu.get());
+    connect(m_item, &StatusNotifierItem::activateRequested, this, &StatusMenu::openMenuAt);
+    connect(m_item, &StatusNotifierItem::secondaryActivateRequested, &m_speech,
+            &SpeechManager::togglePlayPause);
+    connect(m_item, &StatusNotifierItem::registeredChanged, this, [this](bool registered) {
+        if (registered && m_tray)
+            m_tray->hide();
+    });
+    connect(m_colorScheme, &PortalColorScheme::schemeChanged, this, &StatusMenu::updateIcon);
 
     connect(&m_speech, &SpeechManager::isPlayingChanged, this, [this] {
         updateIcon();
         updateItems();
+        updateToolTip();
     });
     connect(&m_speech, &SpeechManager::isProcessingChanged, this, &StatusMenu::updateItems);
     connect(&m_speech, &SpeechManager::hasContentChanged, this, &StatusMenu::updateItems);
+    connect(&m_speech, &SpeechManager::currentTimeChanged, this, &StatusMenu::updateToolTip);
+    connect(&m_speech, &SpeechManager::displayedTotalTimeChanged, this, &StatusMenu::updateToolTip);
     setWidget(widget);
     updateIcon();
+    updateToolTip();
 }
 
 StatusMenu::~StatusMenu() = default;
 
 void StatusMenu::show()
 {
+    m_item->registerOnBus();
+    // Qt's icon would be a second item where a panel hosts ours; where none does, older trays take it.
+    // The watcher is asked through the bus, never synchronously: it may be busy starting us.
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (bus.isConnected() && bus.interface()->isServiceRegistered(StatusNotifierItem::kWatcherService))
+        return;
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         qCInfo(lcApp) << "no system tray: start quillvox again to open the settings window";
+    // An XEmbed tray that starts later still takes Qt's icon.
+    if (QGuiApplication::platformName() == u"xcb")
+        showXEmbedIcon();
+}
+
+void StatusMenu::hide()
+{
+    m_item->unregisterFromBus();
+    if (m_tray)
+        m_tray->hide();
+}
+
+void StatusMenu::showXEmbedIcon()
+{
+    if (m_tray) {
+        m_tray->show();
+        return;
+    }
+    m_tray = new QSystemTrayIcon(this);
+    m_tray->setContextMenu(m_menu.get());
+    connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            openMenuAt(QCursor::pos());
+        else if (reason == QSystemTrayIcon::MiddleClick)
+            m_speech.togglePlayPause();
+    });
+    updateIcon();
+    updateToolTip();
     m_tray->show();
 }
 
@@ -85,10 +153,57 @@ void StatusMenu::setWidget(FloatingWindowController *widget)
     updateItems();
 }
 
+void StatusMenu::setHotkeys(HotkeyManager *hotkeys)
+{
+    if (m_hotkeys)
+        disconnect(m_hotkeys, nullptr, this, nullptr);
+    m_hotkeys = hotkeys;
+    if (hotkeys) {
+        for (auto signal : {&HotkeyManager::displayStringChanged, &HotkeyManager::hotkeyRegisteredChanged,
+                            &HotkeyManager::assignedTriggersChanged})
+            connect(hotkeys, signal, this, &StatusMenu::updateNarrateShortcut);
+    }
+    updateNarrateShortcut();
+}
+
+void StatusMenu::updateNarrateShortcut()
+{
+    QKeySequence bound;
+    if (m_hotkeys && m_hotkeys->bindsByAction())
+        bound = keySequence(m_hotkeys->assignedTrigger(HotkeyManager::Narration));
+    else if (m_hotkeys && m_hotkeys->hotkeyRegistered())
+        bound = keySequence(m_hotkeys->displayLabel());
+    m_narrate->setShortcut(bound);
+}
+
 void StatusMenu::updateIcon()
 {
-    m_tray->setIcon(templateIcon(m_speech.isPlaying() ? QStringLiteral(":/icons/waveform.circle.fill.svg")
-                                                      : QStringLiteral(":/icons/waveform.svg")));
+    const bool playing = m_speech.isPlaying();
+    const QList<QImage> pixmaps = TrayIconImages::pixmaps(playing, panelFor(m_colorScheme->scheme()));
+    m_item->setIcon(TrayIconImages::iconName(playing), pixmaps);
+    if (m_tray) {
+        QIcon icon;
+        for (const QImage &image : pixmaps)
+            icon.addPixmap(QPixmap::fromImage(image));
+        m_tray->setIcon(icon);
+    }
+}
+
+void StatusMenu::updateToolTip()
+{
+    const QString title = QStringLiteral("Quillvox");
+    QString description;
+    if (m_speech.isPlaying()) {
+        const QString text = m_speech.lastSpokenText().simplified();
+        description = text.left(kToolTipCharacters);
+        if (text.size() > kToolTipCharacters)
+            description += QStringLiteral("…");
+        description += u'\n' + WidgetFormat::timeLabel(m_speech.currentTime()) + QStringLiteral(" / ") +
+                       WidgetFormat::timeLabel(m_speech.displayedTotalTime());
+    }
+    m_item->setToolTip(title, description);
+    if (m_tray)
+        m_tray->setToolTip(description.isEmpty() ? title : title + u'\n' + description);
 }
 
 void StatusMenu::updateItems()
@@ -98,9 +213,17 @@ void StatusMenu::updateItems()
         m_speech.isPlaying(), m_speech.isProcessing(), m_speech.hasContent(), widget && widget->isExpanded());
     m_narrate->setVisible(state.narrateOffered);
     m_expand->setVisible(state.expandOffered && widget);
+    m_narrateSeparator->setVisible(state.narrateSeparatorShown);
     m_pause->setText(state.pauseLabel);
     m_pause->setEnabled(state.pauseEnabled);
     m_stop->setEnabled(state.stopEnabled);
+}
+
+void StatusMenu::openMenuAt(const QPoint &position)
+{
+    // Only X11 lets a window place itself; elsewhere the panel's own menu is the way in.
+    if (QGuiApplication::platformName() == u"xcb" && !position.isNull())
+        m_menu->popup(position);
 }
 
 void StatusMenu::narrateSelection()

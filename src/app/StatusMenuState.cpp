@@ -7,6 +7,7 @@ StatusMenuState StatusMenuState::compute(bool isPlaying, bool isProcessing, bool
     StatusMenuState state;
     state.narrateOffered = idle;
     state.expandOffered = idle && !isExpanded;
+    state.narrateSeparatorShown = state.narrateOffered || state.expandOffered;
     state.pauseLabel = isProcessing ? QStringLiteral("Generating...") : QStringLiteral("Pause Narration");
     state.pauseEnabled = !isProcessing && hasContent;
     state.stopEnabled = hasContent || isProcessing;

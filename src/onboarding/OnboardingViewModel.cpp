@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "onboarding/OnboardingViewModel.h"
 
-#include "account/AccountHttp.h"
 #include "account/AuthManager.h"
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
@@ -10,14 +9,12 @@
 #include "core/Published.h"
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
-#include "onboarding/PurchaseError.h"
 #include "shortcuts/HotkeyManager.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 #include "widget/WidgetPalette.h"
 
 #include <QDesktopServices>
-#include <QNetworkAccessManager>
 #include <QTimer>
 
 #include <chrono>
@@ -52,7 +49,6 @@ QString stepName(OnboardingStep step)
 OnboardingViewModel::OnboardingViewModel(Services services, QObject *parent)
     : QObject(parent)
     , m_services(std::move(services))
-    , m_network(m_services.network ? m_services.network : new QNetworkAccessManager(this))
 {
     if (!m_services.clock)
         m_services.clock = &Clock::system();
@@ -261,8 +257,15 @@ void OnboardingViewModel::requestPermission()
 
 void OnboardingViewModel::signIn(bool google)
 {
-    if (m_services.auth)
-        m_services.auth->signIn(google);
+    if (!m_services.auth)
+        return;
+    const bool again = m_isSigningIn;
+    m_services.auth->signIn(google);
+    // The session was still waiting for the first browser: this one gets its own 10 s.
+    if (again && m_isSigningIn && std::exchange(m_signInWaitedLong, false)) {
+        holdSignInButtons();
+        Q_EMIT isSigningInChanged();
+    }
 }
 
 void OnboardingViewModel::useOwnApiKey()
@@ -280,67 +283,22 @@ bool OnboardingViewModel::hasKeychainItem(bool accessToken) const
 
 // --- Purchase ----------------------------------------------------------------------------------------------
 
-QUrl OnboardingViewModel::tokenExchangeUrl(const QUrl &serviceOrigin, const QString &code,
-                                           const QString &packageId)
-{
-    // The query-allowed set keeps '/', '?' and '=' as they are, so the redirect path reads plainly in the
-    // "next" value; what else the id holds is escaped.
-    const QString next = QStringLiteral("/api/credits/purchase-redirect?package=") + packageId;
-    const QString encodedNext = QString::fromLatin1(QUrl::toPercentEncoding(next, "!$&'()*+,;=:@/?"));
-    QString origin = serviceOrigin.toString(QUrl::FullyEncoded);
-    while (origin.endsWith(u'/'))
-        origin.chop(1);
-    const QString text = origin + QStringLiteral("/api/auth/token-exchange?code=") + code +
-                         QStringLiteral("&next=") + encodedNext;
-    return QUrl(text, QUrl::StrictMode);
-}
-
 void OnboardingViewModel::purchase(const QString &packageId)
 {
     setIsPurchasing(true);
     setPurchaseError(std::nullopt);
     if (assignIfChanged(m_selectedPackage, OnboardingPackage::withId(packageId)))
         Q_EMIT selectedPackageChanged();
-    if (!m_services.auth) {
+    if (!m_services.balance) {
         failPurchase(purchaseErrorDescription(PurchaseError::exchangeCodeFailed));
         return;
     }
-    m_services.auth->getValidAccessToken(this, [this, packageId](const AccountResult<QString> &token) {
-        if (!token.ok()) {
-            failPurchase(describe(token.failure()));
+    m_services.balance->requestPackagePurchaseUrl(packageId, this, [this](const AccountResult<QUrl> &url) {
+        if (!url.ok()) {
+            failPurchase(describe(url.failure()));
             return;
         }
-        purchaseWithToken(packageId, token.value());
-    });
-}
-
-void OnboardingViewModel::purchaseWithToken(const QString &packageId, const QString &token)
-{
-    AccountRequest request;
-    request.method = "POST";
-    request.url = m_services.serviceOrigin.resolved(QUrl(QStringLiteral("/api/auth/generate-code")));
-    request.headers = {{"Content-Type", "application/json"}, {"Authorization", bearer(token)}};
-    sendAccountRequest(*m_network, request, this, [this, packageId](const HttpAnswer &answer) {
-        if (answer.status != 200) {
-            failPurchase(purchaseErrorDescription(PurchaseError::exchangeCodeFailed));
-            return;
-        }
-        const AccountResult<QJsonObject> object = decodeObject(answer.body);
-        if (!object.ok()) {
-            failPurchase(describe(object.failure()));
-            return;
-        }
-        const std::optional<QString> code = stringMember(object.value(), QLatin1StringView("code"));
-        if (!code) {
-            failPurchase(describe(missingMember(QLatin1StringView("code"))));
-            return;
-        }
-        const QUrl url = tokenExchangeUrl(m_services.serviceOrigin, *code, packageId);
-        if (!url.isValid()) {
-            failPurchase(purchaseErrorDescription(PurchaseError::invalidURL));
-            return;
-        }
-        m_services.openUrl(url);
+        m_services.openUrl(url.value());
         setIsPurchasing(false);
     });
 }
@@ -464,8 +422,23 @@ void OnboardingViewModel::setHasPermissions(bool granted)
 
 void OnboardingViewModel::setIsSigningIn(bool signingIn)
 {
-    if (assignIfChanged(m_isSigningIn, signingIn))
+    if (!assignIfChanged(m_isSigningIn, signingIn))
+        return;
+    m_signInWaitedLong = false;
+    if (signingIn)
+        holdSignInButtons();
+    Q_EMIT isSigningInChanged();
+}
+
+void OnboardingViewModel::holdSignInButtons()
+{
+    const int generation = ++m_signInGeneration;
+    m_services.clock->callAfter(std::chrono::milliseconds(kSignInRetryMs), this, [this, generation] {
+        if (generation != m_signInGeneration || !m_isSigningIn)
+            return;
+        m_signInWaitedLong = true;
         Q_EMIT isSigningInChanged();
+    });
 }
 
 void OnboardingViewModel::setSignInError(std::optional<QString> error)

@@ -20,7 +20,6 @@ class AuthManager;
 class BalanceManager;
 class Clock;
 class KeychainHelper;
-class QNetworkAccessManager;
 class UserDefaults;
 
 // The first-run flow: which step shows, the permission and the account as they change, the try-it
@@ -40,6 +39,9 @@ class OnboardingViewModel : public QObject
     Q_PROPERTY(bool showPermissionError READ showPermissionError NOTIFY showPermissionErrorChanged)
     Q_PROPERTY(QString permissionHint READ permissionHint NOTIFY showPermissionErrorChanged)
     Q_PROPERTY(bool isSigningIn READ isSigningIn NOTIFY isSigningInChanged)
+    // The sign-in buttons: off while a sign-in has just started, on again after kSignInRetryMs so that a
+    // closed browser is no dead end (the first sign-in's callback still counts).
+    Q_PROPERTY(bool canSignIn READ canSignIn NOTIFY isSigningInChanged)
     Q_PROPERTY(QString signInError READ signInErrorText NOTIFY signInErrorChanged)
     Q_PROPERTY(bool hasCompletedTryIt READ hasCompletedTryIt NOTIFY hasCompletedTryItChanged)
     Q_PROPERTY(QString tutorialPhase READ tutorialPhaseName NOTIFY tutorialPhaseChanged)
@@ -64,6 +66,7 @@ class OnboardingViewModel : public QObject
 public:
     static constexpr const char *kHasCompletedOnboardingKey = "hasCompletedOnboarding";
     static constexpr int kPermissionPollMs = 1000;
+    static constexpr int kSignInRetryMs = 10000;
 
     enum class TutorialPhase { intro, tryIt, voice, appearance, shortcut };
 
@@ -74,8 +77,7 @@ public:
         SpeechManager *speech = nullptr;
         KeychainHelper *keychain = nullptr;
         UserDefaults *defaults = nullptr;
-        QNetworkAccessManager *network = nullptr; // none: one of its own
-        Clock *clock = nullptr;                   // none: the system clock
+        Clock *clock = nullptr; // none: the system clock
         QUrl serviceOrigin;
         // Whether selection capture works here (never prompts), and if not, why.
         std::function<bool()> isTrusted;
@@ -100,6 +102,7 @@ public:
     bool showPermissionError() const { return m_showPermissionError; }
     QString permissionHint() const { return m_permissionHint; }
     bool isSigningIn() const { return m_isSigningIn; }
+    bool canSignIn() const { return !m_isSigningIn || m_signInWaitedLong; }
     std::optional<QString> signInError() const { return m_signInError; }
     QString signInErrorText() const { return m_signInError.value_or(QString()); }
     bool hasCompletedTryIt() const { return m_hasCompletedTryIt; }
@@ -144,10 +147,6 @@ public:
     // "Finish Setup" and "Skip tutorial": buying minutes needs an account, so own-key users skip pricing.
     Q_INVOKABLE void finishTutorial();
 
-    // The browser page that signs the user in with `code` and then opens the purchase of `packageId`.
-    // Invalid when the text does not parse as a URL.
-    static QUrl tokenExchangeUrl(const QUrl &serviceOrigin, const QString &code, const QString &packageId);
-
 Q_SIGNALS:
     void currentStepChanged();
     void hasPermissionsChanged();
@@ -168,12 +167,12 @@ private:
     void subscribe();
     void schedulePoll();
     void pollTick();
-    void purchaseWithToken(const QString &packageId, const QString &token);
     void failPurchase(const QString &description);
     void setCurrentStep(OnboardingStep step);
     void setTutorialPhase(TutorialPhase phase);
     void setHasPermissions(bool granted);
     void setIsSigningIn(bool signingIn);
+    void holdSignInButtons();
     void setSignInError(std::optional<QString> error);
     void setHasCompletedTryIt(bool done);
     void setIsPurchasing(bool purchasing);
@@ -181,12 +180,13 @@ private:
     bool hasKeychainItem(bool accessToken) const;
 
     Services m_services;
-    QNetworkAccessManager *m_network;
     OnboardingStep m_currentStep = OnboardingStep::welcome;
     bool m_hasPermissions = false;
     bool m_showPermissionError = false;
     QString m_permissionHint;
     bool m_isSigningIn = false;
+    bool m_signInWaitedLong = false;
+    int m_signInGeneration = 0;
     std::optional<QString> m_signInError;
     bool m_hasCompletedTryIt = false;
     bool m_isPurchasing = false;

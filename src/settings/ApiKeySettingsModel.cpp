@@ -20,9 +20,7 @@ ApiKeySettingsModel::ApiKeySettingsModel(Services services, QObject *parent)
         m_ownNetwork = std::make_unique<QNetworkAccessManager>();
         m_services.network = m_ownNetwork.get();
     }
-    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
-    if (m_key && m_key->isEmpty())
-        m_key.reset();
+    reloadKey();
 }
 
 ApiKeySettingsModel::~ApiKeySettingsModel()
@@ -58,6 +56,16 @@ QString ApiKeySettingsModel::model() const
 QString ApiKeySettingsModel::defaultModel() const
 {
     return OpenAIServer::defaultModel();
+}
+
+void ApiKeySettingsModel::reloadKey()
+{
+    const std::optional<QString> before = m_key;
+    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    if (m_key && m_key->isEmpty())
+        m_key.reset();
+    if (m_key != before)
+        Q_EMIT keyChanged();
 }
 
 bool ApiKeySettingsModel::saveKey(const QString &text)

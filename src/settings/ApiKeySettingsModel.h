@@ -74,6 +74,8 @@ public:
 
     // Saves the typed key to the keyring; blank text changes nothing. False when the keyring refused it.
     Q_INVOKABLE bool saveKey(const QString &text);
+    // Reads the keyring again: the command line or another program may have set or removed the key.
+    Q_INVOKABLE void reloadKey();
     Q_INVOKABLE bool removeKey();
     // Blank restores the default. False, and nothing stored, for an address that is refused.
     Q_INVOKABLE bool setServer(const QString &text);

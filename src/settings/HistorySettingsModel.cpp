@@ -14,11 +14,13 @@ HistorySettingsModel::HistorySettingsModel(HistoryManager &history, SpeechManage
     , m_history(history)
     , m_speech(speech)
     , m_chooseExportPath(std::move(chooseExportPath))
+    , m_entries(new HistoryListModel(this))
 {
-    connect(&history, &HistoryManager::sessionsChanged, this, &HistorySettingsModel::rowsChanged);
+    updateEntries();
+    connect(&history, &HistoryManager::sessionsChanged, this, &HistorySettingsModel::updateEntries);
     connect(&speech, &SpeechManager::currentPlayingSessionIdChanged, this,
-            &HistorySettingsModel::rowsChanged);
-    connect(&speech, &SpeechManager::isPlayingChanged, this, &HistorySettingsModel::rowsChanged);
+            &HistorySettingsModel::updateEntries);
+    connect(&speech, &SpeechManager::isPlayingChanged, this, &HistorySettingsModel::updateEntries);
 }
 
 QString HistorySettingsModel::title(const QString &text)
@@ -30,29 +32,25 @@ QString HistorySettingsModel::title(const QString &text)
     return {};
 }
 
-QVariantList HistorySettingsModel::rows() const
+void HistorySettingsModel::updateEntries()
 {
     const std::optional<QUuid> playing =
         m_speech.isPlaying() ? m_speech.currentPlayingSessionId() : std::nullopt;
     const QLocale locale;
-    QVariantList list;
+    QList<HistoryListModel::Row> rows;
     for (const NarrationSession &session : m_history.sessions()) {
-        list.append(QVariantMap{
-            {QStringLiteral("id"), NarrationSession::canonicalId(session.id)},
-            {QStringLiteral("title"), title(session.text)},
-            {QStringLiteral("voice"), VoiceSettingsModel::voiceLabel(session.voice)},
-            {QStringLiteral("date"), locale.toString(session.timestamp.toLocalTime(), QLocale::ShortFormat)},
-            {QStringLiteral("duration"), session.formattedDuration()},
-            {QStringLiteral("playing"), playing == session.id},
-        });
+        rows.append({NarrationSession::canonicalId(session.id), title(session.text), session.text,
+                     VoiceSettingsModel::voiceLabel(session.voice),
+                     locale.toString(session.timestamp.toLocalTime(), QLocale::ShortFormat),
+                     session.formattedDuration(), playing == session.id});
     }
-    return list;
+    m_entries->setRows(rows);
 }
 
 void HistorySettingsModel::replay(const QString &id)
 {
     const QUuid uuid(id);
-    if (m_speech.isPlaying() && m_speech.currentPlayingSessionId() == uuid)
+    if (m_speech.currentPlayingSessionId() == uuid && m_speech.hasContent())
         m_speech.togglePlayPause();
     else
         m_speech.playFromHistory(uuid);

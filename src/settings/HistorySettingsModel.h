@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "settings/HistoryListModel.h"
+
 #include <QObject>
-#include <QVariantList>
 #include <QtQml/qqmlregistration.h>
 
 #include <functional>
@@ -16,8 +17,7 @@ class HistorySettingsModel : public QObject
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("The settings window provides its view models")
-    // {id, title, voice, date, duration, playing}
-    Q_PROPERTY(QVariantList rows READ rows NOTIFY rowsChanged)
+    Q_PROPERTY(HistoryListModel *entries READ entries CONSTANT)
     // The outcome of the last export, for the user.
     Q_PROPERTY(QString exportMessage READ exportMessage NOTIFY exportMessageChanged)
 
@@ -31,23 +31,25 @@ public:
     // The first line of the text that is not blank, trimmed.
     static QString title(const QString &text);
 
-    QVariantList rows() const;
+    HistoryListModel *entries() const { return m_entries; }
     QString exportMessage() const { return m_exportMessage; }
 
+    // Plays the entry from its start; the entry that is loaded and paused resumes instead.
     Q_INVOKABLE void replay(const QString &id);
     Q_INVOKABLE void remove(const QString &id);
     Q_INVOKABLE void clearAll();
     Q_INVOKABLE void exportSession(const QString &id);
 
 Q_SIGNALS:
-    void rowsChanged();
     void exportMessageChanged();
 
 private:
     void setExportMessage(const QString &message);
+    void updateEntries();
 
     HistoryManager &m_history;
     SpeechManager &m_speech;
     ChooseExportPath m_chooseExportPath;
+    HistoryListModel *m_entries;
     QString m_exportMessage;
 };

@@ -34,8 +34,7 @@ SettingsViewModel::SettingsViewModel(std::optional<SettingsSection> initialSecti
             m_history = new HistorySettingsModel(*s.history, *s.speech, s.chooseExportPath, this);
     }
     // Also without global shortcuts: the section is where a missing permission sends the user.
-    m_shortcuts =
-        new ShortcutSettingsModel(s.hotkeys, s.captureProblem ? s.captureProblem() : QString(), this);
+    m_shortcuts = new ShortcutSettingsModel(s.hotkeys, s.captureProblem, this);
     if (s.keychain && s.defaults) {
         m_apiKeys = new ApiKeySettingsModel({.keychain = s.keychain,
                                              .defaults = s.defaults,
@@ -79,7 +78,11 @@ void SettingsViewModel::select(SettingsSection section)
 {
     if (m_current == section)
         return;
+    // A recorder left waiting would take the next combination typed after coming back.
+    m_shortcuts->setRecordingRow(-1);
     m_current = section;
+    if (section == SettingsSection::shortcuts)
+        m_shortcuts->refreshCaptureProblem();
     Q_EMIT currentSectionChanged();
 }
 
@@ -90,6 +93,22 @@ bool SettingsViewModel::selectLabel(const QString &label)
         return false;
     select(*section);
     return true;
+}
+
+void SettingsViewModel::windowActivated()
+{
+    if (m_apiKeys)
+        m_apiKeys->reloadKey();
+    m_shortcuts->refreshCaptureProblem();
+}
+
+void SettingsViewModel::adoptServices(const SettingsServices &latest)
+{
+    if (!m_services.hotkeys && latest.hotkeys) {
+        m_services.hotkeys = latest.hotkeys;
+        m_shortcuts->setHotkeys(latest.hotkeys);
+    }
+    m_shortcuts->refreshCaptureProblem();
 }
 
 void SettingsViewModel::refreshShownSection()

@@ -64,6 +64,11 @@ public:
 
     // What showing the current section asks for: a fresh balance, fresh server usage.
     void refreshShownSection();
+    // The window came to the front: what changed meanwhile outside it (the keyring, the session) shows.
+    void windowActivated();
+    // Managers installed after the window was made (the shortcut manager, once normal operation starts)
+    // join the sections that were waiting for them.
+    void adoptServices(const SettingsServices &latest);
 
 Q_SIGNALS:
     void currentSectionChanged();

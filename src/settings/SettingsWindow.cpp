@@ -3,6 +3,7 @@
 
 #include "core/AppEvents.h"
 #include "core/Logging.h"
+#include "platform/dbus/SecretServiceWatcher.h"
 #include "settings/SettingsViewModel.h"
 #include "widget/IconProvider.h"
 
@@ -13,6 +14,7 @@
 #include <QQuickView>
 #include <QScreen>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_SettingsPlugin)
@@ -79,6 +81,24 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
 
     connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
             &SettingsViewModel::selectLabel);
+    connect(m_window.get(), &QWindow::activeChanged, m_viewModel, [this] {
+        if (m_window->isActive())
+            m_viewModel->windowActivated();
+    });
+    if (ApiKeySettingsModel *apiKeys = m_viewModel->apiKeys()) {
+        // A save is a deletion and a creation: read the keyring once they have both arrived.
+        auto *reload = new QTimer(this);
+        reload->setSingleShot(true);
+        reload->setInterval(100);
+        connect(reload, &QTimer::timeout, apiKeys, &ApiKeySettingsModel::reloadKey);
+        auto *keyring = new SecretServiceWatcher(this);
+        connect(keyring, &SecretServiceWatcher::itemsChanged, reload, qOverload<>(&QTimer::start));
+    }
+}
+
+void SettingsWindow::adoptServices(const SettingsServices &latest)
+{
+    m_viewModel->adoptServices(latest);
 }
 
 SettingsWindow::~SettingsWindow() = default;

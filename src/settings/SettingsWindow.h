@@ -35,6 +35,8 @@ public:
 
     // Shows the window, brings it to the front and asks for the keyboard focus.
     void present();
+    // See SettingsViewModel::adoptServices.
+    void adoptServices(const SettingsServices &latest);
 
 private:
     SettingsViewModel *m_viewModel;

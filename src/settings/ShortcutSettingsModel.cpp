@@ -4,7 +4,9 @@
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/KeyTable.h"
 
+#include <QClipboard>
 #include <QDBusServiceWatcher>
+#include <QGuiApplication>
 #include <QMetaMethod>
 
 namespace {
@@ -56,22 +58,34 @@ quint64 modifiersOf(const HotkeyManager &m, Binding b)
 
 } // namespace
 
-ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, QString captureProblem, QObject *parent)
+ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, std::function<QString()> captureProblem,
+                                             QObject *parent)
     : QObject(parent)
-    , m_hotkeys(hotkeys)
-    , m_captureProblem(std::move(captureProblem))
+    , m_readCaptureProblem(std::move(captureProblem))
 {
+    if (m_readCaptureProblem)
+        m_captureProblem = m_readCaptureProblem();
     if (GnomeShellExtension::isGnomeWayland()) {
         m_gnome = GnomeShellExtension::support();
         // Switched on (here or in the Extensions app) or off while the window is open.
         auto *watcher = new QDBusServiceWatcher(QString::fromLatin1(GnomeShellExtension::kService),
                                                 QDBusConnection::sessionBus(),
                                                 QDBusServiceWatcher::WatchForOwnerChange, this);
-        connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
-                [this] { setGnomeSupport(GnomeShellExtension::support()); });
+        connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this, [this] {
+            setGnomeSupport(GnomeShellExtension::support());
+            refreshCaptureProblem();
+        });
     }
-    if (!hotkeys)
+    setHotkeys(hotkeys);
+}
+
+void ShortcutSettingsModel::setHotkeys(HotkeyManager *hotkeys)
+{
+    if (!hotkeys || hotkeys == m_hotkeys)
         return;
+    if (m_hotkeys)
+        disconnect(m_hotkeys, nullptr, this, nullptr);
+    m_hotkeys = hotkeys;
     // Every binding and registration signal means the rows changed.
     const QMetaObject *meta = hotkeys->metaObject();
     const QMetaMethod rowsChangedSignal = QMetaMethod::fromSignal(&ShortcutSettingsModel::rowsChanged);
@@ -79,6 +93,34 @@ ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, QString cap
         if (meta->method(i).methodType() == QMetaMethod::Signal)
             connect(hotkeys, meta->method(i), this, rowsChangedSignal);
     }
+    Q_EMIT rowsChanged();
+    refreshCaptureProblem();
+}
+
+void ShortcutSettingsModel::refreshCaptureProblem()
+{
+    if (!m_readCaptureProblem)
+        return;
+    if (QString problem = m_readCaptureProblem(); problem != m_captureProblem) {
+        m_captureProblem = std::move(problem);
+        Q_EMIT captureProblemChanged();
+    }
+}
+
+void ShortcutSettingsModel::setRecordingRow(int row)
+{
+    if (!m_hotkeys || !isRow(row))
+        row = -1;
+    if (row == m_recordingRow)
+        return;
+    m_recordingRow = row;
+    Q_EMIT recordingRowChanged();
+}
+
+void ShortcutSettingsModel::copyDesktopBindings() const
+{
+    if (QClipboard *clipboard = QGuiApplication::clipboard())
+        clipboard->setText(desktopBindings());
 }
 
 bool ShortcutSettingsModel::isSway()

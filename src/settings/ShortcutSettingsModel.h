@@ -8,6 +8,8 @@
 #include <QVariantList>
 #include <QtQml/qqmlregistration.h>
 
+#include <functional>
+
 class HotkeyManager;
 
 // The Shortcuts section: the six bindings as rows, each with its recorder and a reset to its default,
@@ -22,7 +24,9 @@ class ShortcutSettingsModel : public QObject
     // the desktop decides the keys, `label` is the combination we asked for and `assigned` the key it gave.
     Q_PROPERTY(QVariantList rows READ rows NOTIFY rowsChanged)
     // What selection capture lacks in this session; empty when it works.
-    Q_PROPERTY(QString captureProblem READ captureProblem CONSTANT)
+    Q_PROPERTY(QString captureProblem READ captureProblem NOTIFY captureProblemChanged)
+    // The row whose recorder waits for a combination; -1 for none. At most one row records.
+    Q_PROPERTY(int recordingRow READ recordingRow WRITE setRecordingRow NOTIFY recordingRowChanged)
     // Without global shortcuts: what to bind in the desktop's own settings, and the text introducing it.
     Q_PROPERTY(QString desktopBindingsIntro READ desktopBindingsIntro CONSTANT)
     Q_PROPERTY(QString desktopBindings READ desktopBindings CONSTANT)
@@ -35,13 +39,22 @@ class ShortcutSettingsModel : public QObject
     Q_PROPERTY(QString gnomeActionResult READ gnomeActionResult NOTIFY gnomeChanged)
 
 public:
-    // `hotkeys` none: this session has no global shortcuts.
-    ShortcutSettingsModel(HotkeyManager *hotkeys, QString captureProblem, QObject *parent = nullptr);
+    // `hotkeys` none: no global shortcuts (yet). `captureProblem` says what capture lacks; asked again
+    // by refreshCaptureProblem().
+    ShortcutSettingsModel(HotkeyManager *hotkeys, std::function<QString()> captureProblem,
+                          QObject *parent = nullptr);
 
     static QString rowTitle(int row);
 
+    // The shortcut manager made after the window (normal operation starts after onboarding).
+    void setHotkeys(HotkeyManager *hotkeys);
+    void refreshCaptureProblem();
+
     QVariantList rows() const;
     QString captureProblem() const { return m_captureProblem; }
+    int recordingRow() const { return m_recordingRow; }
+    // Out of range ends any recording.
+    void setRecordingRow(int row);
     // sway takes its key bindings from its configuration file only: there the lines to add, with the
     // default combinations; elsewhere the commands, for the desktop's keyboard settings.
     static QString desktopBindings(bool sway);
@@ -69,14 +82,20 @@ public:
 
     Q_INVOKABLE void enableGnomeExtension();
     Q_INVOKABLE void addGnomeKeybindings();
+    // Puts the desktop binding lines on the clipboard.
+    Q_INVOKABLE void copyDesktopBindings() const;
 
 Q_SIGNALS:
     void rowsChanged();
     void gnomeChanged();
+    void captureProblemChanged();
+    void recordingRowChanged();
 
 private:
-    HotkeyManager *m_hotkeys;
+    HotkeyManager *m_hotkeys = nullptr;
+    std::function<QString()> m_readCaptureProblem;
     QString m_captureProblem;
+    int m_recordingRow = -1;
     GnomeShellExtension::Support m_gnome = GnomeShellExtension::Support::NotGnome;
     QString m_gnomeActionResult;
 };

@@ -2,7 +2,6 @@
 #include "shortcuts/HotKeyCenter.h"
 
 #include "core/Logging.h"
-#include "shortcuts/HotKeyRegistration.h"
 #include "shortcuts/KeyTable.h"
 
 HotKeyCenter::HotKeyCenter(std::unique_ptr<GlobalHotKeyBackend> backend)
@@ -108,4 +107,30 @@ void HotKeyCenter::handleEvent(const NativeHotKeyEvent &event)
     // The handler may replace registrations, this one included.
     const std::function<void()> handler = registration->m_keyDownHandler;
     handler();
+}
+
+// --- HotKeyRegistration ------------------------------------------------------------------------------
+
+HotKeyRegistration::HotKeyRegistration(HotKeyCenter *center, quint32 key, quint64 modifiers, int rank,
+                                       std::optional<NativeHotKey> nativeHotKey)
+    : m_center(center)
+    , m_key(key)
+    , m_modifiers(modifiers)
+    , m_rank(rank)
+    , m_native(nativeHotKey)
+{}
+
+HotKeyRegistration::~HotKeyRegistration()
+{
+    m_center->unregister(this);
+}
+
+bool HotKeyRegistration::isRegistered() const
+{
+    return m_center->isRegistered(this);
+}
+
+bool HotKeyRegistration::isRefusedBySystem() const
+{
+    return m_center->isRefusedBySystem(this);
 }

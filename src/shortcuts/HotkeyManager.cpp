@@ -6,7 +6,6 @@
 #include "core/UserDefaults.h"
 #include "platform/GlobalHotKeyBackend.h"
 #include "shortcuts/HotKeyCenter.h"
-#include "shortcuts/HotKeyRegistration.h"
 #include "shortcuts/KeyTable.h"
 #include "shortcuts/NarrationControls.h"
 #include "speech/NarrationServices.h"

@@ -106,3 +106,12 @@ void ShortcutRecorderItem::keyReleaseEvent(QKeyEvent *event)
     else
         event->ignore();
 }
+
+void ShortcutRecorderItem::focusOutEvent(QFocusEvent *event)
+{
+    QQuickItem::focusOutEvent(event);
+    if (!m_recording)
+        return;
+    setRecording(false);
+    Q_EMIT cancel();
+}

@@ -7,8 +7,9 @@
 // The key-receiving side of the shortcut recorder: while `recording`, it holds the keyboard focus and
 // turns the next key press into a (virtual key code, modifier flags) pair, read positionally from the
 // key's scan code, so that the binding means the same physical key whatever the keyboard layout.
-// Escape cancels; keys without one of the four modifiers, or without a name, are ignored and the
-// recorder keeps waiting. The global shortcuts stay registered meanwhile.
+// Escape cancels, and so does losing the focus: a recorder records only while it has the keyboard. Keys
+// without one of the four modifiers, or without a name, are ignored and the recorder keeps waiting. The
+// global shortcuts stay registered meanwhile.
 class ShortcutRecorderItem : public QQuickItem
 {
     Q_OBJECT
@@ -36,13 +37,14 @@ Q_SIGNALS:
     void recordingChanged();
     // Once per accepted combination; recording has stopped when it is emitted.
     void shortcutRecorded(quint32 key, quint64 modifiers);
-    // Escape was pressed; recording has stopped.
+    // Escape was pressed or the focus went elsewhere; recording has stopped.
     void cancel();
 
 protected:
     bool event(QEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
     void keyReleaseEvent(QKeyEvent *event) override;
+    void focusOutEvent(QFocusEvent *event) override;
 
 private:
     bool m_recording = false;

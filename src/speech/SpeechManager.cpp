@@ -7,17 +7,11 @@
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
-#include "speech/AudioEngine.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
-#include "speech/OpenAIServer.h"
-#include "speech/SpeechSequence.h"
-#include "speech/TextPieces.h"
 
 #include <QFile>
-#include <QNetworkAccessManager>
-
-#include <algorithm>
+#include <QTimer>
 
 namespace {
 
@@ -26,27 +20,17 @@ const QString kSelectedVoiceStyleKey = QStringLiteral("selectedVoiceStyle");
 const QString kWidgetAppearanceKey = QStringLiteral("widgetAppearance");
 const QString kWidgetThemeKey = QStringLiteral("widgetTheme");
 
-constexpr qsizetype kPrebufferBytes =
-    qsizetype(SpeechManager::kPrebufferDurationSeconds * SpeechManager::kSampleRateHz * 2);
-
-double secondsForBytes(qint64 bytes)
-{
-    return double(bytes) * 0.5 / SpeechManager::kSampleRateHz;
-}
-
 } // namespace
 
 SpeechManager::SpeechManager(Services services, QObject *parent)
     : QObject(parent)
     , m_services(std::move(services))
+    , m_stream({m_services.defaults, m_services.serviceOrigin, m_services.openAIOrigin,
+                m_services.openAIOriginFromEnvironment},
+               m_services.network, kAudioChunkSize)
+    , m_playback(std::move(m_services.audioSink))
 {
     Q_ASSERT(m_services.defaults && m_services.keychain && m_services.account && m_services.selection);
-    if (m_services.network) {
-        m_network = m_services.network;
-    } else {
-        m_ownNetwork = std::make_unique<QNetworkAccessManager>();
-        m_network = m_ownNetwork.get();
-    }
 
     UserDefaults &d = *m_services.defaults;
     m_selectedVoice = d.string(kSelectedVoiceKey).value_or(defaultVoice());
@@ -55,18 +39,44 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
     m_widgetAppearance = widgetAppearanceFromRawValue(d.string(kWidgetAppearanceKey).value_or(QString()));
     m_widgetTheme = widgetThemeFromRawValue(d.string(kWidgetThemeKey).value_or(QString()));
 
-    m_seekDebounce.setSingleShot(true);
-    m_seekDebounce.setInterval(50);
-    connect(&m_seekDebounce, &QTimer::timeout, this, &SpeechManager::performPendingSeek);
-    m_progressTimer.setInterval(200);
-    connect(&m_progressTimer, &QTimer::timeout, this, &SpeechManager::updateProgress);
+    connect(&m_stream, &NarrationStream::headReceived, this, &SpeechManager::onStreamHead);
+    connect(&m_stream, &NarrationStream::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
+    connect(&m_stream, &NarrationStream::chunkReceived, &m_playback, &NarrationPlayback::appendChunk);
+    connect(&m_stream, &NarrationStream::laterPieceFailed, this, [this](int status) {
+        const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
+        m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
+                                        : speechErrorForStatus(status, minutes);
+    });
+    connect(&m_stream, &NarrationStream::bodyFinished, this,
+            [this] { recordNarration(m_stream.isViaService()); });
 
-    setupAudioEngine();
+    const NarrationPlayback *playback = &m_playback;
+    connect(playback, &NarrationPlayback::isProcessingChanged, this, &SpeechManager::isProcessingChanged);
+    connect(playback, &NarrationPlayback::isPlayingChanged, this, &SpeechManager::isPlayingChanged);
+    connect(playback, &NarrationPlayback::hasContentChanged, this, &SpeechManager::hasContentChanged);
+    connect(playback, &NarrationPlayback::playbackSpeedChanged, this, &SpeechManager::playbackSpeedChanged);
+    connect(playback, &NarrationPlayback::currentTimeChanged, this, &SpeechManager::currentTimeChanged);
+    connect(playback, &NarrationPlayback::totalTimeChanged, this, &SpeechManager::totalTimeChanged);
+    connect(playback, &NarrationPlayback::displayedTotalTimeChanged, this,
+            &SpeechManager::displayedTotalTimeChanged);
+    connect(playback, &NarrationPlayback::seekPerformed, this, &SpeechManager::seekPerformed);
+    connect(playback, &NarrationPlayback::ended, this, &SpeechManager::onPlaybackEnded);
+    connect(playback, &NarrationPlayback::errorCleared, this, [this] { setCurrentError(std::nullopt); });
+    connect(playback, &NarrationPlayback::errorRaised, this, &SpeechManager::setCurrentError);
+    const LevelPublisher *levels = &m_playback.levels();
+    connect(levels, &LevelPublisher::currentAudioLevelChanged, this,
+            &SpeechManager::currentAudioLevelChanged);
+    connect(levels, &LevelPublisher::rawAudioLevelChanged, this, &SpeechManager::rawAudioLevelChanged);
+    connect(levels, &LevelPublisher::lastLevelTimestampChanged, this,
+            &SpeechManager::lastLevelTimestampChanged);
+
+    if (const std::optional<QString> error = m_playback.connectOutput())
+        setCurrentError(SpeechError::makeAudioEngineFailure(*error));
 }
 
 SpeechManager::~SpeechManager()
 {
-    cancelCurrentTask();
+    m_stream.cancel();
 }
 
 void SpeechManager::installShared(SpeechManager *manager)
@@ -107,7 +117,7 @@ void SpeechManager::handleNarrationTrigger()
         QTimer::singleShot(0, this, [this, trimmed] { speak(trimmed); });
         return;
     }
-    if (m_hasContent) {
+    if (m_playback.hasContent()) {
         togglePlayPause();
         return;
     }
@@ -117,7 +127,7 @@ void SpeechManager::handleNarrationTrigger()
 
 double SpeechManager::estimatedDuration(const QString &text) const
 {
-    return NarrationText::estimatedDuration(text, m_playbackSpeed);
+    return NarrationText::estimatedDuration(text, m_playback.playbackSpeed());
 }
 
 void SpeechManager::speak(const QString &text)
@@ -178,97 +188,37 @@ void SpeechManager::startServiceNarration(const QString &text, quint64 speakGene
 void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credential, const QString &text,
                                  double estimate)
 {
-    setIsProcessing(true);
-    withState([](StreamState &s) { s.isStreamActive = true; });
-    setHasContent(true);
-    setIsPlaying(false);
-    withState([](StreamState &s) { s.hasStartedPlayback = false; });
-    setDisplayedTotalTime(estimate <= 0.1 ? 0.1 : estimate);
-
+    m_playback.beginStream(estimate);
     if (!ensureAudioEngine())
         return;
     // Wake the device now: an idle output swallows the first word.
-    m_engine->prepare();
-
-    TTSRequest body;
-    body.model = speechModel(backend);
-    body.input = text;
-    body.voice = m_selectedVoice;
-    body.instructions = m_selectedVoiceStyle.instructions();
-    QUrl origin = backend == SpeechBackend::Service ? m_services.serviceOrigin : m_services.openAIOrigin;
-    // Read per request, so that a server chosen in the settings applies to the next narration.
-    if (backend == SpeechBackend::OpenAI && m_services.defaults) {
-        body.model = OpenAIServer::effectiveModel(*m_services.defaults);
-        origin = OpenAIServer::effectiveOrigin(*m_services.defaults, m_services.openAIOrigin,
-                                               m_services.openAIOriginFromEnvironment);
-    }
-
-    // OpenAI's endpoint takes a limited input, so a long text goes out as consecutive pieces; the
-    // service takes any length in one request.
-    const QStringList texts = backend == SpeechBackend::OpenAI ? TextPieces::split(text) : QStringList{text};
-    const QNetworkRequest request = buildSpeechRequest(backend, origin, credential);
-    QList<SpeechSequence::Piece> pieces;
-    for (const QString &piece : texts) {
-        body.input = piece;
-        pieces.append({request, body.toJson()});
-    }
-    auto *stream = new SpeechSequence(m_network, std::move(pieces), this);
-    m_currentTask = stream;
-    m_currentTaskViaService = backend == SpeechBackend::Service;
-    m_chunker.clear();
-    connect(stream, &SpeechSequence::headReceived, this, &SpeechManager::onStreamHead);
-    connect(stream, &SpeechSequence::failedBeforeHead, this, &SpeechManager::onStreamFailedBeforeHead);
-    connect(stream, &SpeechSequence::dataReceived, this, &SpeechManager::appendStreamBytes);
-    connect(stream, &SpeechSequence::laterPieceFailed, this, [this](int status) {
-        const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
-        m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
-                                        : speechErrorForStatus(status, minutes);
-    });
-    connect(stream, &SpeechSequence::bodyFinished, this,
-            [this] { recordNarration(m_currentTaskViaService); });
-    stream->start();
+    m_playback.prepareOutput();
+    m_stream.start({backend, credential, text, m_selectedVoice, m_selectedVoiceStyle.instructions()});
 }
 
 void SpeechManager::onStreamHead(int status)
 {
     if (status == 200)
         return;
-    cancelCurrentTask();
+    m_stream.cancel();
     const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
     setCurrentError(speechErrorForStatus(status, minutes));
-    setIsProcessing(false);
-    if (m_engine && !m_isPlaying)
-        m_engine->stop(); // let the device idle again
+    m_playback.abandonRequest();
 }
 
 void SpeechManager::onStreamFailedBeforeHead()
 {
-    cancelCurrentTask();
+    m_stream.cancel();
     setCurrentError(SpeechError::make(SpeechError::invalidResponse));
-    setIsProcessing(false);
-    if (m_engine && !m_isPlaying)
-        m_engine->stop();
-}
-
-void SpeechManager::cancelCurrentTask()
-{
-    if (SpeechSequence *stream = m_currentTask) {
-        m_currentTask = nullptr;
-        stream->disconnect(this);
-        stream->cancel();
-        stream->deleteLater();
-    }
+    m_playback.abandonRequest();
 }
 
 void SpeechManager::recordNarration(bool viaService)
 {
-    withState([](StreamState &s) { s.isStreamActive = false; });
-    finishStream();
-    cancelCurrentTask();
+    m_playback.finishStream(m_stream.takeTail());
+    m_stream.cancel();
 
-    const QByteArray audio = m_isVoicePreview
-                                 ? QByteArray()
-                                 : withState([](StreamState &s) { return s.accumulatedData.joined(); });
+    const QByteArray audio = m_isVoicePreview ? QByteArray() : m_playback.receivedAudio();
     if (!m_isVoicePreview && m_currentNarrationText && m_currentNarrationVoice && !audio.isEmpty()) {
         const double duration = double(audio.size() / 2) / kSampleRateHz;
         if (m_services.records) {
@@ -279,8 +229,7 @@ void SpeechManager::recordNarration(bool viaService)
         if (viaService)
             m_services.account->deductSeconds(duration);
     }
-    if (withState([](StreamState &s) { return s.activeBuffersCount; }) == 0)
-        endOfPlayback();
+    m_playback.endIfDrained();
 }
 
 void SpeechManager::playVoicePreview(const QString &voice)
@@ -320,229 +269,47 @@ void SpeechManager::playFromHistory(const QUuid &sessionId)
 }
 
 // ---------------------------------------------------------------------------------------------------
-// Stream and playback
+// Playback
 
-void SpeechManager::appendStreamBytes(const QByteArray &piece)
+void SpeechManager::onPlaybackEnded()
 {
-    m_chunker.push(piece, [this](const QByteArray &chunk) {
-        acceptChunk(chunk);
-        publishTotals();
-        startCheck(false);
-    });
-}
-
-void SpeechManager::acceptChunk(const QByteArray &chunk)
-{
-    withState([&](StreamState &s) { s.accumulatedData.append(chunk); });
-    scheduleChunk(chunk, 0, chunk.size());
-    withState([&](StreamState &s) { s.receivedByteCount += chunk.size(); });
-}
-
-void SpeechManager::publishTotals()
-{
-    setTotalTime(secondsForBytes(withState([](StreamState &s) { return s.receivedByteCount; })));
-    raiseDisplayedTotalTime();
-}
-
-void SpeechManager::startCheck(bool streamEnded)
-{
-    const auto [started, held] =
-        withState([](StreamState &s) { return std::pair(s.hasStartedPlayback, s.accumulatedData.size()); });
-    if (started)
-        return;
-    // A stream that ended short of the prebuffer is played anyway: people select single words.
-    if (held >= kPrebufferBytes || (streamEnded && held > 0))
-        startPlayback();
-}
-
-void SpeechManager::finishStream()
-{
-    if (const QByteArray tail = m_chunker.takeTail(); !tail.isEmpty())
-        acceptChunk(tail);
-    withState([](StreamState &s) { s.isStreamActive = false; });
-    publishTotals();
-    startCheck(true);
-    if (m_engine)
-        m_engine->markEndOfInput();
-}
-
-void SpeechManager::scheduleChunk(const QByteArray &storage, qsizetype offset, qsizetype bytes)
-{
-    if (!m_engine || bytes / 2 == 0)
-        return;
-    withState([](StreamState &s) { ++s.activeBuffersCount; });
-    m_engine->scheduleBuffer(storage, offset, bytes, m_bufferGeneration);
-}
-
-void SpeechManager::scheduleAllFrom(qsizetype fromByte)
-{
-    AccumulatedAudio audio;
-    bool streamActive = false;
-    withState([&](StreamState &s) {
-        audio = s.accumulatedData;
-        streamActive = s.isStreamActive;
-    });
-    audio.forEachRange(fromByte, kAudioChunkSize,
-                       [this](const QByteArray &storage, qsizetype offset, qsizetype bytes) {
-                           scheduleChunk(storage, offset, bytes);
-                       });
-    if (!streamActive && m_engine)
-        m_engine->markEndOfInput();
-}
-
-void SpeechManager::startPlayback()
-{
-    if (!m_engine)
-        return;
-    m_engine->play();
-    setIsPlaying(true);
-    startProgressTimer();
-    if (!m_isTapInstalled)
-        installLevelTap();
-    setCurrentError(std::nullopt);
-    withState([](StreamState &s) { s.hasStartedPlayback = true; });
-    raiseDisplayedTotalTime();
-    setIsProcessing(false);
-}
-
-void SpeechManager::endOfPlayback()
-{
-    setIsPlaying(false);
-    m_progressTimer.stop();
-    removeLevelTap();
-    if (m_engine)
-        m_engine->stop();
-    withState([](StreamState &s) { s.hasStartedPlayback = false; });
-    setCurrentTime(m_totalTime);
-    raiseDisplayedTotalTime();
     if (m_errorAfterHeard)
         setCurrentError(std::exchange(m_errorAfterHeard, std::nullopt));
     Q_EMIT playbackEnded();
 }
 
-void SpeechManager::onBufferCompleted(quint64 generation)
-{
-    if (generation != m_bufferGeneration)
-        return; // scheduled before a stop or seek
-    const bool finished = withState(
-        [](StreamState &s) { return --s.activeBuffersCount == 0 && !s.isStreamActive && !s.isSeeking; });
-    if (finished)
-        endOfPlayback();
-}
-
 void SpeechManager::togglePlayPause()
 {
-    if (m_seekDebounce.isActive()) {
-        m_seekDebounce.stop();
-        performPendingSeek();
-    }
-    if (!m_engine)
-        return;
-    if (m_isPlaying) {
-        m_engine->pause();
-        setIsPlaying(false);
-        m_progressTimer.stop();
-        return;
-    }
-    const auto [active, held] =
-        withState([](StreamState &s) { return std::pair(s.activeBuffersCount, s.accumulatedData.size()); });
-    // Nothing to play (stopped, failed before any audio, or audio still to come, which starts by itself).
-    if (!m_hasContent || held == 0)
-        return;
-    if (active == 0) {
-        // Played to the end: start again from the beginning.
-        if (!ensureAudioEngine(true))
-            return;
-        m_engine->stop();
-        m_currentFrameOffset = 0;
-        setCurrentTime(0);
-        scheduleAllFrom(0);
-    }
-    if (!ensureAudioEngine(true))
-        return;
-    m_engine->play();
-    setIsPlaying(true);
-    startProgressTimer();
-    if (!m_isTapInstalled)
-        installLevelTap();
-    setCurrentError(std::nullopt);
+    m_playback.togglePlayPause();
 }
 
 void SpeechManager::stop()
 {
     ++m_speakGeneration;
     m_errorAfterHeard.reset();
-    m_seekDebounce.stop();
-    m_pendingSeekFrame.reset();
-    cancelCurrentTask();
-    withState([](StreamState &s) { s.isSeeking = false; });
-    ++m_bufferGeneration;
-    withState([](StreamState &s) { s.activeBuffersCount = 0; });
-    if (m_engine)
-        m_engine->stop();
-    m_progressTimer.stop();
-    removeLevelTap();
-    m_chunker.clear();
-    withState([](StreamState &s) {
-        s.accumulatedData.clear();
-        s.receivedByteCount = 0;
-        s.hasStartedPlayback = false;
-    });
-    m_currentFrameOffset = 0;
-    setCurrentTime(0);
-    setTotalTime(0);
-    setDisplayedTotalTime(0);
-    withState([](StreamState &s) { s.isStreamActive = false; });
-    setIsPlaying(false);
-    setIsProcessing(false);
-    setHasContent(false);
+    m_stream.cancel();
+    m_playback.stop();
     setCurrentPlayingSessionId(std::nullopt);
 }
 
 void SpeechManager::seekToFrame(qint64 frame)
 {
-    m_pendingSeekFrame = frame;
-    const qint64 frames = accumulatedByteCount() / 2;
-    setCurrentTime(double(std::clamp<qint64>(frame, 0, frames)) / kSampleRateHz);
-    m_seekDebounce.start();
+    m_playback.seekToFrame(frame);
 }
 
 void SpeechManager::seekToProgress(double fraction)
 {
-    performSeek(qint64(double(accumulatedByteCount()) * 0.5 * fraction));
-}
-
-void SpeechManager::performPendingSeek()
-{
-    if (const std::optional<qint64> frame = std::exchange(m_pendingSeekFrame, std::nullopt))
-        performSeek(*frame);
-}
-
-void SpeechManager::performSeek(qint64 frame)
-{
-    withState([](StreamState &s) { s.isSeeking = true; });
-    const qint64 frames = accumulatedByteCount() / 2;
-    const qint64 target = std::clamp<qint64>(frame, 0, frames);
-    ++m_bufferGeneration;
-    withState([](StreamState &s) { s.activeBuffersCount = 0; });
-    if (m_engine)
-        m_engine->stop();
-    m_currentFrameOffset = target;
-    setCurrentTime(double(target) / kSampleRateHz);
-    if (target < frames) {
-        scheduleAllFrom(target * 2);
-        if (m_isPlaying && m_engine)
-            m_engine->play(); // a paused narration stays paused at the new place
-    } else {
-        endOfPlayback();
-    }
-    withState([](StreamState &s) { s.isSeeking = false; });
-    Q_EMIT seekPerformed(target);
+    m_playback.seekToProgress(fraction);
 }
 
 void SpeechManager::cyclePlaybackSpeed()
 {
-    setPlaybackSpeed(nextPlaybackSpeed(m_playbackSpeed));
+    setPlaybackSpeed(nextPlaybackSpeed(m_playback.playbackSpeed()));
+}
+
+void SpeechManager::setPlaybackSpeed(float speed)
+{
+    m_playback.setPlaybackSpeed(speed);
 }
 
 void SpeechManager::replayStoredAudio(const QByteArray &audio)
@@ -550,196 +317,31 @@ void SpeechManager::replayStoredAudio(const QByteArray &audio)
     stop();
     if (!ensureAudioEngine())
         return;
-    withState([&](StreamState &s) {
-        s.accumulatedData.assign(audio);
-        s.receivedByteCount = audio.size();
-    });
-    const double total = double(audio.size() / 2) / kSampleRateHz;
-    setTotalTime(total);
-    setDisplayedTotalTime(total);
-    setCurrentTime(0);
-    m_currentFrameOffset = 0;
-    setHasContent(true);
-    scheduleAllFrom(0);
-    m_engine->play();
-    setIsPlaying(true);
-    startProgressTimer();
-    installLevelTap();
-    setCurrentError(std::nullopt);
-}
-
-qint64 SpeechManager::currentPlaybackFrame() const
-{
-    const std::optional<qint64> heard = m_engine ? m_engine->sampleTime() : std::nullopt;
-    return m_currentFrameOffset + heard.value_or(0);
+    m_playback.replay(audio);
 }
 
 void SpeechManager::skipBackward()
 {
-    seekToFrame(currentPlaybackFrame() - kSkipFrames);
+    m_playback.skipBackward();
 }
 
 void SpeechManager::skipForward()
 {
-    seekToFrame(currentPlaybackFrame() + kSkipFrames);
+    m_playback.skipForward();
 }
 
-qsizetype SpeechManager::accumulatedByteCount() const
+bool SpeechManager::ensureAudioEngine()
 {
-    return withState([](const StreamState &s) { return s.accumulatedData.size(); });
-}
-
-void SpeechManager::startProgressTimer()
-{
-    m_progressTimer.start();
-}
-
-void SpeechManager::updateProgress()
-{
-    setCurrentTime(double(currentPlaybackFrame()) / kSampleRateHz);
-}
-
-// ---------------------------------------------------------------------------------------------------
-// Audio engine and levels
-
-void SpeechManager::setupAudioEngine()
-{
-    m_engine = std::make_unique<AudioEngine>(std::move(m_services.audioSink));
-    m_engine->setRate(m_playbackSpeed);
-    connect(m_engine.get(), &AudioEngine::bufferCompleted, this, &SpeechManager::onBufferCompleted);
-    connect(m_engine.get(), &AudioEngine::levelMeasured, this, &SpeechManager::onLevelMeasured);
-    connect(m_engine.get(), &AudioEngine::failed, this, &SpeechManager::onEngineFailed);
-    QString error;
-    if (!m_engine->start(&error))
-        setCurrentError(SpeechError::makeAudioEngineFailure(error));
-}
-
-bool SpeechManager::ensureAudioEngine(bool keepNarration)
-{
-    if (m_engine->isRunning())
+    const std::optional<QString> error = m_playback.connectOutput();
+    if (!error)
         return true;
-    QString error;
-    if (m_engine->start(&error))
-        return true;
-    if (!keepNarration)
-        stop();
-    setCurrentError(SpeechError::makeAudioEngineFailure(error));
+    stop();
+    setCurrentError(SpeechError::makeAudioEngineFailure(*error));
     return false;
-}
-
-void SpeechManager::onEngineFailed(const QString &reason)
-{
-    qCWarning(lcSpeech) << "audio output lost:" << reason;
-    if (m_hasContent)
-        holdAfterLostOutput();
-    setCurrentError(SpeechError::makeAudioEngineFailure(reason));
-}
-
-// The sound server went away: the narration keeps its audio, place and record, and waits, paused, for
-// the user to press play once a server is back. Nothing reconnects by itself, not even when more audio
-// arrives.
-void SpeechManager::holdAfterLostOutput()
-{
-    const qint64 heard = m_pendingSeekFrame.value_or(currentPlaybackFrame());
-    m_seekDebounce.stop();
-    m_pendingSeekFrame.reset();
-    setIsPlaying(false);
-    m_progressTimer.stop();
-    removeLevelTap();
-    // Queued again from the place heard, paused; what is still to come is queued after it.
-    const qint64 frames = accumulatedByteCount() / 2;
-    const qint64 target = std::clamp<qint64>(heard, 0, frames);
-    const bool streaming = withState([](StreamState &s) {
-        s.hasStartedPlayback = true;
-        s.activeBuffersCount = 0;
-        return s.isStreamActive;
-    });
-    ++m_bufferGeneration;
-    m_engine->stop();
-    m_currentFrameOffset = target;
-    setCurrentTime(double(target) / kSampleRateHz);
-    if (target < frames)
-        scheduleAllFrom(target * 2);
-    else if (!streaming)
-        endOfPlayback();
-}
-
-void SpeechManager::installLevelTap()
-{
-    m_engine->setTapEnabled(true);
-    m_isTapInstalled = true;
-}
-
-void SpeechManager::removeLevelTap()
-{
-    if (!m_isTapInstalled)
-        return;
-    m_engine->setTapEnabled(false);
-    m_isTapInstalled = false;
-}
-
-void SpeechManager::onLevelMeasured(float level, double timestamp)
-{
-    if (m_rawAudioLevel != level) {
-        m_rawAudioLevel = level;
-        Q_EMIT rawAudioLevelChanged();
-    }
-    if (m_lastLevelTimestamp != timestamp) {
-        m_lastLevelTimestamp = timestamp;
-        Q_EMIT lastLevelTimestampChanged();
-    }
-    if (m_isPlaying) {
-        const float smoothed = level * 0.3f + m_currentAudioLevel * 0.7f;
-        if (smoothed != m_currentAudioLevel) {
-            m_currentAudioLevel = smoothed;
-            Q_EMIT currentAudioLevelChanged();
-        }
-    }
 }
 
 // ---------------------------------------------------------------------------------------------------
 // Published values
-
-void SpeechManager::setIsProcessing(bool v)
-{
-    if (assignIfChanged(m_isProcessing, v))
-        Q_EMIT isProcessingChanged();
-}
-
-void SpeechManager::setIsPlaying(bool v)
-{
-    if (assignIfChanged(m_isPlaying, v))
-        Q_EMIT isPlayingChanged();
-}
-
-void SpeechManager::setHasContent(bool v)
-{
-    if (assignIfChanged(m_hasContent, v))
-        Q_EMIT hasContentChanged();
-}
-
-void SpeechManager::setCurrentTime(double v)
-{
-    if (assignIfChanged(m_currentTime, v))
-        Q_EMIT currentTimeChanged();
-}
-
-void SpeechManager::setTotalTime(double v)
-{
-    if (assignIfChanged(m_totalTime, v))
-        Q_EMIT totalTimeChanged();
-}
-
-void SpeechManager::setDisplayedTotalTime(double v)
-{
-    if (assignIfChanged(m_displayedTotalTime, v))
-        Q_EMIT displayedTotalTimeChanged();
-}
-
-void SpeechManager::raiseDisplayedTotalTime()
-{
-    setDisplayedTotalTime(std::max(m_displayedTotalTime, m_totalTime));
-}
 
 void SpeechManager::setCurrentPlayingSessionId(const std::optional<QUuid> &id)
 {
@@ -771,16 +373,6 @@ QString SpeechManager::currentErrorDescription() const
 QString SpeechManager::currentErrorId() const
 {
     return m_currentError ? m_currentError->id() : QString();
-}
-
-void SpeechManager::setPlaybackSpeed(float speed)
-{
-    if (m_engine)
-        m_engine->setRate(speed);
-    if (m_playbackSpeed == speed)
-        return;
-    m_playbackSpeed = speed;
-    Q_EMIT playbackSpeedChanged();
 }
 
 void SpeechManager::setSelectedVoice(const QString &voice)

@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include "speech/AccumulatedAudio.h"
+#include "speech/LevelPublisher.h"
+#include "speech/NarrationPlayback.h"
+#include "speech/NarrationStream.h"
 #include "speech/SpeechError.h"
-#include "speech/StreamChunker.h"
 #include "speech/TTSRequest.h"
 #include "speech/VoiceStyle.h"
 #include "speech/WidgetStyle.h"
 
 #include <QObject>
-#include <QPointer>
 #include <QStringList>
-#include <QTimer>
 #include <QUrl>
 #include <QUuid>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 
 class AccountGate;
@@ -26,11 +24,12 @@ class KeychainHelper;
 class NarrationRecords;
 class QNetworkAccessManager;
 class SelectionSource;
-class SpeechSequence;
 class UserDefaults;
 
-// The one long-lived object that turns text into a spoken narration: the checks before a request,
-// the request and its stream, playback with speed and seeking, levels, and the records at the end.
+// The one long-lived object that turns text into a spoken narration: the checks before a request, the
+// user's voice and appearance choices, the published error and the records at the end. The requests
+// and their stream are NarrationStream's, playback and its published state NarrationPlayback's (with
+// the levels in its LevelPublisher); their values are published here under the names the views use.
 // Everything here lives on the GUI thread.
 class SpeechManager : public QObject
 {
@@ -60,10 +59,10 @@ class SpeechManager : public QObject
     Q_PROPERTY(QStringList availableVoices READ availableVoices CONSTANT)
 
 public:
-    static constexpr int kSampleRateHz = 24000;
-    static constexpr qsizetype kAudioChunkSize = 9600;
-    static constexpr double kPrebufferDurationSeconds = 0.5;
-    static constexpr qint64 kSkipFrames = 120000;
+    static constexpr int kSampleRateHz = NarrationPlayback::kSampleRateHz;
+    static constexpr qsizetype kAudioChunkSize = NarrationPlayback::kAudioChunkSize;
+    static constexpr double kPrebufferDurationSeconds = NarrationPlayback::kPrebufferDurationSeconds;
+    static constexpr qint64 kSkipFrames = NarrationPlayback::kSkipFrames;
 
     struct Services
     {
@@ -108,14 +107,14 @@ public:
     // Plays audio that is already complete (a preview or a history entry); nothing is recorded.
     void replayStoredAudio(const QByteArray &audio);
     // The narration frame being heard now: the frame the clock last restarted at plus what was heard since.
-    qint64 currentPlaybackFrame() const;
+    qint64 currentPlaybackFrame() const { return m_playback.currentPlaybackFrame(); }
     Q_INVOKABLE void skipBackward();
     Q_INVOKABLE void skipForward();
 
     // Published values.
-    bool isProcessing() const { return m_isProcessing; }
-    bool isPlaying() const { return m_isPlaying; }
-    bool hasContent() const { return m_hasContent; }
+    bool isProcessing() const { return m_playback.isProcessing(); }
+    bool isPlaying() const { return m_playback.isPlaying(); }
+    bool hasContent() const { return m_playback.hasContent(); }
     std::optional<QUuid> currentPlayingSessionId() const { return m_currentPlayingSessionId; }
     QString currentPlayingSessionIdText() const;
     const std::optional<SpeechError> &currentError() const { return m_currentError; }
@@ -123,7 +122,7 @@ public:
     bool hasError() const { return m_currentError.has_value(); }
     QString currentErrorDescription() const;
     QString currentErrorId() const;
-    float playbackSpeed() const { return m_playbackSpeed; }
+    float playbackSpeed() const { return m_playback.playbackSpeed(); }
     void setPlaybackSpeed(float speed);
     QString selectedVoice() const { return m_selectedVoice; }
     void setSelectedVoice(const QString &voice);
@@ -139,12 +138,12 @@ public:
     void setWidgetTheme(WidgetTheme theme);
     QString widgetThemeRawValue() const { return rawValue(m_widgetTheme); }
     void setWidgetThemeRawValue(const QString &raw);
-    double currentTime() const { return m_currentTime; }
-    double totalTime() const { return m_totalTime; }
-    double displayedTotalTime() const { return m_displayedTotalTime; }
-    float currentAudioLevel() const { return m_currentAudioLevel; }
-    float rawAudioLevel() const { return m_rawAudioLevel; }
-    double lastLevelTimestamp() const { return m_lastLevelTimestamp; }
+    double currentTime() const { return m_playback.currentTime(); }
+    double totalTime() const { return m_playback.totalTime(); }
+    double displayedTotalTime() const { return m_playback.displayedTotalTime(); }
+    float currentAudioLevel() const { return m_playback.levels().currentAudioLevel(); }
+    float rawAudioLevel() const { return m_playback.levels().rawAudioLevel(); }
+    double lastLevelTimestamp() const { return m_playback.levels().lastLevelTimestamp(); }
     QStringList availableVoices() const;
 
     // Voice and style for this process only, not persisted (the command line's per-run choices).
@@ -154,10 +153,10 @@ public:
     // Seconds a text is expected to take at the current speed.
     double estimatedDuration(const QString &text) const;
 
-    AudioEngine *audioEngine() const { return m_engine.get(); }
-    bool isTapInstalled() const { return m_isTapInstalled; }
+    AudioEngine *audioEngine() const { return m_playback.audioEngine(); }
+    bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
     // Received audio bytes of the current narration.
-    qsizetype accumulatedByteCount() const;
+    qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
 
     // Converts an audio file (a path or a resource) to raw 16-bit mono 24 kHz; nothing and the reason on
     // failure.
@@ -191,98 +190,31 @@ Q_SIGNALS:
     void seekPerformed(qint64 frame);
 
 private:
-    // Guarded stream state: touched from the network side, the audio completions and the GUI; every
-    // access is one short critical section.
-    struct StreamState
-    {
-        AccumulatedAudio accumulatedData;
-        qint64 activeBuffersCount = 0;
-        qint64 receivedByteCount = 0;
-        bool isStreamActive = false;
-        bool hasStartedPlayback = false;
-        bool isSeeking = false;
-    };
-    template<typename F> auto withState(F &&f) const
-    {
-        std::lock_guard lock(m_stateMutex);
-        return f(m_state);
-    }
-
-    void setupAudioEngine();
-    // Connects the audio output if it is not; on failure publishes why and, unless told to keep it,
-    // ends the narration.
-    bool ensureAudioEngine(bool keepNarration = false);
+    // Connects the audio output if it is not; on failure ends the narration and publishes why.
+    bool ensureAudioEngine();
     void startServiceNarration(const QString &text, quint64 speakGeneration);
     void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
     void onStreamHead(int status);
     void onStreamFailedBeforeHead();
-    void cancelCurrentTask();
-
-    void appendStreamBytes(const QByteArray &piece);
-    void acceptChunk(const QByteArray &chunk);
-    void finishStream();
-    void publishTotals();
-    void startCheck(bool streamEnded);
-    void scheduleChunk(const QByteArray &storage, qsizetype offset, qsizetype bytes);
-    void scheduleAllFrom(qsizetype fromByte);
-    void startPlayback();
-    void endOfPlayback();
-    void onBufferCompleted(quint64 generation);
-    void performSeek(qint64 frame);
-    void performPendingSeek();
-    void startProgressTimer();
-    void updateProgress();
-    void installLevelTap();
-    void removeLevelTap();
-    void onLevelMeasured(float level, double timestamp);
-    void onEngineFailed(const QString &reason);
-    void holdAfterLostOutput();
-
-    void setIsProcessing(bool v);
-    void setIsPlaying(bool v);
-    void setHasContent(bool v);
+    void onPlaybackEnded();
     void setCurrentPlayingSessionId(const std::optional<QUuid> &id);
-    void setCurrentTime(double v);
-    void setTotalTime(double v);
-    void setDisplayedTotalTime(double v);
-    void raiseDisplayedTotalTime();
 
     Services m_services;
-    std::unique_ptr<QNetworkAccessManager> m_ownNetwork;
-    QNetworkAccessManager *m_network = nullptr;
-    std::unique_ptr<AudioEngine> m_engine;
+    NarrationStream m_stream;
+    NarrationPlayback m_playback;
 
     // Published.
-    bool m_isProcessing = false;
-    bool m_isPlaying = false;
-    bool m_hasContent = false;
     std::optional<QUuid> m_currentPlayingSessionId;
     std::optional<SpeechError> m_currentError;
-    float m_playbackSpeed = 1.0f;
     QString m_selectedVoice;
     VoiceStyle m_selectedVoiceStyle;
     WidgetAppearance m_widgetAppearance = WidgetAppearance::Dark;
     WidgetTheme m_widgetTheme = WidgetTheme::Default;
-    double m_currentTime = 0;
-    double m_totalTime = 0;
-    double m_displayedTotalTime = 0;
-    float m_currentAudioLevel = 0;
-    float m_rawAudioLevel = 0;
-    double m_lastLevelTimestamp = 0;
 
     // Private.
-    bool m_isTapInstalled = false;
-    std::optional<qint64> m_pendingSeekFrame;
-    QTimer m_seekDebounce;
-    quint64 m_bufferGeneration = 0;
-    QTimer m_progressTimer;
-    QPointer<SpeechSequence> m_currentTask;
     // A later piece of a long text failed: published once what came before it has been heard.
     std::optional<SpeechError> m_errorAfterHeard;
-    bool m_currentTaskViaService = false;
     quint64 m_speakGeneration = 0; // a stop() or a newer speak() abandons a pending token wait
-    StreamChunker m_chunker{kAudioChunkSize};
-    qint64 m_currentFrameOffset = 0;
     QString m_lastSpokenText;
     std::optional<QString> m_lastSpokenTextNormalized;
     std::optional<QString> m_lastSpokenTextComparable;
@@ -290,7 +222,4 @@ private:
     std::optional<QString> m_currentNarrationVoice;
     bool m_isVoicePreview = false;
     bool m_persistChoices = true;
-
-    mutable std::mutex m_stateMutex;
-    mutable StreamState m_state; // guarded by m_stateMutex
 };

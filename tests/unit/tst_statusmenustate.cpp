@@ -9,7 +9,7 @@ class TestStatusMenuState : public QObject
 
 private Q_SLOTS:
     // state: which of playing, processing, content, expanded are true. items: "narrate" and "expand"
-    // where offered, "pause" and "stop" where enabled.
+    // where offered, "|" for the separator after them where shown, "pause" and "stop" where enabled.
     void items_data()
     {
         QTest::addColumn<QString>("state");
@@ -20,15 +20,15 @@ private Q_SLOTS:
             QTest::newRow(name) << QString::fromLatin1(state) << QString::fromLatin1(items)
                                 << QString::fromLatin1(pauseLabel);
         };
-        row("fresh start", "", "narrate expand", "Pause Narration");
-        row("fresh, widget expanded", "expanded", "narrate", "Pause Narration");
+        row("fresh start", "", "narrate expand |", "Pause Narration");
+        row("fresh, widget expanded", "expanded", "narrate |", "Pause Narration");
         row("generating", "processing", "stop", "Generating...");
         row("generating over old audio", "processing content", "stop", "Generating...");
         row("generating, expanded", "processing expanded", "stop", "Generating...");
         row("playing", "playing content", "pause stop", "Pause Narration");
         row("playing, expanded", "playing content expanded", "pause stop", "Pause Narration");
-        row("paused", "content", "narrate expand pause stop", "Pause Narration");
-        row("paused, expanded", "content expanded", "narrate pause stop", "Pause Narration");
+        row("paused", "content", "narrate expand | pause stop", "Pause Narration");
+        row("paused, expanded", "content expanded", "narrate | pause stop", "Pause Narration");
     }
 
     void items()
@@ -45,6 +45,8 @@ private Q_SLOTS:
             items.append(QStringLiteral("narrate"));
         if (menu.expandOffered)
             items.append(QStringLiteral("expand"));
+        if (menu.narrateSeparatorShown)
+            items.append(QStringLiteral("|"));
         if (menu.pauseEnabled)
             items.append(QStringLiteral("pause"));
         if (menu.stopEnabled)

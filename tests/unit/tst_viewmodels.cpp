@@ -21,6 +21,8 @@
 #include "records/UsageStats.h"
 #include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
+#include "settings/HistoryListModel.h"
+#include "settings/HistorySettingsModel.h"
 #include "settings/SettingsServices.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
@@ -31,6 +33,7 @@
 #include "shortcuts/NarrationControls.h"
 #include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
+#include "speech/SpeechError.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 #include "widget/FloatingWidgetViewModel.h"
@@ -47,6 +50,7 @@
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUrlQuery>
@@ -219,8 +223,140 @@ private Q_SLOTS:
             QVERIFY(settings.viewModel()->selectLabel(section));
             QTest::qWait(20);
         }
-        QCOMPARE(settings.viewModel()->history()->rows().first().toMap().value(QStringLiteral("title")),
-                 QStringLiteral("First line"));
+        const HistoryListModel::Row shown = settings.viewModel()->history()->entries()->rows().first();
+        QCOMPARE(shown.title, QStringLiteral("First line"));
+        QCOMPARE(shown.text, QStringLiteral("\n  First line\nsecond"));
+    }
+
+    // A window made before the shortcut manager, the keyring changed by another program, a recorder
+    // left waiting: what the window shows follows its sources.
+    void settingsFollowTheirSources()
+    {
+        QString captureProblem = QStringLiteral("No XTEST");
+        SettingsServices services;
+        services.keychain = m_keychain.get();
+        services.defaults = m_defaults.get();
+        services.captureProblem = [&] { return captureProblem; };
+        SettingsViewModel settings(SettingsSection::shortcuts, services);
+        ShortcutSettingsModel &shortcuts = *settings.shortcuts();
+        QVERIFY(shortcuts.rows().isEmpty());
+        shortcuts.setRecordingRow(0);
+        QCOMPARE(shortcuts.recordingRow(), -1); // nothing to record without the manager
+
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        services.hotkeys = hotkeys.get();
+        captureProblem.clear();
+        QSignalSpy rows(&shortcuts, &ShortcutSettingsModel::rowsChanged);
+        settings.adoptServices(services);
+        QCOMPARE(shortcuts.rows().size(), HotkeyManager::kBindingCount);
+        QCOMPARE(rows.size(), 1);
+        QVERIFY(shortcuts.captureProblem().isEmpty());
+
+        shortcuts.setRecordingRow(2);
+        QCOMPARE(shortcuts.recordingRow(), 2);
+        settings.selectLabel(QStringLiteral("Voice"));
+        QCOMPARE(shortcuts.recordingRow(), -1);
+
+        captureProblem = QStringLiteral("Lost");
+        ApiKeySettingsModel &apiKeys = *settings.apiKeys();
+        QVERIFY(!apiKeys.hasKey());
+        QVERIFY(m_keychain->save(QStringLiteral("sk-from-the-command-line"), KeychainKey::openAIAPIKey));
+        QSignalSpy key(&apiKeys, &ApiKeySettingsModel::keyChanged);
+        settings.windowActivated();
+        QCOMPARE(apiKeys.maskedKey(), QStringLiteral("sk-…line"));
+        QCOMPARE(shortcuts.captureProblem(), captureProblem);
+        settings.windowActivated();
+        QCOMPARE(key.size(), 1);
+        QVERIFY(m_keychain->remove(KeychainKey::openAIAPIKey));
+        apiKeys.reloadKey();
+        QVERIFY(!apiKeys.hasKey());
+    }
+
+    // Recording and resetting a row from the keyboard keep the focus on that row's recorder; deleting a
+    // history entry moves it to the next entry's Delete.
+    void focusStaysOnItsRow()
+    {
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
+        for (const char *text : {"Older", "Newer"})
+            history.addSession(QString::fromLatin1(text), QStringLiteral("cedar"), 1, QByteArray(480, 0));
+        SettingsServices services;
+        services.hotkeys = hotkeys.get();
+        services.speech = m_speech.get();
+        services.history = &history;
+        SettingsWindow settings(SettingsSection::shortcuts, std::move(services));
+        settings.present();
+        QQuickWindow *window = settings.window();
+        QVERIFY(QTest::qWaitForWindowActive(window));
+        QTest::keyClick(window, Qt::Key_Tab); // the section list
+        QTest::keyClick(window, Qt::Key_Tab);
+        QQuickItem *recorder = window->activeFocusItem();
+        QVERIFY(recorder && recorder->inherits("ShortcutRecorderItem"));
+
+        settings.viewModel()->shortcuts()->record(0, 40, 0x100000);
+        QCOMPARE(window->activeFocusItem(), recorder);
+        QTest::keyClick(window, Qt::Key_Tab);
+        QVERIFY(window->activeFocusItem()->property("text") == QStringLiteral("Reset"));
+        QTest::keyClick(window, Qt::Key_Space);
+        QVERIFY(hotkeys->currentKey() == HotkeyManager::defaultKey);
+        QCOMPARE(window->activeFocusItem(), recorder);
+
+        settings.viewModel()->selectLabel(QStringLiteral("History"));
+        // Tab to the newest entry's Delete.
+        for (int i = 0; i < 8 && window->activeFocusItem()->property("text") != QStringLiteral("Delete"); ++i)
+            QTest::keyClick(window, Qt::Key_Tab);
+        QCOMPARE(window->activeFocusItem()->property("text"), QStringLiteral("Delete"));
+        QTest::keyClick(window, Qt::Key_Space);
+        QCOMPARE(history.sessions().size(), 1);
+        QCOMPARE(window->activeFocusItem()->property("text"), QStringLiteral("Delete"));
+    }
+
+    // The history's rows change in place: only the rows that changed are touched, none is rebuilt.
+    void historyRowsInPlace_data()
+    {
+        QTest::addColumn<QString>("before");
+        QTest::addColumn<QString>("after");
+        QTest::addColumn<int>("removed");
+        QTest::addColumn<int>("inserted");
+        QTest::addColumn<int>("changed");
+        QTest::newRow("added at the front") << "bc"
+                                            << "abc" << 0 << 1 << 0;
+        QTest::newRow("eleventh pushes the last out") << "bcd"
+                                                      << "abc" << 1 << 1 << 0;
+        QTest::newRow("one deleted") << "abc"
+                                     << "ac" << 1 << 0 << 0;
+        QTest::newRow("cleared") << "abc"
+                                 << "" << 3 << 0 << 0;
+        QTest::newRow("one starts playing") << "abc"
+                                            << "aBc" << 0 << 0 << 1;
+    }
+    void historyRowsInPlace()
+    {
+        // A letter per row; upper case is playing.
+        const auto rows = [](const QString &letters) {
+            QList<HistoryListModel::Row> list;
+            for (const QChar letter : letters) {
+                HistoryListModel::Row row;
+                row.id = row.title = letter.toLower();
+                row.playing = letter.isUpper();
+                list.append(row);
+            }
+            return list;
+        };
+        QFETCH(QString, before);
+        QFETCH(QString, after);
+        HistoryListModel model;
+        model.setRows(rows(before));
+        QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
+        QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
+        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+        QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
+        model.setRows(rows(after));
+        QCOMPARE(model.rows(), rows(after));
+        QTEST(int(removed.size()), "removed");
+        QTEST(int(inserted.size()), "inserted");
+        QTEST(int(changed.size()), "changed");
+        QCOMPARE(reset.size(), 0);
     }
 
     // What a typed server address is taken as, and where narrations then go.
@@ -319,7 +455,7 @@ private Q_SLOTS:
         QFETCH(QString, keyCodeKey);
         NullGlobalHotKeys *keys = nullptr;
         const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys(&keys);
-        ShortcutSettingsModel model(hotkeys.get(), QString());
+        ShortcutSettingsModel model(hotkeys.get(), {});
         const auto binding = HotkeyManager::Binding(row);
         const QSet<NativeHotKey> defaultGrabs = keys->grabbed();
 
@@ -446,7 +582,7 @@ private Q_SLOTS:
             {S::NotGnome, false, false},     {S::Available, false, false},   {S::NotEnabled, true, false},
             {S::NeedsRestart, false, false}, {S::NotInstalled, false, true}, {S::Failed, false, true}};
         for (const auto &[support, canEnable, canAdd] : rows) {
-            ShortcutSettingsModel model(nullptr, QString());
+            ShortcutSettingsModel model(nullptr, {});
             QSignalSpy changed(&model, &ShortcutSettingsModel::gnomeChanged);
             model.setGnomeSupport(support);
             QCOMPARE(model.canEnableGnomeExtension(), canEnable);
@@ -598,6 +734,79 @@ private Q_SLOTS:
         }
     }
 
+    // The widget's title for each state of the narration, on a controller whose speech server takes the
+    // request and never answers.
+    void titles_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("title");
+        QTest::newRow("nothing loaded") << ""
+                                        << "Ready";
+        QTest::newRow("waiting for the server") << "generating"
+                                                << "Generating...";
+        QTest::newRow("playing") << "playing"
+                                 << "Reading aloud";
+        QTest::newRow("paused") << "paused"
+                                << "Paused";
+        QTest::newRow("no permission") << "permission"
+                                       << "Permission required";
+        QTest::newRow("another error") << "error"
+                                       << "Something went wrong.";
+    }
+
+    void titles()
+    {
+        QFETCH(QString, state);
+        QTcpServer silent;
+        QVERIFY(silent.listen(QHostAddress::LocalHost));
+        QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.selection = &m_selection;
+        services.account = &m_account;
+        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(silent.serverPort()));
+        SpeechManager speech(std::move(services));
+        FloatingWidgetViewModel vm(speech, m_clock);
+        QSignalSpy titleChanges(&vm, &FloatingWidgetViewModel::titleChanged);
+        if (state == u"generating") {
+            speech.speak(QStringLiteral("Hello there."));
+        } else if (state == u"playing" || state == u"paused") {
+            speech.replayStoredAudio(silence(5));
+            QTRY_VERIFY(speech.isPlaying());
+            if (state == u"paused")
+                speech.togglePlayPause();
+        } else if (state == u"permission") {
+            speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+        } else if (state == u"error") {
+            speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+        }
+        QFETCH(QString, title);
+        QTRY_COMPARE(vm.title(), title);
+        QCOMPARE(titleChanges.isEmpty(), state.isEmpty());
+    }
+
+    // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
+    void subtitleAndSize()
+    {
+        FloatingWidgetViewModel vm(*m_speech, m_clock);
+        QSignalSpy subtitles(&vm, &FloatingWidgetViewModel::subtitleChanged);
+        m_speech->setSelectedVoice(QStringLiteral("cedar"));
+        m_speech->setSelectedVoiceStyle(VoiceStyle::Calm);
+        QCOMPARE(vm.subtitle(), QStringLiteral("Cedar  ·  Calm"));
+        QCOMPARE(subtitles.size(), 2);
+
+        QSignalSpy size(&vm, &FloatingWidgetViewModel::showsExpandedChanged);
+        QVERIFY(!vm.showsExpanded());
+        vm.setExpanded(true);
+        QVERIFY(vm.showsExpanded());
+        vm.setExpanded(false);
+        vm.setShowFullControls(true);
+        QVERIFY(vm.showsExpanded());
+        QCOMPARE(size.size(), 3);
+    }
+
     // Processing, content, playing: the state the buttons show. Processing wins over everything.
     void playState()
     {
@@ -624,6 +833,9 @@ private Q_SLOTS:
         QTest::newRow("seek to 4 s") << 10.0 << 0.0 << "seek 4" << qint64(96000);
         QTest::newRow("seek past the end goes to the end") << 10.0 << 0.0 << "seek 60" << qint64(240000);
         QTest::newRow("seek without audio does nothing") << 0.0 << 0.0 << "seek 4" << qint64(-1);
+        QTest::newRow("a click at 40 % of the track") << 10.0 << 0.0 << "track 0.4" << qint64(96000);
+        QTest::newRow("a drag past the track's end") << 10.0 << 0.0 << "track 1.5" << qint64(240000);
+        QTest::newRow("a drag before its start") << 10.0 << 5.0 << "track -0.2" << qint64(0);
     }
 
     void seeking()
@@ -644,6 +856,8 @@ private Q_SLOTS:
             vm.skipBack();
         else if (action == u"forward")
             vm.skipForward();
+        else if (action.startsWith(u"track"))
+            vm.seekToFraction(action.mid(6).toDouble());
         else
             vm.seekToTime(action.mid(5).toDouble());
         if (frame < 0) {
@@ -865,7 +1079,7 @@ private Q_SLOTS:
             << "";
         QTest::newRow("a purchase without a session says so and is clickable again")
             << "pricing"
-            << "Continue" << QStringList{"Authentication failed: Not signed in", "Continue"} << "";
+            << "Continue" << QStringList{"Failed to generate authentication code", "Continue"} << "";
     }
 
     void onboardingAsDrawn()
@@ -878,6 +1092,7 @@ private Q_SLOTS:
                           .clock = &m_clock,
                           .authOrigin = QUrl(u"https://auth.test"_qs),
                           .serviceOrigin = QUrl(u"https://svc.test"_qs),
+                          .anonKey = QString(),
                           .openUrl = [&](const QUrl &url) { opened << url; },
                           .log = [](const QString &) {}});
         OnboardingViewModel::Services services;
@@ -964,6 +1179,37 @@ private Q_SLOTS:
         QTEST(vm.currentStepName(), "afterTutorial");
     }
 
+    // A sign-in waiting for a browser the user closed is no dead end: the buttons come back after 10 s,
+    // for each new attempt anew, and the first attempt's callback still counts.
+    void signInButtonsComeBack()
+    {
+        AuthManager::Services authServices;
+        authServices.keychain = m_keychain.get();
+        authServices.clock = &m_clock;
+        authServices.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
+        authServices.openUrl = [](const QUrl &) {};
+        authServices.log = [](const QString &) {};
+        AuthManager auth(std::move(authServices));
+        OnboardingViewModel::Services services;
+        services.clock = &m_clock;
+        services.auth = &auth;
+        OnboardingViewModel vm(std::move(services));
+        vm.advance();
+        QVERIFY(vm.canSignIn());
+        for (const bool google : {true, false}) {
+            vm.signIn(google);
+            QVERIFY(vm.isSigningIn());
+            QVERIFY(!vm.canSignIn());
+            m_clock.advance(9999ms);
+            QVERIFY(!vm.canSignIn());
+            m_clock.advance(1ms);
+            QVERIFY(vm.canSignIn());
+            QVERIFY(vm.isSigningIn()); // "Signing in..." stays
+        }
+        auth.handleCallback(QUrl(QStringLiteral("quillvox://auth/callback")));
+        QVERIFY(!vm.isSigningIn() && vm.canSignIn());
+    }
+
     void packageTexts()
     {
         const std::tuple<double, const char *, int, const char *> rows[] = {
@@ -983,8 +1229,8 @@ private Q_SLOTS:
     {
         for (const auto &[packageId, escaped] :
              {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
-            const QUrl url = OnboardingViewModel::tokenExchangeUrl(QUrl(QStringLiteral("https://svc.test/")),
-                                                                   QStringLiteral("c0de"), packageId);
+            const QUrl url = BalanceManager::packagePurchaseUrl(QUrl(QStringLiteral("https://svc.test/")),
+                                                                QStringLiteral("c0de"), packageId);
             QVERIFY(url.isValid());
             QCOMPARE(
                 url.toString(QUrl::FullyEncoded),

@@ -7,6 +7,9 @@
 #include "onboarding/OnboardingWindow.h"
 #include "platform/null/MemorySecretStore.h"
 
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QQuickItem>
 #include <QQuickView>
 #include <QTextStream>
 
@@ -27,7 +30,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     services.untrustedReason = [] {
         return QStringLiteral("This is a Wayland session: selection capture needs an X11 session for now.");
     };
-    services.shortcutLabel = [] { return QStringLiteral("Ctrl+Alt+S"); };
+    services.shortcutKeys = [] { return QStringList{"Ctrl", "Alt", "S"}; };
     OnboardingWindow onboarding(std::move(services));
     OnboardingViewModel &vm = *onboarding.viewModel();
     onboarding.present();
@@ -43,18 +46,31 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
             QTextStream(stderr) << "could not write " << path << Qt::endl;
     };
 
+    // The keyboard focus as Tab leaves it, from the top of the step.
+    const auto tabTo = [&](int tabs) {
+        onboarding.window()->contentItem()->forceActiveFocus();
+        for (int i = 0; i < tabs; ++i) {
+            QKeyEvent press(QEvent::KeyPress, Qt::Key_Tab, Qt::NoModifier);
+            QKeyEvent release(QEvent::KeyRelease, Qt::Key_Tab, Qt::NoModifier);
+            QGuiApplication::sendEvent(onboarding.window(), &press);
+            QGuiApplication::sendEvent(onboarding.window(), &release);
+        }
+    };
+
     shoot(QStringLiteral("1-welcome"));
-    vm.nextStep();
+    vm.advance();
     shoot(QStringLiteral("2-sign-in"));
-    vm.goToFreeMinutes();
+    tabTo(1);
+    shoot(QStringLiteral("2-sign-in-focus"));
+    vm.goTo(OnboardingStep::freeMinutes);
     shoot(QStringLiteral("3-free-minutes"));
-    vm.goToPermissions();
+    vm.goTo(OnboardingStep::permissions);
     vm.requestPermission();
     shoot(QStringLiteral("4-permissions-missing"));
     trusted = true;
     vm.checkPermissions();
     shoot(QStringLiteral("4-permissions-granted"));
-    vm.goToTutorial();
+    vm.goTo(OnboardingStep::tutorial);
     shoot(QStringLiteral("5-tutorial-intro"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-try-it"));
@@ -63,12 +79,16 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     speech.stop();
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-voice"));
+    tabTo(2);
+    shoot(QStringLiteral("5-tutorial-voice-focus"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-appearance"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-shortcut"));
-    vm.goToPricing();
+    vm.goTo(OnboardingStep::pricing);
     shoot(QStringLiteral("6-pricing"));
+    tabTo(2);
+    shoot(QStringLiteral("6-pricing-focus"));
     vm.purchase(QStringLiteral("popular")); // no account here: shows the failure text
     shoot(QStringLiteral("6-pricing-error"));
     Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
@@ -77,7 +97,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     settle(50);
     account.balance.deductSeconds(-(20 + 500) * 60.0);
     shoot(QStringLiteral("7-purchase-confirmation"));
-    vm.goToCompletion();
+    vm.goTo(OnboardingStep::completion);
     shoot(QStringLiteral("8-completion"));
     return written;
 }

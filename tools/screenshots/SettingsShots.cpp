@@ -15,7 +15,9 @@
 #include "speech/SpeechManager.h"
 
 #include <QGuiApplication>
+#include <QKeyEvent>
 #include <QPalette>
+#include <QQuickItem>
 #include <QQuickView>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -115,6 +117,8 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     OfflineAccount account(keychain);
 
     keychain.save(QStringLiteral("sk-proj-example0000000000007f3a"), KeychainKey::openAIAPIKey);
+    // About then shows the version skipped in the update window, with "Forget".
+    defaults.setString(QStringLiteral("skippedVersion"), QStringLiteral("1.4.0"));
     SettingsServices services;
     services.speech = &speech;
     services.auth = &account.auth;
@@ -157,6 +161,33 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
             }
             ++written;
         }
+        // The keyboard focus as Tab leaves it: the section list, then into the section.
+        const std::tuple<QString, int, QString> focusShots[] = {
+            {QStringLiteral("Voice"), 1, QStringLiteral("sidebar")},
+            {QStringLiteral("Voice"), 2, QStringLiteral("voice")},
+            {QStringLiteral("Appearance"), 3, QStringLiteral("appearance")},
+            {QStringLiteral("Appearance"), 5, QStringLiteral("theme")},
+            {QStringLiteral("Shortcuts"), 2, QStringLiteral("shortcuts")},
+            {QStringLiteral("History"), 3, QStringLiteral("history")},
+            {QStringLiteral("History"), 6, QStringLiteral("history-delete")},
+        };
+        for (const auto &[section, tabs, name] : focusShots) {
+            settings.viewModel()->selectLabel(section);
+            window.rootObject()->forceActiveFocus();
+            settle(100);
+            for (int i = 0; i < tabs; ++i) {
+                QKeyEvent press(QEvent::KeyPress, Qt::Key_Tab, Qt::NoModifier);
+                QKeyEvent release(QEvent::KeyRelease, Qt::Key_Tab, Qt::NoModifier);
+                QGuiApplication::sendEvent(&window, &press);
+                QGuiApplication::sendEvent(&window, &release);
+            }
+            settle(300);
+            const QString path = out.filePath(QStringLiteral("settings-focus-") + name + u'-' + appearance +
+                                              suffix + QStringLiteral(".png"));
+            if (window.grabWindow().save(path))
+                ++written;
+        }
+        window.rootObject()->forceActiveFocus();
     }
     QGuiApplication::setPalette(light);
 

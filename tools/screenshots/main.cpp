@@ -5,6 +5,7 @@
 #include "OnboardingShots.h"
 #include "SettingsShots.h"
 #include "ShotSupport.h"
+#include "TrayShots.h"
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 #include "platform/null/MemorySecretStore.h"
@@ -141,6 +142,9 @@ int main(int argc, char *argv[])
     speech.setCurrentError(std::nullopt);
     controller.hideWidget();
     written += shootSettingsWindow(out, suffix, speech, defaults, keychain);
+    // Pixmaps are drawn at their own size, whatever the scale.
+    if (suffix.isEmpty())
+        written += shootTrayIcons(out);
 
     QTextStream(stdout) << written << " screenshots in " << out.absolutePath() << Qt::endl;
     return written > 0 ? 0 : 1;

@@ -27,6 +27,10 @@ T.Button {
         border.width: button.prominent ? 0 : 1
         border.color: Theme.border
     }
+    FocusRing {
+        shown: button.visualFocus
+    }
+
     contentItem: Item {
         implicitWidth: row.implicitWidth
         implicitHeight: row.implicitHeight

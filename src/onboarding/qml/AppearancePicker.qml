@@ -41,6 +41,9 @@ Column {
                 Accessible.checkable: true
                 Accessible.checked: chosen
                 onClicked: picker.speech.widgetAppearance = modelData.name
+                FocusRing {
+                    shown: style.visualFocus
+                }
                 background: Rectangle {
                     radius: Theme.radius
                     color: style.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.08)
@@ -101,6 +104,10 @@ Column {
                 Accessible.checkable: true
                 Accessible.checked: chosen
                 onClicked: picker.speech.widgetTheme = modelData.name
+                FocusRing {
+                    shown: swatch.visualFocus
+                    radius: width / 2
+                }
                 background: Rectangle {
                     radius: width / 2
                     color: "transparent"

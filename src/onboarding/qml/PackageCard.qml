@@ -18,6 +18,13 @@ T.AbstractButton {
     Accessible.checkable: true
     Accessible.checked: chosen
 
+    FocusRing {
+        shown: card.visualFocus
+        radius: 15
+        // Under the card, so that the badge on its edge stays whole.
+        z: -2
+    }
+
     background: Rectangle {
         radius: 12
         color: card.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.06)

@@ -25,7 +25,7 @@ Item {
             symbol: "apple.logo"
             fill: Theme.text
             ink: Theme.background
-            enabled: !step.viewModel.isSigningIn
+            enabled: step.viewModel.canSignIn
             onClicked: step.viewModel.signIn(false)
         }
         ActionButton {
@@ -33,7 +33,7 @@ Item {
             anchors.horizontalCenter: parent.horizontalCenter
             text: "Continue with Google"
             symbol: "g.circle.fill"
-            enabled: !step.viewModel.isSigningIn
+            enabled: step.viewModel.canSignIn
             onClicked: step.viewModel.signIn(true)
         }
         Row {

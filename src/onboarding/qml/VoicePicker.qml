@@ -28,6 +28,9 @@ Grid {
             Accessible.role: Accessible.RadioButton
             Accessible.checkable: true
             Accessible.checked: chosen
+            FocusRing {
+                shown: card.visualFocus
+            }
             onClicked: {
                 picker.speech.selectedVoice = modelData.id
                 picker.speech.playVoicePreview(modelData.id)

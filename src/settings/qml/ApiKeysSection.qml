@@ -12,6 +12,14 @@ SectionPage {
     title: "API Keys"
 
     readonly property color errorColor: "#d0342c"
+
+    function saveTypedKey() {
+        if (keyField.text !== "" && root.model.saveKey(keyField.text))
+            keyField.text = "";
+    }
+
+    // What was typed and not saved does not wait for the next visit.
+    onVisibleChanged: if (!visible) keyField.text = ""
     readonly property color warningColor: "#b86e00"
 
     SettingsCard {
@@ -35,24 +43,38 @@ SectionPage {
                 onClicked: root.model.removeKey()
             }
         }
-        Item {
-            // WORKAROUND: Qt 6.4 hands a password field to the accessibility bus without its name, so
-            // the group around it carries the name.
+        RowLayout {
             Layout.fillWidth: true
-            implicitHeight: keyField.implicitHeight
-            Accessible.role: Accessible.Grouping
-            Accessible.name: "OpenAI API key"
+            spacing: 12
 
-            TextField {
-                id: keyField
-                anchors.fill: parent
-                echoMode: TextInput.Password
-                placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
+            Item {
+                // WORKAROUND: Qt 6.4 hands a password field to the accessibility bus without its name, so
+                // the group around it carries the name.
+                Layout.fillWidth: true
+                implicitHeight: keyField.implicitHeight
+                Accessible.role: Accessible.Grouping
                 Accessible.name: "OpenAI API key"
-                onEditingFinished: {
-                    if (text !== "" && root.model.saveKey(text))
+
+                // Saved only on Enter or "Save": half a key left in the field when the focus moves on
+                // must never replace the stored one. Escape empties it.
+                TextField {
+                    id: keyField
+                    anchors.fill: parent
+                    echoMode: TextInput.Password
+                    placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
+                    Accessible.name: "OpenAI API key"
+                    onAccepted: root.saveTypedKey()
+                    Keys.onEscapePressed: event => {
+                        event.accepted = text !== "";
                         text = "";
+                    }
                 }
+            }
+            Button {
+                text: "Save"
+                enabled: keyField.text !== ""
+                Accessible.name: "Save"
+                onClicked: root.saveTypedKey()
             }
         }
         Label {
@@ -87,6 +109,10 @@ SectionPage {
                 placeholderText: "https://api.openai.com"
                 Accessible.name: "Server"
                 onEditingFinished: root.model.setServer(text)
+                Keys.onEscapePressed: event => {
+                    event.accepted = text !== root.model.server;
+                    text = root.model.server;
+                }
             }
             Item {
                 visible: serverMessage.visible
@@ -112,6 +138,10 @@ SectionPage {
                 placeholderText: root.model.defaultModel
                 Accessible.name: "Model"
                 onEditingFinished: root.model.setModel(text)
+                Keys.onEscapePressed: event => {
+                    event.accepted = text !== root.model.model;
+                    text = root.model.model;
+                }
             }
         }
         RowLayout {

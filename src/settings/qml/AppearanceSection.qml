@@ -42,6 +42,12 @@ SectionPage {
                     Accessible.description: modelData.description
                     onClicked: root.model.selectAppearance(modelData.name)
 
+                    FocusRing {
+                        shown: option.visualFocus
+                        gap: 4
+                        radius: 12
+                    }
+
                     background: Rectangle {
                         radius: 8
                         color: option.hovered ? Qt.rgba(palette.highlight.r, palette.highlight.g,
@@ -125,6 +131,12 @@ SectionPage {
                     Accessible.name: modelData.name
                     onClicked: root.model.selectTheme(modelData.name)
 
+                    FocusRing {
+                        shown: swatch.visualFocus
+                        gap: 4
+                        radius: 12
+                    }
+
                     contentItem: ColumnLayout {
                         spacing: 6
 
@@ -166,6 +178,11 @@ SectionPage {
                 checked: root.model.showWidgetWithOwnKey
                 Accessible.name: "Show the widget when using my own API key"
                 onToggled: root.model.showWidgetWithOwnKey = checked
+
+                FocusRing {
+                    shown: parent.visualFocus
+                    radius: 4
+                }
             }
         }
     }

@@ -9,6 +9,15 @@ SectionPage {
 
     required property HistorySettingsModel model
 
+    // After a deletion: the same place in the list, which now holds the next entry (or the last one).
+    function focusEntry(index) {
+        const count = entryRows.count;
+        const entry = count > 0 ? entryRows.itemAt(Math.min(index, count - 1)) : null;
+        const next = entry ? entry.deleteButton : clearAll.nextItemInFocusChain();
+        if (next)
+            next.forceActiveFocus(Qt.TabFocusReason);
+    }
+
     title: "History"
 
     SystemPalette {
@@ -25,8 +34,9 @@ SectionPage {
             wrapMode: Text.WordWrap
         }
         Button {
+            id: clearAll
             text: "Clear All"
-            enabled: root.model.rows.length > 0
+            enabled: root.model.entries.count > 0
             Accessible.name: "Clear All"
             onClicked: confirmation.open()
         }
@@ -34,7 +44,7 @@ SectionPage {
 
     SettingsCard {
         Label {
-            visible: root.model.rows.length === 0
+            visible: root.model.entries.count === 0
             Layout.alignment: Qt.AlignHCenter
             Layout.topMargin: 16
             Layout.bottomMargin: 16
@@ -44,17 +54,28 @@ SectionPage {
         }
 
         Repeater {
-            model: root.model.rows
+            id: entryRows
+            model: root.model.entries
 
             delegate: ColumnLayout {
-                required property var modelData
+                id: entry
+
                 required property int index
+                required property string entryId
+                required property string title
+                required property string fullText
+                required property string voice
+                required property string date
+                required property string duration
+                required property bool playing
+                property bool expanded: false
+                readonly property alias deleteButton: deleteButton
 
                 Layout.fillWidth: true
                 spacing: 12
 
                 Rectangle {
-                    visible: index > 0
+                    visible: entry.index > 0
                     Layout.fillWidth: true
                     implicitHeight: 1
                     color: Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.1)
@@ -64,37 +85,88 @@ SectionPage {
                     spacing: 8
 
                     RoundButton {
-                        text: modelData.playing ? "❚❚" : "▶"
+                        text: entry.playing ? "❚❚" : "▶"
                         flat: false
-                        Accessible.name: (modelData.playing ? "Pause " : "Play ") + modelData.title
-                        onClicked: root.model.replay(modelData.id)
+                        Accessible.name: (entry.playing ? "Pause " : "Play ") + entry.title
+                        onClicked: root.model.replay(entry.entryId)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: width / 2 + 3
+                        }
                     }
                     ColumnLayout {
                         Layout.fillWidth: true
                         spacing: 2
                         Label {
+                            id: titleLabel
                             Layout.fillWidth: true
-                            text: modelData.title
+                            text: entry.title
                             elide: Text.ElideRight
                             Accessible.name: text
+                            Accessible.description: entry.fullText
                         }
                         Label {
-                            text: modelData.voice + "  ·  " + modelData.date + "  ·  " + modelData.duration
+                            text: entry.voice + "  ·  " + entry.date + "  ·  " + entry.duration
                             opacity: 0.65
                             font.pixelSize: 12
+                        }
+                    }
+                    ToolButton {
+                        // Only where the title does not already say it all.
+                        visible: titleLabel.truncated || entry.fullText.trim() !== entry.title
+                        text: entry.expanded ? "▴" : "▾"
+                        Accessible.name: entry.expanded ? "Hide full text" : "Show full text"
+                        Accessible.description: entry.title
+                        ToolTip.visible: hovered
+                        ToolTip.text: Accessible.name
+                        onClicked: entry.expanded = !entry.expanded
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
                         }
                     }
                     Button {
                         text: "Export…"
                         flat: true
-                        Accessible.name: "Export " + modelData.title
-                        onClicked: root.model.exportSession(modelData.id)
+                        Accessible.name: "Export " + entry.title
+                        onClicked: root.model.exportSession(entry.entryId)
                     }
                     Button {
+                        id: deleteButton
                         text: "Delete"
                         flat: true
-                        Accessible.name: "Delete " + modelData.title
-                        onClicked: root.model.remove(modelData.id)
+                        Accessible.name: "Delete " + entry.title
+                        onClicked: {
+                            // Once this row has gone from the list.
+                            Qt.callLater(root.focusEntry, entry.index);
+                            root.model.remove(entry.entryId);
+                        }
+                    }
+                }
+                // Selectable, so that a passage can be copied.
+                TextEdit {
+                    visible: entry.expanded
+                    Layout.fillWidth: true
+                    Layout.leftMargin: 48
+                    readOnly: true
+                    selectByMouse: true
+                    selectByKeyboard: true
+                    activeFocusOnTab: visible
+                    text: entry.fullText
+                    textFormat: Text.PlainText
+                    wrapMode: Text.Wrap
+                    color: palette.text
+                    selectionColor: palette.highlight
+                    selectedTextColor: palette.highlightedText
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
+
+                    FocusRing {
+                        shown: parent.activeFocus
+                        gap: 6
+                        radius: 6
                     }
                 }
             }
@@ -115,12 +187,22 @@ SectionPage {
         anchors.centerIn: parent
         modal: true
         title: "Clear all history?"
+        // The focus goes into the dialog and comes back to where it was asked for (or past it, once
+        // there is nothing left to clear).
+        onOpened: cancelButton.forceActiveFocus(Qt.TabFocusReason)
+        onClosed: {
+            if (clearAll.enabled)
+                clearAll.forceActiveFocus(Qt.TabFocusReason);
+            else
+                root.focusEntry(0);
+        }
 
         Label {
             text: "Every kept narration and its audio will be deleted."
         }
         footer: DialogButtonBox {
             Button {
+                id: cancelButton
                 text: "Cancel"
                 DialogButtonBox.buttonRole: DialogButtonBox.RejectRole
                 Accessible.name: "Cancel"

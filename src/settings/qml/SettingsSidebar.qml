@@ -2,7 +2,8 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 
-// The list of sections; choosing one only reports it, the view model decides what is shown.
+// The list of sections; choosing one only reports it, the view model decides what is shown. One stop on
+// the Tab path: the arrow keys move between sections.
 Rectangle {
     id: root
 
@@ -10,6 +11,11 @@ Rectangle {
     property int currentIndex: 0
 
     signal sectionChosen(string label)
+
+    function choose(index) {
+        if (index >= 0 && index < sections.length)
+            sectionChosen(sections[index]);
+    }
 
     color: systemPalette.alternateBase
 
@@ -24,8 +30,21 @@ Rectangle {
         model: root.sections
         currentIndex: root.currentIndex
         interactive: false
+        keyNavigationEnabled: false
+        activeFocusOnTab: true
         Accessible.role: Accessible.List
         Accessible.name: "Sections"
+        Keys.onUpPressed: root.choose(root.currentIndex - 1)
+        Keys.onDownPressed: root.choose(root.currentIndex + 1)
+        Keys.onPressed: event => {
+            if (event.key === Qt.Key_Home)
+                root.choose(0);
+            else if (event.key === Qt.Key_End)
+                root.choose(root.sections.length - 1);
+            else
+                return;
+            event.accepted = true;
+        }
 
         delegate: ItemDelegate {
             id: row
@@ -40,8 +59,14 @@ Rectangle {
             leftPadding: 20
             text: modelData
             highlighted: current
+            // The list holds the focus for all its rows.
+            focusPolicy: Qt.NoFocus
             Accessible.name: modelData
-            onClicked: root.sectionChosen(modelData)
+            Accessible.selected: current
+            onClicked: {
+                list.forceActiveFocus(Qt.MouseFocusReason);
+                root.sectionChosen(modelData);
+            }
 
             background: Rectangle {
                 anchors.fill: parent
@@ -53,6 +78,18 @@ Rectangle {
                 color: row.current ? systemPalette.highlight
                                    : (row.hovered ? Qt.rgba(systemPalette.text.r, systemPalette.text.g,
                                                             systemPalette.text.b, 0.06) : "transparent")
+
+                // Inside the row, in the text colour: around the highlighted row a highlight ring
+                // would not show.
+                Rectangle {
+                    anchors.fill: parent
+                    anchors.margins: -1
+                    visible: row.current && list.activeFocus
+                    radius: 7
+                    color: "transparent"
+                    border.width: 2
+                    border.color: Qt.lighter(systemPalette.highlight, 1.6)
+                }
             }
             contentItem: Label {
                 text: row.text

@@ -9,7 +9,6 @@ SectionPage {
     id: root
 
     required property ShortcutSettingsModel model
-    property int recordingRow: -1
 
     title: "Shortcuts"
 
@@ -56,30 +55,52 @@ SectionPage {
             Accessible.name: text
         }
 
-        // Selectable, so that the lines can be copied into the desktop's settings.
-        TextEdit {
-            // On GNOME only where its own shortcuts are the way.
+        // Selectable, and reachable from the keyboard, so that the lines can be copied into the desktop's
+        // settings. On GNOME only where its own shortcuts are the way.
+        ColumnLayout {
             visible: root.model.rows.length === 0
                      && (root.model.gnomeExtensionHelp === "" || root.model.canAddGnomeKeybindings)
             Layout.fillWidth: true
-            readOnly: true
-            selectByMouse: true
-            color: systemPalette.text
-            selectionColor: systemPalette.highlight
-            selectedTextColor: systemPalette.highlightedText
-            text: root.model.desktopBindings
-            wrapMode: Text.WrapAnywhere
-            font.family: "monospace"
-            textFormat: Text.PlainText
-            Accessible.name: text
+            spacing: 8
+
+            TextEdit {
+                id: bindingLines
+                Layout.fillWidth: true
+                readOnly: true
+                selectByMouse: true
+                selectByKeyboard: true
+                activeFocusOnTab: true
+                color: systemPalette.text
+                selectionColor: systemPalette.highlight
+                selectedTextColor: systemPalette.highlightedText
+                text: root.model.desktopBindings
+                wrapMode: Text.WrapAnywhere
+                font.family: "monospace"
+                textFormat: Text.PlainText
+                Accessible.name: text
+
+                FocusRing {
+                    shown: bindingLines.activeFocus
+                    gap: 6
+                    radius: 6
+                }
+            }
+            Button {
+                text: "Copy"
+                Accessible.name: "Copy"
+                onClicked: root.model.copyDesktopBindings()
+            }
         }
 
         Repeater {
-            model: root.model.rows
+            // By count, so that a change of a binding updates the rows in place and the focus stays.
+            model: root.model.rows.length
 
             delegate: RowLayout {
-                required property var modelData
+                id: shortcutRow
+
                 required property int index
+                readonly property var row: root.model.rows[index] ?? ({})
 
                 Layout.fillWidth: true
                 spacing: 12
@@ -89,52 +110,58 @@ SectionPage {
                     spacing: 2
                     Label {
                         Layout.fillWidth: true
-                        text: modelData.title
+                        text: shortcutRow.row.title
                     }
                     Label {
                         Layout.fillWidth: true
-                        visible: modelData.assigned !== ""
+                        visible: shortcutRow.row.assigned !== ""
                         wrapMode: Text.Wrap
-                        text: "Desktop key: " + modelData.assigned
+                        text: "Desktop key: " + shortcutRow.row.assigned
                         color: systemPalette.placeholderText
                         font.pixelSize: 12
                         Accessible.name: text
                     }
                     Label {
                         Layout.fillWidth: true
-                        visible: modelData.problem !== ""
+                        visible: shortcutRow.row.problem !== ""
                         wrapMode: Text.Wrap
-                        text: modelData.problem
+                        text: shortcutRow.row.problem
                         color: "#d0342c"
                         font.pixelSize: 12
                         Accessible.name: text
                     }
                 }
                 ShortcutRecorder {
+                    id: recorder
                     Layout.preferredWidth: 180
                     Layout.preferredHeight: 32
-                    label: modelData.label
-                    isRecording: root.recordingRow === index
+                    label: shortcutRow.row.label
+                    isRecording: root.model.recordingRow === shortcutRow.index
                     activeFocusOnTab: true
-                    Accessible.role: Accessible.Button
-                    Accessible.name: modelData.title + " shortcut"
-                    Accessible.description: modelData.label
-                    Accessible.onPressAction: root.recordingRow = index
-                    Keys.onReturnPressed: root.recordingRow = index
-                    Keys.onSpacePressed: root.recordingRow = index
-                    onRecorded: (key, modifiers) => root.model.record(index, key, modifiers)
-                    onFinished: root.recordingRow = -1
+                    accessibleName: shortcutRow.row.title + " shortcut"
+                    onActivated: root.model.recordingRow = shortcutRow.index
+                    Keys.onReturnPressed: root.model.recordingRow = shortcutRow.index
+                    Keys.onSpacePressed: root.model.recordingRow = shortcutRow.index
+                    onRecorded: (key, modifiers) => root.model.record(shortcutRow.index, key, modifiers)
+                    onFinished: {
+                        if (root.model.recordingRow === shortcutRow.index)
+                            root.model.recordingRow = -1;
+                    }
 
                     TapHandler {
-                        onTapped: root.recordingRow = index
+                        onTapped: root.model.recordingRow = shortcutRow.index
                     }
                 }
                 Button {
                     text: "Reset"
-                    enabled: !modelData.isDefault
+                    enabled: !shortcutRow.row.isDefault
                     flat: true
-                    Accessible.name: "Reset " + modelData.title
-                    onClicked: root.model.reset(index)
+                    Accessible.name: "Reset " + shortcutRow.row.title
+                    onClicked: {
+                        // Disabled once the default is back: the focus goes to the row's recorder.
+                        root.model.reset(shortcutRow.index);
+                        recorder.forceActiveFocus(Qt.TabFocusReason);
+                    }
                 }
             }
         }

@@ -38,6 +38,11 @@ SectionPage {
                         checked: root.model.voice === modelData.name
                         Accessible.name: modelData.label
                         onClicked: root.model.selectVoice(modelData.name)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
+                        }
                     }
                     ToolButton {
                         text: "▶"
@@ -45,6 +50,11 @@ SectionPage {
                         ToolTip.visible: hovered
                         ToolTip.text: "Play a sample"
                         onClicked: root.model.previewVoice(modelData.name)
+
+                        FocusRing {
+                            shown: parent.visualFocus
+                            radius: 4
+                        }
                     }
                 }
             }
@@ -93,6 +103,10 @@ SectionPage {
                             Label {
                                 text: styleButton.text
                             }
+                        }
+                        FocusRing {
+                            shown: styleButton.visualFocus
+                            radius: 4
                         }
                     }
                     Label {

@@ -3,18 +3,26 @@ import QtQuick
 import Quillvox.Shortcuts
 
 // One settings row's recorder. The row owns the recording flag: bind `isRecording` to it and clear it on
-// `finished`, which follows both an accepted combination (after `recorded`) and Escape. How the row looks
-// while recording is the settings window's business; this shows the binding or the prompt.
-Item {
+// `finished`, which follows an accepted combination (after `recorded`), Escape, and the recorder losing
+// the keyboard focus. How the row looks while recording is the settings window's business; this shows
+// the binding or the prompt, and the keyboard focus as a ring.
+FocusScope {
     id: root
 
     property bool isRecording: false
     // The binding shown while not recording, e.g. HotkeyManager.displayLabel.
     property string label
     property string prompt: qsTr("Type a shortcut…")
+    // What a screen reader calls the recorder; it also hears whether it records.
+    property string accessibleName
 
     signal recorded(var key, var modifiers)
     signal finished
+    // A screen reader's press.
+    signal activated
+
+    // The item inside, which holds the keyboard focus, speaks for the recorder.
+    Accessible.ignored: true
 
     implicitWidth: Math.max(caption.implicitWidth + 16, 120)
     implicitHeight: caption.implicitHeight + 10
@@ -31,6 +39,16 @@ Item {
         border.color: root.isRecording ? systemPalette.highlight : systemPalette.mid
     }
 
+    Rectangle {
+        anchors.fill: parent
+        anchors.margins: -3
+        visible: root.activeFocus && !root.isRecording
+        radius: 6
+        color: "transparent"
+        border.width: 2
+        border.color: systemPalette.highlight
+    }
+
     Text {
         id: caption
         anchors.centerIn: parent
@@ -41,7 +59,12 @@ Item {
     ShortcutRecorderItem {
         id: recorder
         anchors.fill: parent
+        focus: true
         recording: root.isRecording
+        Accessible.role: Accessible.Button
+        Accessible.name: root.accessibleName
+        Accessible.description: root.isRecording ? root.prompt : root.label
+        Accessible.onPressAction: root.activated()
         onShortcutRecorded: (key, modifiers) => {
             root.recorded(key, modifiers);
             root.finished();

@@ -198,11 +198,12 @@ private Q_SLOTS:
     void purchaseOpensTheBrowser()
     {
         QVERIFY(startServer());
-        Session s(*m_server);
+        Session s(*m_server, Session::AuthAndBalance);
         QVERIFY(s.signIn());
         QList<QUrl> opened;
         OnboardingViewModel::Services services;
         services.auth = s.auth.get();
+        services.balance = s.balance.get();
         services.clock = &s.clock;
         services.serviceOrigin = s.origin;
         services.openUrl = [&](const QUrl &url) { opened << url; };
@@ -216,6 +217,7 @@ private Q_SLOTS:
         QVERIFY(!onboarding.purchaseError());
     }
 
+    void callbackWhoseUserFetchFails()
     {
         QVERIFY(startServer());
         Session s(*m_server);

@@ -1,92 +1,29 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The tray item as a desktop panel sees it: a StatusNotifierWatcher with a host on the rig's bus before
-// the app starts, the item's menu read and clicked over com.canonical.dbusmenu, mousepad holding the
-// selection that "Narrate Selection" reads aloud.
+// the app starts, the item read over org.kde.StatusNotifierItem and its menu read and clicked over
+// com.canonical.dbusmenu, mousepad holding the selection that "Narrate Selection" reads aloud.
 #include "DevServer.h"
 #include "PulseServer.h"
 #include "StatusNotifierWatcher.h"
+#include "TrayItemReader.h"
 #include "X11Desktop.h"
 
 #include "core/UserDefaults.h"
 
-#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QDBusMessage>
-#include <QDBusObjectPath>
-#include <QDBusVariant>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <optional>
+
 namespace {
 
-const QString kItemInterface = QStringLiteral("org.kde.StatusNotifierItem");
-const QString kMenuInterface = QStringLiteral("com.canonical.dbusmenu");
 const QString kSentence =
     QStringLiteral("The tray menu reads this sentence aloud from the editor, one word after another.");
-
-struct MenuEntry
-{
-    int id = 0;
-    QVariantMap properties;
-};
-
-// The children of a (ia{sv}av) layout node, in order; submenus do not occur in our menu.
-QList<MenuEntry> menuChildren(const QDBusArgument &node)
-{
-    QList<MenuEntry> entries;
-    int id = 0;
-    QVariantMap properties;
-    node.beginStructure();
-    node >> id >> properties;
-    node.beginArray();
-    while (!node.atEnd()) {
-        QDBusVariant child;
-        node >> child;
-        const QDBusArgument childNode = child.variant().value<QDBusArgument>();
-        MenuEntry entry;
-        childNode.beginStructure();
-        childNode >> entry.id >> entry.properties;
-        childNode.endStructure();
-        entries.append(entry);
-    }
-    node.endArray();
-    node.endStructure();
-    return entries;
-}
-
-// "Control+Shift+N" from the dbusmenu form [["Control", "Shift", "N"]].
-QString shortcutText(const QVariant &value)
-{
-    if (!value.isValid())
-        return {};
-    QStringList chords;
-    const QDBusArgument argument = value.value<QDBusArgument>();
-    argument.beginArray();
-    while (!argument.atEnd()) {
-        QStringList keys;
-        argument >> keys;
-        chords.append(keys.join(QLatin1Char('+')));
-    }
-    argument.endArray();
-    return chords.join(QLatin1Char(' '));
-}
-
-// What a person sees: the shown entries, "-" for a separator, a disabled one in brackets, the key
-// equivalent after a tab.
-QString shownText(const MenuEntry &entry)
-{
-    if (entry.properties.value(QStringLiteral("type")).toString() == u"separator")
-        return QStringLiteral("-");
-    QString text = entry.properties.value(QStringLiteral("label")).toString();
-    if (!entry.properties.value(QStringLiteral("enabled"), true).toBool())
-        text = QLatin1Char('[') + text + QLatin1Char(']');
-    const QString shortcut = shortcutText(entry.properties.value(QStringLiteral("shortcut")));
-    if (!shortcut.isEmpty())
-        text += QLatin1Char('\t') + shortcut;
-    return text;
-}
+const QString kIdleIcon = QStringLiteral("com.vantor.Quillvox-symbolic");
+const QString kPlayingIcon = QStringLiteral("com.vantor.Quillvox-playing-symbolic");
 
 } // namespace
 
@@ -100,87 +37,7 @@ class TestTray : public QObject
     ChildProcess m_editor;
     QByteArray m_editorWindow;
     QProcess m_app;
-    StatusNotifierWatcher::Item m_item;
-    QString m_menuPath;
-
-    QDBusMessage itemProperty(const QString &name) const
-    {
-        QDBusMessage get = QDBusMessage::createMethodCall(m_item.service, m_item.path,
-                                                          QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                          QStringLiteral("Get"));
-        get << kItemInterface << name;
-        return QDBusConnection::sessionBus().call(get);
-    }
-
-    // The icon as a host draws it: its theme name and its pixmaps' bytes.
-    QByteArray icon() const
-    {
-        QByteArray icon = itemProperty(QStringLiteral("IconName"))
-                              .arguments()
-                              .value(0)
-                              .value<QDBusVariant>()
-                              .variant()
-                              .toString()
-                              .toUtf8();
-        const QDBusArgument pixmaps = itemProperty(QStringLiteral("IconPixmap"))
-                                          .arguments()
-                                          .value(0)
-                                          .value<QDBusVariant>()
-                                          .variant()
-                                          .value<QDBusArgument>();
-        pixmaps.beginArray();
-        while (!pixmaps.atEnd()) {
-            int width = 0;
-            int height = 0;
-            QByteArray argb;
-            pixmaps.beginStructure();
-            pixmaps >> width >> height >> argb;
-            pixmaps.endStructure();
-            icon += argb;
-        }
-        pixmaps.endArray();
-        return icon;
-    }
-
-    QList<MenuEntry> menu() const
-    {
-        QDBusMessage getLayout = QDBusMessage::createMethodCall(m_item.service, m_menuPath, kMenuInterface,
-                                                                QStringLiteral("GetLayout"));
-        getLayout << 0 << -1 << QStringList();
-        const QDBusMessage reply = QDBusConnection::sessionBus().call(getLayout);
-        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() != 2) {
-            qWarning() << "GetLayout:" << reply.errorMessage();
-            return {};
-        }
-        return menuChildren(reply.arguments().at(1).value<QDBusArgument>());
-    }
-
-    QStringList shownMenu() const
-    {
-        QStringList shown;
-        for (const MenuEntry &entry : menu()) {
-            if (entry.properties.value(QStringLiteral("visible"), true).toBool())
-                shown.append(shownText(entry));
-        }
-        return shown;
-    }
-
-    // Clicks the entry labelled `label` as a panel does when the user picks it.
-    bool click(const QString &label) const
-    {
-        for (const MenuEntry &entry : menu()) {
-            if (entry.properties.value(QStringLiteral("label")).toString() != label)
-                continue;
-            QDBusMessage event = QDBusMessage::createMethodCall(m_item.service, m_menuPath, kMenuInterface,
-                                                                QStringLiteral("Event"));
-            event << entry.id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0))
-                  << uint(QDateTime::currentSecsSinceEpoch());
-            // "Quit" may end the app before it answers.
-            return QDBusConnection::sessionBus().send(event);
-        }
-        qWarning() << "no menu entry" << label;
-        return false;
-    }
+    std::optional<TrayItemReader> m_item;
 
 private Q_SLOTS:
     void initTestCase()
@@ -215,7 +72,7 @@ private Q_SLOTS:
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
         QTRY_COMPARE_WITH_TIMEOUT(m_watcher.items().size(), 1, 15000);
-        m_item = m_watcher.items().first();
+        m_item.emplace(m_watcher.items().first());
     }
 
     void cleanupTestCase()
@@ -228,69 +85,76 @@ private Q_SLOTS:
 
     void itemBelongsToTheAppAndExportsItsMenu()
     {
-        const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(m_item.service);
+        const StatusNotifierWatcher::Item item = m_watcher.items().first();
+        const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(item.service);
         QVERIFY2(pid.isValid(), qPrintable(pid.error().message()));
         QCOMPARE(qint64(pid.value()), m_app.processId());
-        QCOMPARE(m_watcher.registeredItems(), QStringList{m_item.service + m_item.path});
+        QCOMPARE(m_watcher.registeredItems(), QStringList{item.service + item.path});
+        QCOMPARE(m_item->property(QStringLiteral("Status")), QVariant(QStringLiteral("Active")));
+    }
 
-        m_menuPath = itemProperty(QStringLiteral("Menu"))
-                         .arguments()
-                         .value(0)
-                         .value<QDBusVariant>()
-                         .variant()
-                         .value<QDBusObjectPath>()
-                         .path();
-        QVERIFY(!m_menuPath.isEmpty());
-        QCOMPARE(itemProperty(QStringLiteral("Status")).arguments().value(0).value<QDBusVariant>().variant(),
-                 QVariant(QStringLiteral("Active")));
+    // A themed name for panels that recolour it, pictures for those that draw them, and a left click
+    // that opens the menu.
+    void iconAndClickAsPanelsUseThem()
+    {
+        QCOMPARE(m_item->iconName(), kIdleIcon);
+        QCOMPARE(m_item->pixmapSizes(), (QList<QSize>{{16, 16}, {22, 22}, {24, 24}, {32, 32}}));
+        QCOMPARE(m_item->property(QStringLiteral("ItemIsMenu")), QVariant(true));
+        QCOMPARE(m_item->toolTip(), QStringLiteral("Quillvox"));
     }
 
     void idleMenu()
     {
-        QCOMPARE(shownMenu(), (QStringList{
-                                  QStringLiteral("Narrate Selection\tControl+Shift+N"),
-                                  QStringLiteral("Expand Widget"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("[Pause Narration]"),
-                                  QStringLiteral("[Stop Narration]"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Check for Updates..."),
-                                  QStringLiteral("About Quillvox"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Settings...\tControl+,"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Quit Quillvox\tControl+Q"),
-                              }));
+        QCOMPARE(m_item->shownMenu(), (QStringList{
+                                          QStringLiteral("Narrate Selection\tControl+Alt+S"),
+                                          QStringLiteral("Expand Widget"),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("[Pause Narration]"),
+                                          QStringLiteral("[Stop Narration]"),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Check for Updates..."),
+                                          QStringLiteral("About Quillvox"),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Settings..."),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Quit Quillvox"),
+                                      }));
     }
 
     void narrateSelectionReadsTheEditor()
     {
-        const QByteArray idleIcon = icon();
-        QVERIFY(!idleIcon.isEmpty());
         xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"),
                  QString::fromLatin1(m_editorWindow)});
-        QVERIFY(click(QStringLiteral("Narrate Selection")));
+        QVERIFY(m_item->click(QStringLiteral("Narrate Selection")));
 
-        QTRY_VERIFY_WITH_TIMEOUT(icon() != idleIcon, 15000);
-        const QByteArray playingIcon = icon();
-        QVERIFY(!playingIcon.isEmpty());
-        // Neither a second narration nor the widget's expansion is offered while one plays.
-        QCOMPARE(shownMenu(), (QStringList{
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Pause Narration"),
-                                  QStringLiteral("Stop Narration"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Check for Updates..."),
-                                  QStringLiteral("About Quillvox"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Settings...\tControl+,"),
-                                  QStringLiteral("-"),
-                                  QStringLiteral("Quit Quillvox\tControl+Q"),
-                              }));
+        QTRY_COMPARE_WITH_TIMEOUT(m_item->iconName(), kPlayingIcon, 15000);
+        QCOMPARE(m_item->pixmapSizes().size(), 4);
+        QVERIFY2(m_item->toolTip().startsWith(u"Quillvox\n" + kSentence.left(60) + u"…\n0:0"),
+                 qPrintable(m_item->toolTip()));
+        // Neither a second narration nor the widget's expansion is offered while one plays, and no
+        // separator stands for them.
+        QCOMPARE(m_item->shownMenu(), (QStringList{
+                                          QStringLiteral("Pause Narration"),
+                                          QStringLiteral("Stop Narration"),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Check for Updates..."),
+                                          QStringLiteral("About Quillvox"),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Settings..."),
+                                          QStringLiteral("-"),
+                                          QStringLiteral("Quit Quillvox"),
+                                      }));
+
+        // The middle button pauses and plays on.
+        QVERIFY(m_item->call(QStringLiteral("SecondaryActivate")));
+        QTRY_COMPARE(m_item->iconName(), kIdleIcon);
+        QCOMPARE(m_item->toolTip(), QStringLiteral("Quillvox"));
+        QVERIFY(m_item->call(QStringLiteral("SecondaryActivate")));
+        QTRY_COMPARE(m_item->iconName(), kPlayingIcon);
 
         // The request's log line is written when its response ends.
-        QVERIFY(click(QStringLiteral("Stop Narration")));
-        QTRY_COMPARE_WITH_TIMEOUT(icon(), idleIcon, 5000);
+        QVERIFY(m_item->click(QStringLiteral("Stop Narration")));
+        QTRY_COMPARE_WITH_TIMEOUT(m_item->iconName(), kIdleIcon, 5000);
         const QList<QJsonObject> log = m_server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
         QCOMPARE(log.first().value(QStringLiteral("path")).toString(), QStringLiteral("/v1/audio/speech"));
@@ -299,7 +163,7 @@ private Q_SLOTS:
 
     void quitEndsTheProcess()
     {
-        QVERIFY(click(QStringLiteral("Quit Quillvox")));
+        QVERIFY(m_item->click(QStringLiteral("Quit Quillvox")));
         QVERIFY2(m_app.waitForFinished(10000), "the app still runs 10 s after Quit");
         QCOMPARE(m_app.exitStatus(), QProcess::NormalExit);
         QCOMPARE(m_app.exitCode(), 0);

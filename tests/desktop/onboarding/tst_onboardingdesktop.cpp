@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The first run as a user meets it: a fresh profile, the onboarding window driven through the
 // accessibility bus, sign-in through the desktop's browser against the dev server, the try-it narration
-// with the real shortcut, and normal operation afterwards without a restart.
+// with the real shortcut, and normal operation afterwards without a restart, with the settings window
+// opened during onboarding.
 #include "DevServer.h"
 #include "TestBrowser.h"
 #include "X11Desktop.h"
@@ -128,6 +129,12 @@ private Q_SLOTS:
         QCOMPARE(windowSize(onboarding), QSize(550, 500));
 
         QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
+        // The settings window opened on the way (and closed with Escape) is the one used later.
+        QVERIFY(clickAccessibleControl(QStringLiteral("Use my own API key")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("OpenAI API key")));
+        QTRY_COMPARE(visibleWindows(QStringLiteral("Settings")).size(), 1);
+        xdotool({"key", "Escape"});
+        QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
         QVERIFY(clickAccessibleControl(QStringLiteral("Continue with Google")));
         QVERIFY(showsAccessibleControl(QStringLiteral("You're all set!")));
         QVERIFY2(browserLog().startsWith(
@@ -166,7 +173,16 @@ private Q_SLOTS:
                      .value_or(false),
                  true);
 
-        // Normal operation in the same process: the shortcut narrates what is selected elsewhere.
+        // Normal operation in the same process: the settings window lists every shortcut, and the shortcut
+        // narrates what is selected elsewhere.
+        QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        for (const char *row : {"Narrate Selection", "Play/Pause", "Stop", "Skip Back 5 Seconds",
+                                "Skip Forward 5 Seconds", "Cycle Speed"})
+            QVERIFY2(showsAccessibleControl(QLatin1String(row) + u" shortcut"), row);
+        xdotool({"key", "Escape"});
+        QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
+
         const QString text = m_dir.filePath(QStringLiteral("editor.txt"));
         QFile file(text);
         QVERIFY(file.open(QIODevice::WriteOnly));

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The settings window as a user meets it: opened from the widget (shown for the user's own key), every
-// section reached by its name, the key and the speech server chosen and tested against dev servers, a
-// shortcut re-bound and used in mousepad, the history replayed, exported and cleared, the account signed
-// in through the browser and out, the way from a missing permission.
+// section reached by its name, the key and the speech server chosen and tested against dev servers and
+// followed when the command line changes it, Escape and Tab, a shortcut re-bound and used in mousepad,
+// the history replayed, paused, resumed, exported and cleared, the account signed in through the browser
+// and out, the way from a missing permission.
 #include "DevServer.h"
+#include "StatusNotifierWatcher.h"
 #include "TestBrowser.h"
+#include "TrayItemReader.h"
 #include "X11Desktop.h"
 
 #include "account/KeychainHelper.h"
@@ -58,6 +61,8 @@ class TestSettingsDesktop : public QObject
     // Another client's hold on Ctrl+Alt+W (skip back), taken before the app starts.
     X11Connection m_other;
     ChildProcess m_accessibility;
+    // The tray host, there before the app, shows the narration shortcut in the menu.
+    StatusNotifierWatcher m_tray;
     ChildProcess m_app;
     QString m_browserLog;
 
@@ -102,6 +107,7 @@ private Q_SLOTS:
         env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"),
                    m_server.url(QStringLiteral("/appcast.xml")).toString());
         env.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
+        QVERIFY2(m_tray.start(), qPrintable(m_tray.errorString()));
         m_browserLog = installTestBrowser(env);
         QVERIFY(!m_browserLog.isEmpty());
         m_app.process.setProcessEnvironment(env);
@@ -161,6 +167,81 @@ private Q_SLOTS:
         }
     }
 
+    // Another program changing the key (here the command line) shows in the open section.
+    void keyFollowsTheKeyring_data()
+    {
+        QTest::addColumn<QString>("key"); // empty: cleared
+        QTest::newRow("set") << "sk-command-line-9999";
+        QTest::newRow("cleared") << "";
+        QTest::newRow("set back") << kKey;
+    }
+    void keyFollowsTheKeyring()
+    {
+        QFETCH(QString, key);
+        QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
+        QProcess cli;
+        cli.start(QStringLiteral(QUILLVOX_EXECUTABLE),
+                  {key.isEmpty() ? QStringLiteral("--clear-api-key") : QStringLiteral("--set-api-key")});
+        cli.write(key.toUtf8() + '\n');
+        cli.closeWriteChannel();
+        QVERIFY(cli.waitForFinished(10000));
+        QCOMPARE(cli.exitCode(), 0);
+        if (key.isEmpty())
+            QTRY_VERIFY_WITH_TIMEOUT(findAccessibleControl(QStringLiteral("Remove")).isEmpty(), 2000);
+        else
+            QVERIFY(!waitForAccessibleControl(u"Saved key sk-…" + key.right(4), 0, 2000).isEmpty());
+    }
+
+    // Escape in the key field takes back what was typed, not the window, and nothing typed is saved
+    // when the focus moves on; with nothing typed, Escape closes the window.
+    void escapeInTheKeyField()
+    {
+        QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("OpenAI API key")));
+        xdotool({"type", "--delay", "10", "sk-half"});
+        xdotool({"key", "Escape"});
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Narrate Selection shortcut")));
+        QCOMPARE(KeychainHelper::shared().load(KeychainKey::openAIAPIKey), kKey);
+
+        QVERIFY(clickAccessibleControl(QStringLiteral("API Keys")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("OpenAI API key")));
+        xdotool({"key", "Escape"});
+        QTRY_VERIFY(findAccessibleControl(QStringLiteral("API Keys")).isEmpty());
+        QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("API Keys")));
+    }
+
+    // Tab goes from the section list through the Voice section in reading order.
+    void tabWalksTheVoiceSection()
+    {
+        QVERIFY(clickAccessibleControl(QStringLiteral("Voice")));
+        QTRY_COMPARE(focusedAccessibleName(), QStringLiteral("Voice"));
+        QStringList walked;
+        for (int i = 0; i < 28; ++i) {
+            xdotool({"key", "Tab"});
+            QTest::qWait(50);
+            walked.append(focusedAccessibleName());
+        }
+        const QStringList voices{"Marin", "Cedar", "Alloy", "Echo", "Fable", "Nova", "Onyx", "Shimmer"};
+        QStringList expected;
+        for (const QString &voice : voices)
+            expected << voice << u"Preview " + voice;
+        expected << "Standard"
+                 << "Calm"
+                 << "Friendly"
+                 << "Professional"
+                 << "Bedtime Story"
+                 << "Dramatic"
+                 << "Cheerful"
+                 << "Speed 0.5×"
+                 << "Speed 1×"
+                 << "Speed 1.25×"
+                 << "Speed 1.5×"
+                 << "Speed 2×";
+        QCOMPARE(walked, expected);
+    }
+
     // "Test" and the next narration both go to the server just entered, and a refusal reads the same
     // in both. The second server stays chosen for what follows.
     void serverChoice_data()
@@ -203,15 +284,38 @@ private Q_SLOTS:
         QVERIFY(showsAccessibleControl(QStringLiteral("Used by another application")));
     }
 
+    // A recorder left for another section stops recording: coming back, a combination typed is not
+    // taken, until the row is asked to record again.
+    void sectionChangeEndsRecording()
+    {
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Play/Pause shortcut")));
+        QTest::qWait(200);
+        QVERIFY(clickAccessibleControl(QStringLiteral("Voice")));
+        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Play/Pause shortcut")));
+        xdotool({"key", "ctrl+alt+p"});
+        QTest::qWait(500);
+        QCOMPARE(appStatus()[u"shortcuts"][1][u"label"].toString(), QStringLiteral("Ctrl+Alt+E"));
+    }
+
     // A combination recorded in the window narrates the selection in mousepad straight away.
     void reboundNarrationWorksAtOnce()
     {
         QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
         QVERIFY(clickAccessibleControl(QStringLiteral("Narrate Selection shortcut")));
         QTest::qWait(200); // the recorder takes the focus a turn later
+        QTRY_COMPARE(m_tray.items().size(), 1);
+        const TrayItemReader tray(m_tray.items().first());
+        // The server test's word may still play, which hides the entry.
+        QTRY_VERIFY_WITH_TIMEOUT(!appStatus()[u"isPlaying"].toBool(), 15000);
+        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
+                 QStringLiteral("Narrate Selection\tControl+Alt+S"));
         xdotool({"key", "ctrl+alt+n"});
         QTRY_COMPARE(appStatus()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
         QVERIFY(appStatus()[u"shortcuts"][0][u"registered"].toBool());
+        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
+                 QStringLiteral("Narrate Selection\tControl+Alt+N"));
 
         const QString file = m_dir.filePath(QStringLiteral("text.txt"));
         QFile f(file);
@@ -235,6 +339,14 @@ private Q_SLOTS:
         QVERIFY(clickAccessibleControl(u"Play " + kSpoken));
         QVERIFY(showsAccessibleControl(u"Pause " + kSpoken));
         QCOMPARE(m_second.requests().size(), asked);
+        // Paused, the same button resumes where it stopped.
+        QTRY_VERIFY(appStatus()[u"currentTime"].toDouble() > 0.5);
+        QVERIFY(clickAccessibleControl(u"Pause " + kSpoken));
+        QTRY_VERIFY(!appStatus()[u"isPlaying"].toBool());
+        const double pausedAt = appStatus()[u"currentTime"].toDouble();
+        QVERIFY(clickAccessibleControl(u"Play " + kSpoken));
+        QTRY_VERIFY(appStatus()[u"isPlaying"].toBool());
+        QVERIFY2(appStatus()[u"currentTime"].toDouble() >= pausedAt, qPrintable(QString::number(pausedAt)));
 
         const QString path = m_dir.filePath(QStringLiteral("narration.flac"));
         QVERIFY(clickAccessibleControl(u"Export " + kSpoken));

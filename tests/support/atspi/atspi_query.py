@@ -4,6 +4,8 @@
 #   atspi_query.py APP find NAME [N] -> "x y width height" (screen pixels) of the first (or N-th,
 #                                     from 0) showing accessible called NAME, exit 1 when there is none
 #   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
+#   atspi_query.py APP focused     -> the name of the accessible that has the keyboard focus, exit 1 when
+#                                     none has
 import sys
 
 import pyatspi
@@ -39,6 +41,14 @@ def main():
     if command == "list":
         for node in walk(app):
             print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
+        return 0
+    if command == "focused":
+        # Focus scopes around the control count as focused too: the deepest is the control.
+        focused = [node for node in walk(app)
+                   if node.getState().contains(pyatspi.STATE_FOCUSED) and showing(node)]
+        if not focused:
+            return 1
+        print(focused[-1].name)
         return 0
     wanted = sys.argv[3]
     skip = int(sys.argv[4]) if len(sys.argv) > 4 else 0

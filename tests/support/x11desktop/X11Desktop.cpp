@@ -128,6 +128,13 @@ bool clickAccessibleControl(const QString &name, int index)
     return true;
 }
 
+QString focusedAccessibleName()
+{
+    return QString::fromUtf8(runProgram(QStringLiteral("/usr/bin/python3"),
+                                        {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "focused"})
+                                 .trimmed());
+}
+
 QRect findAccessibleControl(const QString &name, int index)
 {
     const QList<QByteArray> numbers =

@@ -55,6 +55,10 @@ bool showsAccessibleControl(const QString &name);
 // until the control stays put; false when the control never showed.
 bool clickAccessibleControl(const QString &name, int index = 0);
 
+// The name of Quillvox's control that has the keyboard focus, as a screen reader hears it; empty when
+// none has.
+QString focusedAccessibleName();
+
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);
 

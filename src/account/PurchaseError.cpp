@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-#include "onboarding/PurchaseError.h"
+#include "account/PurchaseError.h"
 
 QString purchaseErrorDescription(PurchaseError error)
 {

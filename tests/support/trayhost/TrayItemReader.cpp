@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "TrayItemReader.h"
+
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+#include <QDateTime>
+#include <QDebug>
+
+namespace {
+
+const QString kItemInterface = QStringLiteral("org.kde.StatusNotifierItem");
+const QString kMenuInterface = QStringLiteral("com.canonical.dbusmenu");
+
+// "Control+Alt+S" from the dbusmenu form [["Control", "Alt", "S"]].
+QString shortcutText(const QVariant &value)
+{
+    if (!value.isValid())
+        return {};
+    QStringList chords;
+    const QDBusArgument argument = value.value<QDBusArgument>();
+    argument.beginArray();
+    while (!argument.atEnd()) {
+        QStringList keys;
+        argument >> keys;
+        chords.append(keys.join(QLatin1Char('+')));
+    }
+    argument.endArray();
+    return chords.join(QLatin1Char(' '));
+}
+
+} // namespace
+
+QVariant TrayItemReader::property(const QString &name) const
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(m_item.service, m_item.path,
+                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                      QStringLiteral("Get"));
+    get << kItemInterface << name;
+    return QDBusConnection::sessionBus().call(get).arguments().value(0).value<QDBusVariant>().variant();
+}
+
+QList<QSize> TrayItemReader::pixmapSizes() const
+{
+    QList<QSize> sizes;
+    const QDBusArgument pixmaps = property(QStringLiteral("IconPixmap")).value<QDBusArgument>();
+    pixmaps.beginArray();
+    while (!pixmaps.atEnd()) {
+        int width = 0;
+        int height = 0;
+        QByteArray argb;
+        pixmaps.beginStructure();
+        pixmaps >> width >> height >> argb;
+        pixmaps.endStructure();
+        // A size whose bytes do not match is no picture a host can draw.
+        sizes.append(argb.size() == width * height * 4 ? QSize(width, height) : QSize());
+    }
+    pixmaps.endArray();
+    return sizes;
+}
+
+QString TrayItemReader::toolTip() const
+{
+    const QDBusArgument toolTip = property(QStringLiteral("ToolTip")).value<QDBusArgument>();
+    QString iconName;
+    QString title;
+    QString description;
+    toolTip.beginStructure();
+    toolTip >> iconName;
+    toolTip.beginArray();
+    while (!toolTip.atEnd()) {
+        int width = 0;
+        int height = 0;
+        QByteArray argb;
+        toolTip.beginStructure();
+        toolTip >> width >> height >> argb;
+        toolTip.endStructure();
+    }
+    toolTip.endArray();
+    toolTip >> title >> description;
+    toolTip.endStructure();
+    return description.isEmpty() ? title : title + u'\n' + description;
+}
+
+bool TrayItemReader::call(const QString &method) const
+{
+    QDBusMessage message =
+        QDBusMessage::createMethodCall(m_item.service, m_item.path, kItemInterface, method);
+    message << 0 << 0;
+    return QDBusConnection::sessionBus().call(message).type() == QDBusMessage::ReplyMessage;
+}
+
+QString TrayItemReader::menuPath() const
+{
+    return property(QStringLiteral("Menu")).value<QDBusObjectPath>().path();
+}
+
+QList<TrayItemReader::Entry> TrayItemReader::menu() const
+{
+    QDBusMessage getLayout = QDBusMessage::createMethodCall(m_item.service, menuPath(), kMenuInterface,
+                                                            QStringLiteral("GetLayout"));
+    getLayout << 0 << -1 << QStringList();
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(getLayout);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() != 2) {
+        qWarning() << "GetLayout:" << reply.errorMessage();
+        return {};
+    }
+    // (ia{sv}av); our menu has no submenus.
+    const QDBusArgument node = reply.arguments().at(1).value<QDBusArgument>();
+    QList<Entry> entries;
+    int id = 0;
+    QVariantMap properties;
+    node.beginStructure();
+    node >> id >> properties;
+    node.beginArray();
+    while (!node.atEnd()) {
+        QDBusVariant child;
+        node >> child;
+        const QDBusArgument childNode = child.variant().value<QDBusArgument>();
+        Entry entry;
+        childNode.beginStructure();
+        childNode >> entry.id >> entry.properties;
+        childNode.endStructure();
+        entries.append(entry);
+    }
+    node.endArray();
+    node.endStructure();
+    return entries;
+}
+
+QString TrayItemReader::text(const Entry &entry)
+{
+    if (entry.properties.value(QStringLiteral("type")).toString() == u"separator")
+        return QStringLiteral("-");
+    QString text = entry.properties.value(QStringLiteral("label")).toString();
+    if (!entry.properties.value(QStringLiteral("enabled"), true).toBool())
+        text = QLatin1Char('[') + text + QLatin1Char(']');
+    const QString shortcut = shortcutText(entry.properties.value(QStringLiteral("shortcut")));
+    if (!shortcut.isEmpty())
+        text += QLatin1Char('\t') + shortcut;
+    return text;
+}
+
+QStringList TrayItemReader::shownMenu() const
+{
+    QStringList shown;
+    for (const Entry &entry : menu()) {
+        if (entry.properties.value(QStringLiteral("visible"), true).toBool())
+            shown.append(text(entry));
+    }
+    return shown;
+}
+
+QString TrayItemReader::entryText(const QString &label) const
+{
+    for (const Entry &entry : menu()) {
+        if (entry.properties.value(QStringLiteral("label")).toString() == label)
+            return text(entry);
+    }
+    return {};
+}
+
+bool TrayItemReader::click(const QString &label) const
+{
+    for (const Entry &entry : menu()) {
+        if (entry.properties.value(QStringLiteral("label")).toString() != label)
+            continue;
+        QDBusMessage event = QDBusMessage::createMethodCall(m_item.service, menuPath(), kMenuInterface,
+                                                            QStringLiteral("Event"));
+        event << entry.id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0))
+              << uint(QDateTime::currentSecsSinceEpoch());
+        // "Quit" may end the app before it answers.
+        return QDBusConnection::sessionBus().send(event);
+    }
+    qWarning() << "no menu entry" << label;
+    return false;
+}
