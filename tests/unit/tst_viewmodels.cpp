@@ -769,7 +769,9 @@ private Q_SLOTS:
         services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(silent.serverPort()));
         SpeechManager speech(std::move(services));
         FloatingWidgetViewModel vm(speech, m_clock);
-        QSignalSpy titleChanges(&vm, &FloatingWidgetViewModel::titleChanged);
+        // What a view bound to the title shows: the value at each announcement.
+        QStringList shown{vm.title()};
+        connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
         if (state == u"generating") {
             speech.speak(QStringLiteral("Hello there."));
         } else if (state == u"playing" || state == u"paused") {
@@ -783,8 +785,7 @@ private Q_SLOTS:
             speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
         }
         QFETCH(QString, title);
-        QTRY_COMPARE(vm.title(), title);
-        QCOMPARE(titleChanges.isEmpty(), state.isEmpty());
+        QTRY_COMPARE(shown.last(), title);
     }
 
     // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.

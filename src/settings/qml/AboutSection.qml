@@ -92,11 +92,11 @@ SectionPage {
             RowLayout {
                 visible: !!root.about && root.about.skippedVersionText !== ""
                 Layout.fillWidth: true
+                spacing: 12
                 Label {
                     objectName: "skippedVersionLabel"
                     text: root.about ? root.about.skippedVersionText : ""
                     opacity: 0.7
-                    Layout.fillWidth: true
                     Accessible.name: text
                 }
                 Button {
@@ -104,6 +104,7 @@ SectionPage {
                     Accessible.name: text
                     onClicked: root.about.forgetSkippedVersion()
                 }
+                Item { Layout.fillWidth: true }
             }
         }
     }
