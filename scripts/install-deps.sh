@@ -9,7 +9,7 @@ PACKAGES=(
     qt6-base-dev qt6-declarative-dev qt6-tools-dev qcoro-qt6-dev qt6-svg-dev libqt6svg6
     qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-window
     qml6-module-qtquick-layouts qml6-module-qtquick-templates qml6-module-qtqml-workerscript
-    libpulse-dev libsoundtouch-dev libsndfile1-dev libsoxr-dev libsecret-1-dev
+    libpulse-dev libsoundtouch-dev libsndfile1-dev libsoxr-dev libmpg123-dev libsecret-1-dev
     libxtst-dev libx11-dev libxcb1-dev libxcb-keysyms1-dev libxcb-xtest0-dev libxcb-xfixes0-dev
     libespeak-ng-dev espeak-ng libcpp-httplib-dev
     xvfb xauth x11-utils x11-xserver-utils xdotool xclip openbox

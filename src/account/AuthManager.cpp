@@ -140,7 +140,7 @@ QHash<QString, QString> AuthManager::parseFragment(const QString &fragment)
 
 void AuthManager::restoreSession()
 {
-    const std::optional<QString> accessToken = m_services.keychain->load(KeychainKey::accessToken);
+    const std::optional<QString> accessToken = m_services.keychain->loadSecret(KeychainKey::accessToken);
     if (!accessToken) {
         log(QStringLiteral("No access token found, user is signed out"));
         setState(State::signedOut);
@@ -154,7 +154,8 @@ void AuthManager::restoreSession()
             return;
         }
         log(QStringLiteral("Token verification failed: ") + describe(user.failure()));
-        const std::optional<QString> refreshToken = m_services.keychain->load(KeychainKey::refreshToken);
+        const std::optional<QString> refreshToken =
+            m_services.keychain->loadSecret(KeychainKey::refreshToken);
         if (!refreshToken) {
             log(QStringLiteral("No refresh token available, signing out"));
             signOut();
@@ -177,7 +178,7 @@ void AuthManager::validateAfterWake()
         log(QStringLiteral("Not signed in, skipping wake validation"));
         return;
     }
-    const std::optional<QString> accessToken = m_services.keychain->load(KeychainKey::accessToken);
+    const std::optional<QString> accessToken = m_services.keychain->loadSecret(KeychainKey::accessToken);
     if (!accessToken) {
         log(QStringLiteral("No access token after wake, signing out"));
         signOut();
@@ -188,7 +189,7 @@ void AuthManager::validateAfterWake()
         return;
     }
     log(QStringLiteral("Token expired or expiring soon after wake, refreshing..."));
-    const std::optional<QString> refreshToken = m_services.keychain->load(KeychainKey::refreshToken);
+    const std::optional<QString> refreshToken = m_services.keychain->loadSecret(KeychainKey::refreshToken);
     if (!refreshToken) {
         log(QStringLiteral("No refresh token available after wake, signing out"));
         signOut();
@@ -357,7 +358,7 @@ void AuthManager::refreshWithRetry(const QString &refreshToken, int attempt, Tok
 
 void AuthManager::getValidAccessToken(const QObject *context, TokenCallback done)
 {
-    const std::optional<QString> accessToken = m_services.keychain->load(KeychainKey::accessToken);
+    const std::optional<QString> accessToken = m_services.keychain->loadSecret(KeychainKey::accessToken);
     if (!accessToken) {
         log(QStringLiteral("getValidAccessToken: Not signed in (no access token)"));
         return done(AuthError::makeAuthenticationFailed(QStringLiteral("Not signed in")));
@@ -372,7 +373,7 @@ void AuthManager::getValidAccessToken(const QObject *context, TokenCallback done
         m_refreshWaiters.append({QPointer<const QObject>(context), context != nullptr, std::move(done)});
         return;
     }
-    const std::optional<QString> refreshToken = m_services.keychain->load(KeychainKey::refreshToken);
+    const std::optional<QString> refreshToken = m_services.keychain->loadSecret(KeychainKey::refreshToken);
     if (!refreshToken) {
         // Not a sign-out: the caller decides.
         log(QStringLiteral("No refresh token available"));

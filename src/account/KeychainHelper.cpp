@@ -129,6 +129,14 @@ std::optional<QString> KeychainHelper::load(KeychainKey key)
     return text;
 }
 
+std::optional<QString> KeychainHelper::loadSecret(KeychainKey key)
+{
+    std::optional<QString> text = load(key);
+    if (text)
+        text = text->trimmed();
+    return text;
+}
+
 bool KeychainHelper::remove(KeychainKey key)
 {
     const SecretStore::Result removed = m_store->remove(m_service, accountName(key));

@@ -35,6 +35,9 @@ public:
     bool save(const QString &value, KeychainKey key);
     // The stored text, or nothing (never "" for a missing item).
     std::optional<QString> load(KeychainKey key);
+    // load() as a credential is used: without surrounding whitespace, so that a token or key stored
+    // with a line end (pasted, or piped from a shell) still goes out as a valid header.
+    std::optional<QString> loadSecret(KeychainKey key);
     // True when the item was removed or did not exist.
     bool remove(KeychainKey key);
 

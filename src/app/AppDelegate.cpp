@@ -17,6 +17,9 @@
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingWindow.h"
+#include "platform/dbus/LogindWakeMonitor.h"
+#include "platform/x11/X11Activation.h"
+#include "records/HistoryManager.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/ShortcutServices.h"
@@ -32,7 +35,6 @@
 #include <QQuickWindow>
 #include <QTextStream>
 #include <QTimer>
-#include <QWindow>
 
 namespace {
 
@@ -47,6 +49,16 @@ void explainWayland()
            "  quillvox --narrate-selection   quillvox --toggle        quillvox --stop\n"
            "  quillvox --skip-back           quillvox --skip-forward  quillvox --cycle-speed\n"
         << Qt::flush;
+}
+
+// Where the user looks, not only on standard error: the Shortcuts section explains the session.
+void notifyWithSettings(const QString &summary, const QString &body)
+{
+    showDesktopNotification(summary, body, QStringLiteral("Open Settings"), [] {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(
+            settingsSectionLabel(SettingsSection::shortcuts));
+    });
 }
 
 } // namespace
@@ -83,12 +95,22 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
 
     m_remote = std::make_unique<RemoteControl>(speech, nullptr);
     m_instance = std::make_unique<SingleInstance>();
-    if (!m_instance->listen([this](const QString &command, const QString &argument) {
-            return m_remote->handle(command, argument);
-        }))
+    if (!m_instance->listen([this](const QString &command,
+                                   const QString &argument) { return m_remote->handle(command, argument); },
+                            [this](const QString &text, std::function<void(const QJsonObject &)> reply) {
+                                m_remote->speakAndWait(text, std::move(reply));
+                            }))
         return false;
     m_remote->setOnboardingRaiser([this] { return raiseOnboardingWindow(); });
-    m_mpris = std::make_unique<MprisPlayer>(speech);
+    // A launcher's leave to come to the front holds for the window its request shows, not later ones.
+    connect(m_instance.get(), &SingleInstance::startupIdReceived, this, [this](const QByteArray &id) {
+        m_startupId = id;
+        QTimer::singleShot(2000, this, [this, id] {
+            if (m_startupId == id)
+                m_startupId.clear();
+        });
+    });
+    m_mpris = std::make_unique<MprisPlayer>(speech, &HistoryManager::shared());
     m_mpris->registerOnBus(MprisPlayer::busNameFor(
         SingleInstance::busName() == SingleInstance::kDefaultBusName, QCoreApplication::applicationPid()));
 
@@ -125,13 +147,12 @@ void AppDelegate::startUpdateChecks()
             [this] { updateWindow().checkForUpdates(); });
     connect(m_updateChecker.get(), &UpdateChecker::updateFound, this,
             [this](const UpdateChecker::Result &result) { updateWindow().showResult(result); });
-    // Once a day at most, across restarts: an hourly look at when the last check was is enough.
-    auto *daily = new QTimer(this);
-    daily->setInterval(std::chrono::hours(1));
-    connect(daily, &QTimer::timeout, m_updateChecker.get(), &UpdateChecker::checkAutomaticallyIfDue);
-    daily->start();
-    QTimer::singleShot(std::chrono::seconds(10), m_updateChecker.get(),
-                       &UpdateChecker::checkAutomaticallyIfDue);
+    // Once a day at most, across restarts, and never before start-up has settled.
+    static constexpr std::chrono::seconds kSoonest(10);
+    m_updateChecker->scheduleAutomaticChecks(kSoonest);
+    auto *wake = new LogindWakeMonitor(this);
+    connect(wake, &WakeMonitor::woke, m_updateChecker.get(),
+            [checker = m_updateChecker.get()] { checker->scheduleAutomaticChecks(kSoonest); });
 }
 
 UpdateWindow &AppDelegate::updateWindow()
@@ -169,18 +190,25 @@ void AppDelegate::openOnboardingWindow()
             widget.updateVisibility();
     };
     m_onboarding = std::make_unique<OnboardingWindow>(std::move(services));
-    m_onboardingWindow = m_onboarding->window();
     m_onboarding->present();
 }
 
 bool AppDelegate::raiseOnboardingWindow()
 {
-    if (!m_onboardingWindow)
+    if (!m_onboarding)
         return false;
-    m_onboardingWindow->show();
-    m_onboardingWindow->raise();
-    m_onboardingWindow->requestActivate();
+    m_onboarding->present();
+    activateForLauncher(m_onboarding->window());
     return true;
+}
+
+void AppDelegate::activateForLauncher(QWindow *window)
+{
+    const QByteArray startupId = std::exchange(m_startupId, {});
+    if (startupId.isEmpty() || !window)
+        return;
+    // Once the window manager has mapped it.
+    QTimer::singleShot(100, window, [window, startupId] { X11Activation::activate(*window, startupId); });
 }
 
 void AppDelegate::startMainApp()
@@ -218,6 +246,10 @@ void AppDelegate::ensureShortcuts()
             m_statusMenu->setHotkeys(hotkeys);
     } else {
         explainWayland();
+        notifyWithSettings(QStringLiteral("Quillvox cannot bind its shortcuts"),
+                           QStringLiteral("This session lets no application bind global shortcuts. Bind "
+                                          "Quillvox's commands in your desktop's keyboard settings."));
+        m_sessionExplained = true;
     }
     // A window opened during onboarding was made without them.
     if (m_settingsWindow)
@@ -228,9 +260,11 @@ void AppDelegate::promptForTrust()
 {
     // Asked once per start; where capture cannot work the user is told why, once.
     SelectionCapture &capture = SelectionCapture::shared();
-    const QMetaObject::Connection explain =
-        connect(&capture, &SelectionCapture::permissionExplanationRequested, this, [](const QString &why) {
-            showDesktopNotification(QStringLiteral("Quillvox cannot read selected text"), why);
+    // One notification per start: the section it opens explains both.
+    const QMetaObject::Connection explain = connect(
+        &capture, &SelectionCapture::permissionExplanationRequested, this, [this](const QString &why) {
+            if (!std::exchange(m_sessionExplained, true))
+                notifyWithSettings(QStringLiteral("Quillvox cannot read selected text"), why);
         });
     capture.isProcessTrusted(true);
     disconnect(explain);
@@ -243,9 +277,11 @@ void AppDelegate::openSettings(std::optional<SettingsSection> section)
                                                             SettingsServices::fromShared());
         m_pendingSection.reset();
         m_settingsWindow->present();
+        activateForLauncher(m_settingsWindow->window());
         return;
     }
     m_settingsWindow->present();
+    activateForLauncher(m_settingsWindow->window());
     if (section)
         Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(*section));
 }
@@ -256,12 +292,12 @@ void AppDelegate::addObservers()
     m_onboardingObserver = connect(
         &events, &AppEvents::onboardingCompleted, this,
         [this] {
-            if (m_onboardingWindow)
-                m_onboardingWindow->close();
-            m_onboardingWindow.clear();
             // The flow may still be inside the click that completed it.
-            if (m_onboarding)
+            if (m_onboarding) {
+                if (QQuickView *window = m_onboarding->window())
+                    window->close();
                 m_onboarding.release()->deleteLater();
+            }
             startMainApp();
         },
         Qt::QueuedConnection);

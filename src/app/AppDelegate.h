@@ -14,7 +14,6 @@
 class KeychainHelper;
 class OnboardingWindow;
 class MprisPlayer;
-class QWindow;
 class RemoteControl;
 class SettingsWindow;
 class ShellStatusMenu;
@@ -24,6 +23,7 @@ class StatusMenu;
 class UpdateChecker;
 class UpdateWindow;
 class UserDefaults;
+class QWindow;
 
 // The application shell: starts the program, chooses between the first-run flow and normal operation,
 // owns the tray menu and the settings window, and is the hub of the process-local notifications.
@@ -66,6 +66,8 @@ private:
     void ensureShortcuts();
     // Brings the onboarding window forward; false when it is not open.
     bool raiseOnboardingWindow();
+    // Brings `window` to the front with the startup id a launcher handed over (X11), if one is waiting.
+    void activateForLauncher(QWindow *window);
     void promptForTrust();
     void applicationDidBecomeActive();
     void applicationWillTerminate();
@@ -75,7 +77,6 @@ private:
     UserDefaults &m_defaults;
     KeychainHelper &m_keychain;
 
-    QPointer<QWindow> m_onboardingWindow;
     QMetaObject::Connection m_onboardingObserver;
     std::unique_ptr<SettingsWindow> m_settingsWindow;
     QMetaObject::Connection m_settingsObserver;
@@ -95,4 +96,7 @@ private:
     std::unique_ptr<UpdateChecker> m_updateChecker;
     std::unique_ptr<UpdateWindow> m_updateWindow;
     bool m_trustExplained = false;
+    // The notification about what the session lacks was shown.
+    bool m_sessionExplained = false;
+    QByteArray m_startupId;
 };

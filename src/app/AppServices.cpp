@@ -30,6 +30,14 @@ public:
         HistoryManager::shared().addSession(text, voice, durationSeconds, audioData);
     }
     QString audioFile(const QUuid &id) const override { return HistoryManager::shared().audioFile(id); }
+    QString text(const QUuid &id) const override
+    {
+        for (const NarrationSession &session : HistoryManager::shared().sessions()) {
+            if (session.id == id)
+                return session.text;
+        }
+        return {};
+    }
     void recordUsage(qint64 characters) override { UsageManager::shared().recordNarration(characters); }
 };
 

@@ -4,28 +4,33 @@
 #include "account/KeychainHelper.h"
 #include "app/AppDelegate.h"
 #include "app/AppServices.h"
-#include "app/RemoteControl.h"
+#include "app/CommandLineArguments.h"
 #include "app/SingleInstance.h"
 #include "app/WindowingPlatform.h"
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
 #include "core/UserDefaults.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
-#include "speech/VoiceStyle.h"
 #include "updates/UpdateChecker.h"
 
 #include <QApplication>
-#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
 #include <QJsonDocument>
 #include <QLoggingCategory>
+#include <QStringDecoder>
 #include <QTextStream>
 #include <QTimer>
 
+#include <csignal>
 #include <cstdio>
 #include <functional>
+#include <string>
 #include <variant>
+
+#include <termios.h>
+#include <unistd.h>
 
 namespace {
 
@@ -34,32 +39,81 @@ void printError(const QString &text)
     QTextStream(stderr) << text << Qt::endl;
 }
 
-// Reads one line from standard input, without its line end. The key never travels in the arguments,
-// where any user on the machine could read it from the process list.
+// A refusal: one line, and exit status 1.
+int refuse(const QString &why)
+{
+    printError(QStringLiteral("quillvox: ") + why);
+    return 1;
+}
+
+termios g_shownTerminal{};
+
+// Ctrl+C at the prompt leaves the terminal as it found it.
+void restoreTerminalAndExit(int signal)
+{
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_shownTerminal);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+// Reads one line from standard input, without its line end. On a terminal it asks for the key and does
+// not show it as typed. The key never travels in the arguments, where any user on the machine could
+// read it from the process list.
 QString readKeyFromStandardInput()
 {
+    const bool hide = ::isatty(STDIN_FILENO) && ::tcgetattr(STDIN_FILENO, &g_shownTerminal) == 0;
+    if (hide) {
+        termios hidden = g_shownTerminal;
+        hidden.c_lflag &= ~tcflag_t(ECHO);
+        hidden.c_lflag |= ECHONL;
+        std::signal(SIGINT, restoreTerminalAndExit);
+        std::signal(SIGTERM, restoreTerminalAndExit);
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+        std::fputs("OpenAI API key: ", stderr);
+        std::fflush(stderr);
+    }
+    std::string line;
+    for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar())
+        line.push_back(char(c));
+    if (hide) {
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_shownTerminal);
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+    }
+    return QString::fromUtf8(line.data(), qsizetype(line.size())).trimmed();
+}
+
+// `--speak -`: the text on standard input, as UTF-8, no longer than an argument may be. Empty, with
+// `error` set, when it cannot be narrated.
+QString readTextFromStandardInput(QString &error)
+{
+    constexpr qsizetype kMaximumBytes = 128 * 1024; // the kernel's limit for one argument
     QFile in;
-    if (!in.open(stdin, QIODevice::ReadOnly))
+    if (!in.open(stdin, QIODevice::ReadOnly)) {
+        error = QStringLiteral("Cannot read standard input.");
         return {};
-    QByteArray line = in.readLine();
-    while (line.endsWith('\n') || line.endsWith('\r'))
-        line.chop(1);
-    return QString::fromUtf8(line);
+    }
+    const QByteArray bytes = in.read(kMaximumBytes + 1);
+    QStringDecoder decoder(QStringConverter::Utf8, QStringConverter::Flag::Stateless);
+    const QString text = decoder.decode(bytes);
+    if (bytes.size() > kMaximumBytes)
+        error = QStringLiteral("The text on standard input is longer than %1 bytes.").arg(kMaximumBytes);
+    else if (decoder.hasError())
+        error = QStringLiteral("The text on standard input is not UTF-8.");
+    else if (text.trimmed().isEmpty())
+        error = QStringLiteral("Nothing to narrate: the text is empty.");
+    return error.isEmpty() ? text : QString();
 }
 
 int setApiKey()
 {
     const QString key = readKeyFromStandardInput();
-    if (key.isEmpty()) {
-        printError(QStringLiteral("No API key given: pipe the key on standard input, for example\n"
-                                  "  printf '%s\\n' \"$OPENAI_API_KEY\" | quillvox --set-api-key"));
-        return 1;
-    }
+    if (key.isEmpty())
+        return refuse(QStringLiteral("No API key given: type it when asked, or pipe it on standard input "
+                                     "(printf '%s\\n' \"$OPENAI_API_KEY\" | quillvox --set-api-key)."));
     KeychainHelper &keychain = KeychainHelper::shared();
-    if (!keychain.save(key, KeychainKey::openAIAPIKey)) {
-        printError(QStringLiteral("Could not save the API key: ") + keychain.lastFailureReason());
-        return 1;
-    }
+    if (!keychain.save(key, KeychainKey::openAIAPIKey))
+        return refuse(QStringLiteral("Could not save the API key: ") + keychain.lastFailureReason());
     QTextStream(stdout) << "API key saved to the keyring." << Qt::endl;
     return 0;
 }
@@ -67,10 +121,8 @@ int setApiKey()
 int clearApiKey()
 {
     KeychainHelper &keychain = KeychainHelper::shared();
-    if (!keychain.remove(KeychainKey::openAIAPIKey)) {
-        printError(QStringLiteral("Could not remove the API key: ") + keychain.lastFailureReason());
-        return 1;
-    }
+    if (!keychain.remove(KeychainKey::openAIAPIKey))
+        return refuse(QStringLiteral("Could not remove the API key: ") + keychain.lastFailureReason());
     QTextStream(stdout) << "API key removed from the keyring." << Qt::endl;
     return 0;
 }
@@ -81,7 +133,7 @@ int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)
 {
     SpeechManager &speech = createSharedSpeechManager();
     const auto failed = [&speech] {
-        printError(speech.currentErrorDescription());
+        printError(QStringLiteral("quillvox: ") + speech.currentErrorDescription());
         const QString keyring = KeychainHelper::shared().lastFailureReason();
         if (speech.currentError()->kind() == SpeechError::apiKeyMissing && !keyring.isEmpty())
             printError(keyring);
@@ -114,46 +166,6 @@ int narrateOnce(QCoreApplication &app, const std::function<void(SpeechManager &)
     return app.exec();
 }
 
-// What the command line asks for, once every argument has been checked.
-struct Invocation
-{
-    enum class Mode {
-        start,
-        help,
-        version,
-        setApiKey,
-        clearApiKey,
-        control,
-        speak,
-        preview,
-        checkForUpdates
-    };
-    Mode mode = Mode::start;
-    QString control; // control: the command for the running instance
-    QString text;    // speak: the text; preview: the voice
-    QString voice;   // speak: this run's voice, or empty
-    std::optional<VoiceStyle> style;
-    std::optional<float> speed;
-    std::optional<QString> url; // start: a callback URL
-    bool autostart = false;     // start: from the login entry
-    bool verbose = false;
-
-    bool hasRunOptions() const { return !voice.isEmpty() || style || speed; }
-};
-
-// "0.5, 1.0, 1.25, 1.5, 2.0", as users write them.
-QString joined(const QList<float> &speeds)
-{
-    QStringList texts;
-    for (float speed : speeds) {
-        QString text = QString::number(double(speed), 'f', 2);
-        if (text.endsWith(u'0'))
-            text.chop(1);
-        texts.append(text);
-    }
-    return texts.join(QStringLiteral(", "));
-}
-
 // Standalone runs keep the account's lines in its logging category, which --verbose shows; the default
 // (none) prints them as the running application does.
 std::function<void(const QString &)> accountLog(bool verbose)
@@ -162,196 +174,6 @@ std::function<void(const QString &)> accountLog(bool verbose)
         return {};
     return [](const QString &line) { qCInfo(lcAccount).noquote() << line; };
 }
-
-QString styleNames()
-{
-    QStringList names;
-    for (VoiceStyle style : VoiceStyle::allCases())
-        names.append(style.rawValue());
-    return names.join(QStringLiteral(", "));
-}
-
-class CommandLine
-{
-public:
-    CommandLine()
-    {
-        m_parser.setApplicationDescription(QStringLiteral("Quillvox reads selected text aloud."));
-        m_parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-        m_parser.addOptions({m_help, m_version, m_setKey, m_clearKey, m_speak, m_voice, m_style, m_speed,
-                             m_preview, m_checkUpdates, m_autostart, m_verbose});
-        for (const QString &command : RemoteControl::controlCommands()) {
-            m_controls.append(QCommandLineOption(command, controlDescription(command)));
-            m_parser.addOption(m_controls.last());
-        }
-        m_parser.addPositionalArgument(QStringLiteral("url"),
-                                       QStringLiteral("A quillvox:// callback URL from the browser."),
-                                       QStringLiteral("[url]"));
-    }
-
-    // The invocation, or what is wrong with the arguments.
-    std::variant<Invocation, QString> check(const QStringList &arguments)
-    {
-        if (!m_parser.parse(arguments))
-            return m_parser.errorText();
-
-        Invocation invocation;
-        invocation.verbose = m_parser.isSet(m_verbose);
-        QStringList actions;
-        const auto action = [&](const QCommandLineOption &option, Invocation::Mode mode) {
-            if (!m_parser.isSet(option))
-                return;
-            actions.append(QStringLiteral("--") + option.names().constLast());
-            invocation.mode = mode;
-        };
-        action(m_help, Invocation::Mode::help);
-        action(m_version, Invocation::Mode::version);
-        action(m_setKey, Invocation::Mode::setApiKey);
-        action(m_clearKey, Invocation::Mode::clearApiKey);
-        action(m_speak, Invocation::Mode::speak);
-        action(m_preview, Invocation::Mode::preview);
-        action(m_checkUpdates, Invocation::Mode::checkForUpdates);
-        action(m_autostart, Invocation::Mode::start);
-        invocation.autostart = m_parser.isSet(m_autostart);
-        for (const QCommandLineOption &control : std::as_const(m_controls)) {
-            action(control, Invocation::Mode::control);
-            if (m_parser.isSet(control))
-                invocation.control = control.names().constFirst();
-        }
-        if (actions.size() > 1)
-            return QStringLiteral("Give one of %1 at a time.").arg(actions.join(QStringLiteral(", ")));
-
-        const QStringList positional = m_parser.positionalArguments();
-        for (const QString &argument : positional) {
-            const bool isUrl = argument.startsWith(QStringLiteral("quillvox:"));
-            if (!isUrl || !actions.isEmpty() || invocation.url)
-                return QStringLiteral("Unexpected argument '%1'.").arg(argument);
-            // Kept as written: routing compares host and path exactly.
-            invocation.url = argument;
-        }
-
-        for (const QCommandLineOption *option : {&m_voice, &m_style, &m_speed}) {
-            if (m_parser.isSet(*option) && invocation.mode != Invocation::Mode::speak)
-                return QStringLiteral("--%1 goes with --speak.").arg(option->names().constFirst());
-        }
-
-        if (invocation.mode == Invocation::Mode::speak) {
-            invocation.text = m_parser.value(m_speak);
-            if (invocation.text.trimmed().isEmpty())
-                return QStringLiteral("Nothing to narrate: the text is empty.");
-            if (m_parser.isSet(m_voice)) {
-                invocation.voice = m_parser.value(m_voice);
-                if (!availableVoices().contains(invocation.voice))
-                    return unknownVoice(invocation.voice);
-            }
-            if (m_parser.isSet(m_style)) {
-                invocation.style = VoiceStyle::fromRawValue(m_parser.value(m_style));
-                if (!invocation.style)
-                    return QStringLiteral("Unknown style \"%1\". Styles: %2")
-                        .arg(m_parser.value(m_style), styleNames());
-            }
-            if (m_parser.isSet(m_speed)) {
-                bool ok = false;
-                const float speed = m_parser.value(m_speed).toFloat(&ok);
-                if (!ok || !playbackSpeeds().contains(speed))
-                    return QStringLiteral("Unsupported speed \"%1\". Speeds: %2")
-                        .arg(m_parser.value(m_speed), joined(playbackSpeeds()));
-                invocation.speed = speed;
-            }
-        }
-        if (invocation.mode == Invocation::Mode::preview) {
-            invocation.text = m_parser.value(m_preview);
-            if (!availableVoices().contains(invocation.text))
-                return unknownVoice(invocation.text);
-        }
-        return invocation;
-    }
-
-    // Needs the application object: Qt names the program from it.
-    QString helpText() const
-    {
-        QString text = m_parser.helpText();
-        text.replace(QCoreApplication::arguments().constFirst(), QStringLiteral("quillvox"));
-        text += QStringLiteral(
-                    "\nWithout options Quillvox starts in the tray and listens for its shortcuts; started "
-                    "again while it runs, it opens its settings window. --autostart starts it the same "
-                    "way (the login entry of \"Start Quillvox at login\" uses it) but does nothing when it "
-                    "already runs.\n\n"
-                    "Voices are %1. The default is %2, and the settings window keeps your choice.\n\n"
-                    "Speaking styles are %3. Put a style with spaces in quotes, as in "
-                    "--style \"Bedtime Story\".\n\n"
-                    "Speeds are %4; 1.0 is the normal pace.\n\n"
-                    "A quillvox:// URL is how the browser hands a finished sign-in or purchase back to "
-                    "Quillvox; it is passed to the running Quillvox, which starts first when needed.\n\n"
-                    "The playback commands and --status go to the running Quillvox; bind them to keys in "
-                    "your desktop's keyboard settings where global shortcuts are unavailable (Wayland).\n\n"
-                    "Exit status: 0 when done, 1 for a wrong argument or a failure, 2 when a command needs "
-                    "the running Quillvox and none runs.\n")
-                    .arg(availableVoices().join(QStringLiteral(", ")), defaultVoice(), styleNames(),
-                         joined(playbackSpeeds()));
-        return text;
-    }
-
-private:
-    static QString unknownVoice(const QString &voice)
-    {
-        return QStringLiteral("Unknown voice \"%1\". Voices: %2")
-            .arg(voice, availableVoices().join(QStringLiteral(", ")));
-    }
-
-    static QString controlDescription(const QString &command)
-    {
-        if (command == u"narrate-selection")
-            return QStringLiteral("Narrate the current selection, like the narration shortcut.");
-        if (command == u"toggle")
-            return QStringLiteral("Pause or resume the narration.");
-        if (command == u"stop")
-            return QStringLiteral("Stop the narration.");
-        if (command == u"skip-back")
-            return QStringLiteral("Go back 5 seconds.");
-        if (command == u"skip-forward")
-            return QStringLiteral("Go forward 5 seconds.");
-        if (command == u"cycle-speed")
-            return QStringLiteral("Switch to the next playback speed.");
-        if (command == u"status")
-            return QStringLiteral("Print the running Quillvox's state as JSON: narration, account, the "
-                                  "backend narration would use, whether an API key is stored, shortcuts.");
-        return command;
-    }
-
-    QCommandLineParser m_parser;
-    const QCommandLineOption m_help{{QStringLiteral("h"), QStringLiteral("help")},
-                                    QStringLiteral("Show this help.")};
-    const QCommandLineOption m_version{{QStringLiteral("v"), QStringLiteral("version")},
-                                       QStringLiteral("Show the version.")};
-    const QCommandLineOption m_setKey{QStringLiteral("set-api-key"),
-                                      QStringLiteral("Save the OpenAI API key read from standard input.")};
-    const QCommandLineOption m_clearKey{QStringLiteral("clear-api-key"),
-                                        QStringLiteral("Remove the saved OpenAI API key.")};
-    const QCommandLineOption m_speak{QStringLiteral("speak"),
-                                     QStringLiteral("Narrate TEXT (through the running Quillvox when one "
-                                                    "runs and no voice, style or speed is given)."),
-                                     QStringLiteral("TEXT")};
-    const QCommandLineOption m_voice{QStringLiteral("voice"), QStringLiteral("The voice for this --speak."),
-                                     QStringLiteral("NAME")};
-    const QCommandLineOption m_style{QStringLiteral("style"),
-                                     QStringLiteral("The speaking style for this --speak."),
-                                     QStringLiteral("NAME")};
-    const QCommandLineOption m_speed{
-        QStringLiteral("speed"), QStringLiteral("The playback speed for this --speak."), QStringLiteral("X")};
-    const QCommandLineOption m_preview{QStringLiteral("preview"), QStringLiteral("Play VOICE's sample."),
-                                       QStringLiteral("VOICE")};
-    const QCommandLineOption m_checkUpdates{
-        QStringLiteral("check-for-updates"),
-        QStringLiteral("Ask the update feed whether a newer Quillvox exists; exit 1 when the check failed.")};
-    const QCommandLineOption m_autostart{
-        QStringLiteral("autostart"),
-        QStringLiteral(
-            "Start as at login: the tray and the widget only, nothing when Quillvox already runs.")};
-    const QCommandLineOption m_verbose{QStringLiteral("verbose"),
-                                       QStringLiteral("Also print Quillvox's log lines.")};
-    QList<QCommandLineOption> m_controls;
-};
 
 int speakOnce(QCoreApplication &app, const Invocation &invocation)
 {
@@ -389,6 +211,15 @@ int checkForUpdatesOnce(QCoreApplication &app)
     return code;
 }
 
+// A reply of the running instance: 0 when it did what was asked, 1 with its reason when not.
+int replied(const QJsonObject &reply)
+{
+    if (reply.value(QStringLiteral("ok")).toBool())
+        return 0;
+    const QString why = reply.value(QStringLiteral("error")).toString();
+    return refuse(why.isEmpty() ? QStringLiteral("Quillvox refused the command.") : why);
+}
+
 // Hands a command to the running instance. 2 when none runs.
 int sendControl(const QString &command)
 {
@@ -397,29 +228,33 @@ int sendControl(const QString &command)
         printError(QStringLiteral("Quillvox is not running."));
         return 2;
     }
+    if (const int code = replied(*reply); code != 0)
+        return code;
     if (command == u"status") {
-        QTextStream(stdout)
-            << QJsonDocument(reply->value(QStringLiteral("status")).toObject()).toJson(QJsonDocument::Compact)
-            << Qt::endl;
+        const QJsonObject status = reply->value(QStringLiteral("status")).toObject();
+        if (status.isEmpty())
+            return refuse(QStringLiteral("The running Quillvox sent no status."));
+        QTextStream(stdout) << QJsonDocument(status).toJson(QJsonDocument::Compact) << Qt::endl;
     }
-    return reply->value(QStringLiteral("ok")).toBool() ? 0 : 1;
+    return 0;
 }
 
 int runApplication(int argc, char *argv[], const Invocation &invocation)
 {
     const std::optional<QString> &url = invocation.url;
     WindowingPlatform::applyForThisSession();
+    SingleInstance::keepLaunchActivation();
     // The bus connection wants the application object first.
     QApplication app(argc, argv);
     // Already running: a callback URL goes to it, a plain start shows its settings window. A login start
     // opens nothing: the user did not ask for a window.
-    if (invocation.autostart) {
-        if (SingleInstance::send(QStringLiteral("status"), {}, 2000))
-            return 0;
-    } else if (SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
-                                    url.value_or(QString()), 2000)) {
-        return 0;
-    }
+    const std::optional<QJsonObject> running =
+        invocation.autostart
+            ? SingleInstance::send(QStringLiteral("status"))
+            : SingleInstance::send(url ? QStringLiteral("open-url") : QStringLiteral("activate"),
+                                   url.value_or(QString()));
+    if (running)
+        return replied(*running);
     app.setQuitOnLastWindowClosed(false);
     AppDelegate delegate(UserDefaults::standard(), KeychainHelper::shared());
     if (!delegate.applicationDidFinishLaunching(url)) {
@@ -439,14 +274,14 @@ int runQuillvox(int argc, char *argv[])
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);
-    CommandLine commandLine;
-    const std::variant<Invocation, QString> checked = commandLine.check(arguments);
+    CommandLineArguments commandLine;
+    std::variant<Invocation, QString> checked = commandLine.check(arguments);
     if (const QString *error = std::get_if<QString>(&checked)) {
         printError(QStringLiteral("quillvox: ") + *error);
         printError(QStringLiteral("Try 'quillvox --help' for more information."));
         return 1;
     }
-    const Invocation &invocation = std::get<Invocation>(checked);
+    Invocation &invocation = std::get<Invocation>(checked);
     const bool narrates = invocation.mode == Invocation::Mode::start ||
                           invocation.mode == Invocation::Mode::speak ||
                           invocation.mode == Invocation::Mode::preview;
@@ -454,6 +289,12 @@ int runQuillvox(int argc, char *argv[])
         for (const QString &refusal : DeploymentConfig::current().refusals)
             printError(QStringLiteral("quillvox: ") + refusal);
         return 1;
+    }
+    if (invocation.readsStandardInput()) {
+        QString error;
+        invocation.text = readTextFromStandardInput(error);
+        if (!error.isEmpty())
+            return refuse(error);
     }
 
     if (invocation.mode == Invocation::Mode::start) {
@@ -480,9 +321,14 @@ int runQuillvox(int argc, char *argv[])
     case Invocation::Mode::control:
         return sendControl(invocation.control);
     case Invocation::Mode::speak:
-        if (!invocation.hasRunOptions() &&
-            SingleInstance::send(QStringLiteral("speak"), invocation.text, 2000))
-            return 0; // handed to the running instance
+        // Handed to the running instance, which answers once it has taken the text (or, with --wait,
+        // once the narration was heard or failed).
+        if (!invocation.hasRunOptions()) {
+            if (const std::optional<QJsonObject> reply = SingleInstance::send(
+                    invocation.wait ? QStringLiteral("speak-wait") : QStringLiteral("speak"),
+                    invocation.text))
+                return replied(*reply);
+        }
         createSharedAccount(accountLog(invocation.verbose));
         return speakOnce(app, invocation);
     case Invocation::Mode::preview:

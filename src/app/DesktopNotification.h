@@ -3,6 +3,10 @@
 
 #include <QString>
 
+#include <functional>
+
 // A desktop notification through the session's notification server (org.freedesktop.Notifications).
 // Fire and forget: without a server, or without a session bus, nothing is shown and nothing waits.
-void showDesktopNotification(const QString &summary, const QString &body);
+// With `actionLabel`, the notification offers that button, and `onAction` runs when it is chosen.
+void showDesktopNotification(const QString &summary, const QString &body, const QString &actionLabel = {},
+                             std::function<void()> onAction = {});

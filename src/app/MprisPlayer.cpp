@@ -3,6 +3,8 @@
 
 #include "core/AppEvents.h"
 #include "core/Logging.h"
+#include "records/HistoryManager.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
@@ -21,20 +23,15 @@ const QString kObjectPath = QStringLiteral("/org/mpris/MediaPlayer2");
 const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
 const QString kNoTrack = QStringLiteral("/org/mpris/MediaPlayer2/TrackList/NoTrack");
 constexpr double kMicroseconds = 1e6;
-constexpr int kTitleWords = 8;
 
 qlonglong toMicroseconds(double seconds)
 {
     return qlonglong(std::llround(seconds * kMicroseconds));
 }
 
-QString firstWords(const QString &text)
+QString titleOf(const QString &text)
 {
-    const QStringList words = text.simplified().split(u' ', Qt::SkipEmptyParts);
-    QString title = words.mid(0, kTitleWords).join(u' ');
-    if (words.size() > kTitleWords)
-        title += QStringLiteral("…");
-    return title;
+    return text.simplified().left(MprisPlayer::kTitleCharacters);
 }
 
 } // namespace
@@ -77,7 +74,8 @@ class MprisPlayerAdaptor : public QDBusAbstractAdaptor
     Q_PROPERTY(double MinimumRate READ minimumRate)
     Q_PROPERTY(double MaximumRate READ maximumRate)
     Q_PROPERTY(QVariantMap Metadata READ metadata)
-    Q_PROPERTY(double Volume READ volume WRITE setVolume)
+    // Narration has no volume of its own: the desktop's mixer sets it.
+    Q_PROPERTY(double Volume READ volume)
     Q_PROPERTY(qlonglong Position READ position)
     Q_PROPERTY(bool CanGoNext READ no)
     Q_PROPERTY(bool CanGoPrevious READ no)
@@ -116,7 +114,6 @@ public:
     double maximumRate() const { return MprisPlayer::kMaximumRate; }
     QVariantMap metadata() const { return property("Metadata").toMap(); }
     double volume() const { return 1.0; }
-    void setVolume(double) {}
     qlonglong position() const { return property("Position").toLongLong(); }
     bool no() const { return false; }
     bool canPlay() const { return property("CanPlay").toBool(); }
@@ -134,7 +131,7 @@ public Q_SLOTS:
     }
     void PlayPause()
     {
-        if (speech().hasContent())
+        if (speech().hasContent() && !speech().isProcessing())
             speech().togglePlayPause();
     }
     void Stop() { speech().stop(); }
@@ -150,7 +147,7 @@ public Q_SLOTS:
     void SetPosition(const QDBusObjectPath &trackId, qlonglong positionUs)
     {
         // A position meant for an earlier narration, or outside this one, is ignored.
-        if (trackId.path() != m_player.trackId() || positionUs < 0 ||
+        if (!speech().hasContent() || trackId.path() != m_player.trackId() || positionUs < 0 ||
             double(positionUs) / kMicroseconds > speech().displayedTotalTime())
             return;
         m_player.seekTo(double(positionUs) / kMicroseconds);
@@ -166,30 +163,42 @@ private:
     MprisPlayer &m_player;
 };
 
-MprisPlayer::MprisPlayer(SpeechManager &speech, QDBusConnection bus, QObject *parent)
+MprisPlayer::MprisPlayer(SpeechManager &speech, const HistoryManager *history, QDBusConnection bus,
+                         QObject *parent)
     : QObject(parent)
     , m_speech(speech)
+    , m_history(history)
     , m_bus(std::move(bus))
 {
     new MprisRootAdaptor(this);
     new MprisPlayerAdaptor(this);
 
-    connect(&m_speech, &SpeechManager::isProcessingChanged, this, [this] {
-        if (m_speech.isProcessing())
-            ++m_narrationNumber; // a new narration: a new track
+    connect(&m_speech, &SpeechManager::hasContentChanged, this, [this] {
+        m_atEnd = false;
+        if (m_speech.hasContent())
+            onContentLoaded();
+    });
+    connect(&m_speech, &SpeechManager::playbackEnded, this, [this] {
+        m_atEnd = true;
+        queuePublish();
+    });
+    connect(&m_speech, &SpeechManager::isPlayingChanged, this, [this] {
+        // Played again from the end: it starts over, a jump clients hear of only through Seeked.
+        if (m_speech.isPlaying() && std::exchange(m_atEnd, false))
+            Q_EMIT seeked(0);
     });
     connect(&m_speech, &SpeechManager::seekPerformed, this, [this](qint64 frame) {
+        m_atEnd = frame >= m_speech.accumulatedByteCount() / 2;
         Q_EMIT seeked(toMicroseconds(double(frame) / SpeechManager::kSampleRateHz));
+        queuePublish();
     });
     for (auto signal : {&SpeechManager::isProcessingChanged, &SpeechManager::isPlayingChanged,
                         &SpeechManager::hasContentChanged, &SpeechManager::playbackSpeedChanged,
-                        &SpeechManager::displayedTotalTimeChanged, &SpeechManager::selectedVoiceChanged}) {
-        connect(&m_speech, signal, this, [this] {
-            // Several values change in one step; one announcement carries them all.
-            if (!std::exchange(m_publishQueued, true))
-                QTimer::singleShot(0, this, &MprisPlayer::publishChanges);
-        });
-    }
+                        &SpeechManager::totalTimeChanged, &SpeechManager::currentPlayingSessionIdChanged})
+        connect(&m_speech, signal, this, &MprisPlayer::queuePublish);
+    if (m_history) // a narration's length is known once it is recorded
+        connect(m_history, &HistoryManager::sessionsChanged, this, &MprisPlayer::queuePublish);
+    connect(m_speech.followAlong(), &FollowAlong::sentenceChanged, this, &MprisPlayer::queuePublish);
     m_published = playerProperties();
     m_published.remove(QStringLiteral("Position"));
 }
@@ -223,39 +232,78 @@ bool MprisPlayer::registerOnBus(const QString &name)
     return true;
 }
 
+QString MprisPlayer::playbackStatus(bool isProcessing, bool isPlaying, bool hasContent, bool atEnd)
+{
+    if (isProcessing || isPlaying)
+        return QStringLiteral("Playing");
+    if (hasContent && !atEnd)
+        return QStringLiteral("Paused");
+    return QStringLiteral("Stopped");
+}
+
 QString MprisPlayer::trackId() const
 {
     if (!m_speech.hasContent() && !m_speech.isProcessing())
         return kNoTrack;
-    return QStringLiteral("/com/vantor/Quillvox/Narration/%1").arg(m_narrationNumber);
+    return QStringLiteral("/com/vantor/Quillvox/Track/%1").arg(m_trackNumber);
+}
+
+void MprisPlayer::onContentLoaded()
+{
+    ++m_trackNumber;
+    // A narration is generating when its audio is loaded; a replay or a sample plays what it has.
+    m_trackIsNarration = m_speech.isProcessing();
+    // A replay names its entry only after loading: described on the next turn.
+    m_trackDescribed = false;
+}
+
+void MprisPlayer::describeTrack()
+{
+    if (std::exchange(m_trackDescribed, true))
+        return;
+    const std::optional<QUuid> replayed = m_speech.currentPlayingSessionId();
+    if (replayed && m_history) {
+        for (const NarrationSession &session : m_history->sessions()) {
+            if (session.id == *replayed) {
+                m_title = titleOf(session.text);
+                m_artist = session.voice;
+                return;
+            }
+        }
+    }
+    m_artist = m_speech.currentNarrationVoice().value_or(m_speech.selectedVoice());
+    m_title = m_trackIsNarration ? titleOf(m_speech.lastSpokenText())
+                                 : QStringLiteral("Voice sample (%1)").arg(m_artist);
 }
 
 QVariantMap MprisPlayer::playerProperties() const
 {
     const SpeechManager &s = m_speech;
-    const QString status = s.isPlaying()      ? QStringLiteral("Playing")
-                           : s.hasContent()   ? QStringLiteral("Paused")
-                           : s.isProcessing() ? QStringLiteral("Playing")
-                                              : QStringLiteral("Stopped");
+    const bool loaded = s.hasContent();
     QVariantMap metadata{{QStringLiteral("mpris:trackid"), QVariant::fromValue(QDBusObjectPath(trackId()))}};
     if (trackId() != kNoTrack) {
-        metadata.insert(QStringLiteral("mpris:length"), toMicroseconds(s.displayedTotalTime()));
-        metadata.insert(QStringLiteral("xesam:title"), firstWords(s.lastSpokenText()));
-        metadata.insert(QStringLiteral("xesam:artist"), QStringList{s.selectedVoice()});
+        metadata.insert(QStringLiteral("xesam:title"), m_title);
+        metadata.insert(QStringLiteral("xesam:artist"), QStringList{m_artist});
+        if (!s.isStreamActive() && s.totalTime() > 0)
+            metadata.insert(QStringLiteral("mpris:length"), toMicroseconds(s.totalTime()));
+        if (const QString sentence = s.followAlong()->sentence(); !sentence.isEmpty())
+            metadata.insert(QStringLiteral("xesam:comment"), QStringList{sentence});
     }
     return {
-        {QStringLiteral("PlaybackStatus"), status},
+        {QStringLiteral("PlaybackStatus"), playbackStatus(s.isProcessing(), s.isPlaying(), loaded, m_atEnd)},
         {QStringLiteral("Rate"), double(s.playbackSpeed())},
         {QStringLiteral("Metadata"), metadata},
         {QStringLiteral("Position"), toMicroseconds(s.currentTime())},
-        {QStringLiteral("CanPlay"), s.hasContent()},
-        {QStringLiteral("CanPause"), s.hasContent()},
-        {QStringLiteral("CanSeek"), s.hasContent()},
+        {QStringLiteral("CanPlay"), loaded},
+        {QStringLiteral("CanPause"), loaded},
+        {QStringLiteral("CanSeek"), loaded},
     };
 }
 
 void MprisPlayer::seekTo(double seconds)
 {
+    if (!m_speech.hasContent())
+        return;
     if (seconds > m_speech.displayedTotalTime()) {
         m_speech.stop();
         return;
@@ -263,9 +311,17 @@ void MprisPlayer::seekTo(double seconds)
     m_speech.seekToFrame(qint64(std::max(0.0, seconds) * SpeechManager::kSampleRateHz));
 }
 
+void MprisPlayer::queuePublish()
+{
+    // Several values change in one step; one announcement carries them all.
+    if (!std::exchange(m_publishQueued, true))
+        QTimer::singleShot(0, this, &MprisPlayer::publishChanges);
+}
+
 void MprisPlayer::publishChanges()
 {
     m_publishQueued = false;
+    describeTrack();
     QVariantMap now = playerProperties();
     now.remove(QStringLiteral("Position")); // clients extrapolate it from Rate and Seeked
     QVariantMap changed;

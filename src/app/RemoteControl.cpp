@@ -7,7 +7,9 @@
 #include "capture/SelectionCapture.h"
 #include "core/AppEvents.h"
 #include "core/Logging.h"
+#include "settings/SettingsSection.h"
 #include "shortcuts/HotkeyManager.h"
+#include "speech/NarrationText.h"
 #include "speech/SpeechError.h"
 #include "speech/SpeechManager.h"
 
@@ -33,20 +35,86 @@ const QStringList &RemoteControl::controlCommands()
     return commands;
 }
 
+namespace {
+
+QJsonObject refusal(const QString &why)
+{
+    return QJsonObject{{QStringLiteral("ok"), false}, {QStringLiteral("error"), why}};
+}
+
+// After a purchase: the refresh first, then the window that shows the new balance (the application has
+// no window of its own to bring forward).
+void refreshThenShowAccount()
+{
+    const auto showAccount = [] {
+        Q_EMIT AppEvents::shared().openSettingsWindow();
+        Q_EMIT AppEvents::shared().navigateToSettingsSection(settingsSectionLabel(SettingsSection::account));
+    };
+    BalanceManager &balance = BalanceManager::shared();
+    balance.refreshBalance();
+    if (balance.isLoading())
+        QObject::connect(&balance, &BalanceManager::refreshFinished, &balance, showAccount,
+                         Qt::SingleShotConnection);
+    else
+        showAccount(); // throttled: the balance is a moment old
+}
+
+} // namespace
+
+std::optional<QString> RemoteControl::startSpeaking(const QString &text)
+{
+    if (NarrationText::normalizedText(text).isEmpty())
+        return QStringLiteral("Nothing to narrate: the text is empty.");
+    // An error left from an earlier narration must not pass for this one's.
+    m_speech.setCurrentError(std::nullopt);
+    m_speech.speak(text);
+    if (m_speech.currentError() && !m_speech.isProcessing())
+        return m_speech.currentErrorDescription();
+    return std::nullopt;
+}
+
+void RemoteControl::speakAndWait(const QString &text, std::function<void(const QJsonObject &)> reply)
+{
+    if (const std::optional<QString> refused = startSpeaking(text))
+        return reply(refusal(*refused));
+    // One answer, whichever comes first; the watcher's connections end with it.
+    auto *watch = new QObject(&m_speech);
+    auto pending = std::make_shared<std::function<void(const QJsonObject &)>>(std::move(reply));
+    const auto answer = [watch, pending](const QJsonObject &outcome) {
+        if (const auto send = std::exchange(*pending, {})) {
+            watch->deleteLater();
+            send(outcome);
+        }
+    };
+    SpeechManager &speech = m_speech;
+    QObject::connect(&speech, &SpeechManager::playbackEnded, watch, [answer] {
+        answer(QJsonObject{{QStringLiteral("ok"), true}});
+    });
+    QObject::connect(&speech, &SpeechManager::currentErrorChanged, watch, [answer, &speech] {
+        if (speech.currentError() && !speech.isPlaying())
+            answer(refusal(speech.currentErrorDescription()));
+    });
+    QObject::connect(&speech, &SpeechManager::hasContentChanged, watch, [answer, &speech] {
+        if (!speech.hasContent())
+            answer(refusal(QStringLiteral("The narration was stopped.")));
+    });
+}
+
 QJsonObject RemoteControl::handle(const QString &command, const QString &argument)
 {
     const QJsonObject ok{{QStringLiteral("ok"), true}};
     // Each action runs in a later turn of the event loop, so the caller gets its answer at once.
     const auto later = [this](auto action) { QTimer::singleShot(0, &m_speech, action); };
     if (command == u"narrate-selection") {
+        // Like the narration shortcut: capture, then speak the text as captured. Where capture cannot
+        // work (the desktop's own binding in a Wayland session) the widget says so, as for the
+        // shortcut, and its "Open Settings" shows why; the caller hears it too.
+        if (!SelectionCapture::shared().isProcessTrusted(false)) {
+            m_speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+            return refusal(m_speech.currentErrorDescription());
+        }
         later([this] {
-            // Like the narration shortcut: capture, then speak the text as captured. Where capture cannot
-            // work (the desktop's own binding in a Wayland session) the widget says so, as for the
-            // shortcut, and its "Open Settings" shows why.
-            SelectionCapture &capture = SelectionCapture::shared();
-            if (!capture.isProcessTrusted(false))
-                m_speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
-            else if (const std::optional<QString> text = capture.captureSelectedText())
+            if (const std::optional<QString> text = SelectionCapture::shared().captureSelectedText())
                 m_speech.speak(*text);
         });
     } else if (command == u"toggle") {
@@ -60,7 +128,8 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
     } else if (command == u"cycle-speed") {
         m_speech.cyclePlaybackSpeed();
     } else if (command == u"speak") {
-        later([this, argument] { m_speech.speak(argument); });
+        if (const std::optional<QString> refused = startSpeaking(argument))
+            return refusal(*refused);
     } else if (command == u"activate") {
         if (!m_raiseOnboarding || !m_raiseOnboarding())
             Q_EMIT AppEvents::shared().openSettingsWindow();
@@ -71,8 +140,7 @@ QJsonObject RemoteControl::handle(const QString &command, const QString &argumen
     } else if (command == u"status") {
         return QJsonObject{{QStringLiteral("ok"), true}, {QStringLiteral("status"), status()}};
     } else {
-        return QJsonObject{{QStringLiteral("ok"), false},
-                           {QStringLiteral("error"), QStringLiteral("unknown command")}};
+        return refusal(QStringLiteral("unknown command"));
     }
     return ok;
 }
@@ -182,9 +250,8 @@ void RemoteControl::routeUrl(const QString &text)
             Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
             return;
         }
-        BalanceManager::shared().refreshBalance();
-        // Nothing to bring forward until the application has windows of its own.
         qCInfo(lcApp) << "purchase completed";
+        refreshThenShowAccount();
         return;
     case UrlRoute::Ignored:
         qCInfo(lcApp) << "ignoring unknown callback URL";

@@ -5,6 +5,7 @@
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 class HotkeyManager;
 class SpeechManager;
@@ -23,7 +24,12 @@ public:
     // "speak" (argument: the text), "status", "open-url" (argument: a quillvox:// URL), "activate" (a
     // plain start of `quillvox` while this one runs, or the desktop's launcher: the onboarding window
     // when it is open, otherwise the settings window, the way in when no tray shows us).
+    // A request this instance refuses at once (no key and not signed in, blank text, no way to capture)
+    // answers {"ok": false, "error": why}.
     QJsonObject handle(const QString &command, const QString &argument);
+    // Narrates `text` and answers once it was heard to the end ({"ok": true}), or failed or was stopped
+    // ({"ok": false, "error": why}).
+    void speakAndWait(const QString &text, std::function<void(const QJsonObject &)> reply);
     QJsonObject status() const;
 
     enum class UrlRoute { Ignored, AuthCallback, PurchaseSuccess };
@@ -35,6 +41,9 @@ public:
     static const QStringList &controlCommands();
 
 private:
+    // Starts narrating `text`; why not, when speak()'s own checks refuse it at once.
+    std::optional<QString> startSpeaking(const QString &text);
+
     SpeechManager &m_speech;
     HotkeyManager *m_hotkeys;
     std::function<bool()> m_raiseOnboarding;

@@ -22,6 +22,10 @@ public:
     // Answers one request: ("activate" | "open-url" | an action | "status" | "speak", argument) -> the
     // reply object, {"ok": bool, "error"?: text, "status"?: object}.
     using Handler = std::function<QJsonObject(const QString &command, const QString &argument)>;
+    // Narrates `text` and answers once it was heard or failed, through `reply` ({"ok", "error"?}); a
+    // refusal may answer at once.
+    using SpeakAndWaitHandler =
+        std::function<void(const QString &text, std::function<void(const QJsonObject &)> reply)>;
 
     static constexpr const char *kDefaultBusName = "com.vantor.Quillvox";
     static constexpr const char *kRemoteInterface = "com.vantor.Quillvox.Remote";
@@ -36,22 +40,33 @@ public:
     static QString busName();
     // "/com/vantor/Quillvox" for "com.vantor.Quillvox", as org.freedesktop.Application derives it.
     static QString objectPathFor(const QString &busName);
+    // Keeps the launcher's activation token and startup id from this process's environment for send():
+    // called before the application object, which takes them for a window of its own.
+    static void keepLaunchActivation();
     // The actions ActivateAction runs.
     static const QStringList &actionNames();
 
     // Exports the object and takes the name. False when another instance owns it already. Without a
     // session bus nothing can be shared, and this instance simply runs.
-    bool listen(Handler handler);
+    bool listen(Handler handler, SpeakAndWaitHandler speakAndWait = {});
 
-    // Sends one request to the running instance and returns its reply; nothing when none runs. Never
-    // starts one through bus activation: the caller decides whether to become the instance.
+    // Sends one request ("speak-wait" too) to the running instance and returns its reply; nothing when
+    // none runs. One that does not answer within `timeoutMs` (speak-wait: ever) is a failed reply
+    // saying so, with "notAnswering" true. Never starts one through bus activation: the caller
+    // decides whether to become the instance.
     static std::optional<QJsonObject> send(const QString &command, const QString &argument = {},
                                            int timeoutMs = 5000,
                                            QDBusConnection bus = QDBusConnection::sessionBus());
 
+Q_SIGNALS:
+    // An X11 launcher's startup notification id came with Activate, Open or ActivateAction, before the
+    // request runs: the window it brings forward may use it (X11Activation).
+    void startupIdReceived(const QByteArray &startupId);
+
 private:
     QDBusConnection m_bus;
     Handler m_handler;
+    SpeakAndWaitHandler m_speakAndWait;
     QString m_name;
     bool m_registered = false;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "onboarding/OnboardingWindow.h"
 
+#include "core/FreedMemory.h"
 #include "core/Logging.h"
 #include "widget/IconProvider.h"
 
@@ -8,6 +9,7 @@
 #include <QQmlEngine>
 #include <QQuickView>
 #include <QScreen>
+#include <QTimer>
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_OnboardingPlugin)
@@ -15,8 +17,13 @@ Q_IMPORT_QML_PLUGIN(Quillvox_OnboardingPlugin)
 OnboardingWindow::OnboardingWindow(OnboardingViewModel::Services services, QObject *parent)
     : QObject(parent)
     , m_viewModel(new OnboardingViewModel(std::move(services), this))
-    , m_window(std::make_unique<QQuickView>())
 {
+    createView();
+}
+
+void OnboardingWindow::createView()
+{
+    m_window = std::make_unique<QQuickView>();
     QQmlEngine *engine = m_window->engine();
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
     engine->addImportPath(QStringLiteral("qrc:/qt/qml"));
@@ -36,12 +43,28 @@ OnboardingWindow::OnboardingWindow(OnboardingViewModel::Services services, QObje
     m_window->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Quillvox/Onboarding/OnboardingView.qml")));
     for (const QQmlError &error : m_window->errors())
         qCWarning(lcApp).noquote() << error.toString();
+    // Released from the event loop: closing may come from inside the window's own handlers.
+    connect(m_window.get(), &QWindow::visibleChanged, this, [this](bool visible) {
+        if (!visible)
+            QTimer::singleShot(0, this, &OnboardingWindow::releaseViewIfHidden);
+    });
+}
+
+void OnboardingWindow::releaseViewIfHidden()
+{
+    if (!m_window || m_window->isVisible())
+        return;
+    QQuickView *view = m_window.release();
+    connect(view, &QObject::destroyed, qApp, [] { returnFreedMemory(); });
+    view->deleteLater();
 }
 
 OnboardingWindow::~OnboardingWindow() = default;
 
 void OnboardingWindow::present()
 {
+    if (!m_window)
+        createView();
     m_window->show();
     m_window->raise();
     m_window->requestActivate();

@@ -4,6 +4,7 @@
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 #include "speech/OpenAIServer.h"
+#include "speech/ServerCatalog.h"
 #include "speech/SpeechError.h"
 #include "speech/SpeechManager.h"
 #include "speech/SpeechStream.h"
@@ -21,6 +22,33 @@ ApiKeySettingsModel::ApiKeySettingsModel(Services services, QObject *parent)
         m_services.network = m_ownNetwork.get();
     }
     reloadKey();
+    if (m_services.speech) {
+        connect(m_services.speech, &SpeechManager::availableVoicesChanged, this,
+                &ApiKeySettingsModel::modelChanged);
+        m_services.speech->refreshServerCatalog();
+    }
+}
+
+void ApiKeySettingsModel::refreshCatalog()
+{
+    if (m_services.speech)
+        m_services.speech->refreshServerCatalog();
+}
+
+QStringList ApiKeySettingsModel::serverModels() const
+{
+    return chosenServer() ? OpenAIServer::listedModels(*m_services.defaults) : QStringList();
+}
+
+int ApiKeySettingsModel::maxInputChars() const
+{
+    return OpenAIServer::maxInputChars(*m_services.defaults);
+}
+
+void ApiKeySettingsModel::setMaxInputChars(int characters)
+{
+    m_services.defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, quint32(std::max(characters, 1)));
+    Q_EMIT serverChanged();
 }
 
 ApiKeySettingsModel::~ApiKeySettingsModel()
@@ -48,14 +76,21 @@ QString ApiKeySettingsModel::serverNote() const
     return verdict.kind == OpenAIServer::Verdict::Unencrypted ? verdict.message : QString();
 }
 
+std::optional<QUrl> ApiKeySettingsModel::chosenServer() const
+{
+    return OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+}
+
 QString ApiKeySettingsModel::model() const
 {
-    return OpenAIServer::effectiveModel(*m_services.defaults);
+    return chosenServer() ? OpenAIServer::chosenServerModel(*m_services.defaults)
+                          : OpenAIServer::effectiveModel(*m_services.defaults);
 }
 
 QString ApiKeySettingsModel::defaultModel() const
 {
-    return OpenAIServer::defaultModel();
+    return chosenServer() ? ServerCatalog::defaultModel(OpenAIServer::listedModels(*m_services.defaults))
+                          : OpenAIServer::defaultModel();
 }
 
 void ApiKeySettingsModel::reloadKey()
@@ -81,6 +116,8 @@ bool ApiKeySettingsModel::saveKey(const QString &text)
         m_keyProblem = m_services.keychain->lastFailureReason();
     }
     Q_EMIT keyChanged();
+    if (saved)
+        refreshCatalog();
     if (saved && m_services.ownKeyChanged)
         m_services.ownKeyChanged();
     return saved;
@@ -107,6 +144,8 @@ bool ApiKeySettingsModel::setServer(const QString &text)
         m_services.defaults->remove(OpenAIServer::serverKey);
         m_serverError.clear();
         Q_EMIT serverChanged();
+        Q_EMIT modelChanged();
+        refreshCatalog();
         return true;
     }
     const OpenAIServer::Verdict verdict = OpenAIServer::check(text);
@@ -121,6 +160,8 @@ bool ApiKeySettingsModel::setServer(const QString &text)
     else
         m_services.defaults->setString(OpenAIServer::serverKey, verdict.origin.toString());
     Q_EMIT serverChanged();
+    Q_EMIT modelChanged(); // a chosen server has its own default model
+    refreshCatalog();
     return true;
 }
 
@@ -137,22 +178,39 @@ void ApiKeySettingsModel::setModel(const QString &text)
 void ApiKeySettingsModel::test()
 {
     cancelTest();
-    if (!m_key) {
+    const std::optional<QUrl> chosen = chosenServer();
+    const bool local = chosen && OpenAIServer::isLocalHost(chosen->host());
+    if (!m_key && !local) {
         finishTest(TestState::Failed, SpeechError::make(SpeechError::apiKeyMissing).description());
         return;
     }
+    // What a narration sends, with one short sentence: a server that refuses a narration's voice, style
+    // or model refuses the test too.
     TTSRequest body;
     body.model = model();
-    body.input = QStringLiteral("Test");
+    body.input = QStringLiteral("This is a test.");
     body.voice = m_services.speech ? m_services.speech->selectedVoice() : defaultVoice();
-    const QNetworkRequest request = buildSpeechRequest(SpeechBackend::OpenAI, QUrl(server()), *m_key);
+    body.instructions =
+        (m_services.speech ? m_services.speech->selectedVoiceStyle() : VoiceStyle()).instructions();
+    const QNetworkRequest request =
+        buildSpeechRequest(SpeechBackend::OpenAI, QUrl(server()), m_key.value_or(QString()),
+                           local ? OpenAIServer::kLocalHeadTimeoutMs : 60000);
     auto *stream = new SpeechStream(m_services.network, request, body.toJson(), this);
+    stream->setChosenServer(chosen.has_value());
     m_test = stream;
-    connect(stream, &SpeechStream::headReceived, this, [this](int status) {
-        if (status == 200)
-            finishTest(TestState::Works, QStringLiteral("Works"));
-        else
-            finishTest(TestState::Failed, speechErrorForStatus(status, 0).description());
+    // A chosen server's answer is checked to its end as a narration would play it.
+    connect(stream, &SpeechStream::headReceived, this,
+            [this, stream, chosen = chosen.has_value()](int status) {
+                if (status != 200)
+                    finishTest(TestState::Failed,
+                               speechErrorForStatus(status, 0, stream->serverMessage()).description());
+                else if (!chosen)
+                    finishTest(TestState::Works, QStringLiteral("Works"));
+            });
+    connect(stream, &SpeechStream::bodyFinished, this,
+            [this] { finishTest(TestState::Works, QStringLiteral("Works")); });
+    connect(stream, &SpeechStream::audioUnplayable, this, [this](const QString &message) {
+        finishTest(TestState::Failed, SpeechError::makeUnplayableAudio(message).description());
     });
     connect(stream, &SpeechStream::failedBeforeHead, this, [this] {
         finishTest(TestState::Failed, SpeechError::make(SpeechError::invalidResponse).description());

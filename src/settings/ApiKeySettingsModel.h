@@ -3,6 +3,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QStringList>
 #include <QUrl>
 #include <QtQml/qqmlregistration.h>
 
@@ -35,7 +36,12 @@ class ApiKeySettingsModel : public QObject
     // Why the last address typed was not taken; empty once one is.
     Q_PROPERTY(QString serverError READ serverError NOTIFY serverChanged)
     Q_PROPERTY(QString model READ model NOTIFY modelChanged)
-    Q_PROPERTY(QString defaultModel READ defaultModel CONSTANT)
+    Q_PROPERTY(QString defaultModel READ defaultModel NOTIFY modelChanged)
+    // What a chosen server lists at /v1/models; empty for OpenAI's origin.
+    Q_PROPERTY(QStringList serverModels READ serverModels NOTIFY modelChanged)
+    // The server in use is one the user chose (not OpenAI's origin): it has a request size of its own.
+    Q_PROPERTY(bool isChosenServer READ isChosenServer NOTIFY serverChanged)
+    Q_PROPERTY(int maxInputChars READ maxInputChars NOTIFY serverChanged)
     Q_PROPERTY(TestState testState READ testState NOTIFY testChanged)
     // "Works", or what a narration would show for the same failure.
     Q_PROPERTY(QString testResult READ testResult NOTIFY testChanged)
@@ -69,6 +75,9 @@ public:
     QString serverError() const { return m_serverError; }
     QString model() const;
     QString defaultModel() const;
+    QStringList serverModels() const;
+    bool isChosenServer() const { return chosenServer().has_value(); }
+    int maxInputChars() const;
     TestState testState() const { return m_testState; }
     QString testResult() const { return m_testResult; }
 
@@ -81,7 +90,9 @@ public:
     Q_INVOKABLE bool setServer(const QString &text);
     // Blank restores the default.
     Q_INVOKABLE void setModel(const QString &text);
-    // Sends a one-word request with the stored key to the server in use; nothing is played or recorded.
+    Q_INVOKABLE void setMaxInputChars(int characters);
+    // Sends what a narration sends, with one short sentence, to the server in use; nothing is played or
+    // recorded. A chosen server's audio is checked as a narration would play it.
     Q_INVOKABLE void test();
 
 Q_SIGNALS:
@@ -91,6 +102,8 @@ Q_SIGNALS:
     void testChanged();
 
 private:
+    std::optional<QUrl> chosenServer() const;
+    void refreshCatalog();
     void finishTest(TestState state, const QString &result);
     void cancelTest();
 

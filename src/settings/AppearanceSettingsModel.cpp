@@ -2,6 +2,7 @@
 #include "settings/AppearanceSettingsModel.h"
 
 #include "core/UserDefaults.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 #include "widget/FloatingWindowController.h"
 #include "widget/WidgetPalette.h"
@@ -23,6 +24,8 @@ AppearanceSettingsModel::AppearanceSettingsModel(SpeechManager &speech, UserDefa
     connect(&speech, &SpeechManager::widgetAppearanceChanged, this,
             &AppearanceSettingsModel::appearanceChanged);
     connect(&speech, &SpeechManager::widgetThemeChanged, this, &AppearanceSettingsModel::themeChanged);
+    connect(speech.followAlong(), &FollowAlong::isEnabledChanged, this,
+            &AppearanceSettingsModel::showFollowAlongChanged);
 }
 
 QVariantList AppearanceSettingsModel::appearances() const
@@ -70,6 +73,16 @@ void AppearanceSettingsModel::setShowWidgetWithOwnKey(bool show)
     Q_EMIT showWidgetWithOwnKeyChanged();
     if (m_ownKeyChanged)
         m_ownKeyChanged();
+}
+
+bool AppearanceSettingsModel::showFollowAlong() const
+{
+    return m_speech.followAlong()->isEnabled();
+}
+
+void AppearanceSettingsModel::setShowFollowAlong(bool show)
+{
+    m_speech.followAlong()->setEnabled(show);
 }
 
 void AppearanceSettingsModel::selectAppearance(const QString &appearance)

@@ -11,7 +11,8 @@ class SpeechManager;
 class UserDefaults;
 
 // The Appearance section: the widget's appearance and theme (held by the speech controller, applied to
-// the widget at once) and whether the widget shows while the user's own key is in use.
+// the widget at once), whether the widget shows while the user's own key is in use, and whether it
+// follows along with the sentence being heard.
 class AppearanceSettingsModel : public QObject
 {
     Q_OBJECT
@@ -25,6 +26,9 @@ class AppearanceSettingsModel : public QObject
     Q_PROPERTY(QString theme READ theme NOTIFY themeChanged)
     Q_PROPERTY(bool showWidgetWithOwnKey READ showWidgetWithOwnKey WRITE setShowWidgetWithOwnKey NOTIFY
                    showWidgetWithOwnKeyChanged)
+    // "showFollowAlong": the full controls show the sentence being heard.
+    Q_PROPERTY(
+        bool showFollowAlong READ showFollowAlong WRITE setShowFollowAlong NOTIFY showFollowAlongChanged)
 
 public:
     AppearanceSettingsModel(SpeechManager &speech, UserDefaults &defaults,
@@ -36,6 +40,8 @@ public:
     QString theme() const;
     bool showWidgetWithOwnKey() const;
     void setShowWidgetWithOwnKey(bool show);
+    bool showFollowAlong() const;
+    void setShowFollowAlong(bool show);
 
     Q_INVOKABLE void selectAppearance(const QString &appearance);
     Q_INVOKABLE void selectTheme(const QString &theme);
@@ -44,6 +50,7 @@ Q_SIGNALS:
     void appearanceChanged();
     void themeChanged();
     void showWidgetWithOwnKeyChanged();
+    void showFollowAlongChanged();
 
 private:
     SpeechManager &m_speech;

@@ -2,6 +2,7 @@
 #include "settings/SettingsWindow.h"
 
 #include "core/AppEvents.h"
+#include "core/FreedMemory.h"
 #include "core/Logging.h"
 #include "platform/dbus/SecretServiceWatcher.h"
 #include "settings/SettingsViewModel.h"
@@ -59,8 +60,25 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
                                QQmlEngine *engine, QObject *parent)
     : QObject(parent)
     , m_viewModel(new SettingsViewModel(initialSection, withDialogs(std::move(services)), this))
-    , m_window(engine ? std::make_unique<QQuickView>(engine, nullptr) : std::make_unique<QQuickView>())
+    , m_engine(engine)
 {
+    createView();
+    connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
+            &SettingsViewModel::selectLabel);
+    if (ApiKeySettingsModel *apiKeys = m_viewModel->apiKeys()) {
+        // A save is a deletion and a creation: read the keyring once they have both arrived.
+        auto *reload = new QTimer(this);
+        reload->setSingleShot(true);
+        reload->setInterval(100);
+        connect(reload, &QTimer::timeout, apiKeys, &ApiKeySettingsModel::reloadKey);
+        auto *keyring = new SecretServiceWatcher(this);
+        connect(keyring, &SecretServiceWatcher::itemsChanged, reload, qOverload<>(&QTimer::start));
+    }
+}
+
+void SettingsWindow::createView()
+{
+    m_window = m_engine ? std::make_unique<QQuickView>(m_engine, nullptr) : std::make_unique<QQuickView>();
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
     m_window->engine()->addImportPath(QStringLiteral("qrc:/qt/qml"));
     // A shared engine may have it from another window already.
@@ -78,22 +96,24 @@ SettingsWindow::SettingsWindow(std::optional<SettingsSection> initialSection, Se
     m_window->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Quillvox/Settings/SettingsView.qml")));
     for (const QQmlError &error : m_window->errors())
         qCWarning(lcApp).noquote() << error.toString();
-
-    connect(&AppEvents::shared(), &AppEvents::navigateToSettingsSection, m_viewModel,
-            &SettingsViewModel::selectLabel);
-    connect(m_window.get(), &QWindow::activeChanged, m_viewModel, [this] {
-        if (m_window->isActive())
+    connect(m_window.get(), &QWindow::activeChanged, m_viewModel, [this, view = m_window.get()] {
+        if (view->isActive())
             m_viewModel->windowActivated();
     });
-    if (ApiKeySettingsModel *apiKeys = m_viewModel->apiKeys()) {
-        // A save is a deletion and a creation: read the keyring once they have both arrived.
-        auto *reload = new QTimer(this);
-        reload->setSingleShot(true);
-        reload->setInterval(100);
-        connect(reload, &QTimer::timeout, apiKeys, &ApiKeySettingsModel::reloadKey);
-        auto *keyring = new SecretServiceWatcher(this);
-        connect(keyring, &SecretServiceWatcher::itemsChanged, reload, qOverload<>(&QTimer::start));
-    }
+    // Released from the event loop: closing may come from inside the window's own handlers.
+    connect(m_window.get(), &QWindow::visibleChanged, this, [this](bool visible) {
+        if (!visible)
+            QTimer::singleShot(0, this, &SettingsWindow::releaseViewIfHidden);
+    });
+}
+
+void SettingsWindow::releaseViewIfHidden()
+{
+    if (!m_window || m_window->isVisible())
+        return;
+    QQuickView *view = m_window.release();
+    connect(view, &QObject::destroyed, qApp, [] { returnFreedMemory(); });
+    view->deleteLater();
 }
 
 void SettingsWindow::adoptServices(const SettingsServices &latest)
@@ -105,6 +125,8 @@ SettingsWindow::~SettingsWindow() = default;
 
 void SettingsWindow::present()
 {
+    if (!m_window)
+        createView();
     m_viewModel->refreshShownSection();
     m_window->show();
     m_window->raise();

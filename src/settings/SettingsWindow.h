@@ -13,9 +13,9 @@ class QQmlEngine;
 class QQuickView;
 class SettingsViewModel;
 
-// The settings window: a sidebar of sections and the chosen section's page. Closing only hides it, so
-// the owner keeps one window for the life of the process and shows it again with the section it had.
-// Follows "navigateToSettingsSection" while it exists.
+// The settings window: a sidebar of sections and the chosen section's page. The owner keeps one for the
+// life of the process; closing it releases its view (the QML and, unless shared, its engine) and
+// present() loads it again on the section it had. Follows "navigateToSettingsSection" while it exists.
 class SettingsWindow : public QObject
 {
     Q_OBJECT
@@ -31,6 +31,7 @@ public:
     ~SettingsWindow() override;
 
     SettingsViewModel *viewModel() const { return m_viewModel; }
+    // The view, from construction or present() until the event loop runs after it was closed.
     QQuickView *window() const { return m_window.get(); }
 
     // Shows the window, brings it to the front and asks for the keyboard focus.
@@ -39,6 +40,10 @@ public:
     void adoptServices(const SettingsServices &latest);
 
 private:
+    void createView();
+    void releaseViewIfHidden();
+
     SettingsViewModel *m_viewModel;
+    QQmlEngine *m_engine;
     std::unique_ptr<QQuickView> m_window;
 };

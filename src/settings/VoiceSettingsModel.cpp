@@ -11,6 +11,7 @@ VoiceSettingsModel::VoiceSettingsModel(SpeechManager &speech, QObject *parent)
     connect(&speech, &SpeechManager::selectedVoiceChanged, this, &VoiceSettingsModel::voiceChanged);
     connect(&speech, &SpeechManager::selectedVoiceStyleChanged, this, &VoiceSettingsModel::styleChanged);
     connect(&speech, &SpeechManager::playbackSpeedChanged, this, &VoiceSettingsModel::speedChanged);
+    connect(&speech, &SpeechManager::availableVoicesChanged, this, &VoiceSettingsModel::voicesChanged);
 }
 
 QString VoiceSettingsModel::voiceLabel(const QString &voice)
@@ -26,7 +27,7 @@ QString VoiceSettingsModel::speedLabel(double speed)
 QVariantList VoiceSettingsModel::voices() const
 {
     QVariantList list;
-    for (const QString &voice : availableVoices())
+    for (const QString &voice : m_speech.availableVoices())
         list.append(
             QVariantMap{{QStringLiteral("name"), voice}, {QStringLiteral("label"), voiceLabel(voice)}});
     return list;
@@ -68,7 +69,7 @@ double VoiceSettingsModel::speed() const
 
 void VoiceSettingsModel::selectVoice(const QString &voice)
 {
-    if (availableVoices().contains(voice))
+    if (m_speech.availableVoices().contains(voice))
         m_speech.setSelectedVoice(voice);
 }
 
@@ -89,6 +90,6 @@ void VoiceSettingsModel::selectSpeed(double speed)
 
 void VoiceSettingsModel::previewVoice(const QString &voice)
 {
-    if (availableVoices().contains(voice))
+    if (m_speech.availableVoices().contains(voice))
         m_speech.playVoicePreview(voice);
 }

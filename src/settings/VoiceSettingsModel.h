@@ -14,7 +14,7 @@ class VoiceSettingsModel : public QObject
     QML_ELEMENT
     QML_UNCREATABLE("The settings window provides its view models")
     // {name, label}: "cedar" is shown as "Cedar".
-    Q_PROPERTY(QVariantList voices READ voices CONSTANT)
+    Q_PROPERTY(QVariantList voices READ voices NOTIFY voicesChanged)
     // {name, subtitle, icon}: the icon is one of our symbols, "image://quillvox-icons/<icon>/<colour>".
     Q_PROPERTY(QVariantList styles READ styles CONSTANT)
     // {value, label}: 1.25 is shown as "1.25×".
@@ -42,6 +42,7 @@ public:
     Q_INVOKABLE void previewVoice(const QString &voice);
 
 Q_SIGNALS:
+    void voicesChanged();
     void voiceChanged();
     void styleChanged();
     void speedChanged();

@@ -11,8 +11,9 @@
 class AudioSink;
 
 // Plays scheduled 16-bit mono 24 kHz buffers through a time-stretcher (rate changes keep the pitch)
-// into an AudioSink, like a player node feeding a time-pitch unit. Lives on the GUI thread; the sink's
-// render thread only reads the queue, and completions and levels come back to the GUI thread as signals.
+// into an AudioSink, like a player node feeding a time-pitch unit. Lives on the GUI thread and holds the
+// device; the sink's render thread runs AudioRenderer, which only reads the AudioBufferQueue, and
+// completions and levels come back to the GUI thread as signals.
 //
 // The queue holds references to the scheduled storage, never copies: a QByteArray that is still being
 // appended to while a slice of it is queued is deep-copied by Qt on every append, so schedule slices of
@@ -60,7 +61,8 @@ public:
     float rate() const;
 
     // Levels (RMS of each 1,024 rendered frames, after the stretcher, so what is heard) are measured only
-    // while the tap is on. Timestamps are std::chrono::steady_clock seconds.
+    // while the tap is on. Each is stamped with the std::chrono::steady_clock second at which the middle
+    // of its window will be heard (the device buffers ahead), so it may lie in the future.
     void setTapEnabled(bool enabled);
     bool isTapEnabled() const;
     // The clock of level timestamps, for whoever compares them with "now".

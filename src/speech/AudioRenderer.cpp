@@ -22,6 +22,8 @@ constexpr qint64 kStallFlushFrames = AudioEngine::kSampleRateHz / 10;
 // Bounds the zeros pushed through the stretcher to bring out a tail; far more than it ever needs.
 constexpr qint64 kMaxDrainZeroFrames = AudioEngine::kSampleRateHz;
 constexpr float kSampleScale = 1.0f / 32768.0f;
+// Below this a fed block counts as a pause in the speech (about -60 dBFS).
+constexpr float kSilenceLevel = 1e-3f;
 
 inline void convertSamples(const char *bytes, float *out, qint64 frames)
 {
@@ -68,6 +70,9 @@ void AudioRenderer::render(float *out, std::size_t frames, std::int64_t deviceDe
     }
     applyControls();
     const bool isPlaying = m_playing.load(std::memory_order_acquire);
+    // A level is stamped with the time it will be heard: the device holds this much before the block.
+    const double heardBase =
+        r.tapOn ? AudioEngine::steadySeconds() + double(deviceDelayFrames) / AudioEngine::kSampleRateHz : 0;
     qint64 device = deviceStart;
     for (std::size_t done = 0; done < frames;) {
         const std::size_t n = std::min(frames - done, kRenderBlockFrames);
@@ -81,7 +86,7 @@ void AudioRenderer::render(float *out, std::size_t frames, std::int64_t deviceDe
         r.history.push({device, producedEnd, narrationBefore, r.outNarration});
         r.history.push({producedEnd, device + static_cast<qint64>(n), r.outNarration, r.outNarration});
         if (r.tapOn)
-            measure(block, n);
+            measure(block, n, heardBase + double(device - deviceStart) / AudioEngine::kSampleRateHz);
         device += static_cast<qint64>(n);
         done += n;
     }
@@ -139,8 +144,8 @@ void AudioRenderer::applyControls()
     r.appliedRate = target;
     m_stretcher.setTempo(target);
     // In direct mode the stretcher is empty, and its first sequence starts exactly where direct output
-    // stopped: the switch is seamless. The way back has to wait until the stretcher is empty again (a
-    // stop or a drain), or the audio inside it would be cut off.
+    // stopped: the switch is seamless. The way back waits until the stretcher is empty again (a stop, a
+    // drain, or a pause in the speech: see produce()), or the audio inside it would be cut off.
     if (target != 1.0f)
         r.mode = State::Mode::Stretch;
     else if (r.stretcherClean)
@@ -177,8 +182,13 @@ std::size_t AudioRenderer::produce(float *out, std::size_t frames)
             updateStretchedPosition();
             continue;
         }
-        if (feedStretcher() > 0)
+        if (feedStretcher() > 0) {
+            // Back at 1x: at the next pause, where the zeros that bring the tail out match what follows,
+            // the stretcher empties and samples go straight through again.
+            if (r.appliedRate == 1.0f && r.lastFedSilent)
+                startDrain();
             continue;
+        }
         const bool endOfInput = m_queue.endMark() == r.feedIndex;
         if (r.consumed > r.outNarration && (endOfInput || r.stallFrames >= kStallFlushFrames)) {
             startDrain();
@@ -202,6 +212,8 @@ std::size_t AudioRenderer::produceDirect(float *out, std::size_t frames)
 std::size_t AudioRenderer::feedStretcher()
 {
     const std::size_t fed = readQueued(r.scratch.data(), kFeedFrames);
+    r.lastFedSilent = std::all_of(r.scratch.begin(), r.scratch.begin() + fed,
+                                  [](float sample) { return std::abs(sample) < kSilenceLevel; });
     if (fed > 0) {
         r.stretcherClean = false;
         m_stretcher.putSamples(r.scratch.data(), static_cast<uint>(fed));
@@ -274,7 +286,7 @@ void AudioRenderer::updateStretchedPosition()
     r.outNarration = std::clamp(position, r.outNarration, r.consumed);
 }
 
-void AudioRenderer::measure(const float *samples, std::size_t frames)
+void AudioRenderer::measure(const float *samples, std::size_t frames, double heardSeconds)
 {
     constexpr int kTapFrames = AudioEngine::kTapFrames;
     for (std::size_t i = 0; i < frames;) {
@@ -295,7 +307,9 @@ void AudioRenderer::measure(const float *samples, std::size_t frames)
         if (r.tapCount == kTapFrames) {
             const double rms = std::sqrt(r.tapSum / kTapFrames);
             const float level = std::min(1.0f, static_cast<float>(rms * 8.0));
-            if (m_levels.push({level, AudioEngine::steadySeconds(), r.generation}))
+            // Stamped with the middle of its window.
+            const double at = heardSeconds + (double(i) - kTapFrames / 2.0) / AudioEngine::kSampleRateHz;
+            if (m_levels.push({level, at, r.generation}))
                 r.notify = true;
             r.tapSum = 0;
             r.tapCount = 0;

@@ -65,7 +65,8 @@ private:
     void startDrain();
     void finishDrain();
     void updateStretchedPosition();
-    void measure(const float *samples, std::size_t frames);
+    // `heardSeconds`: when the first of `samples` will be heard, on the steady clock.
+    void measure(const float *samples, std::size_t frames, double heardSeconds);
     void completeHeardBuffers();
 
     AudioBufferQueue &m_queue;
@@ -96,6 +97,7 @@ private:
         qint64 heard = 0;
         bool positionValid = false;
         bool stretcherClean = true; // nothing fed since the last clear()
+        bool lastFedSilent = false;
         bool draining = false;
         qint64 drainRemaining = 0;
         qint64 drainZeros = 0;

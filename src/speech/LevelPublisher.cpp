@@ -10,16 +10,35 @@ LevelPublisher::LevelPublisher(AudioEngine &engine, QObject *parent)
 
 void LevelPublisher::installTap()
 {
-    m_engine.setTapEnabled(true);
     m_isTapInstalled = true;
+    applyTap();
 }
 
 void LevelPublisher::removeTap()
 {
     if (!m_isTapInstalled)
         return;
-    m_engine.setTapEnabled(false);
     m_isTapInstalled = false;
+    applyTap();
+}
+
+void LevelPublisher::setWatching(QObject *watcher, bool watching)
+{
+    if (watching == m_watchers.contains(watcher))
+        return;
+    if (watching)
+        m_watchers.insert(watcher, connect(watcher, &QObject::destroyed, this,
+                                           [this, watcher] { setWatching(watcher, false); }));
+    else
+        disconnect(m_watchers.take(watcher));
+    applyTap();
+}
+
+void LevelPublisher::applyTap()
+{
+    const bool measuring = m_isTapInstalled && isWatched();
+    if (measuring != m_engine.isTapEnabled())
+        m_engine.setTapEnabled(measuring);
 }
 
 void LevelPublisher::publish(float level, double timestamp, bool playing)

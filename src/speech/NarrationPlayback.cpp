@@ -132,6 +132,11 @@ qsizetype NarrationPlayback::accumulatedByteCount() const
     return withState([](const StreamState &s) { return s.accumulatedData.size(); });
 }
 
+bool NarrationPlayback::isStreamActive() const
+{
+    return withState([](const StreamState &s) { return s.isStreamActive; });
+}
+
 // ---------------------------------------------------------------------------------------------------
 // Scheduling and playback
 

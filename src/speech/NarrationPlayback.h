@@ -59,6 +59,7 @@ public:
 
     QByteArray receivedAudio() const;
     qsizetype accumulatedByteCount() const;
+    bool isStreamActive() const;
     AudioEngine *audioEngine() const { return m_engine.get(); }
     LevelPublisher &levels() const { return *m_levels; }
 

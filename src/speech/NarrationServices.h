@@ -33,6 +33,12 @@ public:
                             const QByteArray &audioData) = 0;
     // The audio file of a history entry.
     virtual QString audioFile(const QUuid &id) const = 0;
+    // A history entry's text; empty when it is not known, and then a replay is not followed along.
+    virtual QString text(const QUuid &id) const
+    {
+        Q_UNUSED(id);
+        return {};
+    }
     virtual void recordUsage(qint64 characters) = 0;
 };
 

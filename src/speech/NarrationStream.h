@@ -3,6 +3,7 @@
 
 #include "speech/StreamChunker.h"
 #include "speech/TTSRequest.h"
+#include "speech/TextPieces.h"
 
 #include <QObject>
 #include <QPointer>
@@ -49,6 +50,14 @@ public:
     // The received bytes that make no whole chunk, taken out.
     QByteArray takeTail() { return m_chunker.takeTail(); }
     bool isViaService() const { return m_viaService; }
+    // Bytes received since start(), whole chunks or not.
+    qint64 receivedBytes() const { return m_receivedBytes; }
+    // The places in `text` of the pieces it is sent in, one request each (a chosen server's limit applies).
+    QList<TextPieces::Range> pieces(SpeechBackend backend, const QString &text) const;
+    // A chosen server's own reason for the refusal just reported (headReceived, laterPieceFailed).
+    QString serverMessage() const;
+    // Some audio of this narration has come.
+    bool hasDeliveredAudio() const;
 
 Q_SIGNALS:
     // As SpeechSequence reports them.
@@ -56,7 +65,11 @@ Q_SIGNALS:
     void failedBeforeHead();
     void laterPieceFailed(int status);
     void bodyFinished();
+    // A chosen server's answer cannot be played; bodyFinished() follows when audio came before it.
+    void audioUnplayable(const QString &message);
     void chunkReceived(const QByteArray &chunk);
+    // The audio of piece `index` follows, from this frame of the narration on.
+    void pieceStarted(qsizetype index, qint64 frame);
 
 private:
     Origins m_origins;
@@ -65,4 +78,5 @@ private:
     QPointer<SpeechSequence> m_sequence;
     bool m_viaService = false;
     StreamChunker m_chunker;
+    qint64 m_receivedBytes = 0;
 };

@@ -2,7 +2,10 @@
 #include "speech/OpenAIServer.h"
 
 #include "core/UserDefaults.h"
+#include "speech/ServerCatalog.h"
+#include "speech/ServerErrorBody.h"
 #include "speech/TTSRequest.h"
+#include "speech/VoiceStyle.h"
 
 #include <QHostAddress>
 
@@ -84,6 +87,53 @@ QString effectiveModel(const UserDefaults &defaults)
 {
     const QString stored = defaults.string(modelKey).value_or(QString()).trimmed();
     return stored.isEmpty() ? defaultModel() : stored;
+}
+
+std::optional<QUrl> chosenServer(const UserDefaults &defaults, bool deploymentFromEnvironment)
+{
+    if (deploymentFromEnvironment)
+        return std::nullopt;
+    const Verdict verdict = check(defaults.string(serverKey).value_or(QString()));
+    if (verdict.kind == Verdict::Refused || verdict.origin == defaultOrigin())
+        return std::nullopt;
+    return verdict.origin;
+}
+
+static QStringList lines(const UserDefaults &defaults, const QString &key)
+{
+    return defaults.string(key).value_or(QString()).split(u'\n', Qt::SkipEmptyParts);
+}
+
+QStringList listedVoices(const UserDefaults &defaults)
+{
+    return lines(defaults, listedVoicesKey);
+}
+
+QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvironment)
+{
+    const QStringList listed =
+        chosenServer(defaults, deploymentFromEnvironment) ? listedVoices(defaults) : QStringList();
+    return listed.isEmpty() ? availableVoices() : listed;
+}
+
+QStringList listedModels(const UserDefaults &defaults)
+{
+    return lines(defaults, listedModelsKey);
+}
+
+QString chosenServerModel(const UserDefaults &defaults)
+{
+    const QString stored = defaults.string(modelKey).value_or(QString()).trimmed();
+    if (!stored.isEmpty())
+        return stored;
+    return ServerCatalog::defaultModel(listedModels(defaults));
+}
+
+int maxInputChars(const UserDefaults &defaults)
+{
+    const quint32 stored =
+        defaults.unsigned32(maxInputCharsKey).value_or(ServerErrorBody::kDefaultMaxInputChars);
+    return int(std::clamp<quint32>(stored, ServerErrorBody::kMinInputChars, 1'000'000));
 }
 
 } // namespace OpenAIServer

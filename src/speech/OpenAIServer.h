@@ -2,7 +2,10 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <QUrl>
+
+#include <optional>
 
 class UserDefaults;
 
@@ -12,6 +15,15 @@ namespace OpenAIServer {
 
 inline const QString serverKey = QStringLiteral("openAIServer");
 inline const QString modelKey = QStringLiteral("openAIModel");
+// For a chosen server: most characters per request, and what it last listed at /v1/models and
+// /v1/audio/voices (names, one a line).
+inline const QString maxInputCharsKey = QStringLiteral("openAIMaxInputChars");
+inline const QString listedModelsKey = QStringLiteral("openAIServerModels");
+inline const QString listedVoicesKey = QStringLiteral("openAIServerVoices");
+
+// A chosen server on this computer or the local network is waited on this long for its head: CPU servers
+// answer only once a long text is synthesised.
+inline constexpr int kLocalHeadTimeoutMs = 300000;
 
 QUrl defaultOrigin();
 QString defaultModel();
@@ -40,5 +52,19 @@ bool isLocalHost(const QString &host);
 QUrl effectiveOrigin(const UserDefaults &defaults, const QUrl &deploymentOrigin,
                      bool deploymentFromEnvironment);
 QString effectiveModel(const UserDefaults &defaults);
+
+// The server the user chose in the settings, when there is one that is not OpenAI's own origin and the
+// deployment does not fix the origin. Only such a server gets the additions for self-hosted servers:
+// any audio format, its own error messages, voices and models, no key when local, a longer head wait.
+std::optional<QUrl> chosenServer(const UserDefaults &defaults, bool deploymentFromEnvironment);
+// The model a narration asks a chosen server for: the one set, else the first speech model it listed,
+// else "tts-1".
+QString chosenServerModel(const UserDefaults &defaults);
+// Most characters per request for a chosen server (4,096 unless set).
+int maxInputChars(const UserDefaults &defaults);
+QStringList listedVoices(const UserDefaults &defaults);
+// The voices the pickers and --voice offer: a chosen server's list when it gave one, else the built-in.
+QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvironment);
+QStringList listedModels(const UserDefaults &defaults);
 
 } // namespace OpenAIServer

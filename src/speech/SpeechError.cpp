@@ -25,6 +25,8 @@ QString SpeechError::description() const
         return QStringLiteral("Please sign in to use narration.");
     case accessibilityPermissionMissing:
         return QStringLiteral("Accessibility access required");
+    case unplayableAudio:
+        return m_message;
     }
     Q_UNREACHABLE();
     return {};
@@ -51,16 +53,19 @@ QString SpeechError::id() const
         return QStringLiteral("notSignedIn");
     case accessibilityPermissionMissing:
         return QStringLiteral("accessibilityPermissionMissing");
+    case unplayableAudio:
+        return QStringLiteral("unplayableAudio-") + m_message;
     }
     Q_UNREACHABLE();
     return {};
 }
 
-SpeechError speechErrorForStatus(int status, int minutesRemaining)
+SpeechError speechErrorForStatus(int status, int minutesRemaining, const QString &serverMessage)
 {
     if (status == 402)
         return SpeechError::makeInsufficientBalance(minutesRemaining);
-    return SpeechError::makeApiError(status, httpReasonPhrase(status));
+    return SpeechError::makeApiError(status,
+                                     serverMessage.isEmpty() ? httpReasonPhrase(status) : serverMessage);
 }
 
 QString httpReasonPhrase(int status)

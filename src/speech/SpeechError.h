@@ -18,6 +18,8 @@ public:
         noTextSelected,
         notSignedIn,
         accessibilityPermissionMissing,
+        // A speech server the user chose answered 200 with nothing playable; the message says what.
+        unplayableAudio,
     };
 
     static SpeechError makeAudioEngineFailure(const QString &message)
@@ -33,6 +35,7 @@ public:
     {
         return {insufficientBalance, minutesRemaining, {}};
     }
+    static SpeechError makeUnplayableAudio(const QString &message) { return {unplayableAudio, 0, message}; }
     static SpeechError make(Kind kind) { return {kind, 0, {}}; }
 
     Kind kind() const { return m_kind; }
@@ -57,5 +60,6 @@ private:
 // generic phrase for their class.
 QString httpReasonPhrase(int status);
 
-// What a narration shows for a response status other than 200.
-SpeechError speechErrorForStatus(int status, int minutesRemaining);
+// What a narration shows for a response status other than 200: the server's own message when a chosen
+// server gave one, else the status's reason phrase.
+SpeechError speechErrorForStatus(int status, int minutesRemaining, const QString &serverMessage = {});

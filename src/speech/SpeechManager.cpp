@@ -7,11 +7,17 @@
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
 #include "platform/AudioSink.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
+#include "speech/OpenAIServer.h"
+#include "speech/ServerCatalogFetch.h"
 
 #include <QFile>
+#include <QNetworkAccessManager>
 #include <QTimer>
+
+#include <cmath>
 
 namespace {
 
@@ -45,10 +51,23 @@ SpeechManager::SpeechManager(Services services, QObject *parent)
     connect(&m_stream, &NarrationStream::laterPieceFailed, this, [this](int status) {
         const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
         m_errorAfterHeard = status == 0 ? SpeechError::make(SpeechError::invalidResponse)
-                                        : speechErrorForStatus(status, minutes);
+                                        : speechErrorForStatus(status, minutes, m_stream.serverMessage());
+    });
+    connect(&m_stream, &NarrationStream::audioUnplayable, this, [this](const QString &message) {
+        if (m_stream.hasDeliveredAudio())
+            m_errorAfterHeard = SpeechError::makeUnplayableAudio(message); // what came still plays
+        else
+            failBeforeAudio(SpeechError::makeUnplayableAudio(message));
     });
     connect(&m_stream, &NarrationStream::bodyFinished, this,
             [this] { recordNarration(m_stream.isViaService()); });
+
+    m_followAlong = new FollowAlong(&d, this);
+    connect(&m_stream, &NarrationStream::pieceStarted, m_followAlong, &FollowAlong::beginPiece);
+    connect(&m_stream, &NarrationStream::chunkReceived, this,
+            [this] { m_followAlong->setReceivedFrames(m_stream.receivedBytes() / 2); });
+    connect(&m_playback, &NarrationPlayback::currentTimeChanged, this,
+            [this] { m_followAlong->setPosition(std::llround(currentTime() * kSampleRateHz)); });
 
     const NarrationPlayback *playback = &m_playback;
     connect(playback, &NarrationPlayback::isProcessingChanged, this, &SpeechManager::isProcessingChanged);
@@ -152,13 +171,13 @@ void SpeechManager::speak(const QString &text)
         startServiceNarration(text, generation);
         return;
     }
-    const std::optional<QString> key = m_services.keychain->load(KeychainKey::openAIAPIKey);
-    if (!key || key->isEmpty()) {
+    const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
+    if ((!key || key->isEmpty()) && !isKeylessServer()) {
         setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
         return;
     }
     setCurrentError(std::nullopt);
-    streamSpeech(SpeechBackend::OpenAI, *key, text, estimatedDuration(text));
+    streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), text, estimatedDuration(text));
 }
 
 void SpeechManager::startServiceNarration(const QString &text, quint64 speakGeneration)
@@ -193,29 +212,43 @@ void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credentia
         return;
     // Wake the device now: an idle output swallows the first word.
     m_playback.prepareOutput();
-    m_stream.start({backend, credential, text, m_selectedVoice, m_selectedVoiceStyle.instructions()});
+    m_followAlong->start(text, m_stream.pieces(backend, text));
+    m_stream.start({backend, credential, text, m_previewVoice.value_or(m_selectedVoice),
+                    m_selectedVoiceStyle.instructions()});
 }
 
 void SpeechManager::onStreamHead(int status)
 {
     if (status == 200)
         return;
-    m_stream.cancel();
     const int minutes = m_services.account ? m_services.account->minutesRemaining() : 0;
-    setCurrentError(speechErrorForStatus(status, minutes));
+    failBeforeAudio(speechErrorForStatus(status, minutes, m_stream.serverMessage()));
+}
+
+void SpeechManager::failBeforeAudio(const SpeechError &error)
+{
+    m_followAlong->clear();
+    m_stream.cancel();
+    setCurrentError(error);
     m_playback.abandonRequest();
+}
+
+bool SpeechManager::isKeylessServer() const
+{
+    const std::optional<QUrl> chosen =
+        OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+    return chosen && OpenAIServer::isLocalHost(chosen->host());
 }
 
 void SpeechManager::onStreamFailedBeforeHead()
 {
-    m_stream.cancel();
-    setCurrentError(SpeechError::make(SpeechError::invalidResponse));
-    m_playback.abandonRequest();
+    failBeforeAudio(SpeechError::make(SpeechError::invalidResponse));
 }
 
 void SpeechManager::recordNarration(bool viaService)
 {
     m_playback.finishStream(m_stream.takeTail());
+    m_followAlong->finish();
     m_stream.cancel();
 
     const QByteArray audio = m_isVoicePreview ? QByteArray() : m_playback.receivedAudio();
@@ -237,6 +270,20 @@ void SpeechManager::playVoicePreview(const QString &voice)
     stop();
     m_isVoicePreview = true;
     m_currentNarrationText.reset();
+    m_currentNarrationVoice = voice;
+    // A chosen server's voices have no bundled samples: the server speaks one.
+    if (OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment)) {
+        const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
+        if ((!key || key->isEmpty()) && !isKeylessServer()) {
+            setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+            return;
+        }
+        const QString sample = QStringLiteral("Hello! This is how this voice sounds.");
+        m_previewVoice = voice;
+        streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), sample, estimatedDuration(sample));
+        m_previewVoice.reset();
+        return;
+    }
     const QString path = m_services.voiceSampleFolder + u'/' + voice + QStringLiteral(".mp3");
     if (!QFile::exists(path))
         return;
@@ -265,6 +312,8 @@ void SpeechManager::playFromHistory(const QUuid &sessionId)
     }
     const QByteArray audio = file.readAll();
     replayStoredAudio(audio);
+    if (hasContent())
+        m_followAlong->startComplete(m_services.records->text(sessionId), audio.size() / 2);
     setCurrentPlayingSessionId(sessionId); // the replay's own stop() cleared it
 }
 
@@ -289,6 +338,7 @@ void SpeechManager::stop()
     m_errorAfterHeard.reset();
     m_stream.cancel();
     m_playback.stop();
+    m_followAlong->clear();
     setCurrentPlayingSessionId(std::nullopt);
 }
 
@@ -430,7 +480,25 @@ void SpeechManager::setWidgetThemeRawValue(const QString &raw)
 
 QStringList SpeechManager::availableVoices() const
 {
-    return ::availableVoices();
+    return OpenAIServer::offeredVoices(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+}
+
+void SpeechManager::refreshServerCatalog()
+{
+    if (!m_catalog) {
+        if (!m_services.network) {
+            m_ownNetwork = std::make_unique<QNetworkAccessManager>();
+            m_services.network = m_ownNetwork.get();
+        }
+        m_catalog = std::make_unique<ServerCatalogFetch>(m_services.network, *m_services.defaults);
+        connect(m_catalog.get(), &ServerCatalogFetch::listsChanged, this,
+                &SpeechManager::availableVoicesChanged);
+    }
+    const std::optional<QUrl> chosen =
+        OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
+    m_catalog->refresh(chosen, chosen
+                                   ? m_services.keychain->load(KeychainKey::openAIAPIKey).value_or(QString())
+                                   : QString());
 }
 
 void SpeechManager::useVoiceForThisRun(const QString &voice)

@@ -19,11 +19,13 @@
 
 class AccountGate;
 class AudioEngine;
+class FollowAlong;
 class AudioSink;
 class KeychainHelper;
 class NarrationRecords;
 class QNetworkAccessManager;
 class SelectionSource;
+class ServerCatalogFetch;
 class UserDefaults;
 
 // The one long-lived object that turns text into a spoken narration: the checks before a request, the
@@ -56,7 +58,8 @@ class SpeechManager : public QObject
     Q_PROPERTY(float currentAudioLevel READ currentAudioLevel NOTIFY currentAudioLevelChanged)
     Q_PROPERTY(float rawAudioLevel READ rawAudioLevel NOTIFY rawAudioLevelChanged)
     Q_PROPERTY(double lastLevelTimestamp READ lastLevelTimestamp NOTIFY lastLevelTimestampChanged)
-    Q_PROPERTY(QStringList availableVoices READ availableVoices CONSTANT)
+    // The built-in voices, or those a chosen speech server lists.
+    Q_PROPERTY(QStringList availableVoices READ availableVoices NOTIFY availableVoicesChanged)
 
 public:
     static constexpr int kSampleRateHz = NarrationPlayback::kSampleRateHz;
@@ -94,6 +97,9 @@ public:
     bool isNewText(const QString &text) const;
     // The text of the latest narration as given, for media controls' titles.
     QString lastSpokenText() const { return m_lastSpokenText; }
+    // The voice of the latest narration or voice sample, as it spoke (the selection may have changed
+    // since), for media controls.
+    std::optional<QString> currentNarrationVoice() const { return m_currentNarrationVoice; }
     Q_INVOKABLE void playVoicePreview(const QString &voice);
     Q_INVOKABLE void playFromHistory(const QUuid &sessionId);
     void recordNarration(bool viaService);
@@ -145,6 +151,8 @@ public:
     float rawAudioLevel() const { return m_playback.levels().rawAudioLevel(); }
     double lastLevelTimestamp() const { return m_playback.levels().lastLevelTimestamp(); }
     QStringList availableVoices() const;
+    // Asks a chosen server for its voices and models again (after the server or the key changed).
+    Q_INVOKABLE void refreshServerCatalog();
 
     // Voice and style for this process only, not persisted (the command line's per-run choices).
     void useVoiceForThisRun(const QString &voice);
@@ -154,9 +162,15 @@ public:
     double estimatedDuration(const QString &text) const;
 
     AudioEngine *audioEngine() const { return m_playback.audioEngine(); }
+    // The sentence being heard.
+    FollowAlong *followAlong() const { return m_followAlong; }
     bool isTapInstalled() const { return m_playback.levels().isTapInstalled(); }
+    // Levels are measured only while someone shows them: `watcher` (a waveform on screen) says when.
+    void watchLevels(QObject *watcher, bool watching) { m_playback.levels().setWatching(watcher, watching); }
     // Received audio bytes of the current narration.
     qsizetype accumulatedByteCount() const { return m_playback.accumulatedByteCount(); }
+    // Audio is still arriving: the narration's length is not known yet.
+    bool isStreamActive() const { return m_playback.isStreamActive(); }
 
     // Converts an audio file (a path or a resource) to raw 16-bit mono 24 kHz; nothing and the reason on
     // failure.
@@ -184,6 +198,8 @@ Q_SIGNALS:
     void currentAudioLevelChanged();
     void rawAudioLevelChanged();
     void lastLevelTimestampChanged();
+    // Also when a chosen server's models changed: both lists come together.
+    void availableVoicesChanged();
     // The end-of-playback step ran (the narration was heard to its end).
     void playbackEnded();
     // A seek was carried out (after its debounce), at this frame.
@@ -195,6 +211,10 @@ private:
     void startServiceNarration(const QString &text, quint64 speakGeneration);
     void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
     void onStreamHead(int status);
+    // Ends a narration whose request failed before any audio came, showing why.
+    void failBeforeAudio(const SpeechError &error);
+    // A chosen server on this computer or the local network: narrations need no key.
+    bool isKeylessServer() const;
     void onStreamFailedBeforeHead();
     void onPlaybackEnded();
     void setCurrentPlayingSessionId(const std::optional<QUuid> &id);
@@ -202,6 +222,7 @@ private:
     Services m_services;
     NarrationStream m_stream;
     NarrationPlayback m_playback;
+    FollowAlong *m_followAlong = nullptr;
 
     // Published.
     std::optional<QUuid> m_currentPlayingSessionId;
@@ -221,5 +242,8 @@ private:
     std::optional<QString> m_currentNarrationText;
     std::optional<QString> m_currentNarrationVoice;
     bool m_isVoicePreview = false;
+    std::optional<QString> m_previewVoice;               // a chosen server's voice being sampled
+    std::unique_ptr<QNetworkAccessManager> m_ownNetwork; // for the catalog, when not given one
+    std::unique_ptr<ServerCatalogFetch> m_catalog;
     bool m_persistChoices = true;
 };

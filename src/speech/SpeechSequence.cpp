@@ -42,12 +42,15 @@ void SpeechSequence::startPiece(Request &request, qsizetype index)
     request.index = index;
     auto *stream = new SpeechStream(m_network, m_pieces[index].request, m_pieces[index].body, this);
     request.stream = stream;
+    stream->setChosenServer(m_chosenServer);
     connect(stream, &SpeechStream::headReceived, this,
             [this, stream](int status) { onHead(stream, status); });
     connect(stream, &SpeechStream::failedBeforeHead, this, [this, stream] { onFailedBeforeHead(stream); });
     connect(stream, &SpeechStream::dataReceived, this,
             [this, stream](const QByteArray &bytes) { onData(stream, bytes); });
     connect(stream, &SpeechStream::bodyFinished, this, [this, stream] { onFinished(stream); });
+    connect(stream, &SpeechStream::audioUnplayable, this,
+            [this, stream](const QString &message) { onUnplayable(stream, message); });
     stream->start();
 }
 
@@ -55,9 +58,13 @@ void SpeechSequence::onHead(SpeechStream *stream, int status)
 {
     if (stream == m_next.stream) {
         m_next.status = status;
+        m_next.serverMessage = stream->serverMessage();
         return;
     }
     m_current.status = status;
+    m_serverMessage = stream->serverMessage();
+    if (status != 200 && retried(status, m_serverMessage))
+        return;
     if (m_current.index == 0) {
         if (status != 200)
             drop(m_current);
@@ -92,7 +99,36 @@ void SpeechSequence::onData(SpeechStream *stream, const QByteArray &bytes)
     if (stream == m_next.stream)
         m_next.held.append(bytes);
     else
-        Q_EMIT dataReceived(bytes);
+        deliver(bytes);
+}
+
+void SpeechSequence::deliver(const QByteArray &bytes)
+{
+    m_deliveredAudio = true;
+    if (m_current.index != m_deliveringPiece) {
+        m_deliveringPiece = m_current.index;
+        Q_EMIT pieceStarted(m_deliveringPiece);
+    }
+    Q_EMIT dataReceived(bytes);
+}
+
+void SpeechSequence::onUnplayable(SpeechStream *stream, const QString &message)
+{
+    if (stream == m_next.stream) {
+        m_next.unplayable = message;
+        return;
+    }
+    failUnplayable(message);
+}
+
+void SpeechSequence::failUnplayable(const QString &message)
+{
+    drop(m_next);
+    drop(m_current);
+    const bool delivered = m_deliveredAudio;
+    Q_EMIT audioUnplayable(message);
+    if (delivered)
+        Q_EMIT bodyFinished();
 }
 
 void SpeechSequence::onFinished(SpeechStream *stream)
@@ -126,14 +162,37 @@ void SpeechSequence::advance()
         if (!m_current.status)
             return; // its head is still on the way
         if (*m_current.status != 200) {
-            end();
+            m_serverMessage = m_current.serverMessage;
+            if (!retried(*m_current.status, m_serverMessage))
+                end();
             return;
         }
         if (!m_current.held.isEmpty())
-            Q_EMIT dataReceived(std::exchange(m_current.held, QByteArray()));
+            deliver(std::exchange(m_current.held, QByteArray()));
+        if (m_current.unplayable) {
+            failUnplayable(*m_current.unplayable);
+            return;
+        }
         if (!m_current.cutOff)
             requestNextIfDue();
     }
+}
+
+// Replaces the refused current piece and those after it, when the retry hook gives replacements, and
+// requests the first replacement.
+bool SpeechSequence::retried(int status, const QString &serverMessage)
+{
+    if (!m_retryRefused)
+        return false;
+    const qsizetype index = m_current.index;
+    const QList<Piece> replacement = m_retryRefused(index, status, serverMessage);
+    if (replacement.isEmpty())
+        return false;
+    m_pieces = m_pieces.first(index) + replacement;
+    drop(m_next);
+    drop(m_current);
+    startPiece(m_current, index);
+    return true;
 }
 
 void SpeechSequence::requestNextIfDue()

@@ -5,6 +5,11 @@
 #include <QNetworkRequest>
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
+
+#include <memory>
+
+class ResponseAudio;
 
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -19,11 +24,19 @@ public:
                  QObject *parent = nullptr);
     ~SpeechStream() override;
 
+    // For a speech server the user chose, which may answer in any audio format and explains its refusals
+    // in the body: the body of a 200 is turned into the speech format as it arrives (dataReceived carries
+    // only that), and the body of any other status is read, up to a limit, before headReceived reports
+    // it. Set before start().
+    void setChosenServer(bool chosen) { m_chosenServer = chosen; }
+
     void start();
     // Tears the request down; nothing is reported afterwards.
     void cancel();
     // The body ended early: the connection failed or was dropped after the head.
     bool wasCutOff() const { return m_cutOff; }
+    // A chosen server's own reason for a refusal (empty when it gave none), once headReceived has come.
+    QString serverMessage() const { return m_serverMessage; }
 
 Q_SIGNALS:
     // The HTTP head arrived. After any status but 200 the request is torn down and nothing follows.
@@ -33,12 +46,17 @@ Q_SIGNALS:
     void dataReceived(const QByteArray &piece);
     // The body ended after a 200 head, completely or cut off (see wasCutOff()): what came is all there is.
     void bodyFinished();
+    // A chosen server's 200 body cannot be played (no audio in it, or a format that cannot be decoded):
+    // the request is torn down and nothing follows. Audio before it has been delivered.
+    void audioUnplayable(const QString &message);
 
 private:
     void onMetaDataChanged();
     void onReadyRead();
     void onFinished();
     void tearDown();
+    void deliver(const QByteArray &piece);
+    void reportRefusal();
 
     QNetworkAccessManager *m_network;
     QNetworkRequest m_request;
@@ -47,4 +65,10 @@ private:
     bool m_headSeen = false;
     bool m_streaming = false;
     bool m_cutOff = false;
+    bool m_chosenServer = false;
+    int m_status = 0;
+    QByteArray m_errorBody;
+    QString m_serverMessage;
+    QTimer m_errorBodyTimeout;
+    std::unique_ptr<ResponseAudio> m_audio;
 };

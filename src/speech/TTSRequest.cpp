@@ -46,14 +46,16 @@ QString speechModel(SpeechBackend backend)
                                              : QStringLiteral("gpt-4o-mini-tts-2025-12-15");
 }
 
-QNetworkRequest buildSpeechRequest(SpeechBackend backend, const QUrl &origin, const QString &credential)
+QNetworkRequest buildSpeechRequest(SpeechBackend backend, const QUrl &origin, const QString &credential,
+                                   int timeoutMs)
 {
     QUrl url = origin;
     url.setPath(origin.path() + (backend == SpeechBackend::Service ? QStringLiteral("/api/tts/stream")
                                                                    : QStringLiteral("/v1/audio/speech")));
     QNetworkRequest request(url);
-    request.setRawHeader("Authorization", "Bearer " + credential.toUtf8());
+    if (!credential.isEmpty())
+        request.setRawHeader("Authorization", "Bearer " + credential.toUtf8());
     request.setRawHeader("Content-Type", "application/json");
-    request.setTransferTimeout(60000);
+    request.setTransferTimeout(timeoutMs);
     return request;
 }

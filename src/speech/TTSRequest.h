@@ -30,4 +30,6 @@ enum class SpeechBackend { Service, OpenAI };
 QString speechModel(SpeechBackend backend);
 
 // POST to the backend's speech path with "Authorization: Bearer <credential>" and a JSON body; 60 s.
-QNetworkRequest buildSpeechRequest(SpeechBackend backend, const QUrl &origin, const QString &credential);
+// An empty credential (a chosen server on the local network that needs no key) sends no Authorization.
+QNetworkRequest buildSpeechRequest(SpeechBackend backend, const QUrl &origin, const QString &credential,
+                                   int timeoutMs = 60000);

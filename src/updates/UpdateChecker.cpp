@@ -88,6 +88,26 @@ void UpdateChecker::checkAutomaticallyIfDue()
     start(true);
 }
 
+void UpdateChecker::scheduleAutomaticChecks(std::chrono::milliseconds soonest)
+{
+    using namespace std::chrono;
+    Clock &clock = m_services.clock ? *m_services.clock : Clock::system();
+    milliseconds wait = kAutomaticInterval;
+    if (automaticChecks()) {
+        const QDateTime now = clock.now();
+        const std::optional<QDateTime> last = m_services.defaults->date(key(kLastCheckKey));
+        wait = last && *last <= now ? wait - milliseconds(last->msecsTo(now)) : 0ms;
+    }
+    // A wait already armed stays armed, but finds itself replaced when it ends.
+    const quint64 generation = ++m_scheduleGeneration;
+    clock.callAfter(std::max(wait, soonest), this, [this, generation, soonest] {
+        if (generation != m_scheduleGeneration)
+            return;
+        checkAutomaticallyIfDue();
+        scheduleAutomaticChecks(soonest);
+    });
+}
+
 void UpdateChecker::start(bool automatic)
 {
     const QUrl url = m_services.feedUrl;

@@ -56,6 +56,11 @@ public:
     void checkForUpdates();
     // Asks the feed when automatic checks are on and the last check is 24 hours old or more.
     void checkAutomaticallyIfDue();
+    // Arms one wake-up for the next automatic check, at the time it falls due but `soonest` from now at
+    // the earliest, and again after each. Checks switched off look again a day later (the settings
+    // switch them on without telling the checker). Call it again after the computer slept: the wait
+    // runs on a clock that stops meanwhile.
+    void scheduleAutomaticChecks(std::chrono::milliseconds soonest);
     bool isChecking() const { return m_reply != nullptr; }
 
     bool automaticChecks() const;
@@ -76,4 +81,5 @@ private:
     QNetworkAccessManager *m_network = nullptr;
     std::unique_ptr<QNetworkAccessManager> m_ownNetwork;
     QPointer<QNetworkReply> m_reply;
+    quint64 m_scheduleGeneration = 0;
 };

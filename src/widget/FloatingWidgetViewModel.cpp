@@ -4,6 +4,7 @@
 #include "core/AppEvents.h"
 #include "core/Clock.h"
 #include "core/Published.h"
+#include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
 #include "speech/VoiceStyle.h"
 
@@ -37,6 +38,10 @@ FloatingWidgetViewModel::FloatingWidgetViewModel(SpeechManager &speech, Clock &c
     for (auto signal :
          {&FloatingWidgetViewModel::isExpandedChanged, &FloatingWidgetViewModel::showFullControlsChanged})
         connect(this, signal, this, &FloatingWidgetViewModel::showsExpandedChanged);
+    connect(speech.followAlong(), &FollowAlong::sentenceChanged, this,
+            &FloatingWidgetViewModel::followAlongChanged);
+    connect(this, &FloatingWidgetViewModel::showFullControlsChanged, this,
+            &FloatingWidgetViewModel::followAlongChanged);
 }
 
 void FloatingWidgetViewModel::setDragging(bool dragging)
@@ -76,6 +81,11 @@ FloatingWidgetViewModel::PlayState FloatingWidgetViewModel::playStateFor(bool is
     if (!hasContent)
         return PlayState::Idle;
     return isPlaying ? PlayState::Playing : PlayState::Paused;
+}
+
+QString FloatingWidgetViewModel::followAlongText() const
+{
+    return m_showFullControls ? m_speech->followAlong()->sentence() : QString();
 }
 
 QString FloatingWidgetViewModel::currentTimeText() const
@@ -201,6 +211,13 @@ void FloatingWidgetViewModel::seekToTime(double seconds)
     if (total <= 0)
         return;
     m_speech->seekToProgress(std::min(total, seconds) / total);
+}
+
+void FloatingWidgetViewModel::seekToSentenceStart()
+{
+    const FollowAlong *follow = m_speech->followAlong();
+    if (follow->currentIndex() >= 0)
+        m_speech->seekToFrame(follow->currentStartFrame());
 }
 
 void FloatingWidgetViewModel::expandFullControls()

@@ -43,6 +43,8 @@ class FloatingWidgetViewModel : public QObject
     Q_PROPERTY(QString errorMessage READ errorMessage NOTIFY errorChanged)
     Q_PROPERTY(bool isPermissionError READ isPermissionError NOTIFY errorChanged)
     Q_PROPERTY(WidgetPalette palette READ palette NOTIFY paletteChanged)
+    // The sentence being heard, in the full controls; empty hides its row.
+    Q_PROPERTY(QString followAlongText READ followAlongText NOTIFY followAlongChanged)
 
 public:
     enum class PlayState { Loading, Idle, Playing, Paused };
@@ -79,6 +81,8 @@ public:
     QString errorMessage() const;
     bool isPermissionError() const;
     WidgetPalette palette() const;
+    QString followAlongText() const;
+    bool showsFollowAlong() const { return !followAlongText().isEmpty(); }
 
     // The pointer entered (true) or left (false) the widget. Leaving collapses it after kCollapseDelay
     // unless it is pinned or the pointer comes back first.
@@ -90,6 +94,8 @@ public:
     Q_INVOKABLE void seekToTime(double seconds);
     // A click or drag on the progress track, 0 at its start and 1 at its end (clamped).
     Q_INVOKABLE void seekToFraction(double fraction);
+    // Back (or on) to where the sentence being heard starts.
+    Q_INVOKABLE void seekToSentenceStart();
     Q_INVOKABLE void expandFullControls();
     // The "Expand controls" / "Collapse controls" button: shows and pins the full controls, or undoes both.
     Q_INVOKABLE void toggleFullControls();
@@ -113,6 +119,7 @@ Q_SIGNALS:
     void speedChanged();
     void errorChanged();
     void paletteChanged();
+    void followAlongChanged();
 
 private:
     QPointer<SpeechManager> m_speech;

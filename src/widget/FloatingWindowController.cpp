@@ -4,6 +4,7 @@
 #include "account/AuthManager.h"
 #include "account/KeychainHelper.h"
 #include "core/Clock.h"
+#include "core/FreedMemory.h"
 #include "core/Logging.h"
 #include "core/SharedInstance.h"
 #include "core/UserDefaults.h"
@@ -45,7 +46,8 @@ FloatingWindowController::FloatingWindowController(Services services, QObject *p
     Q_ASSERT(m_services.speech);
     Clock &clock = m_services.clock ? *m_services.clock : Clock::system();
     m_viewModel = new FloatingWidgetViewModel(*m_services.speech, clock, this);
-    createWindow();
+    connect(m_viewModel, &FloatingWidgetViewModel::followAlongChanged, this,
+            &FloatingWindowController::fitHeight);
 }
 
 FloatingWindowController::~FloatingWindowController()
@@ -111,6 +113,7 @@ void FloatingWindowController::createWindow()
         qCWarning(lcApp).noquote() << "widget:" << error.toString();
     if (m_services.hints)
         m_services.hints->apply(*m_window);
+    fitHeight();
 }
 
 void FloatingWindowController::applyShape()
@@ -120,11 +123,29 @@ void FloatingWindowController::applyShape()
     m_window->setMask(composited ? QRegion() : roundedRegion(m_window->size(), kCornerRadius));
 }
 
+// Its top edge and centre stay where they are: the window keeps its position and width.
+void FloatingWindowController::fitHeight()
+{
+    if (!m_window)
+        return;
+    const int height = kPanelHeight + (m_viewModel->showsFollowAlong() ? kFollowAlongHeight : 0);
+    if (m_window->height() == height)
+        return;
+    m_window->setMinimumSize(QSize(kPanelWidth, std::min(height, m_window->height())));
+    m_window->setMaximumSize(QSize(kPanelWidth, std::max(height, m_window->height())));
+    m_window->resize(kPanelWidth, height);
+    m_window->setMinimumSize(QSize(kPanelWidth, height));
+    m_window->setMaximumSize(QSize(kPanelWidth, height));
+    applyShape();
+}
+
 void FloatingWindowController::showWidget()
 {
     QScreen *screen = QGuiApplication::primaryScreen();
     if (!screen)
         return;
+    if (!m_window)
+        createWindow();
     const QRect area = screen->availableGeometry();
     // A native Wayland window cannot place itself, and Qt 6.4 on Debian 12 has no layer-shell. Measured on
     // sway 1.7 (headless): the panel floats above tiled windows, centred on the output rather than at the
@@ -143,10 +164,24 @@ void FloatingWindowController::showWidget()
 
 void FloatingWindowController::hideWidget()
 {
-    if (!m_window->isVisible())
+    if (!isWidgetVisible())
         return;
     m_window->hide();
+    releaseWindow();
     Q_EMIT visibilityChanged();
+}
+
+void FloatingWindowController::releaseWindow()
+{
+    // The QML and its engine go with the window (the next showWidget() loads them again): a hidden widget
+    // costs no memory. Later, since this may run inside one of the window's own handlers.
+    QQuickView *window = m_window.release();
+    QQmlEngine *engine = m_ownEngine.release();
+    connect(window, &QObject::destroyed, qApp, [engine] {
+        delete engine;
+        returnFreedMemory();
+    });
+    window->deleteLater();
 }
 
 bool FloatingWindowController::isWidgetVisible() const
@@ -194,13 +229,15 @@ void FloatingWindowController::updateVisibility()
 
 void FloatingWindowController::pressAt(QPointF globalPosition)
 {
+    if (!m_window)
+        return;
     m_pressPosition = globalPosition;
     m_windowAtPress = m_window->position();
 }
 
 void FloatingWindowController::dragTo(QPointF globalPosition)
 {
-    if (!m_pressPosition)
+    if (!m_pressPosition || !m_window)
         return;
     const QPointF delta = globalPosition - *m_pressPosition;
     if (!m_viewModel->isDragging()) {

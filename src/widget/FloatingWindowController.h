@@ -35,6 +35,8 @@ public:
     static constexpr int kPanelHeight = 140;
     static constexpr int kTopGap = 40;
     static constexpr int kCornerRadius = 16;
+    // What the panel grows by, downwards, while the full controls show the sentence being heard.
+    static constexpr int kFollowAlongHeight = 44;
 
     struct Services
     {
@@ -57,6 +59,7 @@ public:
     static void installShared(FloatingWindowController *controller);
 
     FloatingWidgetViewModel *viewModel() const { return m_viewModel; }
+    // The panel while it is shown: made by showWidget(), released with its QML by hideWidget().
     QQuickView *window() const { return m_window.get(); }
 
     // Places the panel at the top centre of the primary screen's available area and raises it without
@@ -82,7 +85,9 @@ Q_SIGNALS:
 
 private:
     void createWindow();
+    void releaseWindow();
     void applyShape();
+    void fitHeight();
 
     Services m_services;
     std::unique_ptr<QQmlEngine> m_ownEngine;

@@ -6,7 +6,7 @@
 #include <QColor>
 #include <QList>
 #include <QPointer>
-#include <QQuickPaintedItem>
+#include <QQuickItem>
 #include <QTimer>
 #include <QtQml/qqmlregistration.h>
 
@@ -14,10 +14,15 @@
 
 class SpeechManager;
 
-// The widget's six live bars. They follow the measured levels through an AudioLevelInterpolator and
-// redraw at most 60 times a second, and only while something moves: playing, generating, or bars still
-// falling back to rest. Otherwise the view costs no wake-ups at all.
-class WaveformView : public QQuickPaintedItem
+// The widget's six live bars. They follow the measured levels through an AudioLevelInterpolator, which
+// moves them in steps of 1/60 s; they are drawn 60 times a second while they move and 30 times while
+// they barely do, and only while something moves (playing, generating, bars still falling back to
+// rest) in a window that is shown. Otherwise the view costs no wake-ups at all, and while it is not
+// shown no levels are measured for it.
+//
+// Drawn by scene-graph nodes made once and changed in place: on the software renderer (the app's) one
+// node paints the rounded bars straight into the window; elsewhere six rectangle nodes.
+class WaveformView : public QQuickItem
 {
     Q_OBJECT
     QML_ELEMENT
@@ -33,20 +38,28 @@ public:
     static constexpr qreal kBarWidth = 2.5;
     static constexpr qreal kBarSpacing = 2.5;
     static constexpr qreal kBarRadius = 1.5;
-    static constexpr int kFrameIntervalMs = 17; // at most 60 frames a second
+    static constexpr double kStepSeconds = 1.0 / 60; // one step of the bars' motion
+    static constexpr int kMovingIntervalMs = 16;     // 60 frames a second while the bars move
+    static constexpr int kRestingIntervalMs = 33;    // 30 while they barely do
+    // Below this per step (120 units a second, the whole range in a fifth of a second) the bars move
+    // slowly enough that 30 frames a second show it as smoothly (much of speech stays below it).
+    static constexpr qreal kMovingPerStep = 2.0;
     static constexpr std::array<double, kBarCount> kHeightWeights{0.9, 1.0, 0.95, 0.95, 1.0, 0.9};
 
     explicit WaveformView(QQuickItem *parent = nullptr);
+    ~WaveformView() override;
 
     SpeechManager *speech() const { return m_speech; }
     void setSpeech(SpeechManager *speech);
     QList<QColor> barColors() const { return m_barColors; }
     void setBarColors(const QList<QColor> &colors);
     bool isRunning() const { return m_timeline.isActive(); }
+    int frameIntervalMs() const { return m_timeline.interval(); }
     QList<qreal> barHeights() const { return {m_heights.begin(), m_heights.end()}; }
 
-    // One display frame: `now` on the level clock (monotonic seconds), `wallSeconds` picks the row of
-    // the variation table.
+    // One drawn frame: `now` on the level clock (monotonic seconds), `wallSeconds` picks the row of the
+    // variation table. The bars move by as many 1/60 s steps as have passed since the previous frame
+    // (one at least, four at most), so that they move alike at either frame rate.
     void advanceFrame(double now, double wallSeconds);
 
     // Whether the timeline has anything to animate.
@@ -55,25 +68,40 @@ public:
     static const std::array<std::array<double, kBarCount>, kVariationRows> &variationTable();
     static int variationRow(double wallSeconds);
 
-    void paint(QPainter *painter) override;
-
 Q_SIGNALS:
     void speechChanged();
     void barColorsChanged();
     void barHeightRangeChanged();
     void runningChanged();
 
+protected:
+    QSGNode *updatePaintNode(QSGNode *node, UpdatePaintNodeData *data) override;
+    void itemChange(ItemChange change, const ItemChangeData &value) override;
+
 private:
     void updateTimeline();
     void onPlayingChanged();
+    void onLevel();
+    void pushDueLevels(double now);
+    bool isShown() const;
+    std::array<QRectF, kBarCount> barRects() const;
 
     QPointer<SpeechManager> m_speech;
     QList<QMetaObject::Connection> m_connections;
+    QMetaObject::Connection m_windowVisibility;
     AudioLevelInterpolator m_interpolator;
     QList<QColor> m_barColors;
     qreal m_minimumBarHeight = 3;
     qreal m_maximumBarHeight = 24;
     std::array<float, kBarCount> m_levels{};
     std::array<qreal, kBarCount> m_heights{};
+    double m_lastFrame = -1; // level clock of the previous frame; none while stopped
+    // Levels stamped with the time they will be heard (the output buffers ahead), held until then.
+    struct PendingLevel
+    {
+        float level;
+        double timestamp;
+    };
+    QList<PendingLevel> m_pendingLevels;
     QTimer m_timeline;
 };

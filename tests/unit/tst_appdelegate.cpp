@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "account/KeychainHelper.h"
 #include "app/AppDelegate.h"
+#include "app/DesktopNotification.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
 #include "app/StatusMenu.h"
@@ -39,6 +40,25 @@ QDBusConnection clientBus()
 {
     return QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("client"));
 }
+
+// A notification server on the test's bus: it keeps what it was asked to show.
+class NotificationServer : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    QStringList summaries;
+    QStringList actions;
+
+public Q_SLOTS:
+    uint Notify(const QString &, uint, const QString &, const QString &summary, const QString &,
+                const QStringList &actionList, const QVariantMap &, int)
+    {
+        summaries.append(summary);
+        actions = actionList;
+        return 7;
+    }
+};
 
 } // namespace
 
@@ -94,6 +114,37 @@ private Q_SLOTS:
         QFETCH(bool, xwayland);
         QFETCH(bool, userChose);
         QTEST(WindowingPlatform::choose({desktop, wayland, xwayland, userChose}), "expected");
+    }
+
+    // The button of a notification runs its action once the server says it was chosen, for that
+    // notification only.
+    void notificationAction()
+    {
+        NotificationServer server;
+        QDBusConnection bus = clientBus();
+        QVERIFY(bus.registerObject(QStringLiteral("/org/freedesktop/Notifications"), &server,
+                                   QDBusConnection::ExportAllSlots));
+        QVERIFY(bus.registerService(QStringLiteral("org.freedesktop.Notifications")));
+        int chosen = 0;
+        showDesktopNotification(QStringLiteral("Quillvox cannot bind its shortcuts"), QStringLiteral("Why."),
+                                QStringLiteral("Open Settings"), [&chosen] { ++chosen; });
+        QTRY_COMPARE(server.summaries, QStringList{QStringLiteral("Quillvox cannot bind its shortcuts")});
+        QCOMPARE(server.actions.value(1), QStringLiteral("Open Settings"));
+        QTest::qWait(100); // the reply with the id arrives
+        const auto invoke = [&](uint id) {
+            QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/freedesktop/Notifications"),
+                                                             QStringLiteral("org.freedesktop.Notifications"),
+                                                             QStringLiteral("ActionInvoked"));
+            signal << id << server.actions.value(0);
+            bus.send(signal);
+        };
+        invoke(8); // another application's
+        invoke(7);
+        QTRY_COMPARE(chosen, 1);
+        QTest::qWait(100);
+        QCOMPARE(chosen, 1);
+        bus.unregisterService(QStringLiteral("org.freedesktop.Notifications"));
+        bus.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
     }
 
     void shouldShowOnboarding()

@@ -411,6 +411,27 @@ private Q_SLOTS:
         }
     }
 
+    // Back at 1x the stretcher is left at the next pause in the speech, never in the middle of a sound.
+    void backAtNormalSpeedTheStretcherIsLeftAtAPause()
+    {
+        Harness h;
+        QVERIFY(h.start());
+        const QByteArray audio = sine(kRate, 440, 0.5) + QByteArray(kRate, '\0') + sine(kRate, 440, 0.5);
+        const QList<quint64> tokens = h.schedule(audio);
+        h.engine.setRate(2.0f);
+        h.engine.play();
+        h.advance(4800);
+        h.engine.setRate(1.0f);
+        h.engine.markEndOfInput();
+        h.playOut(tokens.size(), 10 * kRate);
+        QCOMPARE(h.completed, tokens);
+        QCOMPARE(h.position(), audio.size() / 2);
+        for (std::size_t i = 1; i < lastAudible(h.output); ++i) {
+            if (std::abs(h.output[i] - h.output[i - 1]) >= 0.08f)
+                QFAIL(qPrintable(QStringLiteral("a click at output frame %1").arg(i)));
+        }
+    }
+
     // Levels come only while the tap is on, from whole windows that start afresh when it comes back on.
     void levels_data()
     {

@@ -6,6 +6,7 @@
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
+#include <QThread>
 
 namespace {
 
@@ -17,11 +18,13 @@ struct Outcome
 };
 
 // Waits in the event loop, so that an instance in this process can answer the child.
-Outcome run(const QStringList &arguments)
+Outcome run(const QStringList &arguments, const QByteArray &input = {})
 {
     QProcess process;
     QSignalSpy finished(&process, &QProcess::finished);
     process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+    process.write(input);
+    process.closeWriteChannel();
     if (!finished.wait(30000))
         return {};
     return {process.exitCode(), QString::fromUtf8(process.readAllStandardError()).section(u'\n', 0, 0),
@@ -55,6 +58,7 @@ private Q_SLOTS:
         row("two actions", {"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time.");
         row("URL with an action", {"--toggle", "quillvox://auth/callback"},
             "quillvox: Unexpected argument 'quillvox://auth/callback'.");
+        row("wait without speak", {"--wait", "--toggle"}, "quillvox: --wait goes with --speak.");
     }
 
     void wrongArguments()
@@ -76,6 +80,83 @@ private Q_SLOTS:
         QCOMPARE(beside.firstErrorLine, error);
         QCOMPARE(beside.exitCode, 1);
         QCOMPARE(heard, QStringList());
+    }
+
+    // What reaches the running instance and what the user is told: help and version win over anything,
+    // Qt's options are Qt's, "-" is standard input, and a refusal is one line with the instance's reason.
+    void commands_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QString>("instance"); // none, ok, refuse, hang
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("printed"); // the first line of standard error, else of standard output
+        QTest::addColumn<QStringList>("heard");
+
+        const auto row = [](const char *name, const QStringList &arguments, const QByteArray &input,
+                            const char *instance, int exitCode, const char *printed,
+                            const QStringList &heard) {
+            QTest::newRow(name) << arguments << input << QString::fromLatin1(instance) << exitCode
+                                << QString::fromUtf8(printed) << heard;
+        };
+        const QString version = QStringLiteral("Quillvox " QUILLVOX_VERSION);
+        row("help beside speak", {"--speak", "x", "--help"}, {}, "ok", 0, "Usage: quillvox [options] [url]",
+            {});
+        row("help beside two actions", {"--toggle", "--stop", "-h"}, {}, "ok", 0,
+            "Usage: quillvox [options] [url]", {});
+        row("version beside a wrong option", {"--bogus", "--version"}, {}, "none", 0, qPrintable(version),
+            {});
+        row("Qt's options", {"-platform", "offscreen", "-style=fusion", "--display", ":9", "--toggle"}, {},
+            "ok", 0, "", {"toggle|"});
+        row("none running", {"-platform", "offscreen", "--status"}, {}, "none", 2, "Quillvox is not running.",
+            {});
+        row("text from standard input", {"--speak", "-"}, "Read from a pipe.\n", "ok", 0, "",
+            {"speak|Read from a pipe.\n"});
+        row("blank standard input", {"--speak", "-"}, " \n", "ok", 1,
+            "quillvox: Nothing to narrate: the text is empty.", {});
+        row("standard input not UTF-8", {"--speak", "-"}, "\xff\xfe", "ok", 1,
+            "quillvox: The text on standard input is not UTF-8.", {});
+        row("speak refused", {"--speak", "Hello."}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
+            {"speak|Hello."});
+        row("control refused", {"--narrate-selection"}, {}, "refuse", 1,
+            "quillvox: No key, and not signed in.", {"narrate-selection|"});
+        row("status refused", {"--status"}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
+            {"status|"});
+        row("not answering", {"--toggle"}, {}, "hang", 1, "quillvox: Quillvox is running but not answering.",
+            {"toggle|"});
+    }
+
+    void commands()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, input);
+        QFETCH(QString, instance);
+        QFETCH(int, exitCode);
+        QFETCH(QString, printed);
+        QFETCH(QStringList, heard);
+
+        std::unique_ptr<SingleInstance> running;
+        QStringList commands;
+        if (instance != u"none") {
+            running = std::make_unique<SingleInstance>();
+            QVERIFY(running->listen([&](const QString &command, const QString &argument) {
+                commands.append(command + u'|' + argument);
+                if (instance == u"hang")
+                    QThread::sleep(6);
+                if (instance == u"refuse")
+                    return QJsonObject{
+                        {QStringLiteral("ok"), false},
+                        {QStringLiteral("error"), QStringLiteral("No key, and not signed in.")}};
+                return QJsonObject{{QStringLiteral("ok"), true}};
+            }));
+        }
+        const Outcome outcome = run(arguments, input);
+        QCOMPARE(outcome.exitCode, exitCode);
+        QCOMPARE(outcome.firstErrorLine.isEmpty() ? QString::fromUtf8(outcome.output).section(u'\n', 0, 0)
+                                                  : outcome.firstErrorLine,
+                 printed);
+        QCOMPARE(commands, heard);
+        QVERIFY(!outcome.output.startsWith("{}"));
     }
 
     // A login start beside a running Quillvox leaves it alone; a plain start asks it for its window.
@@ -100,9 +181,16 @@ private Q_SLOTS:
             commands.append(command);
             return QJsonObject{{QStringLiteral("ok"), true}};
         }));
+        QSignalSpy startupIds(&instance, &SingleInstance::startupIdReceived);
+        // As a launcher starts it: its leave to bring a window forward goes along.
+        qputenv("DESKTOP_STARTUP_ID", "launcher-42_TIME1234");
         const Outcome outcome = run(arguments);
+        qunsetenv("DESKTOP_STARTUP_ID");
         QCOMPARE(outcome.exitCode, 0);
         QCOMPARE(commands, heard);
+        QCOMPARE(startupIds.count(), heard == QStringList{QStringLiteral("activate")} ? 1 : 0);
+        if (!startupIds.isEmpty())
+            QCOMPARE(startupIds.first().first().toByteArray(), QByteArray("launcher-42_TIME1234"));
     }
 
     // The running instance's reply, as one line of JSON; none running is exit status 2.

@@ -74,6 +74,8 @@ private Q_SLOTS:
         const QString accented = QStringLiteral("e\u0301");
         QTest::newRow("at sentence ends") << QStringLiteral("One two. Three four. Five six.") << 20
                                           << QStringList{"One two. ", "Three four. ", "Five six."} << 3;
+        QTest::newRow("not after an abbreviation") << QStringLiteral("Hi there. Dr. Smith came.") << 20
+                                                   << QStringList{"Hi there. ", "Dr. Smith came."} << 2;
         QTest::newRow("long sentence at words") << QStringLiteral("alpha beta gamma delta epsilon") << 12
                                                 << QStringList{"alpha beta ", "gamma delta ", "epsilon"} << 3;
         QTest::newRow("long word at graphemes") << accented.repeated(5) << 3 << QStringList(5, accented) << 5;

@@ -140,6 +140,41 @@ private Q_SLOTS:
         // A plain http feed away from this machine is refused, and an automatic check never says so.
         QCOMPARE(found.size() + finished.size(), 0);
     }
+
+    // One wake-up armed at a time, when the next check falls due, and the one after it a day later.
+    void automaticCheckArmedWhenDue_data()
+    {
+        QTest::addColumn<bool>("enabled");
+        QTest::addColumn<int>("lastCheckHoursAgo"); // -1: never; negative hours: in the future
+        QTest::addColumn<std::chrono::milliseconds>("firstWait");
+        QTest::newRow("never checked") << true << -1 << std::chrono::milliseconds(10s);
+        QTest::newRow("23 hours ago") << true << 23 << std::chrono::milliseconds(1h);
+        QTest::newRow("30 hours ago") << true << 30 << std::chrono::milliseconds(10s);
+        QTest::newRow("clock set back") << true << -5 << std::chrono::milliseconds(10s);
+        QTest::newRow("switched off") << false << 2 << std::chrono::milliseconds(24h);
+    }
+
+    void automaticCheckArmedWhenDue()
+    {
+        QFETCH(bool, enabled);
+        QFETCH(int, lastCheckHoursAgo);
+        QFETCH(std::chrono::milliseconds, firstWait);
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath("settings.conf"));
+        ManualClock clock;
+        const QString lastKey = QString::fromLatin1(UpdateChecker::kLastCheckKey);
+        if (lastCheckHoursAgo != -1)
+            defaults.setDate(lastKey, clock.now().addSecs(-3600LL * lastCheckHoursAgo));
+        UpdateChecker checker({&defaults, nullptr, &clock, QUrl("http://updates.example/feed"), "1.0"});
+        checker.setAutomaticChecks(enabled);
+        checker.scheduleAutomaticChecks(10s);
+        QCOMPARE(clock.delays(), QList<std::chrono::milliseconds>{firstWait});
+        clock.advance(firstWait);
+        QCOMPARE(defaults.date(lastKey) == clock.now(), enabled);
+        QCOMPARE(clock.delays().size(), 2);
+        QCOMPARE(clock.delays().last(), std::chrono::milliseconds(24h));
+        QCOMPARE(clock.pendingCalls(), 1);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestUpdates)

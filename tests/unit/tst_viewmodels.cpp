@@ -21,6 +21,7 @@
 #include "records/UsageStats.h"
 #include "settings/AboutSettingsModel.h"
 #include "settings/ApiKeySettingsModel.h"
+#include "settings/AppearanceSettingsModel.h"
 #include "settings/HistoryListModel.h"
 #include "settings/HistorySettingsModel.h"
 #include "settings/SettingsServices.h"
@@ -31,6 +32,7 @@
 #include "settings/VoiceSettingsModel.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/NarrationControls.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
 #include "speech/SpeechError.h"
@@ -689,7 +691,7 @@ private Q_SLOTS:
                 Q_EMIT AppEvents::shared().navigateToSettingsSection(label);
             } else {
                 settings.window()->close();
-                QTRY_VERIFY(!settings.window()->isVisible());
+                QTRY_VERIFY(!settings.window()); // released with its QML
                 settings.present();
                 QVERIFY(QTest::qWaitForWindowExposed(settings.window()));
             }
@@ -959,12 +961,12 @@ private Q_SLOTS:
         FloatingWindowController controller({.speech = m_speech.get(),
                                              .clock = &m_clock,
                                              .hints = std::make_unique<NullPanelHints>(compositing)});
+        QVERIFY(!controller.window()); // loaded when first shown
+        controller.showWidget();
         QQuickView *window = controller.window();
         QVERIFY2(window->status() == QQuickView::Ready, qPrintable(window->errors().value(0).toString()));
         QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool |
                                           Qt::FramelessWindowHint));
-
-        controller.showWidget();
         const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
         QCOMPARE(window->geometry(), QRect(area.x() + (area.width() - 340) / 2, area.y() + 40, 340, 140));
         QCOMPARE(window->mask().isEmpty(), compositing);
@@ -972,6 +974,19 @@ private Q_SLOTS:
             QVERIFY(!window->mask().contains(QPoint(0, 0)));
             QVERIFY(window->mask().contains(QPoint(170, 70)));
         }
+
+        // The sentence being heard grows the full controls downwards, until Settings switches it off.
+        const QRect placed = window->geometry();
+        m_speech->followAlong()->startComplete(QStringLiteral("One. Two."), 24000);
+        controller.viewModel()->toggleFullControls();
+        QCOMPARE(controller.viewModel()->followAlongText(), QStringLiteral("One."));
+        QCOMPARE(window->geometry(), placed.adjusted(0, 0, 0, 44));
+        QCOMPARE(window->mask().contains(QPoint(170, 170)), !compositing);
+        AppearanceSettingsModel appearance(*m_speech, *m_defaults, {});
+        appearance.setShowFollowAlong(false);
+        QCOMPARE(m_defaults->boolean(QStringLiteral("showFollowAlong")), false);
+        QCOMPARE(window->geometry(), placed);
+        controller.viewModel()->toggleFullControls();
 
         FloatingWidgetViewModel *vm = controller.viewModel();
         QSignalSpy dragging(vm, &FloatingWidgetViewModel::isDraggingChanged);
@@ -989,6 +1004,7 @@ private Q_SLOTS:
 
         controller.hideWidget();
         QVERIFY(!controller.isWidgetVisible());
+        QVERIFY(!controller.window()); // released with its QML
     }
 
     // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account

@@ -38,6 +38,20 @@ std::string nonEmpty(std::string_view name, std::string_view text)
     return std::string(text);
 }
 
+std::vector<std::string> commaList(std::string_view name, std::string_view text)
+{
+    std::vector<std::string> items;
+    for (std::size_t at = 0; at <= text.size();) {
+        const std::size_t comma = std::min(text.find(',', at), text.size());
+        if (comma > at)
+            items.emplace_back(text.substr(at, comma - at));
+        at = comma + 1;
+    }
+    if (items.empty())
+        throw std::invalid_argument(std::string(name) + ": expected names separated by commas");
+    return items;
+}
+
 } // namespace
 
 Options Options::parse(const std::vector<std::string> &args)
@@ -68,6 +82,26 @@ Options Options::parse(const std::vector<std::string> &args)
              options.cutAfterBytes = parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
          }},
         {"--log", [&](auto v) { options.logPath = nonEmpty("--log", v); }},
+        {"--audio-format",
+         [&](auto v) {
+             const std::map<std::string_view, AudioFormat> formats{{"pcm", AudioFormat::Pcm},
+                                                                   {"wav", AudioFormat::Wav},
+                                                                   {"mp3", AudioFormat::Mp3},
+                                                                   {"ogg", AudioFormat::Ogg},
+                                                                   {"flac", AudioFormat::Flac}};
+             const auto format = formats.find(v);
+             if (format == formats.end())
+                 throw std::invalid_argument("--audio-format: expected pcm, wav, mp3, ogg or flac, got '" +
+                                             std::string(v) + "'");
+             options.audioFormat = format->second;
+         }},
+        {"--audio-rate",
+         [&](auto v) { options.audioRateHz = parseNumber<int>("--audio-rate", v, 8000, 48000); }},
+        {"--voices", [&](auto v) { options.voices = commaList("--voices", v); }},
+        {"--models", [&](auto v) { options.models = commaList("--models", v); }},
+        {"--max-input", [&](auto v) { options.maxInput = parseNumber<int>("--max-input", v, 1, 1'000'000); }},
+        {"--piece-ms", [&](auto v) { options.pieceMs = parseNumber<int>("--piece-ms", v, 1, 1000); }},
+        {"--content-type", [&](auto v) { options.contentType = nonEmpty("--content-type", v); }},
         {"--anon-key", [&](auto v) { options.anonKey = nonEmpty("--anon-key", v); }},
         {"--token-ttl",
          [&](auto v) {
@@ -86,6 +120,10 @@ Options Options::parse(const std::vector<std::string> &args)
     };
     const std::map<std::string_view, Setter> flags = {
         {"--drop-before-head", [&](auto) { options.dropBeforeHead = true; }},
+        {"--wav-unknown-sizes", [&](auto) { options.wavUnknownSizes = true; }},
+        {"--no-audio", [&](auto) { options.noAudio = true; }},
+        {"--keyless", [&](auto) { options.keyless = true; }},
+        {"--refuse-instructions", [&](auto) { options.refuseInstructions = true; }},
         {"--auto-consent", [&](auto) { options.autoConsent = true; }},
         {"--help", [&](auto) { options.showHelp = true; }},
         {"-h", [&](auto) { options.showHelp = true; }},
@@ -114,6 +152,8 @@ Options Options::parse(const std::vector<std::string> &args)
             throw std::invalid_argument("unknown option '" + std::string(arg) + "' (try --help)");
         }
     }
+    if (options.sineHz * 2 >= options.audioRateHz)
+        throw std::invalid_argument("--sine-hz: must be below half of --audio-rate");
     return options;
 }
 
@@ -136,6 +176,22 @@ The first line on standard output is "listening on http://127.0.0.1:PORT".
   --cut-after BYTES    close the connection after BYTES bytes of a speech body
   --drop-before-head   read every request and close its connection without answering
   --log FILE           append one JSON line per request when its response has ended
+
+What /v1/audio/speech answers with, as self-hosted servers do (the service always sends 24 kHz PCM):
+  --audio-format F     pcm (default), wav, mp3, ogg (Vorbis) or flac
+  --audio-rate HZ      the audio's sample rate, 8000-48000 (default 24000)
+  --wav-unknown-sizes  WAV with 0xFFFFFFFF sizes, as a streaming writer sends it
+  --content-type TYPE  the Content-Type sent (default the format's own: audio/pcm, with ";rate=N"
+                       when not 24000, audio/wav, audio/mpeg, audio/ogg, audio/flac)
+  --piece-ms N         N ms of audio a piece of the body (default 50)
+  --voices A,B         GET /v1/audio/voices lists these ({"voices": [...]}), and speech refuses any
+                       other voice with 400 and the list, as Kokoro-FastAPI does
+  --models A,B         GET /v1/models lists these (OpenAI's shape); without it both lists are 404
+  --keyless            /v1/audio/speech takes requests without a key
+  --max-input N        refuse an input over N characters with 422, as a pydantic server does
+  --refuse-instructions  refuse a request with "instructions" with 400
+  --no-audio           answer 200 with the Content-Type and an empty body
+                       (--cut-after 0 drops the connection after the head instead)
 
 Account (all state in memory, lost at exit):
   --anon-key KEY       the key the auth backend wants in "apikey" (default

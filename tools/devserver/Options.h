@@ -11,6 +11,7 @@
 struct Options
 {
     enum class Synth { Espeak, Sine };
+    enum class AudioFormat { Pcm, Wav, Mp3, Ogg, Flac };
 
     int port = 0;
     Synth synth = Synth::Espeak;
@@ -21,6 +22,19 @@ struct Options
     std::optional<int> failStatus;
     std::optional<std::uint64_t> cutAfterBytes;
     bool dropBeforeHead = false;
+    // What /v1/audio/speech answers with, as self-hosted servers do; the service always sends 24 kHz PCM.
+    AudioFormat audioFormat = AudioFormat::Pcm;
+    int audioRateHz = 24000;
+    bool wavUnknownSizes = false;
+    std::string contentType; // empty: the format's own
+    bool noAudio = false;
+    int pieceMs = 50;
+    // As self-hosted servers list and check: their voices and models, no key, an input limit.
+    std::vector<std::string> voices;
+    std::vector<std::string> models;
+    bool keyless = false;
+    std::optional<int> maxInput;
+    bool refuseInstructions = false;
     std::string logPath;
 
     // The auth backend and the account service.

@@ -25,6 +25,19 @@ PacedBody::PacedBody(const std::vector<std::int16_t> &samples, double pace,
     }
 }
 
+PacedBody::PacedBody(std::string bytes, std::size_t headerBytes, double audioBytesPerSecond, int pieceMs,
+                     double pace, std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop)
+    : m_state(std::make_shared<State>())
+    , m_bytesPerSecond(audioBytesPerSecond)
+    , m_pieceBytes(std::max<std::size_t>(1, static_cast<std::size_t>(audioBytesPerSecond * pieceMs / 1000)))
+    , m_headerBytes(headerBytes)
+    , m_pace(pace)
+    , m_cutAfterBytes(cutAfterBytes)
+    , m_stop(&stop)
+{
+    m_state->bytes = std::move(bytes);
+}
+
 void PacedBody::onEnd(std::function<void(std::uint64_t)> callback)
 {
     m_state->onEnd = std::move(callback);
@@ -67,14 +80,16 @@ bool PacedBody::sendNext(httplib::DataSink &sink)
     if (m_pace > 0) {
         // Each piece leaves when the audio before it would have finished playing at this pace, so the
         // first piece goes out with the head.
-        const std::chrono::duration<double> due(static_cast<double>(state.sent) / bytesPerSecond / m_pace);
+        const std::size_t audioSent = state.sent > m_headerBytes ? state.sent - m_headerBytes : 0;
+        const std::chrono::duration<double> due(static_cast<double>(audioSent) / m_bytesPerSecond / m_pace);
         if (!m_stop->sleepUntil(*state.started + std::chrono::duration_cast<StopFlag::Clock::duration>(due)))
             return false;
     } else if (m_stop->isRaised()) {
         return false;
     }
 
-    const std::size_t length = std::min(pieceBytes, end - state.sent);
+    const std::size_t length =
+        std::min(m_pieceBytes + (state.sent == 0 ? m_headerBytes : 0), end - state.sent);
     if (!sink.write(state.bytes.data() + state.sent, length))
         return false;
     state.sent += length;

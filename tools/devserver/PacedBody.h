@@ -15,7 +15,7 @@ namespace httplib {
 class DataSink;
 }
 
-// A cpp-httplib chunked content provider for PCM audio: 50 ms pieces released at a multiple of real
+// A cpp-httplib chunked content provider for an audio body: 50 ms pieces released at a multiple of real
 // time, optionally cut short by closing the connection mid-body.
 class PacedBody
 {
@@ -26,6 +26,10 @@ public:
     // pace 0 sends as fast as the socket takes it.
     PacedBody(const std::vector<std::int16_t> &samples, double pace,
               std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop);
+    // Any encoded body whose audio takes audioBytesPerSecond, after headerBytes that go out with the first
+    // piece and take no time; pieceMs of audio a piece.
+    PacedBody(std::string bytes, std::size_t headerBytes, double audioBytesPerSecond, int pieceMs,
+              double pace, std::optional<std::uint64_t> cutAfterBytes, const StopFlag &stop);
 
     // Called once, with the bytes sent, when the body has ended however it ended: before the terminating
     // chunk or before the connection is cut, so that a client who has seen the end sees its effects.
@@ -51,6 +55,9 @@ private:
 
     // Shared because cpp-httplib keeps the provider in a copyable std::function.
     std::shared_ptr<State> m_state;
+    double m_bytesPerSecond = bytesPerSecond;
+    std::size_t m_pieceBytes = pieceBytes;
+    std::size_t m_headerBytes = 0;
     double m_pace;
     std::optional<std::uint64_t> m_cutAfterBytes;
     const StopFlag *m_stop;

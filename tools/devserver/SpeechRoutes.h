@@ -4,6 +4,7 @@
 #include "AccountState.h"
 #include "Options.h"
 #include "Routes.h"
+#include "SpeechRequest.h"
 #include "StopFlag.h"
 
 #include <chrono>
@@ -20,7 +21,8 @@ class Synthesizer;
 
 // POST /v1/audio/speech (OpenAI-compatible, one accepted key) and POST /api/tts/stream (the Quillvox
 // service: wants a signed-in user's access token and time left on the balance, and charges the seconds
-// streamed to it). Both answer with streamed PCM or a JSON error, after the configured delay and with the
+// streamed to it). Both answer with streamed audio (the service always 24 kHz PCM, /v1/audio/speech in the
+// format the options choose) or a JSON error, after the configured delay and with the
 // configured faults. /v1/audio/speech refuses an input longer than OpenAI's, with OpenAI's 400.
 class SpeechRoutes final : public Routes
 {
@@ -37,6 +39,9 @@ private:
     void handle(const httplib::Request &request, httplib::Response &response, Backend backend) const;
     bool authorise(const httplib::Request &request, httplib::Response &response, Backend backend) const;
 
+    // What self-hosted servers refuse (--voices, --max-input, --refuse-instructions), answered as they do.
+    bool refusedAsSelfHosted(const SpeechRequest &speech, const std::string &body,
+                             httplib::Response &response) const;
     // For the service backend: answers 402 unless there is time left to narrate.
     bool hasBalance(httplib::Response &response) const;
 
@@ -48,4 +53,5 @@ private:
     double m_pace;
     std::optional<int> m_failStatus;
     std::optional<std::uint64_t> m_cutAfterBytes;
+    Options m_options;
 };

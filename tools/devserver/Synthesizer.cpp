@@ -55,14 +55,14 @@ Synthesizer::Synthesizer(Options::Synth mode, double sineHz)
     , m_sineHz(sineHz)
 {}
 
-std::vector<std::int16_t> Synthesizer::synthesize(std::string_view text, std::string_view voice)
+std::vector<std::int16_t> Synthesizer::synthesize(std::string_view text, std::string_view voice, int rateHz)
 {
     const EspeakProcess::Speech speech = m_espeak.speak(text, voice);
-    std::vector<std::int16_t> samples = resample(speech.samples, speech.sampleRateHz, outputRateHz);
+    std::vector<std::int16_t> samples = resample(speech.samples, speech.sampleRateHz, rateHz);
     if (m_mode == Options::Synth::Sine) {
         // Full scale would clip after any gain a client applies; a third leaves headroom.
         constexpr double amplitude = 32767.0 / 3.0;
-        const double step = 2.0 * std::numbers::pi * m_sineHz / outputRateHz;
+        const double step = 2.0 * std::numbers::pi * m_sineHz / rateHz;
         for (std::size_t i = 0; i < samples.size(); ++i)
             samples[i] =
                 static_cast<std::int16_t>(std::lround(amplitude * std::sin(step * static_cast<double>(i))));

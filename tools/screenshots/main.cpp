@@ -11,6 +11,7 @@
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 #include "widget/FloatingWidgetViewModel.h"
@@ -120,6 +121,30 @@ int main(int argc, char *argv[])
                   rawValue(theme).toLower());
         }
     }
+
+    // Following along: a sentence longer than its two lines, then a short one.
+    speech.followAlong()->startComplete(
+        QStringLiteral(
+            "Highlight text in any application and press the shortcut: Quillvox streams speech for "
+            "it while it is still arriving, and shows here the sentence you are hearing so that your "
+            "eyes can follow along. A short one fits a line."),
+        qint64(48) * SpeechManager::kSampleRateHz);
+    const std::pair<WidgetAppearance, WidgetTheme> looks[] = {{WidgetAppearance::Dark, WidgetTheme::Default},
+                                                              {WidgetAppearance::Dark, WidgetTheme::Aurora},
+                                                              {WidgetAppearance::Light, WidgetTheme::Default},
+                                                              {WidgetAppearance::Light, WidgetTheme::Sunset}};
+    for (const QString &part : {QStringLiteral("long"), QStringLiteral("short")}) {
+        if (part == u"short")
+            speech.seekToFrame(qint64(46) * SpeechManager::kSampleRateHz);
+        for (const auto &[appearance, theme] : looks) {
+            speech.setWidgetAppearance(appearance);
+            speech.setWidgetTheme(theme);
+            play(0.3);
+            shoot(QStringLiteral("follow-along-%1-%2-%3")
+                      .arg(part, rawValue(appearance).toLower(), rawValue(theme).toLower()));
+        }
+    }
+    speech.followAlong()->clear();
     speech.setWidgetTheme(WidgetTheme::Default);
     speech.setWidgetAppearance(WidgetAppearance::Dark);
     vm.toggleFullControls();

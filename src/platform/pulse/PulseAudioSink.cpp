@@ -5,6 +5,8 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
+
 namespace {
 
 // Holds the main loop's lock for a scope (from any thread but the loop's own).
@@ -151,9 +153,8 @@ bool PulseAudioSink::connect(QString *error)
     attr.prebuf = static_cast<uint32_t>(-1);
     attr.minreq = static_cast<uint32_t>(pa_usec_to_bytes(kRequestMs * PA_USEC_PER_MSEC, &sampleFormat));
     attr.fragsize = static_cast<uint32_t>(-1);
-    const auto flags =
-        static_cast<pa_stream_flags_t>(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY |
-                                       PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
+    const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_START_CORKED | PA_STREAM_ADJUST_LATENCY |
+                                                      PA_STREAM_INTERPOLATE_TIMING);
     if (pa_stream_connect_playback(m_stream, nullptr, &attr, flags, nullptr, nullptr) < 0) {
         *error = errorText(m_context);
         freeTimer();
@@ -197,8 +198,11 @@ void PulseAudioSink::setActive(bool active)
     if (!m_mainloop)
         return;
     LoopLock lock(m_mainloop);
-    if (m_stream && m_established && !m_lost)
+    if (m_stream && m_established && !m_lost) {
         dropOperation(pa_stream_cork(m_stream, active ? 0 : 1, nullptr, nullptr));
+        if (active)
+            requestTiming(m_stream, true);
+    }
 }
 
 void PulseAudioSink::discardPending()
@@ -206,8 +210,10 @@ void PulseAudioSink::discardPending()
     if (!m_mainloop)
         return;
     LoopLock lock(m_mainloop);
-    if (m_stream && m_established && !m_lost)
+    if (m_stream && m_established && !m_lost) {
         dropOperation(pa_stream_flush(m_stream, nullptr, nullptr));
+        requestTiming(m_stream, true);
+    }
 }
 
 void PulseAudioSink::close()
@@ -241,6 +247,9 @@ void PulseAudioSink::close()
     m_closing = false;
     m_lost = false;
     m_lastUnheardFrames = 0;
+    m_timingPending = false;
+    m_nextTimingUsec = 0;
+    m_timingIntervalUsec = 0;
 }
 
 void PulseAudioSink::onContextState(pa_context *context, void *userdata)
@@ -266,9 +275,34 @@ void PulseAudioSink::onTimeout(pa_mainloop_api *, pa_time_event *, const struct 
     pa_threaded_mainloop_signal(self->m_mainloop, 0);
 }
 
+void PulseAudioSink::onTimingUpdated(pa_stream *, int, void *userdata)
+{
+    static_cast<PulseAudioSink *>(userdata)->m_timingPending = false;
+}
+
+void PulseAudioSink::requestTiming(pa_stream *stream, bool restart)
+{
+    const pa_usec_t now = pa_rtclock_now();
+    if (restart) {
+        m_timingIntervalUsec = 0;
+        m_nextTimingUsec = now;
+    }
+    if (m_timingPending || now < m_nextTimingUsec)
+        return;
+    pa_operation *operation = pa_stream_update_timing_info(stream, &PulseAudioSink::onTimingUpdated, this);
+    if (!operation)
+        return;
+    pa_operation_unref(operation);
+    m_timingPending = true;
+    m_timingIntervalUsec = std::clamp<std::uint64_t>(2 * m_timingIntervalUsec, 10 * PA_USEC_PER_MSEC,
+                                                     kMaxTimingIntervalMs * PA_USEC_PER_MSEC);
+    m_nextTimingUsec = now + m_timingIntervalUsec;
+}
+
 void PulseAudioSink::onWrite(pa_stream *stream, std::size_t bytes, void *userdata)
 {
     auto *self = static_cast<PulseAudioSink *>(userdata);
+    self->requestTiming(stream, false);
     while (bytes >= sizeof(float)) {
         void *data = nullptr;
         std::size_t chunk = bytes;

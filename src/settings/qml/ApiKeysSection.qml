@@ -143,6 +143,33 @@ SectionPage {
                     text = root.model.model;
                 }
             }
+            // A chosen server's own models and request size.
+            Item {
+                visible: root.model.serverModels.length > 0
+            }
+            ComboBox {
+                Layout.fillWidth: true
+                visible: root.model.serverModels.length > 0
+                model: root.model.serverModels
+                currentIndex: root.model.serverModels.indexOf(root.model.model)
+                Accessible.name: "Models on this server"
+                onActivated: root.model.setModel(currentText)
+            }
+            Label {
+                text: "Most characters per request"
+                visible: root.model.isChosenServer
+                Accessible.ignored: true
+            }
+            SpinBox {
+                visible: root.model.isChosenServer
+                from: 256
+                to: 100000
+                stepSize: 256
+                editable: true
+                value: root.model.maxInputChars
+                Accessible.name: "Most characters per request"
+                onValueModified: root.model.setMaxInputChars(value)
+            }
         }
         RowLayout {
             spacing: 12

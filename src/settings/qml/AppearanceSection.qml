@@ -185,5 +185,19 @@ SectionPage {
                 }
             }
         }
+        RowLayout {
+            Layout.fillWidth: true
+
+            Label {
+                Layout.fillWidth: true
+                text: "Follow along: show the sentence being read in the expanded controls"
+                wrapMode: Text.WordWrap
+            }
+            Switch {
+                checked: root.model.showFollowAlong
+                Accessible.name: "Follow along: show the sentence being read in the expanded controls"
+                onToggled: root.model.showFollowAlong = checked
+            }
+        }
     }
 }

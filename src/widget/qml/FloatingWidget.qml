@@ -96,5 +96,11 @@ Item {
 
             Behavior on opacity { NumberAnimation { duration: 150 } }
         }
+
+        FollowAlongRow {
+            width: parent.width
+            viewModel: root.viewModel
+            visible: !!root.viewModel.followAlongText
+        }
     }
 }

@@ -251,23 +251,28 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("refusals");
         QTest::addColumn<bool>("signedIn");
-        QTest::newRow("restored") << -1 << true;
-        QTest::newRow("refreshed") << 0 << true;
-        QTest::newRow("refused twice") << 2 << true;
-        QTest::newRow("refused three times") << 3 << false;
+        QTest::addColumn<QString>("lineEnd"); // stored after each token, as a shell pipe leaves it
+        QTest::newRow("restored") << -1 << true << "";
+        QTest::newRow("restored, tokens stored with line ends") << -1 << true << "\n";
+        QTest::newRow("refreshed") << 0 << true << "";
+        QTest::newRow("refreshed, tokens stored with line ends") << 0 << true << "\r\n";
+        QTest::newRow("refused twice") << 2 << true << "";
+        QTest::newRow("refused three times") << 3 << false << "";
     }
     void restoreWithRefresh()
     {
         QFETCH(int, refusals);
         QFETCH(bool, signedIn);
+        QFETCH(QString, lineEnd);
         QVERIFY(startServer());
         Session first(*m_server);
         QVERIFY(first.signIn());
 
         Session s(*m_server, Session::Nothing);
-        s.keychain.save(refusals < 0 ? *first.keychain.load(KeychainKey::accessToken) : "not-a-token",
+        s.keychain.save((refusals < 0 ? *first.keychain.load(KeychainKey::accessToken) : "not-a-token") +
+                            lineEnd,
                         KeychainKey::accessToken);
-        s.keychain.save(*first.keychain.load(KeychainKey::refreshToken), KeychainKey::refreshToken);
+        s.keychain.save(*first.keychain.load(KeychainKey::refreshToken) + lineEnd, KeychainKey::refreshToken);
         if (refusals > 0)
             failNext("refresh", 400, refusals);
         s.startAuth();

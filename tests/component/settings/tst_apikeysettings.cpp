@@ -46,8 +46,14 @@ private Q_SLOTS:
 
         QTest::newRow("works") << QStringList{"--pace", "0", "--openai-key", "sk-test-1234"} << true
                                << TestState::Works << "Works";
+        // A chosen server's own words, as a narration shows them.
         QTest::newRow("401") << QStringList{"--fail-status", "401"} << true << TestState::Failed
-                             << "API error (401): Unauthorized";
+                             << "API error (401): Failure injected by quillvox-devserver --fail-status 401.";
+        QTest::newRow("refuses instructions")
+            << QStringList{"--refuse-instructions", "--openai-key", "sk-test-1234"} << true
+            << TestState::Failed << "API error (400): Unsupported parameter: 'instructions'.";
+        QTest::newRow("no audio") << QStringList{"--no-audio", "--openai-key", "sk-test-1234"} << true
+                                  << TestState::Failed << "The server sent no audio.";
         QTest::newRow("no server") << QStringList() << false << TestState::Failed
                                    << "Received invalid response from server";
     }

@@ -12,6 +12,7 @@
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/pulse/PulseAudioSink.h"
+#include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/NarrationText.h"
 #include "speech/SpeechManager.h"
@@ -64,6 +65,7 @@ public:
     QList<Session> sessions;
     QList<qint64> usage;
     QString folder;
+    QHash<QUuid, QString> texts;
 
     void addSession(const QString &text, const QString &voice, double durationSeconds,
                     const QByteArray &audioData) override
@@ -74,6 +76,7 @@ public:
     {
         return folder + u'/' + id.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".pcm");
     }
+    QString text(const QUuid &id) const override { return texts.value(id); }
     void recordUsage(qint64 characters) override { usage << characters; }
 };
 
@@ -396,7 +399,12 @@ private Q_SLOTS:
         QVERIFY(startServer({"--pace", "0"}));
         m_speech->speak(sentence(20));
         QVERIFY(waitUntilPlaying());
-        m_sink->advance(12000);
+        QSignalSpy unwatched(m_speech.get(), &SpeechManager::lastLevelTimestampChanged);
+        m_sink->advance(4800);
+        QCoreApplication::processEvents();
+        QVERIFY(unwatched.isEmpty());      // nobody shows the levels: none are measured
+        m_speech->watchLevels(this, true); // as a waveform on screen does
+        m_sink->advance(7200);
         QCoreApplication::processEvents();
         // Levels measured before the pause but delivered after it leave the smoothed level alone.
         m_sink->advance(4800);
@@ -453,10 +461,15 @@ private Q_SLOTS:
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(QByteArray(48000, '\x10'));
         file.close();
+        m_records.texts[id] = QStringLiteral("One. Two.");
         m_speech->playFromHistory(id);
         QVERIFY(m_speech->isPlaying());
         QCOMPARE(m_speech->currentPlayingSessionId(), id);
         QCOMPARE(m_speech->totalTime(), 1.0);
+        // Followed along as it was heard: "Two." starts 5 of 9 characters in.
+        QCOMPARE(m_speech->followAlong()->sentence(), QStringLiteral("One."));
+        m_speech->seekToFrame(13334);
+        QCOMPARE(m_speech->followAlong()->sentence(), QStringLiteral("Two."));
         QVERIFY(playToEnd());
         QCOMPARE(m_speech->currentPlayingSessionId(), id);
         QVERIFY(m_records.sessions.isEmpty());
@@ -725,6 +738,44 @@ private Q_SLOTS:
                                [](const auto &a, const auto &b) { return a.second < b.second; }));
         QVERIFY(playToEnd(48000));
         QVERIFY(!m_speech->currentError());
+    }
+
+    // A piece's first sentence starts exactly where its audio starts; at 2.0x the position still
+    // counts narration frames.
+    void followAlongTracksTheHeardSentence()
+    {
+        QVERIFY(startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        const QString text = longText(5000);
+        m_speech->setPlaybackSpeed(2.0f);
+        m_speech->speak(text);
+        QTRY_COMPARE_WITH_TIMEOUT(m_records.sessions.size(), 1, 60000);
+        QList<QJsonObject> log = speechRequests(2);
+        QCOMPARE(log.size(), 2);
+        if (!text.startsWith(DevServer::input(log[0])))
+            log.swapItemsAt(0, 1);
+        const qint64 pieceStart = log[0].value(QStringLiteral("bodyBytesSent")).toInteger() / 2;
+        const FollowAlong &follow = *m_speech->followAlong();
+        qsizetype first = 0;
+        while (first < follow.count() && follow.startFrame(first) < pieceStart)
+            ++first;
+        QVERIFY(first < follow.count());
+        QCOMPARE(follow.startFrame(first), pieceStart);
+        QVERIFY(DevServer::input(log[1]).trimmed().startsWith(follow.sentenceAt(first).text));
+
+        QSignalSpy performed(m_speech.get(), &SpeechManager::seekPerformed);
+        m_speech->seekToFrame(pieceStart - 24000);
+        QCOMPARE(follow.currentIndex(), first - 1);
+        QTRY_COMPARE(performed.size(), 1);
+        m_sink->advance(6000); // half a second of narration at 2.0x
+        QTest::qWait(300);     // a progress tick
+        QCOMPARE(follow.currentIndex(), first - 1);
+        m_sink->advance(12000);
+        QTRY_COMPARE(follow.currentIndex(), first);
+        QCOMPARE(follow.sentence(), follow.sentenceAt(first).text);
+        m_speech->seekToFrame(0);
+        QCOMPARE(follow.currentIndex(), 0);
+        m_speech->stop();
+        QCOMPARE(follow.sentence(), QString());
     }
 
     void failingPieceEndsTheNarrationAfterWhatCame()

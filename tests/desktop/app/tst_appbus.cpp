@@ -3,6 +3,7 @@
 // URLs through org.freedesktop.Application.Open, actions, Activate, MPRIS, and a second profile.
 #include "DevServer.h"
 #include "PulseServer.h"
+#include "X11Desktop.h"
 
 #include "app/SingleInstance.h"
 
@@ -56,6 +57,7 @@ class TestAppBus : public QObject
     QProcess m_app;
     QProcessEnvironment m_env = QProcessEnvironment::systemEnvironment();
     QString m_name;
+    ChildProcess m_accessibility;
 
     QJsonObject status() const
     {
@@ -83,7 +85,9 @@ private Q_SLOTS:
             QSKIP("playerctl is not installed");
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
+        QVERIFY(startAccessibilityBus(m_accessibility));
         m_env = m_server.appEnvironment(m_env);
+        m_env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
         m_name = SingleInstance::busName();
         // Normal operation, not the first run.
         QSettings(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
@@ -130,18 +134,23 @@ private Q_SLOTS:
         QCOMPARE(leaked, QStringList());
     }
 
+    // playerctl as a desktop's media widget follows it: Playing from the moment the narration is
+    // generated, Paused, Stopped at the end and after Stop, and a track of its own for a history replay.
     void actionsAndMediaControlsFollowANarration()
     {
         QCOMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
+        QProcess follow;
+        follow.start(QStringLiteral("playerctl"), {QStringLiteral("-p"), QStringLiteral("quillvox"),
+                                                   QStringLiteral("--follow"), QStringLiteral("status")});
+        QVERIFY(follow.waitForStarted());
+        QTRY_VERIFY(follow.canReadLine()); // its first line: the status now
         QCOMPARE(run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--speak"), kSentence}, m_env),
                  QByteArray());
         QTRY_COMPARE_WITH_TIMEOUT(playerctl({QStringLiteral("status")}), QByteArray("Playing"), 15000);
         QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
-                 QByteArray("Media keys drive this narration while it plays…"));
+                 QByteArray("Media keys drive this narration while it plays its tone to t"));
         QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:artist")}),
                  QByteArray("marin"));
-        QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:length")}).toLongLong() >
-                1000000);
         QTRY_VERIFY_WITH_TIMEOUT(playerctl({QStringLiteral("position")}).toDouble() > 0.5, 10000);
 
         QDBusMessage toggle = applicationCall(QStringLiteral("ActivateAction"));
@@ -154,12 +163,77 @@ private Q_SLOTS:
 
         playerctl({QStringLiteral("play-pause")});
         QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Playing"));
-
+        // Played to the end: stopped, its length known.
+        QTRY_COMPARE_WITH_TIMEOUT(playerctl({QStringLiteral("status")}), QByteArray("Stopped"), 30000);
+        QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:length")}).toLongLong() >
+                1000000);
+        playerctl({QStringLiteral("play")});
+        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Playing"));
         QDBusMessage stop = applicationCall(QStringLiteral("ActivateAction"));
         stop << QStringLiteral("stop") << QVariantList() << QVariantMap();
         QCOMPARE(QDBusConnection::sessionBus().call(stop).type(), QDBusMessage::ReplyMessage);
         QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
         QCOMPARE(status().value(QStringLiteral("hasContent")).toBool(), false);
+
+        QTest::qWait(300); // the last change reaches the follower
+        follow.terminate();
+        follow.waitForFinished(2000);
+        QByteArrayList seen;
+        for (const QByteArray &line : follow.readAllStandardOutput().split('\n')) {
+            if (!line.isEmpty() && (seen.isEmpty() || seen.last() != line))
+                seen.append(line);
+        }
+        QCOMPARE(seen, QByteArrayList(
+                           {"Stopped", "Playing", "Paused", "Playing", "Stopped", "Playing", "Stopped"}));
+
+        // A replay from the history is a new track with its own title.
+        const QString other = QStringLiteral("A second narration, short.");
+        QProcess waiting;
+        waiting.setProcessEnvironment(m_env);
+        waiting.start(QStringLiteral(QUILLVOX_EXECUTABLE),
+                      {QStringLiteral("--speak"), other, QStringLiteral("--wait")});
+        QVERIFY(waiting.waitForFinished(30000));
+        QVERIFY2(waiting.exitCode() == 0, waiting.readAllStandardError().constData());
+        QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}), other.toUtf8());
+        const QByteArray track = playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")});
+        QDBusMessage settings = applicationCall(QStringLiteral("ActivateAction"));
+        settings << QStringLiteral("settings") << QVariantList() << QVariantMap();
+        QCOMPARE(QDBusConnection::sessionBus().call(settings).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(clickAccessibleControl(QStringLiteral("History")));
+        QVERIFY(clickAccessibleControl(u"Play " + kSentence));
+        QTRY_COMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
+                     QByteArray("Media keys drive this narration while it plays its tone to t"));
+        QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")}) != track);
+        playerctl({QStringLiteral("stop")});
+        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
+    }
+
+    // On a terminal the key is asked for and never shown; it is stored as typed, without its line end.
+    void setApiKeyOnATerminal()
+    {
+        QProcessEnvironment env = m_env;
+        env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
+                   QStringLiteral("com.vantor.quillvox.test.pty"));
+        QProcess terminal;
+        terminal.setProcessEnvironment(env);
+        terminal.setProcessChannelMode(QProcess::MergedChannels);
+        terminal.start(QStringLiteral("script"),
+                       {QStringLiteral("-qec"), QStringLiteral(QUILLVOX_EXECUTABLE " --set-api-key"),
+                        QStringLiteral("/dev/null")});
+        QByteArray shown;
+        // Typed only once asked: the terminal echoes whatever arrives before echo is off.
+        QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("OpenAI API key: "), 10000);
+        terminal.write("sk-typed-1234\n");
+        QVERIFY(terminal.waitForFinished(15000));
+        shown += terminal.readAll();
+        QCOMPARE(terminal.exitCode(), 0);
+        QVERIFY2(!shown.contains("sk-typed"), shown.constData());
+        QVERIFY2(shown.contains("API key saved to the keyring."), shown.constData());
+        QCOMPARE(
+            run(QStringLiteral("secret-tool"), {QStringLiteral("lookup"), QStringLiteral("service"),
+                                                env.value(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE")),
+                                                QStringLiteral("account"), QStringLiteral("openai-api-key")}),
+            QByteArray("sk-typed-1234"));
     }
 
     void activateOpensTheSettingsWindow()
@@ -171,6 +245,22 @@ private Q_SLOTS:
                      {QStringLiteral("search"), QStringLiteral("--sync"), QStringLiteral("--onlyvisible"),
                       QStringLiteral("--name"), QStringLiteral("^Settings$")})
                      .isEmpty());
+    }
+
+    // A purchase finished in the browser, with no first-run window open: the balance is asked again and
+    // the settings window shows it on its Account section.
+    void purchaseShowsTheNewBalance()
+    {
+        QVERIFY(
+            !m_server.control(QStringLiteral("/dev/balance"), {{QStringLiteral("seconds"), 5400}}).isEmpty());
+        QVERIFY(clickAccessibleControl(QStringLiteral("Voice"))); // away from the Account section
+        QVERIFY(showsAccessibleControl(QStringLiteral("Cedar")));
+        QTest::qWait(5100); // past the refresh throttle of the earlier activations
+        QDBusMessage open = applicationCall(QStringLiteral("Open"));
+        open << QStringList{QStringLiteral("quillvox://purchase/success")} << QVariantMap();
+        QCOMPARE(QDBusConnection::sessionBus().call(open).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(showsAccessibleControl(QStringLiteral("Balance 1h 30m")));
+        QTRY_VERIFY(findAccessibleControl(QStringLiteral("Cedar")).isEmpty());
     }
 
     void secondProfileRunsBeside()

@@ -249,8 +249,10 @@ private Q_SLOTS:
         QTest::addColumn<bool>("refusing");
         QTest::addColumn<QString>("spoken");
         QTest::addColumn<QString>("result");
-        QTest::newRow("refusing with 401") << true << "Refused, this one."
-                                           << "API error (401): Unauthorized";
+        // A chosen server's own words, in the test as in the narration.
+        QTest::newRow("refusing with 401")
+            << true << "Refused, this one."
+            << "API error (401): Failure injected by quillvox-devserver --fail-status 401.";
         QTest::newRow("second server") << false << kSpoken << "Works";
     }
     void serverChoice()
@@ -268,11 +270,11 @@ private Q_SLOTS:
         QVERIFY(enter(QStringLiteral("Server"), server.url().toString()));
         QVERIFY(clickAccessibleControl(QStringLiteral("Test")));
         QVERIFY2(showsAccessibleControl(result), qPrintable(result));
-        QTRY_COMPARE(server.narratedTexts(), QStringList{QStringLiteral("Test")});
+        QTRY_COMPARE(server.narratedTexts(), QStringList{QStringLiteral("This is a test.")});
 
         runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--speak", spoken});
-        QTRY_COMPARE_WITH_TIMEOUT(server.narratedTexts(), (QStringList{QStringLiteral("Test"), spoken}),
-                                  10000);
+        QTRY_COMPARE_WITH_TIMEOUT(server.narratedTexts(),
+                                  (QStringList{QStringLiteral("This is a test."), spoken}), 10000);
         QTRY_COMPARE(errorShown(), refusing ? result : QString());
         QCOMPARE(m_server.narratedTexts().size(), before);
     }

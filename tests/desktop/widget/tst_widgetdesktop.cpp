@@ -9,6 +9,7 @@
 #include "core/UserDefaults.h"
 
 #include <QDir>
+#include <QFile>
 #include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -119,7 +120,7 @@ private Q_SLOTS:
         m_compositor.process.start(program("xcompmgr"), QStringList());
         QVERIFY(m_compositor.process.waitForStarted());
 
-        QVERIFY2(m_server.start({"--synth", "sine"}), qPrintable(m_server.errorString()));
+        QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
         const QUrlQuery session = m_server.signIn();
         KeychainHelper &keychain = KeychainHelper::shared();
         QVERIFY(
@@ -249,6 +250,96 @@ private Q_SLOTS:
                                .arg(actual.name(), expected.name())),
                 5000);
         }
+    }
+
+    // Three sentences, each longer than half of what one own-key request takes, go out as three pieces:
+    // each sentence starts in the audio exactly where its piece's audio starts. "Now reading" shows
+    // each within half a second of that place, and a click on it goes back there.
+    void followAlongShowsTheSentenceBeingHeard()
+    {
+        stopApp();
+        KeychainHelper &keychain = KeychainHelper::shared();
+        keychain.remove(KeychainKey::accessToken);
+        keychain.remove(KeychainKey::refreshToken);
+        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), m_server.appEnvironment()),
+                 QString());
+        UserDefaults::standard().setBoolean(QStringLiteral("showWidgetWithOwnKey"), true);
+        UserDefaults::standard().sync();
+        QVERIFY(startApp());
+        const QPoint centre = widgetGeometry().center();
+        xdotool({"mousemove", QString::number(centre.x()), QString::number(centre.y())});
+        QVERIFY(clickAccessibleControl(QStringLiteral("Expand controls")));
+        QVERIFY(showsAccessibleControl(QStringLiteral("Collapse controls")));
+        const QRect withoutText = widgetGeometry();
+        QCOMPARE(withoutText.size(), QSize(kWidth, kHeight));
+
+        QStringList sentences;
+        for (const char *ordinal : {"first", "second", "third"}) {
+            QString sentence = QStringLiteral("This is the %1 sentence").arg(QLatin1String(ordinal));
+            while (sentence.size() < 2100)
+                sentence += QStringLiteral(", and it goes on a little further");
+            sentences << sentence + u'.';
+        }
+        ChildProcess watcher;
+        QVERIFY(watchAccessibleDescription(watcher, QStringLiteral("Now reading")));
+        QString shown;
+        const auto shows = [&](const QString &sentence) {
+            while (watcher.process.canReadLine())
+                shown = QString::fromUtf8(watcher.process.readLine()).chopped(1);
+            return shown == sentence;
+        };
+        const auto position = [] {
+            return runProgram(program("playerctl"), {"-p", "quillvox", "position"}).toDouble();
+        };
+        runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--speak", sentences.join(u' ')});
+        const auto shownInTime = [&](qsizetype i, double start) {
+            QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i]), 15000);
+            const double at = position();
+            qInfo() << "sentence" << i + 1 << "starts" << start << "shown at" << at;
+            QVERIFY2(
+                at >= start - 0.05 && at <= start + 0.5,
+                qPrintable(
+                    QStringLiteral("sentence %1 starts at %2, shown at %3").arg(i + 1).arg(start).arg(at)));
+        };
+        shownInTime(0, 0.0);
+        if (QTest::currentTestFailed())
+            return;
+
+        // Where each piece's audio starts, from what the server sent for each.
+        const auto speechRequests = [this] {
+            QList<QJsonObject> requests = m_server.requests();
+            requests.removeIf([](const QJsonObject &r) {
+                return r.value(QStringLiteral("path")).toString() != u"/v1/audio/speech";
+            });
+            return requests;
+        };
+        QList<QJsonObject> pieces;
+        QTRY_COMPARE_WITH_TIMEOUT((pieces = speechRequests()).size(), 3, 30000);
+        std::sort(pieces.begin(), pieces.end(), [&](const QJsonObject &a, const QJsonObject &b) {
+            return DevServer::input(a) < DevServer::input(b); // "first" < "second" < "third"
+        });
+        QList<double> starts{0.0};
+        for (const QJsonObject &piece : pieces.first(2))
+            starts << starts.last() +
+                          double(piece.value(QStringLiteral("bodyBytesSent")).toInteger()) / 48000.0;
+
+        for (qsizetype i = 1; i < 3; ++i) {
+            runProgram(program("playerctl"),
+                       {"-p", "quillvox", "position", QString::number(starts[i] - 1.5)});
+            QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i - 1]), 5000);
+            shownInTime(i, starts[i]);
+            if (QTest::currentTestFailed())
+                return;
+            QCOMPARE(widgetGeometry(), withoutText.adjusted(0, 0, 0, 44)); // grown downwards
+        }
+        QVERIFY(runProgram(program("playerctl"), {"-p", "quillvox", "metadata", "xesam:comment"})
+                    .startsWith("This is the third sentence"));
+
+        QTRY_VERIFY_WITH_TIMEOUT(position() > starts[2] + 1.0, 5000);
+        QVERIFY(clickAccessibleControl(QStringLiteral("Now reading")));
+        QTRY_VERIFY_WITH_TIMEOUT(position() < starts[2] + 0.8, 3000);
+        QCOMPARE_GE(position(), starts[2] - 0.05);
+        QVERIFY(shows(sentences[2]));
     }
 };
 

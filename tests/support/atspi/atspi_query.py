@@ -6,6 +6,10 @@
 #   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
 #   atspi_query.py APP focused     -> the name of the accessible that has the keyboard focus, exit 1 when
 #                                     none has
+#   atspi_query.py APP watch NAME  -> the description of the showing accessible called NAME, a line
+#                                     each time it changes (empty while there is none), until its
+#                                     standard input closes
+import select
 import sys
 
 import pyatspi
@@ -32,12 +36,37 @@ def showing(node):
     return node.getState().contains(pyatspi.STATE_SHOWING)
 
 
+def find(app, wanted):
+    for node in walk(app):
+        if node.name == wanted and showing(node):
+            return node
+    return None
+
+
+def watch(app, wanted):
+    node, last = None, None
+    while True:
+        try:
+            if node is None or not showing(node):
+                node = find(app, wanted)
+            description = node.description if node is not None else ""
+        except Exception:  # the accessible went away between two calls
+            node, description = None, ""
+        if description != last:
+            print(description, flush=True)
+            last = description
+        if select.select([sys.stdin], [], [], 0.02)[0] and not sys.stdin.read(1):
+            return 0
+
+
 def main():
     app_name, command = sys.argv[1], sys.argv[2]
     app = application(app_name)
     if app is None:
         print(f"no application {app_name!r} on the accessibility bus", file=sys.stderr)
         return 2
+    if command == "watch":
+        return watch(app, sys.argv[3])
     if command == "list":
         for node in walk(app):
             print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")

@@ -128,6 +128,13 @@ bool clickAccessibleControl(const QString &name, int index)
     return true;
 }
 
+bool watchAccessibleDescription(ChildProcess &watcher, const QString &name)
+{
+    watcher.process.start(QStringLiteral("/usr/bin/python3"),
+                          {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "watch", name});
+    return watcher.process.waitForStarted();
+}
+
 QString focusedAccessibleName()
 {
     return QString::fromUtf8(runProgram(QStringLiteral("/usr/bin/python3"),

@@ -47,6 +47,10 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
 // as a screen reader finds it; empty when there is none. `index` picks a later one of the same name.
 QRect findAccessibleControl(const QString &name, int index = 0);
 
+// Starts `watcher` writing the accessible description of Quillvox's showing control called `name` to its
+// standard output, a line each time it changes (an empty one while no such control shows).
+bool watchAccessibleDescription(ChildProcess &watcher, const QString &name);
+
 // findAccessibleControl's rectangle once the control shows, within `timeoutMs`; empty when it never did.
 QRect waitForAccessibleControl(const QString &name, int index = 0, int timeoutMs = 15000);
 // Whether the control shows within 15 s.

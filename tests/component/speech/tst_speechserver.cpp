@@ -1,0 +1,304 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// Narration through a speech server the user chose, against the dev server answering as self-hosted
+// servers do: every audio format plays at its pitch and length on the null sink without a header's click,
+// a long text in WAV pieces plays as one, and answers that hold no audio or that refuse say why.
+#include "DevServer.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "speech/NarrationServices.h"
+#include "speech/OpenAIServer.h"
+#include "speech/SpeechManager.h"
+
+#include <QDeadlineTimer>
+#include <QJsonObject>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cmath>
+#include <vector>
+
+namespace {
+
+constexpr double kToneHz = 440.0;
+constexpr double kToneAmplitude = 1.0 / 3.0; // the dev server's tone
+
+class Records final : public NarrationRecords
+{
+public:
+    QList<double> durations;
+    void addSession(const QString &, const QString &, double durationSeconds, const QByteArray &) override
+    {
+        durations << durationSeconds;
+    }
+    QString audioFile(const QUuid &) const override { return {}; }
+    void recordUsage(qint64) override {}
+};
+
+const QString kText = QStringLiteral("The quick brown fox jumps over the lazy dog, twice over.");
+
+QString longText()
+{
+    QString text;
+    for (int i = 0; text.size() < 900; ++i)
+        text += QStringLiteral("Sentence number %1 goes on for a while. ").arg(i);
+    return text;
+}
+
+// The tone's frequency from its upward zero crossings.
+double frequencyOf(const std::vector<float> &s)
+{
+    std::optional<double> first;
+    double last = 0;
+    int crossings = 0;
+    for (size_t i = 1; i < s.size(); ++i) {
+        if (s[i - 1] < 0 && s[i] >= 0) {
+            const double at = double(i - 1) + s[i - 1] / (s[i - 1] - s[i]);
+            crossings += first ? 1 : 0;
+            if (!first)
+                first = at;
+            last = at;
+        }
+    }
+    return first && crossings > 0 ? crossings * 24000.0 / (last - *first) : 0;
+}
+
+} // namespace
+
+class TestSpeechServer : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<DevServer> m_server;
+    std::unique_ptr<UserDefaults> m_defaults;
+    std::unique_ptr<KeychainHelper> m_keychain;
+    NoAccount m_account;
+    Records m_records;
+    NullAudioSink *m_sink = nullptr;
+    std::unique_ptr<SpeechManager> m_speech;
+
+    // A dev server with `arguments`, chosen in the settings as the server; OpenAI's origin is never asked.
+    bool startServer(const QStringList &arguments)
+    {
+        m_server = std::make_unique<DevServer>();
+        if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine"),
+                                         QStringLiteral("--pace"), QStringLiteral("0")} +
+                             arguments)) {
+            qWarning() << m_server->errorString();
+            return false;
+        }
+        m_defaults->setString(OpenAIServer::serverKey, m_server->url().toString());
+        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        m_sink = sink.get();
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.account = &m_account;
+        services.records = &m_records;
+        services.audioSink = std::move(sink);
+        services.openAIOrigin = QUrl(QStringLiteral("https://api.openai.com"));
+        m_speech = std::make_unique<SpeechManager>(std::move(services));
+        return true;
+    }
+
+    // Plays the narration to its end on the virtual clock and returns what the sink rendered.
+    std::optional<std::vector<float>> narrate(const QString &text)
+    {
+        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        m_speech->speak(text);
+        std::vector<float> heard;
+        if (!QTest::qWaitFor([&] { return m_speech->isPlaying() || m_speech->hasError(); }, 20000) ||
+            m_speech->hasError())
+            return std::nullopt;
+        // Virtual time runs only as far as audio has come (the network is real): an underrun would be
+        // the test's doing, not the narration's.
+        QDeadlineTimer deadline(60000);
+        while (ended.isEmpty() && !deadline.hasExpired()) {
+            const bool streamed = m_records.durations.size() > 0;
+            if (!streamed && m_speech->totalTime() * 24000 < double(heard.size() + 4800)) {
+                QTest::qWait(2);
+                continue;
+            }
+            const std::span<const float> pulled = m_sink->advance(480);
+            heard.insert(heard.end(), pulled.begin(), pulled.end());
+            QCoreApplication::processEvents();
+        }
+        if (ended.isEmpty()) {
+            qWarning() << "no end after" << heard.size() / 24000 << "s";
+            return std::nullopt;
+        }
+        // Trailing silence after the end is the sink's, not the narration's.
+        while (!heard.empty() && heard.back() == 0.0f)
+            heard.pop_back();
+        return heard;
+    }
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void init()
+    {
+        m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("defaults.conf")));
+        m_keychain = std::make_unique<KeychainHelper>(QStringLiteral("com.vantor.quillvox.test.speechserver"),
+                                                      std::make_unique<MemorySecretStore>());
+        m_keychain->save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
+        m_records = Records();
+    }
+
+    void cleanup()
+    {
+        m_speech.reset();
+        m_server.reset();
+        m_defaults.reset();
+        QFile::remove(m_dir.filePath(QStringLiteral("defaults.conf")));
+    }
+
+    void formatsPlayAtTheirPitchAndLength_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<double>("toleranceSeconds");
+
+        QTest::newRow("pcm 24000") << QStringList() << 0.01;
+        QTest::newRow("pcm 22050") << QStringList{"--audio-rate", "22050"} << 0.05;
+        QTest::newRow("pcm 16000 as L16")
+            << QStringList{"--audio-rate", "16000", "--content-type", "audio/L16;rate=16000"} << 0.05;
+        QTest::newRow("wav streamed 22050")
+            << QStringList{"--audio-format", "wav", "--audio-rate", "22050", "--wav-unknown-sizes"} << 0.05;
+        QTest::newRow("wav 48000") << QStringList{"--audio-format", "wav", "--audio-rate", "48000"} << 0.05;
+        QTest::newRow("mp3 as L16") << QStringList{"--audio-format", "mp3", "--content-type", "audio/L16"}
+                                    << 0.1;
+        QTest::newRow("ogg") << QStringList{"--audio-format", "ogg"} << 0.1;
+        QTest::newRow("flac") << QStringList{"--audio-format", "flac", "--audio-rate", "16000"} << 0.05;
+    }
+
+    void formatsPlayAtTheirPitchAndLength()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(double, toleranceSeconds);
+        // The length the same text has as 24 kHz PCM.
+        static std::optional<double> reference;
+        if (!reference) {
+            QVERIFY(startServer({}));
+            const auto heard = narrate(kText);
+            QVERIFY(heard);
+            reference = double(heard->size()) / 24000;
+            m_records = Records();
+        }
+
+        QVERIFY(startServer(arguments));
+        const std::optional<std::vector<float>> heard = narrate(kText);
+        QVERIFY2(heard, qPrintable(m_speech->currentErrorDescription()));
+        const double seconds = double(heard->size()) / 24000;
+        QVERIFY2(std::abs(seconds - *reference) <= toleranceSeconds,
+                 qPrintable(QStringLiteral("%1 s, not %2 s").arg(seconds).arg(*reference)));
+        const double hz = frequencyOf(*heard);
+        QVERIFY2(std::abs(hz - kToneHz) <= kToneHz * 0.01, qPrintable(QString::number(hz)));
+        // No header played as audio: the first 3 ms stay at the tone's own level.
+        float peak = 0;
+        for (size_t i = 0; i < std::min<size_t>(72, heard->size()); ++i)
+            peak = std::max(peak, std::abs((*heard)[i]));
+        QCOMPARE_LE(peak, kToneAmplitude * 1.1);
+        QCOMPARE(m_records.durations.size(), 1);
+    }
+
+    void longTextInWavPiecesPlaysSeamlessly()
+    {
+        QVERIFY(startServer({"--audio-format", "wav", "--audio-rate", "22050", "--wav-unknown-sizes"}));
+        m_defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, 300);
+        const std::optional<std::vector<float>> heard = narrate(longText());
+        QVERIFY2(heard, qPrintable(m_speech->currentErrorDescription()));
+        QCOMPARE_GE(m_server->narratedTexts().size(), 3);
+        // No header between the pieces (its bytes would play near full scale; the resampler's ringing
+        // where the tone stops stays far below that), and no gap: every 10 ms holds the tone.
+        for (size_t at = 0; at + 240 <= heard->size(); at += 240) {
+            float peak = 0;
+            for (size_t i = at; i < at + 240; ++i)
+                peak = std::max(peak, std::abs((*heard)[i]));
+            QVERIFY2(peak <= kToneAmplitude * 1.5 && peak >= kToneAmplitude * 0.5,
+                     qPrintable(QStringLiteral("%1 at %2 s").arg(peak).arg(double(at) / 24000)));
+        }
+    }
+
+    // A voice only the server has is offered and sent as is; without a key a local server is asked
+    // without an Authorization header.
+    void serversOwnVoiceWithoutKey()
+    {
+        QVERIFY(startServer({"--voices", "af_heart,am_adam", "--models", "whisper-1,kokoro", "--keyless"}));
+        m_keychain->remove(KeychainKey::openAIAPIKey);
+        QSignalSpy listed(m_speech.get(), &SpeechManager::availableVoicesChanged);
+        m_speech->refreshServerCatalog();
+        QTRY_COMPARE(m_speech->availableVoices(), (QStringList{"af_heart", "am_adam"}));
+        m_speech->setSelectedVoice(QStringLiteral("af_heart"));
+        QVERIFY2(narrate(kText), qPrintable(m_speech->currentErrorDescription()));
+        QJsonObject request;
+        for (const QJsonObject &record : m_server->waitForRequests(3)) {
+            if (record.value("path").toString() == u"/v1/audio/speech")
+                request = record;
+        }
+        QCOMPARE(DevServer::body(request).value("voice").toString(), "af_heart");
+        QCOMPARE(DevServer::body(request).value("model").toString(), "kokoro");
+        QVERIFY(DevServer::header(request, u"Authorization").isNull());
+    }
+
+    void refusedVoiceShowsTheServersWords()
+    {
+        QVERIFY(startServer({"--voices", "af_heart"}));
+        m_speech->speak(kText);
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->hasError(), 10000);
+        QCOMPARE(m_speech->currentErrorDescription(),
+                 "API error (400): Voice 'marin' not found. Available voices: af_heart");
+    }
+
+    // A 422 about the input's length halves the request size and sends the refused piece again.
+    void tooLongInputIsSentAgainInHalves()
+    {
+        QVERIFY(startServer({"--max-input", "300"}));
+        m_defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, 512);
+        const QString text = longText().left(500);
+        QVERIFY2(narrate(text), qPrintable(m_speech->currentErrorDescription()));
+        const QList<QJsonObject> log = m_server->requests();
+        QCOMPARE(log.first().value("status").toInt(), 422);
+        QStringList sent;
+        for (const QJsonObject &record : log.mid(1)) {
+            QCOMPARE(record.value("status").toInt(), 200);
+            sent << DevServer::input(record);
+        }
+        // The log is in the order the answers ended; the pieces go back in the text's order.
+        std::sort(sent.begin(), sent.end(),
+                  [&](const QString &a, const QString &b) { return text.indexOf(a) < text.indexOf(b); });
+        QCOMPARE(sent.join(QString()), text);
+    }
+
+    void answersWithoutAudioSayWhy_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("error");
+
+        QTest::newRow("200 without a body") << QStringList{"--no-audio"} << "The server sent no audio.";
+        QTest::newRow("dropped after the head")
+            << QStringList{"--cut-after", "0"} << "The server sent no audio.";
+        QTest::newRow("refused")
+            << QStringList{"--fail-status", "400"}
+            << "API error (400): Failure injected by quillvox-devserver --fail-status 400.";
+    }
+
+    void answersWithoutAudioSayWhy()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, error);
+        QVERIFY(startServer(arguments));
+        m_speech->speak(kText);
+        QTRY_VERIFY_WITH_TIMEOUT(m_speech->hasError(), 10000);
+        QCOMPARE(m_speech->currentErrorDescription(), error);
+        QVERIFY(!m_speech->isProcessing());
+        QVERIFY(!m_speech->isPlaying());
+        QVERIFY(m_records.durations.isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSpeechServer)
+#include "tst_speechserver.moc"

@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "speech/FollowAlong.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+constexpr qint64 kNever = -1; // FollowAlong::kNever in the tables
+
+// Runs "begin <piece> <frame>", "received <frames>" and "finish" against `follow`.
+void apply(FollowAlong &follow, const QStringList &events)
+{
+    for (const QString &event : events) {
+        const QStringList words = event.split(u' ');
+        if (words[0] == u"begin")
+            follow.beginPiece(words[1].toLongLong(), words[2].toLongLong());
+        else if (words[0] == u"received")
+            follow.setReceivedFrames(words[1].toLongLong());
+        else
+            follow.finish();
+    }
+}
+
+} // namespace
+
+class TestFollowAlong : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void sentences_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QStringList>("sentences");
+        QTest::newRow("abbreviation and decimal number")
+            << QStringLiteral("Dr. Smith paid 3.5 euros, e.g. Tuesday. He left.")
+            << QStringList{"Dr. Smith paid 3.5 euros, e.g. Tuesday.", "He left."};
+        QTest::newRow("initials") << QStringLiteral("J. R. Tolkien wrote. Yes!")
+                                  << QStringList{"J. R. Tolkien wrote.", "Yes!"};
+        QTest::newRow("emoji and combining marks")
+            << QStringLiteral("Zoe\u0301 waved \U0001F44B\U0001F3FD! Then she\u0308 left \U0001F680.")
+            << QStringList{"Zoe\u0301 waved \U0001F44B\U0001F3FD!", "Then she\u0308 left \U0001F680."};
+        QTest::newRow("whitespace") << QStringLiteral("  One   two.\n\nThree\tfour.  ")
+                                    << QStringList{"One two.", "Three four."};
+        QTest::newRow("nothing") << QStringLiteral(" \n ") << QStringList{};
+    }
+
+    void sentences()
+    {
+        QFETCH(QString, text);
+        QFETCH(QStringList, sentences);
+        FollowAlong follow;
+        follow.start(text, {});
+        QStringList found;
+        for (qsizetype i = 0; i < follow.count(); ++i)
+            found << follow.sentenceAt(i).text;
+        QCOMPARE(found, sentences);
+    }
+
+    // Where each sentence starts, in frames, after the events. Characters are user-perceived ones.
+    void placement_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("pieceLimit");
+        QTest::addColumn<QStringList>("events");
+        QTest::addColumn<QList<qint64>>("starts");
+
+        const QString one = QStringLiteral("One. Two. Three.");
+        // Pieces "Aa bb. Cc dd. " and "Ee ff. Gg hh.", 13 characters each without the space.
+        const QString two = QStringLiteral("Aa bb. Cc dd. Ee ff. Gg hh.");
+        QTest::newRow("one piece, complete")
+            << one << 4096 << QStringList{"received 16000", "finish"} << QList<qint64>{0, 5000, 10000};
+        QTest::newRow("one piece, more received than estimated")
+            << one << 4096 << QStringList{"received 40000"} << QList<qint64>{0, 12500, 25000};
+        // 16 characters at 1,454.5 frames each: 23,273 frames.
+        QTest::newRow("one piece, estimated")
+            << one << 4096 << QStringList{"received 4000"} << QList<qint64>{0, 7273, 14546};
+        QTest::newRow("two pieces, complete")
+            << two << 14 << QStringList{"received 26000", "begin 1 26000", "received 50000", "finish"}
+            << QList<qint64>{0, 14000, 26000, 38923};
+        QTest::newRow("the first piece's pace estimates the second")
+            << two << 14 << QStringList{"received 20000", "begin 1 26000", "received 30000"}
+            << QList<qint64>{0, 14000, 26000, 40000};
+        QTest::newRow("neither piece known yet")
+            << two << 14 << QStringList{"received 20000"} << QList<qint64>{0, 10769, 20000, 30182};
+        QTest::newRow("a piece that never came") << two << 14 << QStringList{"received 26000", "finish"}
+                                                 << QList<qint64>{0, 14000, kNever, kNever};
+        QTest::newRow("abbreviation and decimal number")
+            << QStringLiteral("Dr. Smith paid 3.5 euros. He left.") << 4096
+            << QStringList{"received 34000", "finish"} << QList<qint64>{0, 26000};
+        QTest::newRow("emoji and combining marks")
+            << QStringLiteral("Zoe\u0301 waved \U0001F44B\U0001F3FD. Then she left.") << 4096
+            << QStringList{"received 27000", "finish"} << QList<qint64>{0, 13000};
+        // A sentence longer than a piece: the second piece starts inside it, so its first sentence of
+        // its own is placed by its share.
+        QTest::newRow("a piece that starts inside a sentence")
+            << QStringLiteral("Alpha beta gamma. Ok.") << 12
+            << QStringList{"begin 1 12000", "received 22000", "finish"} << QList<qint64>{0, 19000};
+    }
+
+    void placement()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, pieceLimit);
+        QFETCH(QStringList, events);
+        QFETCH(QList<qint64>, starts);
+        FollowAlong follow;
+        follow.start(text, TextPieces::splitRanges(text, pieceLimit));
+        apply(follow, events);
+        QList<qint64> placed;
+        for (qsizetype i = 0; i < follow.count(); ++i)
+            placed << (follow.startFrame(i) == FollowAlong::kNever ? kNever : follow.startFrame(i));
+        QCOMPARE(placed, starts);
+    }
+
+    // The sentence follows the position wherever it jumps, announcing only changes; a sentence that is
+    // placed later once a piece's length is known is left as soon as the position is before it.
+    void followsThePosition()
+    {
+        FollowAlong follow;
+        const QString text = QStringLiteral("Aa bb. Cc dd. Ee ff. Gg hh.");
+        follow.start(text, TextPieces::splitRanges(text, 14));
+        QSignalSpy changes(&follow, &FollowAlong::sentenceChanged);
+        const std::tuple<const char *, qint64, const char *, int> rows[] = {
+            {"received 20000", 0, "Aa bb.", 0},
+            {"", 10768, "Aa bb.", 0},
+            {"", 10769, "Cc dd.", 1},
+            {"", 20000, "Ee ff.", 2},
+            {"begin 1 26000", 20000, "Cc dd.", 3}, // the first piece turned out longer
+            {"", 40000, "Gg hh.", 4},
+            {"", 5000, "Aa bb.", 5},     // a seek back
+            {"", 1000000, "Gg hh.", 6}}; // past the end
+        for (const auto &[event, position, sentence, count] : rows) {
+            if (*event)
+                apply(follow, {QString::fromLatin1(event)});
+            follow.setPosition(position);
+            QCOMPARE(follow.sentence(), QString::fromUtf8(sentence));
+            QCOMPARE(changes.size(), count);
+        }
+        follow.setEnabled(false);
+        QCOMPARE(follow.sentence(), QString());
+        follow.clear();
+        QCOMPARE(follow.currentIndex(), -1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFollowAlong)
+#include "tst_followalong.moc"

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+// What media controls are told: the playback status for each published state, and the track (id, title,
+// artist) of a narration, a history replay and a voice sample, on a real speech controller with the null
+// sink and no bus.
+#include "app/MprisPlayer.h"
+
+#include "account/KeychainHelper.h"
+#include "core/UserDefaults.h"
+#include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "records/HistoryManager.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+
+#include <QDBusObjectPath>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+class HistoryRecords final : public NarrationRecords
+{
+public:
+    explicit HistoryRecords(HistoryManager &history)
+        : m_history(history)
+    {}
+    void addSession(const QString &text, const QString &voice, double seconds,
+                    const QByteArray &audio) override
+    {
+        m_history.addSession(text, voice, seconds, audio);
+    }
+    QString audioFile(const QUuid &id) const override { return m_history.audioFile(id); }
+    void recordUsage(qint64) override {}
+
+private:
+    HistoryManager &m_history;
+};
+
+} // namespace
+
+class TestMprisPlayer : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void playbackStatus_data()
+    {
+        QTest::addColumn<bool>("isProcessing");
+        QTest::addColumn<bool>("isPlaying");
+        QTest::addColumn<bool>("hasContent");
+        QTest::addColumn<bool>("atEnd");
+        QTest::addColumn<QString>("status");
+
+        QTest::newRow("nothing loaded") << false << false << false << false << "Stopped";
+        QTest::newRow("generating") << true << false << true << false << "Playing";
+        QTest::newRow("generating, asking the service") << true << false << false << false << "Playing";
+        QTest::newRow("playing") << false << true << true << false << "Playing";
+        QTest::newRow("paused") << false << false << true << false << "Paused";
+        QTest::newRow("played to the end") << false << false << true << true << "Stopped";
+    }
+
+    void playbackStatus()
+    {
+        QFETCH(bool, isProcessing);
+        QFETCH(bool, isPlaying);
+        QFETCH(bool, hasContent);
+        QFETCH(bool, atEnd);
+        QFETCH(QString, status);
+        QCOMPARE(MprisPlayer::playbackStatus(isProcessing, isPlaying, hasContent, atEnd), status);
+    }
+
+    // Each narration, replay and voice sample is a track of its own, named by its text and by the voice
+    // that speaks it, whatever is selected now; with nothing loaded there is no track and no seeking.
+    void trackPerNarrationReplayAndSample()
+    {
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
+        HistoryManager history(defaults, dir.filePath(QStringLiteral("History")));
+        const QString kept = QStringLiteral("A narration kept in the history, replayed later from there.");
+        history.addSession(kept, QStringLiteral("cedar"), 1, QByteArray(48000, 0));
+        HistoryRecords records(history);
+        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
+        QVERIFY(keychain.save(QStringLiteral("sk-test\n"), KeychainKey::openAIAPIKey));
+        NoAccount account;
+        NoSelection selection;
+        SpeechManager::Services services;
+        services.defaults = &defaults;
+        services.keychain = &keychain;
+        services.account = &account;
+        services.selection = &selection;
+        services.records = &records;
+        services.audioSink = std::make_unique<NullAudioSink>();
+        services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:9")); // refused, later
+        services.openAIOriginFromEnvironment = true;
+        SpeechManager speech(std::move(services));
+        MprisPlayer player(speech, &history, QDBusConnection(QStringLiteral("no bus")));
+        const auto metadata = [&] {
+            return player.playerProperties().value(QStringLiteral("Metadata")).toMap();
+        };
+        const auto trackId = [&] {
+            return metadata().value(QStringLiteral("mpris:trackid")).value<QDBusObjectPath>().path();
+        };
+        const auto title = [&] { return metadata().value(QStringLiteral("xesam:title")).toString(); };
+        const auto artist = [&] { return metadata().value(QStringLiteral("xesam:artist")).toStringList(); };
+        const QString noTrack = QStringLiteral("/org/mpris/MediaPlayer2/TrackList/NoTrack");
+        QCOMPARE(trackId(), noTrack);
+        QCOMPARE(player.playerProperties().value(QStringLiteral("CanSeek")).toBool(), false);
+
+        const QString text = QStringLiteral(
+            "This narration is longer than a title,   and only its first sixty characters name it.");
+        speech.setSelectedVoice(QStringLiteral("marin"));
+        speech.speak(text);
+        QVERIFY(speech.isProcessing());
+        speech.setSelectedVoice(QStringLiteral("echo"));
+        QTRY_COMPARE(title(), QStringLiteral("This narration is longer than a title, and only its first si"));
+        QCOMPARE(artist(), QStringList{QStringLiteral("marin")});
+        const QString narration = trackId();
+        QVERIFY(narration != noTrack);
+
+        speech.playFromHistory(history.sessions().constFirst().id);
+        QTRY_COMPARE(title(), kept.left(60));
+        QCOMPARE(artist(), QStringList{QStringLiteral("cedar")});
+        QCOMPARE(metadata().value(QStringLiteral("mpris:length")).toLongLong(), 1000000);
+        const QString replay = trackId();
+        QVERIFY(replay != narration && replay != noTrack);
+
+        speech.playVoicePreview(QStringLiteral("alloy"));
+        QTRY_COMPARE(artist(), QStringList{QStringLiteral("alloy")});
+        QVERIFY(trackId() != replay && trackId() != narration && trackId() != noTrack);
+
+        speech.stop();
+        QCOMPARE(trackId(), noTrack);
+        QSignalSpy seeks(&speech, &SpeechManager::seekPerformed);
+        player.seekTo(0.5);
+        QTest::qWait(150); // past the seek's debounce
+        QCOMPARE(seeks.count(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestMprisPlayer)
+#include "tst_mprisplayer.moc"
