@@ -13,6 +13,7 @@
 
 class KeychainHelper;
 class OnboardingWindow;
+class QWindow;
 class MprisPlayer;
 class RemoteControl;
 class SettingsWindow;

@@ -107,8 +107,8 @@ QList<TextPieces::Range> NarrationStream::pieces(SpeechBackend backend, const QS
 {
     if (backend != SpeechBackend::OpenAI)
         return {{0, text.size()}};
-    const bool chosen = m_origins.defaults &&
-                        OpenAIServer::chosenServer(*m_origins.defaults, m_origins.openAIOriginFromEnvironment);
+    const bool chosen = m_origins.defaults && OpenAIServer::chosenServer(
+                                                  *m_origins.defaults, m_origins.openAIOriginFromEnvironment);
     return TextPieces::splitRanges(text, chosen ? OpenAIServer::maxInputChars(*m_origins.defaults)
                                                 : TextPieces::kOpenAIInputLimit);
 }
