@@ -24,7 +24,6 @@ class StatusMenu;
 class UpdateChecker;
 class UpdateWindow;
 class UserDefaults;
-class QWindow;
 
 // The application shell: starts the program, chooses between the first-run flow and normal operation,
 // owns the tray menu and the settings window, and is the hub of the process-local notifications.
