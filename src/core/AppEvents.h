@@ -19,6 +19,8 @@ Q_SIGNALS:
     void onboardingPurchaseSuccess();
     // "Check for Updates..." in the tray menu or in About.
     void checkForUpdates();
+    // The version the update window skips was chosen or forgotten.
+    void skippedVersionChanged();
 
 private:
     AppEvents() = default;

@@ -3,7 +3,7 @@
 
 #include <QList>
 
-// The first-run flow's steps; the raw values are the order in which nextStep() walks them.
+// The first-run flow's steps, in the order they first show.
 enum class OnboardingStep {
     welcome = 0,
     signIn = 1,

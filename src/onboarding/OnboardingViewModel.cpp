@@ -11,6 +11,7 @@
 #include "core/UserDefaults.h"
 #include "shortcuts/HotkeyManager.h"
 #include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
 #include "widget/WidgetPalette.h"
 
 #include <QDesktopServices>
@@ -114,11 +115,31 @@ bool OnboardingViewModel::canGoBack() const
            (m_currentStep == OnboardingStep::permissions && !m_cameByOwnKey);
 }
 
-void OnboardingViewModel::nextStep()
+void OnboardingViewModel::advance()
 {
-    if (m_currentStep == OnboardingStep::completion)
-        return;
-    setCurrentStep(OnboardingStep(int(m_currentStep) + 1));
+    switch (m_currentStep) {
+    case OnboardingStep::welcome:
+        setCurrentStep(OnboardingStep::signIn);
+        break;
+    case OnboardingStep::signIn:
+        break;
+    case OnboardingStep::freeMinutes:
+        setCurrentStep(OnboardingStep::permissions);
+        break;
+    case OnboardingStep::permissions:
+        setCurrentStep(OnboardingStep::tutorial);
+        break;
+    case OnboardingStep::tutorial:
+        finishTutorial();
+        break;
+    case OnboardingStep::pricing:
+    case OnboardingStep::purchaseConfirmation:
+        setCurrentStep(OnboardingStep::completion);
+        break;
+    case OnboardingStep::completion:
+        completeOnboarding();
+        break;
+    }
 }
 
 void OnboardingViewModel::previousStep()
@@ -319,13 +340,41 @@ QString OnboardingViewModel::balanceText() const
 
 QString OnboardingViewModel::shortcutText() const
 {
-    if (m_services.shortcutLabel)
-        return m_services.shortcutLabel();
+    return shortcutKeys().join(u'+');
+}
+
+QStringList OnboardingViewModel::shortcutKeys() const
+{
+    if (m_services.shortcutKeys)
+        return m_services.shortcutKeys();
     if (SharedInstance<HotkeyManager>::has()) {
         const HotkeyManager &hotkeys = HotkeyManager::shared();
-        return HotkeyManager::shortcutLabel(hotkeys.currentKey(), hotkeys.currentModifiers());
+        return HotkeyManager::shortcutKeys(hotkeys.currentKey(), hotkeys.currentModifiers());
     }
-    return HotkeyManager::shortcutLabel(HotkeyManager::defaultKey, HotkeyManager::defaultModifiers);
+    return HotkeyManager::shortcutKeys(HotkeyManager::defaultKey, HotkeyManager::defaultModifiers);
+}
+
+QVariantList OnboardingViewModel::voices() const
+{
+    QVariantList list;
+    for (const QString &voice : availableVoices())
+        list.append(
+            QVariantMap{{QStringLiteral("id"), voice}, {QStringLiteral("name"), voiceDisplayName(voice)}});
+    return list;
+}
+
+QVariantList OnboardingViewModel::appearances() const
+{
+    QVariantList list;
+    for (WidgetAppearance appearance : {WidgetAppearance::Light, WidgetAppearance::Dark}) {
+        list.append(QVariantMap{
+            {QStringLiteral("name"), rawValue(appearance)},
+            {QStringLiteral("detail"), appearanceDescription(appearance)},
+            {QStringLiteral("symbol"), appearance == WidgetAppearance::Light ? QStringLiteral("sun.max.fill")
+                                                                             : QStringLiteral("moon.fill")},
+        });
+    }
+    return list;
 }
 
 QVariantList OnboardingViewModel::packages() const
@@ -345,20 +394,17 @@ QVariantList OnboardingViewModel::packages() const
     return list;
 }
 
-QStringList OnboardingViewModel::themes() const
+QVariantList OnboardingViewModel::themeItems() const
 {
-    QStringList names;
-    for (WidgetTheme theme : allWidgetThemes())
-        names.append(rawValue(theme));
-    return names;
-}
-
-QVariantList OnboardingViewModel::themeColors(const QString &theme) const
-{
-    QVariantList colors;
-    for (const QColor &color : WidgetPalette::themeColorsOf(widgetThemeFromRawValue(theme)))
-        colors.append(color);
-    return colors;
+    QVariantList items;
+    for (WidgetTheme theme : allWidgetThemes()) {
+        QVariantList colors;
+        for (const QColor &color : WidgetPalette::themeColorsOf(theme))
+            colors.append(color);
+        items.append(
+            QVariantMap{{QStringLiteral("name"), rawValue(theme)}, {QStringLiteral("colors"), colors}});
+    }
+    return items;
 }
 
 // --- Published values --------------------------------------------------------------------------------------

@@ -52,8 +52,15 @@ class OnboardingViewModel : public QObject
     Q_PROPERTY(QString purchasedMinutesText READ purchasedMinutesText NOTIFY purchasedPackageChanged)
     Q_PROPERTY(QString balanceText READ balanceText NOTIFY balanceTextChanged)
     Q_PROPERTY(QString shortcutText READ shortcutText NOTIFY shortcutTextChanged)
+    // The shortcut as keycaps: ["Ctrl", "Alt", "Num +"].
+    Q_PROPERTY(QStringList shortcutKeys READ shortcutKeys NOTIFY shortcutTextChanged)
+    // {id, name}: "cedar" is shown as "Cedar".
+    Q_PROPERTY(QVariantList voices READ voices CONSTANT)
+    // {name, detail, symbol}: the widget's light and dark appearances.
+    Q_PROPERTY(QVariantList appearances READ appearances CONSTANT)
+    // {name, colors}: the accent themes with the widget's own gradient stops.
+    Q_PROPERTY(QVariantList themeItems READ themeItems CONSTANT)
     Q_PROPERTY(QVariantList packages READ packages CONSTANT)
-    Q_PROPERTY(QStringList themes READ themes CONSTANT)
     Q_PROPERTY(SpeechManager *speech READ speech CONSTANT)
 
 public:
@@ -78,8 +85,9 @@ public:
         std::function<void(const QUrl &)> openUrl; // none: the desktop's browser
         // Entering the tutorial: the shortcut manager and capture must exist for the try-it narration.
         std::function<void()> prepareTryIt;
-        // The narration shortcut as the user reads it ("Ctrl+Alt+S"); none: the shared manager's.
-        std::function<QString()> shortcutLabel;
+        // The narration shortcut's keys as the user reads them ("Ctrl", "Alt", "S"); none: the shared
+        // manager's.
+        std::function<QStringList()> shortcutKeys;
         // The appearance phase shows the floating widget (true) and then hands it back to its own rule.
         std::function<void(bool)> showWidget;
     };
@@ -110,17 +118,19 @@ public:
     QString purchasedMinutesText() const;
     QString balanceText() const;
     QString shortcutText() const;
+    QStringList shortcutKeys() const;
+    QVariantList voices() const;
+    QVariantList appearances() const;
+    QVariantList themeItems() const;
     QVariantList packages() const;
-    QStringList themes() const;
     SpeechManager *speech() const { return m_services.speech; }
 
-    Q_INVOKABLE void nextStep();
+    // The step's own way on: every step's main button. Sign-in moves on by itself once signed in;
+    // the tutorial ends by finishTutorial()'s rule and completion completes onboarding.
+    Q_INVOKABLE void advance();
     Q_INVOKABLE void previousStep();
-    Q_INVOKABLE void goToFreeMinutes() { setCurrentStep(OnboardingStep::freeMinutes); }
-    Q_INVOKABLE void goToPermissions() { setCurrentStep(OnboardingStep::permissions); }
-    Q_INVOKABLE void goToTutorial() { setCurrentStep(OnboardingStep::tutorial); }
-    Q_INVOKABLE void goToPricing() { setCurrentStep(OnboardingStep::pricing); }
-    Q_INVOKABLE void goToCompletion() { setCurrentStep(OnboardingStep::completion); }
+    // Straight to `step`, as a restored flow or a test needs it; the views move by advance().
+    void goTo(OnboardingStep step) { setCurrentStep(step); }
 
     Q_INVOKABLE void checkPermissions();
     // "Grant Permission": nothing to grant on a session where capture works; elsewhere the hint says why.
@@ -136,7 +146,6 @@ public:
     Q_INVOKABLE void skipAppearance();
     // "Finish Setup" and "Skip tutorial": buying minutes needs an account, so own-key users skip pricing.
     Q_INVOKABLE void finishTutorial();
-    Q_INVOKABLE QVariantList themeColors(const QString &theme) const;
 
 Q_SIGNALS:
     void currentStepChanged();

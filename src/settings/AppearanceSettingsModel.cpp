@@ -31,9 +31,14 @@ AppearanceSettingsModel::AppearanceSettingsModel(SpeechManager &speech, UserDefa
 QVariantList AppearanceSettingsModel::appearances() const
 {
     QVariantList list;
-    for (WidgetAppearance appearance : allWidgetAppearances())
+    for (WidgetAppearance appearance : allWidgetAppearances()) {
+        // The preview is the widget's own panel and ink in that appearance.
+        const WidgetPalette palette = WidgetPalette::make(WidgetTheme::Default, appearance);
         list.append(QVariantMap{{QStringLiteral("name"), rawValue(appearance)},
-                                {QStringLiteral("description"), appearanceDescription(appearance)}});
+                                {QStringLiteral("description"), appearanceDescription(appearance)},
+                                {QStringLiteral("panel"), palette.panel},
+                                {QStringLiteral("ink"), palette.foreground}});
+    }
     return list;
 }
 

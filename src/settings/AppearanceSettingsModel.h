@@ -18,7 +18,7 @@ class AppearanceSettingsModel : public QObject
     Q_OBJECT
     QML_ELEMENT
     QML_UNCREATABLE("The settings window provides its view models")
-    // {name, description}
+    // {name, description, panel, ink}: the preview in the widget's own colours.
     Q_PROPERTY(QVariantList appearances READ appearances CONSTANT)
     // {name, colors}: the theme's three colours, in gradient order.
     Q_PROPERTY(QVariantList themes READ themes CONSTANT)

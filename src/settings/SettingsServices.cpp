@@ -31,6 +31,7 @@ SettingsServices SettingsServices::fromShared()
     const DeploymentConfig &config = DeploymentConfig::current();
     s.openAIOrigin = config.openAIOrigin;
     s.openAIOriginFromEnvironment = config.openAIOriginFromEnvironment;
+    s.website = config.serviceOrigin;
     s.captureProblem = [] { return SelectionCapture::shared().untrustedReason(); };
     return s;
 }

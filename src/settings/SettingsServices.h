@@ -31,6 +31,8 @@ struct SettingsServices
     QNetworkAccessManager *network = nullptr; // none: one of the API Keys section's own
     QUrl openAIOrigin;
     bool openAIOriginFromEnvironment = false;
+    // About's "Website": the deployment's service origin.
+    QUrl website;
     // The own key or "showWidgetWithOwnKey" changed. None: the shared widget re-applies its rule.
     std::function<void()> ownKeyChanged;
     // Asks where to export (`suggestedName` in the user's music folder) and calls `done` with the chosen

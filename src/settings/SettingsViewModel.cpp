@@ -48,7 +48,7 @@ SettingsViewModel::SettingsViewModel(std::optional<SettingsSection> initialSecti
     if (s.usage)
         m_usage = new UsageSettingsModel(*s.usage, s.auth, s.balance, this);
     if (s.defaults)
-        m_about = new AboutSettingsModel(s.defaults, Autostart(), this);
+        m_about = new AboutSettingsModel(s.defaults, Autostart(), s.website, this);
     if (s.auth && s.balance) {
         m_auth = s.auth;
         m_balance = s.balance;

@@ -6,6 +6,7 @@
 #include "core/Logging.h"
 #include "platform/dbus/SecretServiceWatcher.h"
 #include "settings/SettingsViewModel.h"
+#include "widget/IconProvider.h"
 
 #include <QApplication>
 #include <QFileDialog>
@@ -80,6 +81,9 @@ void SettingsWindow::createView()
     m_window = m_engine ? std::make_unique<QQuickView>(m_engine, nullptr) : std::make_unique<QQuickView>();
     // Before Qt 6.5 the engine does not look in the resources for modules by default.
     m_window->engine()->addImportPath(QStringLiteral("qrc:/qt/qml"));
+    // A shared engine may have it from another window already.
+    if (!m_window->engine()->imageProvider(QLatin1String(IconProvider::kProviderId)))
+        m_window->engine()->addImageProvider(QLatin1String(IconProvider::kProviderId), new IconProvider);
     m_window->setTitle(QStringLiteral("Settings"));
     m_window->setResizeMode(QQuickView::SizeRootObjectToView);
     m_window->setMinimumSize(QSize(kMinimumWidth, kMinimumHeight));

@@ -3,6 +3,7 @@
 
 #include "records/UsageStats.h"
 
+#include <QLocale>
 #include <QObject>
 #include <QStringList>
 #include <QtQml/qqmlregistration.h>
@@ -22,6 +23,9 @@ class UsageSettingsModel : public QObject
     Q_PROPERTY(int periodIndex READ periodIndex WRITE setPeriodIndex NOTIFY periodChanged)
     Q_PROPERTY(qint64 characters READ characters NOTIFY localChanged)
     Q_PROPERTY(qint64 narrations READ narrations NOTIFY localChanged)
+    // The counts as shown, grouped the way the service's figures are ("12,345").
+    Q_PROPERTY(QString charactersText READ charactersText NOTIFY localChanged)
+    Q_PROPERTY(QString narrationsText READ narrationsText NOTIFY localChanged)
     Q_PROPERTY(bool showsServer READ showsServer NOTIFY serverChanged)
     Q_PROPERTY(bool serverLoading READ serverLoading NOTIFY serverChanged)
     // Empty while loading or when the service did not answer.
@@ -43,6 +47,8 @@ public:
     UsagePeriod period() const { return m_period; }
     qint64 characters() const;
     qint64 narrations() const;
+    QString charactersText() const { return QLocale().toString(characters()); }
+    QString narrationsText() const { return QLocale().toString(narrations()); }
     bool showsServer() const;
     bool serverLoading() const { return m_serverLoading; }
     QString serverNarrations() const { return m_serverNarrations; }

@@ -16,7 +16,7 @@ VoiceSettingsModel::VoiceSettingsModel(SpeechManager &speech, QObject *parent)
 
 QString VoiceSettingsModel::voiceLabel(const QString &voice)
 {
-    return voice.left(1).toUpper() + voice.mid(1);
+    return voiceDisplayName(voice);
 }
 
 QString VoiceSettingsModel::speedLabel(double speed)
@@ -38,7 +38,8 @@ QVariantList VoiceSettingsModel::styles() const
     QVariantList list;
     for (VoiceStyle style : VoiceStyle::allCases())
         list.append(QVariantMap{{QStringLiteral("name"), style.rawValue()},
-                                {QStringLiteral("subtitle"), style.subtitle()}});
+                                {QStringLiteral("subtitle"), style.subtitle()},
+                                {QStringLiteral("icon"), style.iconName()}});
     return list;
 }
 

@@ -15,7 +15,7 @@ class VoiceSettingsModel : public QObject
     QML_UNCREATABLE("The settings window provides its view models")
     // {name, label}: "cedar" is shown as "Cedar".
     Q_PROPERTY(QVariantList voices READ voices NOTIFY voicesChanged)
-    // {name, subtitle}
+    // {name, subtitle, icon}: the icon is one of our symbols, "image://quillvox-icons/<icon>/<colour>".
     Q_PROPERTY(QVariantList styles READ styles CONSTANT)
     // {value, label}: 1.25 is shown as "1.25×".
     Q_PROPERTY(QVariantList speeds READ speeds CONSTANT)

@@ -438,6 +438,11 @@ QStringList HotkeyManager::shortcutParts(quint32 key, quint64 modifiers)
 
 QString HotkeyManager::shortcutLabel(quint32 key, quint64 modifiers)
 {
+    return shortcutKeys(key, modifiers).join(u'+');
+}
+
+QStringList HotkeyManager::shortcutKeys(quint32 key, quint64 modifiers)
+{
     QStringList parts;
     if (modifiers & KeyTable::Command)
         parts.append(QStringLiteral("Ctrl"));
@@ -448,5 +453,5 @@ QString HotkeyManager::shortcutLabel(quint32 key, quint64 modifiers)
     if (modifiers & KeyTable::Control)
         parts.append(QStringLiteral("Super"));
     parts.append(KeyTable::linuxLabel(key).value_or(QStringLiteral("?")));
-    return parts.join(u'+');
+    return parts;
 }

@@ -143,6 +143,8 @@ public:
     Q_INVOKABLE static QStringList shortcutParts(quint32 key, quint64 modifiers);
     // The PC keyboard form: "Ctrl+Alt+Shift+Super+" as set, then the key's label ("Ctrl+Alt+S").
     Q_INVOKABLE static QString shortcutLabel(quint32 key, quint64 modifiers);
+    // The same as keycaps, one per key ("Ctrl", "Alt", "Num +").
+    static QStringList shortcutKeys(quint32 key, quint64 modifiers);
 
 Q_SIGNALS:
     void currentKeyChanged();

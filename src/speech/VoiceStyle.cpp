@@ -176,3 +176,8 @@ float nextPlaybackSpeed(float speed)
         return 1.0f;
     return speeds[(index + 1) % speeds.size()];
 }
+
+QString voiceDisplayName(const QString &voice)
+{
+    return voice.left(1).toUpper() + voice.mid(1);
+}

@@ -38,6 +38,8 @@ private:
 // The voice names, in picker order; the default is "marin".
 const QStringList &availableVoices();
 QString defaultVoice();
+// The voice as pickers show it: "cedar" is "Cedar".
+QString voiceDisplayName(const QString &voice);
 
 // Local playback speeds, in cycling order; the default is 1.0 and the speed is never persisted.
 const QList<float> &playbackSpeeds();

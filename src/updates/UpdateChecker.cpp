@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "updates/UpdateChecker.h"
 
+#include "core/AppEvents.h"
 #include "core/Clock.h"
 #include "core/UserDefaults.h"
 
@@ -66,6 +67,7 @@ void UpdateChecker::setAutomaticChecks(bool on)
 void UpdateChecker::skipVersion(const QString &version)
 {
     m_services.defaults->setString(key(kSkippedVersionKey), version);
+    Q_EMIT AppEvents::shared().skippedVersionChanged();
 }
 
 void UpdateChecker::checkForUpdates()

@@ -6,6 +6,7 @@
 #include "core/Published.h"
 #include "speech/FollowAlong.h"
 #include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
 
 #include <algorithm>
 
@@ -30,6 +31,13 @@ FloatingWidgetViewModel::FloatingWidgetViewModel(SpeechManager &speech, Clock &c
     connect(&speech, &SpeechManager::currentErrorChanged, this, &FloatingWidgetViewModel::errorChanged);
     for (auto signal : {&SpeechManager::widgetThemeChanged, &SpeechManager::widgetAppearanceChanged})
         connect(&speech, signal, this, &FloatingWidgetViewModel::paletteChanged);
+    for (auto signal : {&FloatingWidgetViewModel::playStateChanged, &FloatingWidgetViewModel::errorChanged})
+        connect(this, signal, this, &FloatingWidgetViewModel::titleChanged);
+    for (auto signal : {&SpeechManager::selectedVoiceChanged, &SpeechManager::selectedVoiceStyleChanged})
+        connect(&speech, signal, this, &FloatingWidgetViewModel::subtitleChanged);
+    for (auto signal :
+         {&FloatingWidgetViewModel::isExpandedChanged, &FloatingWidgetViewModel::showFullControlsChanged})
+        connect(this, signal, this, &FloatingWidgetViewModel::showsExpandedChanged);
     connect(speech.followAlong(), &FollowAlong::sentenceChanged, this,
             &FloatingWidgetViewModel::followAlongChanged);
     connect(this, &FloatingWidgetViewModel::showFullControlsChanged, this,
@@ -167,6 +175,34 @@ void FloatingWidgetViewModel::skipBack()
 void FloatingWidgetViewModel::skipForward()
 {
     m_speech->skipForward();
+}
+
+QString FloatingWidgetViewModel::title() const
+{
+    if (m_speech->hasError())
+        return errorTitle();
+    switch (playState()) {
+    case PlayState::Loading:
+        return QStringLiteral("Generating...");
+    case PlayState::Playing:
+        return QStringLiteral("Reading aloud");
+    case PlayState::Paused:
+        return QStringLiteral("Paused");
+    case PlayState::Idle:
+        break;
+    }
+    return QStringLiteral("Ready");
+}
+
+QString FloatingWidgetViewModel::subtitle() const
+{
+    return voiceDisplayName(m_speech->selectedVoice()) + QStringLiteral("  ·  ") +
+           m_speech->selectedVoiceStyleRawValue();
+}
+
+void FloatingWidgetViewModel::seekToFraction(double fraction)
+{
+    seekToTime(std::clamp(fraction, 0.0, 1.0) * m_speech->displayedTotalTime());
 }
 
 void FloatingWidgetViewModel::seekToTime(double seconds)

@@ -27,6 +27,12 @@ class FloatingWidgetViewModel : public QObject
     Q_PROPERTY(bool forceExpanded READ forceExpanded WRITE setForceExpanded NOTIFY forceExpandedChanged)
     Q_PROPERTY(SpeechManager *speech READ speech CONSTANT)
     Q_PROPERTY(PlayState playState READ playState NOTIFY playStateChanged)
+    // "Generating...", "Reading aloud", "Paused", "Ready", or the error's own title.
+    Q_PROPERTY(QString title READ title NOTIFY titleChanged)
+    // The voice as shown and the speaking style: "Cedar  ·  Calm".
+    Q_PROPERTY(QString subtitle READ subtitle NOTIFY subtitleChanged)
+    // Drawn at full size: expanded by the pointer, or with the full controls pinned.
+    Q_PROPERTY(bool showsExpanded READ showsExpanded NOTIFY showsExpandedChanged)
     Q_PROPERTY(QString currentTimeText READ currentTimeText NOTIFY timesChanged)
     Q_PROPERTY(QString totalTimeText READ totalTimeText NOTIFY timesChanged)
     Q_PROPERTY(double progress READ progress NOTIFY timesChanged)
@@ -61,6 +67,9 @@ public:
     SpeechManager *speech() const { return m_speech; }
     PlayState playState() const;
     static PlayState playStateFor(bool isProcessing, bool hasContent, bool isPlaying);
+    QString title() const;
+    QString subtitle() const;
+    bool showsExpanded() const { return m_isExpanded || m_showFullControls; }
     QString currentTimeText() const;
     QString totalTimeText() const;
     // Current time against the displayed total, 0…1.
@@ -83,6 +92,8 @@ public:
     Q_INVOKABLE void skipBack();
     Q_INVOKABLE void skipForward();
     Q_INVOKABLE void seekToTime(double seconds);
+    // A click or drag on the progress track, 0 at its start and 1 at its end (clamped).
+    Q_INVOKABLE void seekToFraction(double fraction);
     // Back (or on) to where the sentence being heard starts.
     Q_INVOKABLE void seekToSentenceStart();
     Q_INVOKABLE void expandFullControls();
@@ -101,6 +112,9 @@ Q_SIGNALS:
     void showFullControlsChanged();
     void forceExpandedChanged();
     void playStateChanged();
+    void titleChanged();
+    void subtitleChanged();
+    void showsExpandedChanged();
     void timesChanged();
     void speedChanged();
     void errorChanged();

@@ -4,15 +4,23 @@
 #include "app/DesktopNotification.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
+#include "app/StatusMenu.h"
 #include "app/WindowingPlatform.h"
 #include "core/AppEvents.h"
 #include "core/UserDefaults.h"
+#include "platform/dbus/StatusNotifierItem.h"
 #include "platform/null/MemorySecretStore.h"
+#include "platform/null/NullAudioSink.h"
+#include "platform/null/NullPanelHints.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
+#include "speech/NarrationServices.h"
+#include "speech/SpeechManager.h"
+#include "widget/FloatingWindowController.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QMenu>
 #include <QQuickWindow>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -322,6 +330,47 @@ private Q_SLOTS:
 
         m_instance.reset(); // the name goes with it
         QCOMPARE(SingleInstance::send(QStringLiteral("toggle"), {}, 5000, clientBus()), std::nullopt);
+    }
+
+    // The tray item: its icon while idle and while playing, "Expand Widget" only while the widget is
+    // collapsed, and "About Quillvox" opening About.
+    void statusMenu()
+    {
+        const std::unique_ptr<UserDefaults> defaults = freshDefaults();
+        NoSelection selection;
+        NoAccount account;
+        SpeechManager::Services services;
+        services.defaults = defaults.get();
+        services.selection = &selection;
+        services.account = &account;
+        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        SpeechManager speech(std::move(services));
+        FloatingWindowController widget({.speech = &speech, .hints = std::make_unique<NullPanelHints>(true)});
+        StatusMenu menu(speech, selection, &widget);
+        const auto action = [&menu](const char *text) {
+            const QList<QAction *> actions = menu.menu()->actions();
+            const auto found = std::find_if(actions.begin(), actions.end(),
+                                            [text](QAction *a) { return a->text() == QLatin1String(text); });
+            return found == actions.end() ? nullptr : *found;
+        };
+        const StatusNotifierItem *item = menu.findChild<StatusNotifierItem *>();
+        QVERIFY(item && action("Expand Widget") && action("About Quillvox"));
+
+        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-symbolic"));
+        speech.replayStoredAudio(QByteArray(SpeechManager::kSampleRateHz * 2, '\0'));
+        QTRY_VERIFY(speech.isPlaying());
+        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-playing-symbolic"));
+        speech.stop();
+
+        QVERIFY(action("Expand Widget")->isVisible());
+        widget.viewModel()->setExpanded(true);
+        QVERIFY(!action("Expand Widget")->isVisible());
+
+        QSignalSpy about(&AppEvents::shared(), &AppEvents::openAboutSection);
+        QSignalSpy settings(&AppEvents::shared(), &AppEvents::openSettingsWindow);
+        action("About Quillvox")->trigger();
+        QCOMPARE(about.size(), 1);
+        QCOMPARE(settings.size(), 0);
     }
 };
 

@@ -11,6 +11,7 @@
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingPackage.h"
 #include "onboarding/OnboardingViewModel.h"
+#include "onboarding/OnboardingWindow.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
@@ -23,26 +24,35 @@
 #include "settings/AppearanceSettingsModel.h"
 #include "settings/HistoryListModel.h"
 #include "settings/HistorySettingsModel.h"
+#include "settings/SettingsServices.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
 #include "settings/ShortcutSettingsModel.h"
 #include "settings/UsageSettingsModel.h"
+#include "settings/VoiceSettingsModel.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/NarrationControls.h"
 #include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
+#include "speech/SpeechError.h"
 #include "speech/SpeechManager.h"
+#include "speech/VoiceStyle.h"
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
+#include "widget/IconProvider.h"
 #include "widget/WaveformView.h"
 #include "widget/WidgetPalette.h"
 
+#include <QAccessible>
+#include <QDesktopServices>
 #include <QFile>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUrlQuery>
@@ -78,6 +88,40 @@ QQuickItem *findItem(const SettingsWindow &settings, const QString &objectName)
     return findItem(settings.window()->rootObject(), objectName);
 }
 
+// A shown item that reads `text`, by its accessible name or, for plain text, its text.
+QQuickItem *findShown(QQuickItem *item, const QString &text)
+{
+    if (!item->isVisible())
+        return nullptr;
+    const QAccessibleInterface *accessible = QAccessible::queryAccessibleInterface(item);
+    if ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text)
+        return item;
+    for (QQuickItem *child : item->childItems()) {
+        if (QQuickItem *found = findShown(child, text))
+            return found;
+    }
+    return nullptr;
+}
+
+// Takes the links the views open.
+class UrlCatcher : public QObject
+{
+    Q_OBJECT
+public:
+    explicit UrlCatcher(const char *scheme)
+        : m_scheme(QString::fromLatin1(scheme))
+    {
+        QDesktopServices::setUrlHandler(m_scheme, this, "open");
+    }
+    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler(m_scheme); }
+    QList<QUrl> opened;
+public Q_SLOTS:
+    void open(const QUrl &url) { opened.append(url); }
+
+private:
+    QString m_scheme;
+};
+
 } // namespace
 
 class TestViewModels : public QObject
@@ -110,23 +154,14 @@ class TestViewModels : public QObject
         return std::make_unique<OnboardingViewModel>(std::move(services));
     }
 
-    // Brings a fresh model to `step` the way the views do.
+    // Brings a fresh model to `step`.
     static void reach(OnboardingViewModel &vm, const QString &step)
     {
-        if (step == u"signIn")
-            vm.nextStep();
-        else if (step == u"freeMinutes")
-            vm.goToFreeMinutes();
-        else if (step == u"permissions")
-            vm.goToPermissions();
-        else if (step == u"tutorial")
-            vm.goToTutorial();
-        else if (step == u"pricing")
-            vm.goToPricing();
-        else if (step == u"purchaseConfirmation")
+        if (step == u"purchaseConfirmation")
             Q_EMIT AppEvents::shared().onboardingPurchaseSuccess();
-        else if (step == u"completion")
-            vm.goToCompletion();
+        const QStringList names{"welcome",  "signIn",  "freeMinutes",          "permissions",
+                                "tutorial", "pricing", "purchaseConfirmation", "completion"};
+        vm.goTo(allOnboardingSteps().at(names.indexOf(step)));
     }
 
 private Q_SLOTS:
@@ -463,10 +498,11 @@ private Q_SLOTS:
         }
     }
 
-    // About's switches land where the update checker and the desktop session read them.
+    // About's switches land where the update checker and the desktop session read them; a skipped
+    // version shows until forgotten; the website is the deployment's.
     void aboutSwitches()
     {
-        AboutSettingsModel about(m_defaults.get(), Autostart(m_dir->path()));
+        AboutSettingsModel about(m_defaults.get(), Autostart(m_dir->path()), QUrl(u"https://site.test"_qs));
         QVERIFY(about.checkForUpdatesAutomatically());
         about.setCheckForUpdatesAutomatically(false);
         QCOMPARE(m_defaults->boolean(QStringLiteral("checkForUpdatesAutomatically")),
@@ -476,6 +512,66 @@ private Q_SLOTS:
         QVERIFY(about.startAtLogin() && about.startAtLoginError().isEmpty());
         about.setStartAtLogin(false);
         QVERIFY(!about.startAtLogin());
+
+        QVERIFY(about.skippedVersionText().isEmpty());
+        QSignalSpy changed(&about, &AboutSettingsModel::changed);
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        Q_EMIT AppEvents::shared().skippedVersionChanged();
+        QCOMPARE(changed.size(), 1);
+        QCOMPARE(about.skippedVersionText(), u"Skipped version: 1.4.0"_qs);
+        about.forgetSkippedVersion();
+        QCOMPARE(changed.size(), 2);
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QVERIFY(about.skippedVersionText().isEmpty());
+
+        UrlCatcher browser("https");
+        about.openWebsite();
+        QCOMPARE(browser.opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
+    }
+
+    // Every speaking style has its own symbol in the Voice section, drawn in the colour asked for.
+    void styleIcons()
+    {
+        const QVariantList styles = VoiceSettingsModel(*m_speech).styles();
+        QCOMPARE(styles.size(), VoiceStyle::allCases().size());
+        QSet<QString> names;
+        IconProvider icons;
+        for (const QVariant &style : styles) {
+            const QString icon = style.toMap().value(u"icon"_qs).toString();
+            names.insert(icon);
+            const QImage image = icons.requestImage(icon + u"/ff0000"_qs, nullptr, QSize(24, 24));
+            int inked = 0;
+            for (int y = 0; y < 24; ++y)
+                for (int x = 0; x < 24; ++x)
+                    inked += qAlpha(image.pixel(x, y)) > 128 && qRed(image.pixel(x, y)) > 128;
+            QVERIFY2(inked > 40, qPrintable(icon));
+        }
+        QCOMPARE(names.size(), styles.size());
+    }
+
+    // The window as drawn: a skipped version with "Forget"; local counts grouped as the server's are.
+    void aboutAndUsageAsDrawn()
+    {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
+        UsageManager usage(*m_defaults);
+        SettingsServices services;
+        services.defaults = m_defaults.get();
+        services.usage = &usage;
+        SettingsWindow settings(SettingsSection::about, services);
+        QQuickItem *root = settings.window()->rootObject();
+        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
+        QQuickItem *forget = findShown(root, u"Forget"_qs);
+        QVERIFY(forget);
+        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
+
+        settings.viewModel()->select(SettingsSection::usage);
+        settings.viewModel()->usage()->setPeriodIndex(2);
+        QTRY_VERIFY(findShown(root, u"12,345"_qs));
     }
 
     // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
@@ -640,6 +736,80 @@ private Q_SLOTS:
         }
     }
 
+    // The widget's title for each state of the narration, on a controller whose speech server takes the
+    // request and never answers.
+    void titles_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("title");
+        QTest::newRow("nothing loaded") << ""
+                                        << "Ready";
+        QTest::newRow("waiting for the server") << "generating"
+                                                << "Generating...";
+        QTest::newRow("playing") << "playing"
+                                 << "Reading aloud";
+        QTest::newRow("paused") << "paused"
+                                << "Paused";
+        QTest::newRow("no permission") << "permission"
+                                       << "Permission required";
+        QTest::newRow("another error") << "error"
+                                       << "Something went wrong.";
+    }
+
+    void titles()
+    {
+        QFETCH(QString, state);
+        QTcpServer silent;
+        QVERIFY(silent.listen(QHostAddress::LocalHost));
+        QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.selection = &m_selection;
+        services.account = &m_account;
+        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(silent.serverPort()));
+        SpeechManager speech(std::move(services));
+        FloatingWidgetViewModel vm(speech, m_clock);
+        // What a view bound to the title shows: the value at each announcement.
+        QStringList shown{vm.title()};
+        connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
+        if (state == u"generating") {
+            speech.speak(QStringLiteral("Hello there."));
+        } else if (state == u"playing" || state == u"paused") {
+            speech.replayStoredAudio(silence(5));
+            QTRY_VERIFY(speech.isPlaying());
+            if (state == u"paused")
+                speech.togglePlayPause();
+        } else if (state == u"permission") {
+            speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+        } else if (state == u"error") {
+            speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+        }
+        QFETCH(QString, title);
+        QTRY_COMPARE(shown.last(), title);
+    }
+
+    // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
+    void subtitleAndSize()
+    {
+        FloatingWidgetViewModel vm(*m_speech, m_clock);
+        QSignalSpy subtitles(&vm, &FloatingWidgetViewModel::subtitleChanged);
+        m_speech->setSelectedVoice(QStringLiteral("cedar"));
+        m_speech->setSelectedVoiceStyle(VoiceStyle::Calm);
+        QCOMPARE(vm.subtitle(), QStringLiteral("Cedar  ·  Calm"));
+        QCOMPARE(subtitles.size(), 2);
+
+        QSignalSpy size(&vm, &FloatingWidgetViewModel::showsExpandedChanged);
+        QVERIFY(!vm.showsExpanded());
+        vm.setExpanded(true);
+        QVERIFY(vm.showsExpanded());
+        vm.setExpanded(false);
+        vm.setShowFullControls(true);
+        QVERIFY(vm.showsExpanded());
+        QCOMPARE(size.size(), 3);
+    }
+
     // Processing, content, playing: the state the buttons show. Processing wins over everything.
     void playState()
     {
@@ -666,6 +836,9 @@ private Q_SLOTS:
         QTest::newRow("seek to 4 s") << 10.0 << 0.0 << "seek 4" << qint64(96000);
         QTest::newRow("seek past the end goes to the end") << 10.0 << 0.0 << "seek 60" << qint64(240000);
         QTest::newRow("seek without audio does nothing") << 0.0 << 0.0 << "seek 4" << qint64(-1);
+        QTest::newRow("a click at 40 % of the track") << 10.0 << 0.0 << "track 0.4" << qint64(96000);
+        QTest::newRow("a drag past the track's end") << 10.0 << 0.0 << "track 1.5" << qint64(240000);
+        QTest::newRow("a drag before its start") << 10.0 << 5.0 << "track -0.2" << qint64(0);
     }
 
     void seeking()
@@ -686,6 +859,8 @@ private Q_SLOTS:
             vm.skipBack();
         else if (action == u"forward")
             vm.skipForward();
+        else if (action.startsWith(u"track"))
+            vm.seekToFraction(action.mid(6).toDouble());
         else
             vm.seekToTime(action.mid(5).toDouble());
         if (frame < 0) {
@@ -832,11 +1007,12 @@ private Q_SLOTS:
         QVERIFY(!controller.window()); // released with its QML
     }
 
-    // The onboarding flow.
+    // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account
+    // (none here: pricing as well, the own key being absent); completion completes onboarding.
     void steps_data()
     {
         QTest::addColumn<QString>("from");
-        QTest::addColumn<QString>("afterNext");
+        QTest::addColumn<QString>("afterAdvance");
         QTest::addColumn<QString>("afterPrevious");
         QTest::addColumn<bool>("showsBack");
 
@@ -845,11 +1021,11 @@ private Q_SLOTS:
                                 << QString::fromLatin1(afterPrevious) << back;
         };
         row("welcome", "signIn", "welcome", false);
-        row("signIn", "freeMinutes", "welcome", true);
+        row("signIn", "signIn", "welcome", true);
         row("freeMinutes", "permissions", "freeMinutes", false);
         row("permissions", "tutorial", "freeMinutes", true);
         row("tutorial", "pricing", "tutorial", false);
-        row("pricing", "purchaseConfirmation", "pricing", false);
+        row("pricing", "completion", "pricing", false);
         row("purchaseConfirmation", "completion", "purchaseConfirmation", false);
         row("completion", "completion", "completion", false);
     }
@@ -862,14 +1038,100 @@ private Q_SLOTS:
             reach(*vm, from);
             QCOMPARE(vm->currentStepName(), from);
             QTEST(vm->canGoBack(), "showsBack");
+            QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
             if (forward) {
-                vm->nextStep();
-                QTEST(vm->currentStepName(), "afterNext");
+                vm->advance();
+                QTEST(vm->currentStepName(), "afterAdvance");
+                QCOMPARE(completed.size(), from == u"completion" ? 1 : 0);
             } else {
                 vm->previousStep();
                 QTEST(vm->currentStepName(), "afterPrevious");
             }
         }
+    }
+
+    // What the tutorial's pickers show, decided here rather than in the views.
+    void tutorialChoices()
+    {
+        OnboardingViewModel::Services services;
+        services.clock = &m_clock;
+        OnboardingViewModel vm(std::move(services));
+        // The default shortcut, and one whose key has a plus in its name.
+        QCOMPARE(vm.shortcutKeys(), QStringList({"Ctrl", "Alt", "S"}));
+        QCOMPARE(HotkeyManager::shortcutKeys(69, HotkeyManager::defaultModifiers),
+                 QStringList({"Ctrl", "Alt", "Num +"}));
+        const QVariantMap cedar = vm.voices().at(availableVoices().indexOf(u"cedar"_qs)).toMap();
+        QCOMPARE(cedar.value(u"name"_qs), u"Cedar"_qs);
+        QCOMPARE(cedar.value(u"id"_qs), u"cedar"_qs);
+        QCOMPARE(vm.appearances().first().toMap().value(u"detail"_qs), u"Best for light backgrounds"_qs);
+        const QVariantMap sunset = vm.themeItems().at(2).toMap();
+        QCOMPARE(sunset.value(u"name"_qs), u"Sunset"_qs);
+        QCOMPARE(sunset.value(u"colors"_qs).toList().first().value<QColor>(),
+                 WidgetPalette::themeColorsOf(WidgetTheme::Sunset).front());
+    }
+
+    // The onboarding window as drawn, on a real session that hands the browser its pages: what a step
+    // shows, and where its buttons lead.
+    void onboardingAsDrawn_data()
+    {
+        QTest::addColumn<QString>("step");
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QStringList>("shown");
+        QTest::addColumn<QString>("provider");
+        QTest::newRow("Continue with Apple opens Apple's page")
+            << "signIn"
+            << "Continue with Apple" << QStringList{"Signing in..."} << "provider=apple";
+        QTest::newRow("Continue with Google opens Google's page")
+            << "signIn"
+            << "Continue with Google" << QStringList{"Signing in..."} << "provider=google";
+        QTest::newRow("a sign-in that fails says why")
+            << "signIn"
+            << "callback without tokens"
+            << QStringList{"Authentication failed: No tokens in callback", "Continue with Apple"} << "";
+        QTest::newRow("the packages with their figures and the popular badge")
+            << "pricing"
+            << "" << QStringList{"Starter", "$5.00",        "150 minutes", "2.5 hours", "Popular",
+                                 "POPULAR", "$15.00",       "500 minutes", "8 hours",   "Pro",
+                                 "$35.00",  "1200 minutes", "20 hours"}
+            << "";
+        QTest::newRow("a purchase without a session says so and is clickable again")
+            << "pricing"
+            << "Continue" << QStringList{"Failed to generate authentication code", "Continue"} << "";
+    }
+
+    void onboardingAsDrawn()
+    {
+        QFETCH(QString, step);
+        QFETCH(QString, action);
+        QFETCH(QStringList, shown);
+        QList<QUrl> opened;
+        AuthManager auth({.keychain = m_keychain.get(),
+                          .clock = &m_clock,
+                          .authOrigin = QUrl(u"https://auth.test"_qs),
+                          .serviceOrigin = QUrl(u"https://svc.test"_qs),
+                          .anonKey = QString(),
+                          .openUrl = [&](const QUrl &url) { opened << url; },
+                          .log = [](const QString &) {}});
+        OnboardingViewModel::Services services;
+        services.auth = &auth;
+        services.clock = &m_clock;
+        OnboardingWindow window(std::move(services));
+        QCOMPARE(window.window()->status(), QQuickView::Ready);
+        reach(*window.viewModel(), step);
+        QQuickItem *root = window.window()->rootObject();
+        if (action == u"callback without tokens") {
+            auth.handleCallback(QUrl(u"quillvox://auth/callback"_qs));
+        } else if (!action.isEmpty()) {
+            QQuickItem *button = findShown(root, action);
+            QVERIFY2(button, qPrintable(action));
+            QVERIFY(QMetaObject::invokeMethod(button, "clicked"));
+        }
+        for (const QString &text : shown)
+            QTRY_VERIFY2(findShown(root, text), qPrintable(text));
+        QFETCH(QString, provider);
+        QCOMPARE(opened.size(), provider.isEmpty() ? 0 : 1);
+        if (!provider.isEmpty())
+            QVERIFY2(opened.first().query().startsWith(provider), qPrintable(opened.first().toString()));
     }
 
     // Trust as the session answers it at each poll (the first answer is the construction's own check).
@@ -915,7 +1177,7 @@ private Q_SLOTS:
         services.keychain = &keychain;
         OnboardingViewModel vm(std::move(services));
         QSignalSpy settingsOpened(&AppEvents::shared(), &AppEvents::openSettingsWindow);
-        vm.nextStep();
+        vm.advance();
         vm.useOwnApiKey();
         QCOMPARE(settingsOpened.count(), 1);
         m_clock.advance(1s);
@@ -929,8 +1191,8 @@ private Q_SLOTS:
         QFETCH(bool, alsoSignedIn);
         if (alsoSignedIn)
             QVERIFY(keychain.save(QStringLiteral("token"), KeychainKey::accessToken));
-        vm.goToTutorial();
-        vm.finishTutorial();
+        vm.goTo(OnboardingStep::tutorial);
+        vm.advance();
         QTEST(vm.currentStepName(), "afterTutorial");
     }
 
@@ -949,7 +1211,7 @@ private Q_SLOTS:
         services.clock = &m_clock;
         services.auth = &auth;
         OnboardingViewModel vm(std::move(services));
-        vm.nextStep();
+        vm.advance();
         QVERIFY(vm.canSignIn());
         for (const bool google : {true, false}) {
             vm.signIn(google);
@@ -999,7 +1261,7 @@ private Q_SLOTS:
     void purchaseSuccessConfirmsTheSelectedPackage()
     {
         const auto vm = model();
-        vm->goToPricing();
+        vm->goTo(OnboardingStep::pricing);
         vm->purchase(QStringLiteral("pro")); // no session: fails, but the package stays selected
         QCOMPARE(vm->purchaseError(), QStringLiteral("Failed to generate authentication code"));
         QVERIFY(!vm->purchasedPackage());

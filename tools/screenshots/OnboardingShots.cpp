@@ -30,7 +30,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     services.untrustedReason = [] {
         return QStringLiteral("This is a Wayland session: selection capture needs an X11 session for now.");
     };
-    services.shortcutLabel = [] { return QStringLiteral("Ctrl+Alt+S"); };
+    services.shortcutKeys = [] { return QStringList{"Ctrl", "Alt", "S"}; };
     OnboardingWindow onboarding(std::move(services));
     OnboardingViewModel &vm = *onboarding.viewModel();
     onboarding.present();
@@ -58,19 +58,19 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     };
 
     shoot(QStringLiteral("1-welcome"));
-    vm.nextStep();
+    vm.advance();
     shoot(QStringLiteral("2-sign-in"));
     tabTo(1);
     shoot(QStringLiteral("2-sign-in-focus"));
-    vm.goToFreeMinutes();
+    vm.goTo(OnboardingStep::freeMinutes);
     shoot(QStringLiteral("3-free-minutes"));
-    vm.goToPermissions();
+    vm.goTo(OnboardingStep::permissions);
     vm.requestPermission();
     shoot(QStringLiteral("4-permissions-missing"));
     trusted = true;
     vm.checkPermissions();
     shoot(QStringLiteral("4-permissions-granted"));
-    vm.goToTutorial();
+    vm.goTo(OnboardingStep::tutorial);
     shoot(QStringLiteral("5-tutorial-intro"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-try-it"));
@@ -85,7 +85,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     shoot(QStringLiteral("5-tutorial-appearance"));
     vm.nextTutorialPhase();
     shoot(QStringLiteral("5-tutorial-shortcut"));
-    vm.goToPricing();
+    vm.goTo(OnboardingStep::pricing);
     shoot(QStringLiteral("6-pricing"));
     tabTo(2);
     shoot(QStringLiteral("6-pricing-focus"));
@@ -97,7 +97,7 @@ int shootOnboarding(const QDir &out, const QString &suffix, SpeechManager &speec
     settle(50);
     account.balance.deductSeconds(-(20 + 500) * 60.0);
     shoot(QStringLiteral("7-purchase-confirmation"));
-    vm.goToCompletion();
+    vm.goTo(OnboardingStep::completion);
     shoot(QStringLiteral("8-completion"));
     return written;
 }

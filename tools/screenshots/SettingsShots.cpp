@@ -117,6 +117,8 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     OfflineAccount account(keychain);
 
     keychain.save(QStringLiteral("sk-proj-example0000000000007f3a"), KeychainKey::openAIAPIKey);
+    // About then shows the version skipped in the update window, with "Forget".
+    defaults.setString(QStringLiteral("skippedVersion"), QStringLiteral("1.4.0"));
     SettingsServices services;
     services.speech = &speech;
     services.auth = &account.auth;

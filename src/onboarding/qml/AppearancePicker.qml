@@ -26,10 +26,7 @@ Column {
     Row {
         spacing: Theme.spacing
         Repeater {
-            model: [
-                { name: "Light", detail: "Best for light backgrounds", symbol: "sun.max.fill" },
-                { name: "Dark", detail: "Best for dark backgrounds", symbol: "moon.fill" }
-            ]
+            model: picker.viewModel.appearances
             delegate: T.AbstractButton {
                 id: style
                 required property var modelData
@@ -92,21 +89,21 @@ Column {
     Row {
         spacing: (picker.width - 8 * 40) / 7
         Repeater {
-            model: picker.viewModel.themes
+            model: picker.viewModel.themeItems
             delegate: T.AbstractButton {
                 id: swatch
-                required property string modelData
-                readonly property var colors: picker.viewModel.themeColors(modelData)
-                readonly property bool chosen: picker.speech.widgetTheme === modelData
+                required property var modelData
+                readonly property var colors: modelData.colors
+                readonly property bool chosen: picker.speech.widgetTheme === modelData.name
 
                 width: 40
                 height: 40
                 hoverEnabled: true
-                Accessible.name: modelData
+                Accessible.name: modelData.name
                 Accessible.role: Accessible.RadioButton
                 Accessible.checkable: true
                 Accessible.checked: chosen
-                onClicked: picker.speech.widgetTheme = modelData
+                onClicked: picker.speech.widgetTheme = modelData.name
                 FocusRing {
                     shown: swatch.visualFocus
                     radius: width / 2

@@ -21,6 +21,6 @@ Item {
         anchors.bottom: parent.bottom
         prominent: true
         text: "Get Started"
-        onClicked: step.viewModel.completeOnboarding()
+        onClicked: step.viewModel.advance()
     }
 }

@@ -21,6 +21,6 @@ Item {
         anchors.bottom: parent.bottom
         prominent: true
         text: "Continue"
-        onClicked: step.viewModel.goToPermissions()
+        onClicked: step.viewModel.advance()
     }
 }

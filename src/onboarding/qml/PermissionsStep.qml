@@ -64,6 +64,6 @@ Item {
         anchors.bottom: parent.bottom
         prominent: step.granted
         text: "Continue"
-        onClicked: step.viewModel.goToTutorial()
+        onClicked: step.viewModel.advance()
     }
 }

@@ -62,7 +62,7 @@ Item {
             anchors.horizontalCenter: parent.horizontalCenter
             flat: true
             text: "Start with free minutes"
-            onClicked: step.viewModel.goToCompletion()
+            onClicked: step.viewModel.advance()
         }
     }
 }

@@ -35,6 +35,6 @@ Item {
         anchors.bottom: parent.bottom
         prominent: true
         text: "Continue"
-        onClicked: step.viewModel.goToCompletion()
+        onClicked: step.viewModel.advance()
     }
 }

@@ -35,7 +35,7 @@ Item {
                 anchors.horizontalCenter: parent.horizontalCenter
                 flat: true
                 text: "Skip tutorial"
-                onClicked: step.viewModel.finishTutorial()
+                onClicked: step.viewModel.advance()
             }
         }
     }
@@ -124,6 +124,7 @@ Item {
             VoicePicker {
                 anchors.horizontalCenter: parent.horizontalCenter
                 speech: step.viewModel.speech
+                voices: step.viewModel.voices
             }
         }
         ActionButton {
@@ -181,7 +182,7 @@ Item {
                 Accessible.role: Accessible.StaticText
                 Accessible.name: step.viewModel.shortcutText
                 Repeater {
-                    model: step.viewModel.shortcutText.split("+")
+                    model: step.viewModel.shortcutKeys
                     delegate: Rectangle {
                         required property string modelData
                         width: Math.max(52, cap.implicitWidth + 28)
@@ -223,7 +224,7 @@ Item {
             anchors.bottom: parent.bottom
             prominent: true
             text: "Finish Setup"
-            onClicked: step.viewModel.finishTutorial()
+            onClicked: step.viewModel.advance()
         }
     }
 }

@@ -7,22 +7,24 @@ Grid {
     id: picker
 
     required property var speech
+    // {id, name}
+    required property var voices
 
     columns: 4
     // Four across the window's content width, with room for the longest name set in bold.
     spacing: 8
 
     Repeater {
-        model: picker.speech ? picker.speech.availableVoices : []
+        model: picker.voices
         delegate: T.AbstractButton {
             id: card
-            required property string modelData
-            readonly property bool chosen: picker.speech.selectedVoice === modelData
+            required property var modelData
+            readonly property bool chosen: picker.speech.selectedVoice === modelData.id
 
             width: 114
             height: 56
             hoverEnabled: true
-            Accessible.name: modelData.charAt(0).toUpperCase() + modelData.slice(1)
+            Accessible.name: modelData.name
             Accessible.role: Accessible.RadioButton
             Accessible.checkable: true
             Accessible.checked: chosen
@@ -30,8 +32,8 @@ Grid {
                 shown: card.visualFocus
             }
             onClicked: {
-                picker.speech.selectedVoice = modelData
-                picker.speech.playVoicePreview(modelData)
+                picker.speech.selectedVoice = modelData.id
+                picker.speech.playVoicePreview(modelData.id)
             }
             background: Rectangle {
                 radius: Theme.radius

@@ -54,6 +54,6 @@ Item {
         anchors.bottom: parent.bottom
         prominent: true
         text: "Continue"
-        onClicked: step.viewModel.nextStep()
+        onClicked: step.viewModel.advance()
     }
 }

@@ -89,6 +89,23 @@ SectionPage {
                 Accessible.name: text
                 onClicked: root.about.checkForUpdates()
             }
+            RowLayout {
+                visible: !!root.about && root.about.skippedVersionText !== ""
+                Layout.fillWidth: true
+                spacing: 12
+                Label {
+                    objectName: "skippedVersionLabel"
+                    text: root.about ? root.about.skippedVersionText : ""
+                    opacity: 0.7
+                    Accessible.name: text
+                }
+                Button {
+                    text: "Forget"
+                    Accessible.name: text
+                    onClicked: root.about.forgetSkippedVersion()
+                }
+                Item { Layout.fillWidth: true }
+            }
         }
     }
 
@@ -110,7 +127,8 @@ SectionPage {
                     font.underline: website.hovered || website.visualFocus
                 }
                 background: Item {}
-                onClicked: Qt.openUrlExternally("https://quillvox.app")
+                visible: !!root.about
+                onClicked: root.about.openWebsite()
             }
         }
     }

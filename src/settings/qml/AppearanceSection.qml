@@ -64,7 +64,7 @@ SectionPage {
                             implicitWidth: 48
                             implicitHeight: 32
                             radius: 8
-                            color: option.modelData.name === "Dark" ? "#1e1e22" : "#f4f4f6"
+                            color: option.modelData.panel
                             border.color: Qt.rgba(0.5, 0.5, 0.5, 0.5)
 
                             Row {
@@ -78,7 +78,7 @@ SectionPage {
                                         width: 3
                                         height: modelData
                                         radius: 1.5
-                                        color: option.modelData.name === "Dark" ? "white" : "#333"
+                                        color: option.modelData.ink
                                     }
                                 }
                             }

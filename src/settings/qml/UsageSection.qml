@@ -56,11 +56,11 @@ SectionPage {
 
             UsageFigure {
                 label: "Narrations"
-                value: Number(root.model.narrations).toLocaleString(Qt.locale(), "f", 0)
+                value: root.model.narrationsText
             }
             UsageFigure {
                 label: "Characters"
-                value: Number(root.model.characters).toLocaleString(Qt.locale(), "f", 0)
+                value: root.model.charactersText
             }
         }
     }

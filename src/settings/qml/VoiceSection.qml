@@ -90,6 +90,20 @@ SectionPage {
                         Accessible.description: modelData.subtitle
                         onClicked: root.model.selectStyle(modelData.name)
 
+                        contentItem: RowLayout {
+                            spacing: 6
+                            Image {
+                                Layout.leftMargin: styleButton.indicator.width + styleButton.spacing
+                                sourceSize: Qt.size(18, 18)
+                                source: "image://quillvox-icons/" + modelData.icon + "/"
+                                        + String(styleButton.checked ? styleButton.palette.highlight
+                                                                     : styleButton.palette.text).substring(1)
+                                Accessible.ignored: true
+                            }
+                            Label {
+                                text: styleButton.text
+                            }
+                        }
                         FocusRing {
                             shown: styleButton.visualFocus
                             radius: 4

@@ -10,7 +10,7 @@ Item {
     required property FloatingWindowController controller
     readonly property var palette: viewModel.palette
     readonly property var speech: viewModel.speech
-    readonly property bool expanded: viewModel.isExpanded || viewModel.showFullControls
+    readonly property bool expanded: viewModel.showsExpanded
 
     width: 340
     height: 140

@@ -59,16 +59,11 @@ Item {
         MouseArea {
             id: seekArea
 
-            function seekTo(x) {
-                const fraction = Math.max(0, Math.min(1, x / width))
-                row.viewModel.seekToTime(fraction * row.viewModel.speech.displayedTotalTime)
-            }
-
             anchors.fill: parent
             hoverEnabled: true
             cursorShape: Qt.PointingHandCursor
-            onPressed: mouse => seekTo(mouse.x)
-            onPositionChanged: mouse => { if (pressed) seekTo(mouse.x) }
+            onPressed: mouse => row.viewModel.seekToFraction(mouse.x / width)
+            onPositionChanged: mouse => { if (pressed) row.viewModel.seekToFraction(mouse.x / width) }
         }
     }
 

@@ -58,27 +58,14 @@ Item {
             fontSizeMode: Text.HorizontalFit
             minimumPixelSize: 11
             color: row.viewModel.errorTitle ? row.palette.warning : row.palette.foreground
-            text: {
-                if (row.viewModel.errorTitle)
-                    return row.viewModel.errorTitle
-                switch (row.state_) {
-                case FloatingWidgetViewModel.Loading: return qsTr("Generating...")
-                case FloatingWidgetViewModel.Playing: return qsTr("Reading aloud")
-                case FloatingWidgetViewModel.Paused: return qsTr("Paused")
-                default: return qsTr("Ready")
-                }
-            }
+            text: row.viewModel.title
         }
         Text {
             width: parent.width
             elide: Text.ElideRight
             font.pixelSize: 12
             color: row.palette.secondaryForeground
-            text: {
-                const voice = row.viewModel.speech.selectedVoice
-                return voice.charAt(0).toUpperCase() + voice.slice(1) + "  ·  "
-                        + row.viewModel.speech.selectedVoiceStyle
-            }
+            text: row.viewModel.subtitle
         }
     }
 

@@ -184,13 +184,37 @@ private Q_SLOTS:
         services.isTrusted = [] { return true; };
         OnboardingViewModel onboarding(std::move(services));
         if (onSignInStep)
-            onboarding.nextStep();
+            onboarding.advance();
         QVERIFY(s.signIn());
         QTEST(onboarding.currentStepName(), "after");
         QCOMPARE(s.auth->email(), "reader@example.com");
         QVERIFY(!s.auth->isLoading());
         QVERIFY(s.keychain.load(KeychainKey::accessToken));
         QVERIFY(s.keychain.load(KeychainKey::refreshToken));
+    }
+
+    // "Continue" on pricing: the browser gets the purchase page through the token exchange, and the
+    // button is clickable again.
+    void purchaseOpensTheBrowser()
+    {
+        QVERIFY(startServer());
+        Session s(*m_server, Session::AuthAndBalance);
+        QVERIFY(s.signIn());
+        QList<QUrl> opened;
+        OnboardingViewModel::Services services;
+        services.auth = s.auth.get();
+        services.balance = s.balance.get();
+        services.clock = &s.clock;
+        services.serviceOrigin = s.origin;
+        services.openUrl = [&](const QUrl &url) { opened << url; };
+        OnboardingViewModel onboarding(std::move(services));
+        onboarding.goTo(OnboardingStep::pricing);
+        onboarding.purchase(QStringLiteral("popular"));
+        QVERIFY(onboarding.isPurchasing());
+        QTRY_COMPARE(opened.size(), 1);
+        QCOMPARE(opened.first().path(), QStringLiteral("/api/auth/token-exchange"));
+        QVERIFY(!onboarding.isPurchasing());
+        QVERIFY(!onboarding.purchaseError());
     }
 
     void callbackWhoseUserFetchFails()
