@@ -339,8 +339,10 @@ private Q_SLOTS:
         const std::unique_ptr<UserDefaults> defaults = freshDefaults();
         NoSelection selection;
         NoAccount account;
+        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
         SpeechManager::Services services;
         services.defaults = defaults.get();
+        services.keychain = &keychain;
         services.selection = &selection;
         services.account = &account;
         services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);

@@ -249,6 +249,7 @@ private:
 DBusMenuExporter::DBusMenuExporter(QMenu *menu, QObject *parent)
     : QObject(parent)
     , m_menu(menu)
+    , m_menuObject(menu)
 {
     qDBusRegisterMetaType<MenuLayoutItem>();
     qDBusRegisterMetaType<MenuItemProperties>();
@@ -350,7 +351,7 @@ QList<QStringList> DBusMenuExporter::shortcutParts(const QKeySequence &sequence)
 bool DBusMenuExporter::eventFilter(QObject *watched, QEvent *event)
 {
     const QEvent::Type type = event->type();
-    if (watched == m_menu &&
+    if (watched == m_menuObject &&
         (type == QEvent::ActionAdded || type == QEvent::ActionChanged || type == QEvent::ActionRemoved) &&
         !std::exchange(m_updatePending, true)) {
         // One new layout for a burst of changes: hosts fetch the whole menu again.

@@ -45,6 +45,8 @@ private:
     QAction *actionOf(int id) const;
 
     QPointer<QMenu> m_menu;
+    // The menu as the event filter sees it: a menu being destroyed is no QMenu any more.
+    const QObject *m_menuObject;
     QDBusConnection m_bus{QString()};
     QString m_path;
     QHash<QAction *, int> m_ids;

@@ -60,6 +60,7 @@ class TestSpeechServer : public QObject
     std::unique_ptr<UserDefaults> m_defaults;
     std::unique_ptr<KeychainHelper> m_keychain;
     NoAccount m_account;
+    NoSelection m_selection;
     Records m_records;
     NullAudioSink *m_sink = nullptr;
     std::unique_ptr<SpeechManager> m_speech;
@@ -81,6 +82,7 @@ class TestSpeechServer : public QObject
         services.defaults = m_defaults.get();
         services.keychain = m_keychain.get();
         services.account = &m_account;
+        services.selection = &m_selection;
         services.records = &m_records;
         services.audioSink = std::move(sink);
         services.openAIOrigin = QUrl(QStringLiteral("https://api.openai.com"));
