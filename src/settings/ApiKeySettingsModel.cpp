@@ -96,7 +96,7 @@ QString ApiKeySettingsModel::defaultModel() const
 void ApiKeySettingsModel::reloadKey()
 {
     const std::optional<QString> before = m_key;
-    m_key = m_services.keychain->load(KeychainKey::openAIAPIKey);
+    m_key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
     if (m_key && m_key->isEmpty())
         m_key.reset();
     if (m_key != before)
@@ -179,8 +179,7 @@ void ApiKeySettingsModel::test()
 {
     cancelTest();
     const std::optional<QUrl> chosen = chosenServer();
-    const bool local = chosen && OpenAIServer::isLocalHost(chosen->host());
-    if (!m_key && !local) {
+    if (!m_key && !OpenAIServer::isLocalServer(chosen)) {
         finishTest(TestState::Failed, SpeechError::make(SpeechError::apiKeyMissing).description());
         return;
     }
@@ -194,7 +193,7 @@ void ApiKeySettingsModel::test()
         (m_services.speech ? m_services.speech->selectedVoiceStyle() : VoiceStyle()).instructions();
     const QNetworkRequest request =
         buildSpeechRequest(SpeechBackend::OpenAI, QUrl(server()), m_key.value_or(QString()),
-                           local ? OpenAIServer::kLocalHeadTimeoutMs : 60000);
+                           OpenAIServer::headTimeoutMs(chosen));
     auto *stream = new SpeechStream(m_services.network, request, body.toJson(), this);
     stream->setChosenServer(chosen.has_value());
     m_test = stream;

@@ -38,7 +38,6 @@ void NarrationStream::start(const Request &request)
     QUrl origin = backend == SpeechBackend::Service ? m_origins.serviceOrigin : m_origins.openAIOrigin;
     std::optional<QUrl> chosen;
     int inputLimit = int(TextPieces::kOpenAIInputLimit);
-    int timeoutMs = 60000;
     // Read per request, so that a server chosen in the settings applies to the next narration.
     if (backend == SpeechBackend::OpenAI && m_origins.defaults) {
         body.model = OpenAIServer::effectiveModel(*m_origins.defaults);
@@ -48,15 +47,14 @@ void NarrationStream::start(const Request &request)
         if (chosen) {
             body.model = OpenAIServer::chosenServerModel(*m_origins.defaults);
             inputLimit = OpenAIServer::maxInputChars(*m_origins.defaults);
-            if (OpenAIServer::isLocalHost(chosen->host()))
-                timeoutMs = OpenAIServer::kLocalHeadTimeoutMs;
         }
     }
 
     QStringList texts;
     for (const TextPieces::Range &range : pieces(backend, request.text))
         texts.append(request.text.mid(range.start, range.end - range.start));
-    const QNetworkRequest networkRequest = buildSpeechRequest(backend, origin, request.credential, timeoutMs);
+    const QNetworkRequest networkRequest =
+        buildSpeechRequest(backend, origin, request.credential, OpenAIServer::headTimeoutMs(chosen));
     const auto piecesOf = [networkRequest, body](const QStringList &inputs) {
         QList<SpeechSequence::Piece> pieces;
         TTSRequest piece = body;

@@ -44,6 +44,16 @@ bool isLocalHost(const QString &host)
     return false;
 }
 
+bool isLocalServer(const std::optional<QUrl> &chosen)
+{
+    return chosen && isLocalHost(chosen->host());
+}
+
+int headTimeoutMs(const std::optional<QUrl> &chosen)
+{
+    return isLocalServer(chosen) ? kLocalHeadTimeoutMs : kSpeechHeadTimeoutMs;
+}
+
 Verdict check(const QString &text)
 {
     const QUrl url(text.trimmed(), QUrl::StrictMode);

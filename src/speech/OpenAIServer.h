@@ -47,6 +47,10 @@ struct Verdict
 Verdict check(const QString &text);
 // Loopback, private-network and ".local" hosts, where plain http does not cross the internet.
 bool isLocalHost(const QString &host);
+// A chosen server on this computer or the local network: it needs no key and is waited on
+// kLocalHeadTimeoutMs for its head. None (OpenAI's origin or the service) is not one.
+bool isLocalServer(const std::optional<QUrl> &chosen);
+int headTimeoutMs(const std::optional<QUrl> &chosen);
 
 // The origin and model a narration uses now. A stored server that no longer passes check() is ignored.
 QUrl effectiveOrigin(const UserDefaults &defaults, const QUrl &deploymentOrigin,

@@ -171,13 +171,11 @@ void SpeechManager::speak(const QString &text)
         startServiceNarration(text, generation);
         return;
     }
-    const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
-    if ((!key || key->isEmpty()) && !isKeylessServer()) {
-        setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+    const std::optional<QString> key = ownKeyCredential();
+    if (!key)
         return;
-    }
     setCurrentError(std::nullopt);
-    streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), text, estimatedDuration(text));
+    streamSpeech(SpeechBackend::OpenAI, *key, text, estimatedDuration(text));
 }
 
 void SpeechManager::startServiceNarration(const QString &text, quint64 speakGeneration)
@@ -233,11 +231,16 @@ void SpeechManager::failBeforeAudio(const SpeechError &error)
     m_playback.abandonRequest();
 }
 
-bool SpeechManager::isKeylessServer() const
+std::optional<QString> SpeechManager::ownKeyCredential()
 {
-    const std::optional<QUrl> chosen =
-        OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
-    return chosen && OpenAIServer::isLocalHost(chosen->host());
+    const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
+    if (key && !key->isEmpty())
+        return key;
+    if (OpenAIServer::isLocalServer(
+            OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment)))
+        return QString();
+    setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+    return std::nullopt;
 }
 
 void SpeechManager::onStreamFailedBeforeHead()
@@ -273,14 +276,12 @@ void SpeechManager::playVoicePreview(const QString &voice)
     m_currentNarrationVoice = voice;
     // A chosen server's voices have no bundled samples: the server speaks one.
     if (OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment)) {
-        const std::optional<QString> key = m_services.keychain->loadSecret(KeychainKey::openAIAPIKey);
-        if ((!key || key->isEmpty()) && !isKeylessServer()) {
-            setCurrentError(SpeechError::make(SpeechError::apiKeyMissing));
+        const std::optional<QString> key = ownKeyCredential();
+        if (!key)
             return;
-        }
         const QString sample = QStringLiteral("Hello! This is how this voice sounds.");
         m_previewVoice = voice;
-        streamSpeech(SpeechBackend::OpenAI, key.value_or(QString()), sample, estimatedDuration(sample));
+        streamSpeech(SpeechBackend::OpenAI, *key, sample, estimatedDuration(sample));
         m_previewVoice.reset();
         return;
     }
@@ -496,9 +497,9 @@ void SpeechManager::refreshServerCatalog()
     }
     const std::optional<QUrl> chosen =
         OpenAIServer::chosenServer(*m_services.defaults, m_services.openAIOriginFromEnvironment);
-    m_catalog->refresh(chosen, chosen
-                                   ? m_services.keychain->load(KeychainKey::openAIAPIKey).value_or(QString())
-                                   : QString());
+    m_catalog->refresh(chosen,
+                       chosen ? m_services.keychain->loadSecret(KeychainKey::openAIAPIKey).value_or(QString())
+                              : QString());
 }
 
 void SpeechManager::useVoiceForThisRun(const QString &voice)

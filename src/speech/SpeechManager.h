@@ -213,8 +213,9 @@ private:
     void onStreamHead(int status);
     // Ends a narration whose request failed before any audio came, showing why.
     void failBeforeAudio(const SpeechError &error);
-    // A chosen server on this computer or the local network: narrations need no key.
-    bool isKeylessServer() const;
+    // The own key to send: empty for a chosen server on this computer or the local network that has
+    // none; none, with the error published, when a key is needed and missing.
+    std::optional<QString> ownKeyCredential();
     void onStreamFailedBeforeHead();
     void onPlaybackEnded();
     void setCurrentPlayingSessionId(const std::optional<QUuid> &id);

@@ -29,7 +29,10 @@ enum class SpeechBackend { Service, OpenAI };
 // The model each backend is asked for.
 QString speechModel(SpeechBackend backend);
 
+// How long a speech request waits for its response head.
+inline constexpr int kSpeechHeadTimeoutMs = 60000;
+
 // POST to the backend's speech path with "Authorization: Bearer <credential>" and a JSON body; 60 s.
 // An empty credential (a chosen server on the local network that needs no key) sends no Authorization.
 QNetworkRequest buildSpeechRequest(SpeechBackend backend, const QUrl &origin, const QString &credential,
-                                   int timeoutMs = 60000);
+                                   int timeoutMs = kSpeechHeadTimeoutMs);
