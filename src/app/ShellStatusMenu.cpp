@@ -148,23 +148,19 @@ void ShellStatusMenu::scheduleChanged()
     });
 }
 
+// The menu already hides what its state leaves out, separators included (StatusMenuState).
 QList<ShellStatusMenu::Item> ShellStatusMenu::items(const QMenu &menu)
 {
     QList<Item> result;
-    bool separatorDue = false;
     const QList<QAction *> actions = menu.actions();
     for (qsizetype i = 0; i < actions.size(); ++i) {
         const QAction *action = actions[i];
         if (!action->isVisible())
             continue;
-        if (action->isSeparator()) {
-            separatorDue = !result.isEmpty();
-            continue;
-        }
-        if (separatorDue)
+        if (action->isSeparator())
             result.append({QString(), QString(), false, true});
-        separatorDue = false;
-        result.append({QString::number(i), action->text(), action->isEnabled(), false});
+        else
+            result.append({QString::number(i), action->text(), action->isEnabled(), false});
     }
     return result;
 }

@@ -11,7 +11,7 @@ class StatusMenu;
 // The tray's status menu on the session bus, for a desktop shell that draws it itself: our GNOME Shell
 // extension's top-bar indicator. com.vantor.Quillvox.StatusMenu at kPath offers
 //   GetMenu() -> (b playing, a(ssbb) items): what the menu shows now, top to bottom; each item is
-//       (id, label, enabled, separator), hidden items left out and separators only between visible groups;
+//       (id, label, enabled, separator), hidden items and separators left out;
 //   Activate(s id): runs the item's action, the one the tray menu runs;
 //   Changed(): the menu or the playing state changed.
 // While the extension runs, the tray item stays hidden: GNOME shows the menu once, in its top bar.
