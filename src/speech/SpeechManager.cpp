@@ -175,7 +175,7 @@ void SpeechManager::speak(const QString &text)
     if (!key)
         return;
     setCurrentError(std::nullopt);
-    streamSpeech(SpeechBackend::OpenAI, *key, text, estimatedDuration(text));
+    streamSpeech(SpeechBackend::OpenAI, *key, text, m_selectedVoice);
 }
 
 void SpeechManager::startServiceNarration(const QString &text, quint64 speakGeneration)
@@ -198,21 +198,20 @@ void SpeechManager::startServiceNarration(const QString &text, quint64 speakGene
             return;
         }
         setCurrentError(std::nullopt);
-        streamSpeech(SpeechBackend::Service, *token, text, estimatedDuration(text));
+        streamSpeech(SpeechBackend::Service, *token, text, m_selectedVoice);
     });
 }
 
 void SpeechManager::streamSpeech(SpeechBackend backend, const QString &credential, const QString &text,
-                                 double estimate)
+                                 const QString &voice)
 {
-    m_playback.beginStream(estimate);
+    m_playback.beginStream(estimatedDuration(text));
     if (!ensureAudioEngine())
         return;
     // Wake the device now: an idle output swallows the first word.
     m_playback.prepareOutput();
     m_followAlong->start(text, m_stream.pieces(backend, text));
-    m_stream.start({backend, credential, text, m_previewVoice.value_or(m_selectedVoice),
-                    m_selectedVoiceStyle.instructions()});
+    m_stream.start({backend, credential, text, voice, m_selectedVoiceStyle.instructions()});
 }
 
 void SpeechManager::onStreamHead(int status)
@@ -280,9 +279,7 @@ void SpeechManager::playVoicePreview(const QString &voice)
         if (!key)
             return;
         const QString sample = QStringLiteral("Hello! This is how this voice sounds.");
-        m_previewVoice = voice;
-        streamSpeech(SpeechBackend::OpenAI, *key, sample, estimatedDuration(sample));
-        m_previewVoice.reset();
+        streamSpeech(SpeechBackend::OpenAI, *key, sample, voice);
         return;
     }
     const QString path = m_services.voiceSampleFolder + u'/' + voice + QStringLiteral(".mp3");

@@ -209,7 +209,8 @@ private:
     // Connects the audio output if it is not; on failure ends the narration and publishes why.
     bool ensureAudioEngine();
     void startServiceNarration(const QString &text, quint64 speakGeneration);
-    void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text, double estimate);
+    void streamSpeech(SpeechBackend backend, const QString &credential, const QString &text,
+                      const QString &voice);
     void onStreamHead(int status);
     // Ends a narration whose request failed before any audio came, showing why.
     void failBeforeAudio(const SpeechError &error);
@@ -243,7 +244,6 @@ private:
     std::optional<QString> m_currentNarrationText;
     std::optional<QString> m_currentNarrationVoice;
     bool m_isVoicePreview = false;
-    std::optional<QString> m_previewVoice;               // a chosen server's voice being sampled
     std::unique_ptr<QNetworkAccessManager> m_ownNetwork; // for the catalog, when not given one
     std::unique_ptr<ServerCatalogFetch> m_catalog;
     bool m_persistChoices = true;
