@@ -95,7 +95,6 @@ private:
     bool m_mainAppStarted = false;
     std::unique_ptr<UpdateChecker> m_updateChecker;
     std::unique_ptr<UpdateWindow> m_updateWindow;
-    bool m_trustExplained = false;
     // The notification about what the session lacks was shown.
     bool m_sessionExplained = false;
     QByteArray m_startupId;
