@@ -11,7 +11,7 @@ PACKAGES=(
     qml6-module-qtquick-layouts qml6-module-qtquick-templates qml6-module-qtqml-workerscript
     libpulse-dev libsoundtouch-dev libsndfile1-dev libsoxr-dev libmpg123-dev libsecret-1-dev
     libxtst-dev libx11-dev libxcb1-dev libxcb-keysyms1-dev libxcb-xtest0-dev libxcb-xfixes0-dev
-    libespeak-ng-dev espeak-ng libcpp-httplib-dev
+    libespeak-ng-dev espeak-ng libcpp-httplib-dev libssl-dev openssl
     xvfb xauth x11-utils x11-xserver-utils xdotool xclip openbox
     dbus-daemon dbus-x11 gnome-keyring libsecret-tools pulseaudio pulseaudio-utils sox mousepad
     curl python3 xdg-utils desktop-file-utils

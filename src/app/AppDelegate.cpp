@@ -132,6 +132,9 @@ bool AppDelegate::applicationDidFinishLaunching(const std::optional<QString> &st
     connect(qApp, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
 
     startUpdateChecks();
+    // A chosen server's voices and models, when they are missing (a server set outside the settings
+    // window, lists that failed to come): asked once start-up is over, so that --voice takes them.
+    QTimer::singleShot(2000, &speech, [&speech] { speech.refreshServerCatalogIfStale(); });
     if (startUrl)
         m_remote->routeUrl(*startUrl);
     qCInfo(lcApp) << "ready";

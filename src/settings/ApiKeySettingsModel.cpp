@@ -211,8 +211,8 @@ void ApiKeySettingsModel::test()
     connect(stream, &SpeechStream::audioUnplayable, this, [this](const QString &message) {
         finishTest(TestState::Failed, SpeechError::makeUnplayableAudio(message).description());
     });
-    connect(stream, &SpeechStream::failedBeforeHead, this, [this] {
-        finishTest(TestState::Failed, SpeechError::make(SpeechError::invalidResponse).description());
+    connect(stream, &SpeechStream::failedBeforeHead, this, [this, stream] {
+        finishTest(TestState::Failed, speechErrorBeforeHead(stream->certificateProblem()).description());
     });
     m_testState = TestState::Testing;
     m_testResult.clear();

@@ -116,6 +116,11 @@ QString NarrationStream::serverMessage() const
     return m_sequence ? m_sequence->serverMessage() : QString();
 }
 
+QString NarrationStream::certificateProblem() const
+{
+    return m_sequence ? m_sequence->certificateProblem() : QString();
+}
+
 bool NarrationStream::hasDeliveredAudio() const
 {
     return m_sequence && m_sequence->hasDeliveredAudio();

@@ -56,6 +56,8 @@ public:
     QList<TextPieces::Range> pieces(SpeechBackend backend, const QString &text) const;
     // A chosen server's own reason for the refusal just reported (headReceived, laterPieceFailed).
     QString serverMessage() const;
+    // Why a chosen server's certificate was refused, once failedBeforeHead has come for that.
+    QString certificateProblem() const;
     // Some audio of this narration has come.
     bool hasDeliveredAudio() const;
 

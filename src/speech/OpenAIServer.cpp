@@ -9,6 +9,8 @@
 
 #include <QHostAddress>
 
+#include <cmath>
+
 namespace OpenAIServer {
 
 QUrl defaultOrigin()
@@ -49,9 +51,17 @@ bool isLocalServer(const std::optional<QUrl> &chosen)
     return chosen && isLocalHost(chosen->host());
 }
 
+static double s_headTimeoutScale = 1.0;
+
 int headTimeoutMs(const std::optional<QUrl> &chosen)
 {
-    return isLocalServer(chosen) ? kLocalHeadTimeoutMs : kSpeechHeadTimeoutMs;
+    const int ms = isLocalServer(chosen) ? kLocalHeadTimeoutMs : kSpeechHeadTimeoutMs;
+    return std::max(1, int(std::lround(ms * s_headTimeoutScale)));
+}
+
+void scaleHeadTimeouts(double factor)
+{
+    s_headTimeoutScale = factor;
 }
 
 Verdict check(const QString &text)
@@ -129,6 +139,15 @@ QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvir
 QStringList listedModels(const UserDefaults &defaults)
 {
     return lines(defaults, listedModelsKey);
+}
+
+bool catalogIsStale(const UserDefaults &defaults, bool deploymentFromEnvironment)
+{
+    const std::optional<QUrl> chosen = chosenServer(defaults, deploymentFromEnvironment);
+    if (!chosen)
+        return false;
+    return defaults.string(listedFromKey) != chosen->toString() ||
+           (listedVoices(defaults).isEmpty() && listedModels(defaults).isEmpty());
 }
 
 QString chosenServerModel(const UserDefaults &defaults)

@@ -20,6 +20,8 @@ inline const QString modelKey = QStringLiteral("openAIModel");
 inline const QString maxInputCharsKey = QStringLiteral("openAIMaxInputChars");
 inline const QString listedModelsKey = QStringLiteral("openAIServerModels");
 inline const QString listedVoicesKey = QStringLiteral("openAIServerVoices");
+// The server that gave those lists.
+inline const QString listedFromKey = QStringLiteral("openAIServerListedFrom");
 
 // A chosen server on this computer or the local network is waited on this long for its head: CPU servers
 // answer only once a long text is synthesised.
@@ -51,6 +53,8 @@ bool isLocalHost(const QString &host);
 // kLocalHeadTimeoutMs for its head. None (OpenAI's origin or the service) is not one.
 bool isLocalServer(const std::optional<QUrl> &chosen);
 int headTimeoutMs(const std::optional<QUrl> &chosen);
+// Tests scale both head waits down (by `factor`) rather than wait minutes.
+void scaleHeadTimeouts(double factor);
 
 // The origin and model a narration uses now. A stored server that no longer passes check() is ignored.
 QUrl effectiveOrigin(const UserDefaults &defaults, const QUrl &deploymentOrigin,
@@ -70,5 +74,7 @@ QStringList listedVoices(const UserDefaults &defaults);
 // The voices the pickers and --voice offer: a chosen server's list when it gave one, else the built-in.
 QStringList offeredVoices(const UserDefaults &defaults, bool deploymentFromEnvironment);
 QStringList listedModels(const UserDefaults &defaults);
+// A chosen server whose lists are missing or were given by another server: they are worth asking for.
+bool catalogIsStale(const UserDefaults &defaults, bool deploymentFromEnvironment);
 
 } // namespace OpenAIServer

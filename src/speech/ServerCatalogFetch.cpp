@@ -28,6 +28,7 @@ void ServerCatalogFetch::refresh(const std::optional<QUrl> &chosenServer, const 
                          m_defaults.contains(OpenAIServer::listedVoicesKey);
         m_defaults.remove(OpenAIServer::listedModelsKey);
         m_defaults.remove(OpenAIServer::listedVoicesKey);
+        m_defaults.remove(OpenAIServer::listedFromKey);
         if (had)
             Q_EMIT listsChanged();
         return;
@@ -46,22 +47,26 @@ void ServerCatalogFetch::fetch(const QUrl &origin, const QString &path, const QS
         request.setRawHeader("Authorization", "Bearer " + key.toUtf8());
     request.setTransferTimeout(kListTimeoutMs);
     QNetworkReply *reply = m_network->get(request);
-    connect(reply, &QNetworkReply::finished, this, [this, reply, settingsKey, generation = m_generation] {
-        reply->deleteLater();
-        if (generation != m_generation)
-            return;
-        const bool ok = reply->error() == QNetworkReply::NoError &&
-                        reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 200;
-        const QByteArray json = ok ? reply->read(kMaxListBytes) : QByteArray();
-        const QStringList names = settingsKey == OpenAIServer::listedVoicesKey ? ServerCatalog::voices(json)
-                                                                               : ServerCatalog::models(json);
-        const QString joined = names.join(u'\n');
-        if (joined == m_defaults.string(settingsKey).value_or(QString()))
-            return;
-        if (names.isEmpty())
-            m_defaults.remove(settingsKey);
-        else
-            m_defaults.setString(settingsKey, joined);
-        Q_EMIT listsChanged();
-    });
+    connect(reply, &QNetworkReply::finished, this,
+            [this, reply, origin, settingsKey, generation = m_generation] {
+                reply->deleteLater();
+                if (generation != m_generation)
+                    return;
+                const bool ok = reply->error() == QNetworkReply::NoError &&
+                                reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 200;
+                if (ok)
+                    m_defaults.setString(OpenAIServer::listedFromKey, origin.toString());
+                const QByteArray json = ok ? reply->read(kMaxListBytes) : QByteArray();
+                const QStringList names = settingsKey == OpenAIServer::listedVoicesKey
+                                              ? ServerCatalog::voices(json)
+                                              : ServerCatalog::models(json);
+                const QString joined = names.join(u'\n');
+                if (joined == m_defaults.string(settingsKey).value_or(QString()))
+                    return;
+                if (names.isEmpty())
+                    m_defaults.remove(settingsKey);
+                else
+                    m_defaults.setString(settingsKey, joined);
+                Q_EMIT listsChanged();
+            });
 }

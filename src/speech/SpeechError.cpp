@@ -68,6 +68,14 @@ SpeechError speechErrorForStatus(int status, int minutesRemaining, const QString
                                      serverMessage.isEmpty() ? httpReasonPhrase(status) : serverMessage);
 }
 
+SpeechError speechErrorBeforeHead(const QString &certificateProblem)
+{
+    if (certificateProblem.isEmpty())
+        return SpeechError::make(SpeechError::invalidResponse);
+    return SpeechError::makeNetworkError(
+        QStringLiteral("The server's certificate is not trusted (%1).").arg(certificateProblem));
+}
+
 QString httpReasonPhrase(int status)
 {
     static const QHash<int, QString> phrases{

@@ -63,3 +63,7 @@ QString httpReasonPhrase(int status);
 // What a narration shows for a response status other than 200: the server's own message when a chosen
 // server gave one, else the status's reason phrase.
 SpeechError speechErrorForStatus(int status, int minutesRemaining, const QString &serverMessage = {});
+
+// What a narration shows when its request ended without a response head: that the server's certificate
+// is not trusted when that was why (a chosen server only), else an invalid response.
+SpeechError speechErrorBeforeHead(const QString &certificateProblem = {});

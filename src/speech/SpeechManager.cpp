@@ -244,7 +244,7 @@ std::optional<QString> SpeechManager::ownKeyCredential()
 
 void SpeechManager::onStreamFailedBeforeHead()
 {
-    failBeforeAudio(SpeechError::make(SpeechError::invalidResponse));
+    failBeforeAudio(speechErrorBeforeHead(m_stream.certificateProblem()));
 }
 
 void SpeechManager::recordNarration(bool viaService)
@@ -497,6 +497,12 @@ void SpeechManager::refreshServerCatalog()
     m_catalog->refresh(chosen,
                        chosen ? m_services.keychain->loadSecret(KeychainKey::openAIAPIKey).value_or(QString())
                               : QString());
+}
+
+void SpeechManager::refreshServerCatalogIfStale()
+{
+    if (OpenAIServer::catalogIsStale(*m_services.defaults, m_services.openAIOriginFromEnvironment))
+        refreshServerCatalog();
 }
 
 void SpeechManager::useVoiceForThisRun(const QString &voice)

@@ -153,6 +153,8 @@ public:
     QStringList availableVoices() const;
     // Asks a chosen server for its voices and models again (after the server or the key changed).
     Q_INVOKABLE void refreshServerCatalog();
+    // The same, only when a chosen server's lists are missing or were given by another server.
+    void refreshServerCatalogIfStale();
 
     // Voice and style for this process only, not persisted (the command line's per-run choices).
     void useVoiceForThisRun(const QString &voice);

@@ -87,6 +87,7 @@ void SpeechSequence::onFailedBeforeHead(SpeechStream *stream)
     }
     m_current.status = 0;
     if (m_current.index == 0) {
+        m_certificateProblem = stream->certificateProblem();
         drop(m_current);
         Q_EMIT failedBeforeHead();
         return;

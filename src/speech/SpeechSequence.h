@@ -43,6 +43,8 @@ public:
     void cancel();
     // A chosen server's own reason for the refusal just reported (headReceived, laterPieceFailed).
     QString serverMessage() const { return m_serverMessage; }
+    // Why the first piece's server certificate was refused, once failedBeforeHead has come for it.
+    QString certificateProblem() const { return m_certificateProblem; }
     // Some audio has been handed on.
     bool hasDeliveredAudio() const { return m_deliveredAudio; }
 
@@ -99,4 +101,5 @@ private:
     RetryRefused m_retryRefused;
     bool m_deliveredAudio = false;
     QString m_serverMessage;
+    QString m_certificateProblem;
 };

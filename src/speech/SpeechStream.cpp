@@ -6,6 +6,7 @@
 
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QSslError>
 
 namespace {
 // A refusal's body comes right after its head; one that does not is not waited for long.
@@ -38,6 +39,12 @@ void SpeechStream::start()
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &SpeechStream::onMetaDataChanged);
     connect(m_reply, &QNetworkReply::readyRead, this, &SpeechStream::onReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &SpeechStream::onFinished);
+    if (m_chosenServer) {
+        connect(m_reply, &QNetworkReply::sslErrors, this, [this](const QList<QSslError> &errors) {
+            if (!errors.isEmpty())
+                m_certificateProblem = errors.constFirst().errorString();
+        });
+    }
 }
 
 void SpeechStream::cancel()

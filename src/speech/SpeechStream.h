@@ -37,6 +37,9 @@ public:
     bool wasCutOff() const { return m_cutOff; }
     // A chosen server's own reason for a refusal (empty when it gave none), once headReceived has come.
     QString serverMessage() const { return m_serverMessage; }
+    // Why a chosen server's certificate was refused, when that ended the request (then failedBeforeHead
+    // has come); empty otherwise.
+    QString certificateProblem() const { return m_certificateProblem; }
 
 Q_SIGNALS:
     // The HTTP head arrived. After any status but 200 the request is torn down and nothing follows.
@@ -69,6 +72,7 @@ private:
     int m_status = 0;
     QByteArray m_errorBody;
     QString m_serverMessage;
+    QString m_certificateProblem;
     QTimer m_errorBodyTimeout;
     std::unique_ptr<ResponseAudio> m_audio;
 };

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -49,11 +50,22 @@ RequestLog::Entry logEntry(const httplib::Request &request, const httplib::Respo
     return entry;
 }
 
+std::unique_ptr<httplib::Server> makeServer(const std::string &tlsCertPath, const std::string &tlsKeyPath)
+{
+    if (tlsCertPath.empty())
+        return std::make_unique<httplib::Server>();
+    auto server = std::make_unique<httplib::SSLServer>(tlsCertPath.c_str(), tlsKeyPath.c_str());
+    if (!server->is_valid())
+        throw std::runtime_error("cannot use the certificate " + tlsCertPath + " with the key " + tlsKeyPath);
+    return server;
+}
+
 } // namespace
 
-HttpServer::HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *log)
+HttpServer::HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *log,
+                       const std::string &tlsCertPath, const std::string &tlsKeyPath)
     : m_routes(std::move(routes))
-    , m_server(std::make_unique<httplib::Server>())
+    , m_server(makeServer(tlsCertPath, tlsKeyPath))
 {
     httplib::Server &server = *m_server;
     server.new_task_queue = [] { return new httplib::ThreadPool(workerThreads); };

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace httplib {
@@ -18,8 +19,10 @@ class RequestLog;
 class HttpServer final : public Listener
 {
 public:
-    // log may be null.
-    HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *log);
+    // log may be null. With a certificate and key (PEM files) it serves HTTPS; throws std::runtime_error
+    // when they cannot be used.
+    HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *log,
+               const std::string &tlsCertPath = {}, const std::string &tlsKeyPath = {});
     ~HttpServer() override;
 
     int bindLoopback(int port) override;

@@ -82,6 +82,8 @@ Options Options::parse(const std::vector<std::string> &args)
              options.cutAfterBytes = parseNumber<std::uint64_t>("--cut-after", v, 0, std::uint64_t{1} << 40);
          }},
         {"--log", [&](auto v) { options.logPath = nonEmpty("--log", v); }},
+        {"--tls-cert", [&](auto v) { options.tlsCertPath = nonEmpty("--tls-cert", v); }},
+        {"--tls-key", [&](auto v) { options.tlsKeyPath = nonEmpty("--tls-key", v); }},
         {"--audio-format",
          [&](auto v) {
              const std::map<std::string_view, AudioFormat> formats{{"pcm", AudioFormat::Pcm},
@@ -152,6 +154,10 @@ Options Options::parse(const std::vector<std::string> &args)
             throw std::invalid_argument("unknown option '" + std::string(arg) + "' (try --help)");
         }
     }
+    if (options.tlsCertPath.empty() != options.tlsKeyPath.empty())
+        throw std::invalid_argument("--tls-cert and --tls-key go together");
+    if (!options.tlsCertPath.empty() && options.dropBeforeHead)
+        throw std::invalid_argument("--drop-before-head serves plain http only");
     if (options.sineHz * 2 >= options.audioRateHz)
         throw std::invalid_argument("--sine-hz: must be below half of --audio-rate");
     return options;
@@ -162,7 +168,7 @@ std::string Options::usage()
     return R"(Usage: quillvox-devserver [options]
 
 Plays the remote speech services on 127.0.0.1 for tests, benchmarks and offline use.
-The first line on standard output is "listening on http://127.0.0.1:PORT".
+The first line on standard output is "listening on http://127.0.0.1:PORT" (https with --tls-cert).
 
   --port N             port to listen on; 0 (default) picks a free one
   --synth espeak|sine  espeak-ng speech (default) or a pure tone as long as that speech
@@ -176,6 +182,8 @@ The first line on standard output is "listening on http://127.0.0.1:PORT".
   --cut-after BYTES    close the connection after BYTES bytes of a speech body
   --drop-before-head   read every request and close its connection without answering
   --log FILE           append one JSON line per request when its response has ended
+  --tls-cert FILE      serve HTTPS with this PEM certificate chain (and --tls-key)
+  --tls-key FILE       the PEM private key of --tls-cert
 
 What /v1/audio/speech answers with, as self-hosted servers do (the service always sends 24 kHz PCM):
   --audio-format F     pcm (default), wav, mp3, ogg (Vorbis) or flac

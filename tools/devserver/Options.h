@@ -36,6 +36,9 @@ struct Options
     std::optional<int> maxInput;
     bool refuseInstructions = false;
     std::string logPath;
+    // HTTPS with this certificate chain and key (PEM files), both or neither.
+    std::string tlsCertPath;
+    std::string tlsKeyPath;
 
     // The auth backend and the account service.
     std::string anonKey = "quillvox-dev-anon-key";

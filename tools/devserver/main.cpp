@@ -91,7 +91,13 @@ int main(int argc, char **argv)
         routes.push_back(std::make_unique<AccountRoutes>(account));
         routes.push_back(std::make_unique<AccountPageRoutes>(account));
         routes.push_back(std::make_unique<DevControlRoutes>(account));
-        listener = std::make_unique<HttpServer>(std::move(routes), log.get());
+        try {
+            listener = std::make_unique<HttpServer>(std::move(routes), log.get(), options.tlsCertPath,
+                                                    options.tlsKeyPath);
+        } catch (const std::runtime_error &error) {
+            std::cerr << "quillvox-devserver: " << error.what() << '\n';
+            return 1;
+        }
     }
 
     const int port = listener->bindLoopback(options.port);
@@ -99,7 +105,8 @@ int main(int argc, char **argv)
         std::cerr << "quillvox-devserver: cannot listen on 127.0.0.1:" << options.port << '\n';
         return 1;
     }
-    std::cout << "listening on http://127.0.0.1:" << port << std::endl;
+    std::cout << "listening on " << (options.tlsCertPath.empty() ? "http" : "https")
+              << "://127.0.0.1:" << port << std::endl;
 
     std::promise<bool> served;
     std::future<bool> servedResult = served.get_future();

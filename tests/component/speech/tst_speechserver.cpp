@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Narration through a speech server the user chose, against the dev server answering as self-hosted
 // servers do: every audio format plays at its pitch and length on the null sink without a header's click,
-// a long text in WAV pieces plays as one, and answers that hold no audio or that refuse say why.
+// a long text in WAV pieces plays as one, answers that hold no audio or that refuse say why, a late head
+// is awaited only from a local server, and HTTPS works with a trusted certificate and says when it is not.
 #include "DevServer.h"
 #include "ToneFrequency.h"
 
@@ -15,7 +16,10 @@
 
 #include <QDeadlineTimer>
 #include <QJsonObject>
+#include <QProcess>
 #include <QSignalSpy>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -64,9 +68,30 @@ class TestSpeechServer : public QObject
     Records m_records;
     NullAudioSink *m_sink = nullptr;
     std::unique_ptr<SpeechManager> m_speech;
+    QSslConfiguration m_tls;
+
+    // A CA made for this run and a certificate it signed for 127.0.0.1, in m_dir.
+    bool makeCertificates()
+    {
+        const auto openssl = [this](const QStringList &arguments) {
+            QProcess process;
+            process.setWorkingDirectory(m_dir.path());
+            process.start(QStringLiteral("openssl"),
+                          QStringList{"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                                      "-nodes", "-days", "1"} +
+                              arguments);
+            return process.waitForFinished() && process.exitCode() == 0;
+        };
+        return openssl({"-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=Quillvox test CA", "-addext",
+                        "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign"}) &&
+               openssl({"-keyout", "server.key", "-out", "server.pem", "-subj", "/CN=127.0.0.1", "-CA",
+                        "ca.pem", "-CAkey", "ca.key", "-addext", "subjectAltName=IP:127.0.0.1", "-addext",
+                        "basicConstraints=CA:FALSE"});
+    }
 
     // A dev server with `arguments`, chosen in the settings as the server; OpenAI's origin is never asked.
-    bool startServer(const QStringList &arguments)
+    // With `asDeploymentOrigin` the deployment's origin names it instead, which makes it no chosen server.
+    bool startServer(const QStringList &arguments, bool asDeploymentOrigin = false)
     {
         m_server = std::make_unique<DevServer>();
         if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine"),
@@ -85,7 +110,9 @@ class TestSpeechServer : public QObject
         services.selection = &m_selection;
         services.records = &m_records;
         services.audioSink = std::move(sink);
-        services.openAIOrigin = QUrl(QStringLiteral("https://api.openai.com"));
+        services.openAIOrigin =
+            asDeploymentOrigin ? m_server->url() : QUrl(QStringLiteral("https://api.openai.com"));
+        services.openAIOriginFromEnvironment = asDeploymentOrigin;
         m_speech = std::make_unique<SpeechManager>(std::move(services));
         return true;
     }
@@ -123,7 +150,11 @@ class TestSpeechServer : public QObject
     }
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_dir.isValid()); }
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_tls = QSslConfiguration::defaultConfiguration();
+    }
 
     void init()
     {
@@ -136,6 +167,8 @@ private Q_SLOTS:
 
     void cleanup()
     {
+        QSslConfiguration::setDefaultConfiguration(m_tls);
+        OpenAIServer::scaleHeadTimeouts(1);
         m_speech.reset();
         m_server.reset();
         m_defaults.reset();
@@ -208,17 +241,22 @@ private Q_SLOTS:
         }
     }
 
-    // A voice only the server has is offered and sent as is; without a key a local server is asked
-    // without an Authorization header.
+    // Lists another server gave are replaced by the chosen server's, and asked for once; a voice only
+    // the server has is offered and sent as is; without a key a local server is asked without an
+    // Authorization header.
     void serversOwnVoiceWithoutKey()
     {
         QVERIFY(startServer({"--voices", "af_heart,am_adam", "--models", "whisper-1,kokoro", "--keyless"}));
         m_keychain->remove(KeychainKey::openAIAPIKey);
-        QSignalSpy listed(m_speech.get(), &SpeechManager::availableVoicesChanged);
-        m_speech->refreshServerCatalog();
+        m_defaults->setString(OpenAIServer::listedVoicesKey, QStringLiteral("bf_emma"));
+        m_defaults->setString(OpenAIServer::listedFromKey, QStringLiteral("http://127.0.0.1:1"));
+        m_speech->refreshServerCatalogIfStale();
         QTRY_COMPARE(m_speech->availableVoices(), (QStringList{"af_heart", "am_adam"}));
+        QTRY_COMPARE(m_server->requests().size(), 2);
+        m_speech->refreshServerCatalogIfStale();
         m_speech->setSelectedVoice(QStringLiteral("af_heart"));
         QVERIFY2(narrate(kText), qPrintable(m_speech->currentErrorDescription()));
+        QCOMPARE(m_server->requests().size(), 3);
         QJsonObject request;
         for (const QJsonObject &record : m_server->waitForRequests(3)) {
             if (record.value("path").toString() == u"/v1/audio/speech")
@@ -227,6 +265,60 @@ private Q_SLOTS:
         QCOMPARE(DevServer::body(request).value("voice").toString(), "af_heart");
         QCOMPARE(DevServer::body(request).value("model").toString(), "kokoro");
         QVERIFY(DevServer::header(request, u"Authorization").isNull());
+    }
+
+    // A head later than the usual wait (scaled down here) still plays from a chosen local server, which
+    // may synthesise everything first; any other server keeps the usual wait.
+    void lateHead_data()
+    {
+        QTest::addColumn<bool>("asDeploymentOrigin");
+        QTest::addColumn<QString>("error");
+
+        QTest::newRow("chosen local server") << false << QString();
+        QTest::newRow("deployment's origin") << true << "Received invalid response from server";
+    }
+
+    void lateHead()
+    {
+        QFETCH(bool, asDeploymentOrigin);
+        QFETCH(QString, error);
+        OpenAIServer::scaleHeadTimeouts(1.0 / 200); // 300 ms, and 1.5 s for a local server
+        QVERIFY(startServer({"--ttfb-ms", "800"}, asDeploymentOrigin));
+        const std::optional<std::vector<float>> heard = narrate(kText);
+        QCOMPARE(m_speech->currentErrorDescription(), error);
+        QCOMPARE(heard.has_value(), error.isEmpty());
+    }
+
+    // The speech endpoint over HTTPS: with the test CA trusted (for this process only) a narration plays;
+    // without it the message says that the certificate is not trusted.
+    void https_data()
+    {
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<QString>("error");
+
+        QTest::newRow("trusted") << true << QString();
+        QTest::newRow("not trusted") << false << "Network error: The server's certificate is not trusted (";
+    }
+
+    void https()
+    {
+        QFETCH(bool, trusted);
+        QFETCH(QString, error);
+        static const bool made = makeCertificates();
+        QVERIFY(made);
+        if (trusted) {
+            QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+            tls.addCaCertificates(m_dir.filePath(QStringLiteral("ca.pem")));
+            QSslConfiguration::setDefaultConfiguration(tls);
+        }
+        QVERIFY(startServer({"--tls-cert", m_dir.filePath(QStringLiteral("server.pem")), "--tls-key",
+                             m_dir.filePath(QStringLiteral("server.key"))}));
+        QCOMPARE(m_server->url().scheme(), "https");
+        const std::optional<std::vector<float>> heard = narrate(kText);
+        QVERIFY2(m_speech->currentErrorDescription().startsWith(error),
+                 qPrintable(m_speech->currentErrorDescription()));
+        QCOMPARE(heard.has_value(), trusted);
+        QCOMPARE(m_records.durations.size(), trusted ? 1 : 0);
     }
 
     void refusedVoiceShowsTheServersWords()

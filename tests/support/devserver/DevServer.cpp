@@ -42,15 +42,17 @@ bool DevServer::start(const QStringList &arguments)
     while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning && !deadline.hasExpired())
         m_process.waitForReadyRead(static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)));
     const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
-    static const QRegularExpression listening(QStringLiteral("^listening on http://127\\.0\\.0\\.1:(\\d+)$"));
+    static const QRegularExpression listening(
+        QStringLiteral("^listening on (https?)://127\\.0\\.0\\.1:(\\d+)$"));
     const QRegularExpressionMatch match = listening.match(line);
-    const uint port = match.hasMatch() ? match.captured(1).toUInt() : 0;
+    const uint port = match.hasMatch() ? match.captured(2).toUInt() : 0;
     if (port == 0 || port > 65535) {
         stop();
         return fail(QStringLiteral("%1 is not listening (%2, first line \"%3\"): %4")
                         .arg(program, m_process.errorString(), line, standardError().trimmed()));
     }
     m_port = static_cast<quint16>(port);
+    m_scheme = match.captured(1);
     return true;
 }
 
@@ -75,7 +77,7 @@ QString DevServer::standardError() const
 
 QUrl DevServer::url() const
 {
-    return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(m_port));
+    return QUrl(QStringLiteral("%1://127.0.0.1:%2").arg(m_scheme).arg(m_port));
 }
 
 QUrl DevServer::url(const QString &pathAndQuery) const

@@ -93,5 +93,6 @@ private:
     QTemporaryDir m_dir;
     QProcess m_process;
     quint16 m_port = 0;
+    QString m_scheme = QStringLiteral("http");
     QString m_error;
 };
