@@ -28,6 +28,8 @@ QString found(const QJsonObject &o)
         return m;
     if (const QString m = text(detail.toObject().value(u"message")); !m.isEmpty())
         return m;
+    if (const QString m = text(detail.toObject().value(u"error").toObject().value(u"message")); !m.isEmpty())
+        return m;
     if (detail.isArray()) {
         QStringList messages;
         for (const QJsonValue &item : detail.toArray()) {

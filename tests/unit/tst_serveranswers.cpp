@@ -26,6 +26,9 @@ private Q_SLOTS:
         QTest::newRow("detail message")
             << QByteArray(R"({"detail":{"error":"validation_error","message":"Input too long"}})")
             << "Input too long";
+        QTest::newRow("detail error message")
+            << QByteArray(R"({"detail":{"error":{"message":"Text exceeds 3000 characters"}}})")
+            << "Text exceeds 3000 characters";
         QTest::newRow("detail list")
             << QByteArray(
                    R"({"detail":[{"loc":["body","input"],"msg":"String should have at most 3000 characters"},{"msg":"Field required"}]})")
