@@ -474,6 +474,7 @@ private Q_SLOTS:
         s.clock.advance(60s);
         QTRY_COMPARE(s.balance->balanceSeconds(),
                      m_server->control("/dev/state").value("balance_seconds").toInteger());
+        QVERIFY(s.balance->balanceSeconds() < 600); // the server charged what it streamed
 
         // Under a minute locally: the request never leaves.
         const int streams = requestsTo(*m_server, "/api/tts/stream");
