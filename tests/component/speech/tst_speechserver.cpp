@@ -3,25 +3,15 @@
 // servers do: every audio format plays at its pitch and length on the null sink without a header's click,
 // a long text in WAV pieces plays as one, answers that hold no audio or that refuse say why, a late head
 // is awaited only from a local server, and HTTPS works with a trusted certificate and says when it is not.
-#include "DevServer.h"
+#include "SpeechFixture.h"
 #include "ToneFrequency.h"
 
-#include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
-#include "platform/null/MemorySecretStore.h"
-#include "platform/null/NullAudioSink.h"
-#include "speech/NarrationServices.h"
 #include "speech/OpenAIServer.h"
-#include "speech/SpeechManager.h"
 
 #include <QDeadlineTimer>
 #include <QJsonObject>
 #include <QProcess>
-#include <QSignalSpy>
-#include <QSslCertificate>
 #include <QSslConfiguration>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <cmath>
 #include <vector>
@@ -30,18 +20,6 @@ namespace {
 
 constexpr double kToneHz = 440.0;
 constexpr double kToneAmplitude = 1.0 / 3.0; // the dev server's tone
-
-class Records final : public NarrationRecords
-{
-public:
-    QList<double> durations;
-    void addSession(const QString &, const QString &, double durationSeconds, const QByteArray &) override
-    {
-        durations << durationSeconds;
-    }
-    QString audioFile(const QUuid &) const override { return {}; }
-    void recordUsage(qint64) override {}
-};
 
 const QString kText = QStringLiteral("The quick brown fox jumps over the lazy dog, twice over.");
 
@@ -60,14 +38,9 @@ class TestSpeechServer : public QObject
     Q_OBJECT
 
     QTemporaryDir m_dir;
-    std::unique_ptr<DevServer> m_server;
-    std::unique_ptr<UserDefaults> m_defaults;
-    std::unique_ptr<KeychainHelper> m_keychain;
-    NoAccount m_account;
-    NoSelection m_selection;
-    Records m_records;
-    NullAudioSink *m_sink = nullptr;
-    std::unique_ptr<SpeechManager> m_speech;
+    std::unique_ptr<SpeechFixture> m_f;
+    DevServer *m_server = nullptr;
+    SpeechManager *m_speech = nullptr;
     QSslConfiguration m_tls;
 
     // A CA made for this run and a certificate it signed for 127.0.0.1, in m_dir.
@@ -93,34 +66,21 @@ class TestSpeechServer : public QObject
     // With `asDeploymentOrigin` the deployment's origin names it instead, which makes it no chosen server.
     bool startServer(const QStringList &arguments, bool asDeploymentOrigin = false)
     {
-        m_server = std::make_unique<DevServer>();
-        if (!m_server->start(QStringList{QStringLiteral("--synth"), QStringLiteral("sine"),
-                                         QStringLiteral("--pace"), QStringLiteral("0")} +
-                             arguments)) {
-            qWarning() << m_server->errorString();
+        if (!m_f->startServer(QStringList{QStringLiteral("--pace"), QStringLiteral("0")} + arguments))
             return false;
-        }
-        m_defaults->setString(OpenAIServer::serverKey, m_server->url().toString());
-        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
-        m_sink = sink.get();
-        SpeechManager::Services services;
-        services.defaults = m_defaults.get();
-        services.keychain = m_keychain.get();
-        services.account = &m_account;
-        services.selection = &m_selection;
-        services.records = &m_records;
-        services.audioSink = std::move(sink);
-        services.openAIOrigin =
-            asDeploymentOrigin ? m_server->url() : QUrl(QStringLiteral("https://api.openai.com"));
-        services.openAIOriginFromEnvironment = asDeploymentOrigin;
-        m_speech = std::make_unique<SpeechManager>(std::move(services));
+        m_server = m_f->server.get();
+        m_f->defaults.setString(OpenAIServer::serverKey, m_server->url().toString());
+        m_f->originFromEnvironment = asDeploymentOrigin;
+        m_f->createManager(asDeploymentOrigin ? m_server->url()
+                                              : QUrl(QStringLiteral("https://api.openai.com")));
+        m_speech = m_f->speech.get();
         return true;
     }
 
     // Plays the narration to its end on the virtual clock and returns what the sink rendered.
     std::optional<std::vector<float>> narrate(const QString &text)
     {
-        QSignalSpy ended(m_speech.get(), &SpeechManager::playbackEnded);
+        QSignalSpy ended(m_speech, &SpeechManager::playbackEnded);
         m_speech->speak(text);
         std::vector<float> heard;
         if (!QTest::qWaitFor([&] { return m_speech->isPlaying() || m_speech->hasError(); }, 20000) ||
@@ -130,12 +90,12 @@ class TestSpeechServer : public QObject
         // the test's doing, not the narration's.
         QDeadlineTimer deadline(60000);
         while (ended.isEmpty() && !deadline.hasExpired()) {
-            const bool streamed = m_records.durations.size() > 0;
+            const bool streamed = !m_f->records.sessions.isEmpty();
             if (!streamed && m_speech->totalTime() * 24000 < double(heard.size() + 4800)) {
                 QTest::qWait(2);
                 continue;
             }
-            const std::span<const float> pulled = m_sink->advance(480);
+            const std::span<const float> pulled = m_f->sink->advance(480);
             heard.insert(heard.end(), pulled.begin(), pulled.end());
             QCoreApplication::processEvents();
         }
@@ -156,23 +116,13 @@ private Q_SLOTS:
         m_tls = QSslConfiguration::defaultConfiguration();
     }
 
-    void init()
-    {
-        m_defaults = std::make_unique<UserDefaults>(m_dir.filePath(QStringLiteral("defaults.conf")));
-        m_keychain = std::make_unique<KeychainHelper>(QStringLiteral("com.vantor.quillvox.test.speechserver"),
-                                                      std::make_unique<MemorySecretStore>());
-        m_keychain->save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
-        m_records = Records();
-    }
+    void init() { m_f = std::make_unique<SpeechFixture>(); }
 
     void cleanup()
     {
         QSslConfiguration::setDefaultConfiguration(m_tls);
         OpenAIServer::scaleHeadTimeouts(1);
-        m_speech.reset();
-        m_server.reset();
-        m_defaults.reset();
-        QFile::remove(m_dir.filePath(QStringLiteral("defaults.conf")));
+        m_f.reset();
     }
 
     void formatsPlayAtTheirPitchAndLength_data()
@@ -204,7 +154,7 @@ private Q_SLOTS:
             const auto heard = narrate(kText);
             QVERIFY(heard);
             reference = double(heard->size()) / 24000;
-            m_records = Records();
+            m_f = std::make_unique<SpeechFixture>();
         }
 
         QVERIFY(startServer(arguments));
@@ -220,13 +170,13 @@ private Q_SLOTS:
         for (size_t i = 0; i < std::min<size_t>(72, heard->size()); ++i)
             peak = std::max(peak, std::abs((*heard)[i]));
         QCOMPARE_LE(peak, kToneAmplitude * 1.1);
-        QCOMPARE(m_records.durations.size(), 1);
+        QCOMPARE(m_f->records.sessions.size(), 1);
     }
 
     void longTextInWavPiecesPlaysSeamlessly()
     {
         QVERIFY(startServer({"--audio-format", "wav", "--audio-rate", "22050", "--wav-unknown-sizes"}));
-        m_defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, 300);
+        m_f->defaults.setUnsigned32(OpenAIServer::maxInputCharsKey, 300);
         const std::optional<std::vector<float>> heard = narrate(longText());
         QVERIFY2(heard, qPrintable(m_speech->currentErrorDescription()));
         QCOMPARE_GE(m_server->narratedTexts().size(), 3);
@@ -247,9 +197,9 @@ private Q_SLOTS:
     void serversOwnVoiceWithoutKey()
     {
         QVERIFY(startServer({"--voices", "af_heart,am_adam", "--models", "whisper-1,kokoro", "--keyless"}));
-        m_keychain->remove(KeychainKey::openAIAPIKey);
-        m_defaults->setString(OpenAIServer::listedVoicesKey, QStringLiteral("bf_emma"));
-        m_defaults->setString(OpenAIServer::listedFromKey, QStringLiteral("http://127.0.0.1:1"));
+        m_f->keychain.remove(KeychainKey::openAIAPIKey);
+        m_f->defaults.setString(OpenAIServer::listedVoicesKey, QStringLiteral("bf_emma"));
+        m_f->defaults.setString(OpenAIServer::listedFromKey, QStringLiteral("http://127.0.0.1:1"));
         m_speech->refreshServerCatalogIfStale();
         QTRY_COMPARE(m_speech->availableVoices(), (QStringList{"af_heart", "am_adam"}));
         QTRY_COMPARE(m_server->requests().size(), 2);
@@ -319,7 +269,7 @@ private Q_SLOTS:
         QVERIFY2(m_speech->currentErrorDescription().startsWith(error),
                  qPrintable(m_speech->currentErrorDescription()));
         QCOMPARE(heard.has_value(), trusted);
-        QCOMPARE(m_records.durations.size(), trusted ? 1 : 0);
+        QCOMPARE(m_f->records.sessions.size(), trusted ? 1 : 0);
     }
 
     void refusedVoiceShowsTheServersWords()
@@ -335,7 +285,7 @@ private Q_SLOTS:
     void tooLongInputIsSentAgainInHalves()
     {
         QVERIFY(startServer({"--max-input", "300"}));
-        m_defaults->setUnsigned32(OpenAIServer::maxInputCharsKey, 512);
+        m_f->defaults.setUnsigned32(OpenAIServer::maxInputCharsKey, 512);
         const QString text = longText().left(500);
         QVERIFY2(narrate(text), qPrintable(m_speech->currentErrorDescription()));
         const QList<QJsonObject> log = m_server->requests();
@@ -374,7 +324,7 @@ private Q_SLOTS:
         QCOMPARE(m_speech->currentErrorDescription(), error);
         QVERIFY(!m_speech->isProcessing());
         QVERIFY(!m_speech->isPlaying());
-        QVERIFY(m_records.durations.isEmpty());
+        QVERIFY(m_f->records.sessions.isEmpty());
     }
 };
 
