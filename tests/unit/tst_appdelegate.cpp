@@ -97,13 +97,10 @@ private Q_SLOTS:
         QTest::addColumn<bool>("userChose");
         QTest::addColumn<QByteArray>("expected");
         QTest::newRow("GNOME") << "GNOME" << true << true << false << QByteArray("xcb");
-        QTest::newRow("Ubuntu's GNOME") << "ubuntu:GNOME" << true << true << false << QByteArray("xcb");
         QTest::newRow("GNOME without XWayland") << "GNOME" << true << false << false << QByteArray();
         QTest::newRow("GNOME, user's choice") << "GNOME" << true << true << true << QByteArray();
         QTest::newRow("KDE") << "KDE" << true << true << false << QByteArray("xcb");
         QTest::newRow("KDE neon") << "neon:kde" << true << true << false << QByteArray("xcb");
-        QTest::newRow("KDE without XWayland") << "KDE" << true << false << false << QByteArray();
-        QTest::newRow("KDE, user's choice") << "KDE" << true << true << true << QByteArray();
         QTest::newRow("sway") << "sway" << true << true << false << QByteArray();
         QTest::newRow("X11 session") << "GNOME" << false << true << false << QByteArray();
     }
