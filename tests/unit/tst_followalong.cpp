@@ -33,9 +33,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QStringList>("sentences");
-        QTest::newRow("abbreviation and decimal number")
-            << QStringLiteral("Dr. Smith paid 3.5 euros, e.g. Tuesday. He left.")
-            << QStringList{"Dr. Smith paid 3.5 euros, e.g. Tuesday.", "He left."};
         QTest::newRow("initials") << QStringLiteral("J. R. Tolkien wrote. Yes!")
                                   << QStringList{"J. R. Tolkien wrote.", "Yes!"};
         QTest::newRow("emoji and combining marks")
@@ -87,8 +84,8 @@ private Q_SLOTS:
         QTest::newRow("a piece that never came") << two << 14 << QStringList{"received 26000", "finish"}
                                                  << QList<qint64>{0, 14000, kNever, kNever};
         QTest::newRow("abbreviation and decimal number")
-            << QStringLiteral("Dr. Smith paid 3.5 euros. He left.") << 4096
-            << QStringList{"received 34000", "finish"} << QList<qint64>{0, 26000};
+            << QStringLiteral("Dr. Smith paid 3.5 euros, e.g. Tuesday. He left.") << 4096
+            << QStringList{"received 48000", "finish"} << QList<qint64>{0, 40000};
         QTest::newRow("emoji and combining marks")
             << QStringLiteral("Zoe\u0301 waved \U0001F44B\U0001F3FD. Then she left.") << 4096
             << QStringList{"received 27000", "finish"} << QList<qint64>{0, 13000};
