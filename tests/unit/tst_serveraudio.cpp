@@ -169,6 +169,8 @@ class TestServerAudio : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // What the first bytes and the label say, where playing the whole answer would not show it; the other
+    // kinds are told apart by the playback and failure tables below.
     void detection_data()
     {
         QTest::addColumn<QByteArray>("contentType");
@@ -187,23 +189,14 @@ private Q_SLOTS:
                             int rateHz = 24000, bool ended = false) {
             QTest::newRow(name) << QByteArray(type) << first << ended << int(kind) << rateHz;
         };
-        row("pcm", "audio/pcm", silence, F::Pcm);
-        row("pcm rate", "audio/pcm;rate=22050", silence, F::Pcm, 22050);
         row("L16 rate", "audio/L16; rate=16000; channels=1", silence, F::Pcm, 16000);
-        row("no label", nullptr, silence, F::Pcm);
-        row("wav labelled pcm", "audio/pcm", riff, F::Wav);
         row("x-wav", "audio/x-wav", riff, F::Wav);
-        row("mp3 labelled L16", "audio/L16;rate=24000", mp3.left(4096), F::Mp3);
         row("mp3 short, ended", "audio/pcm", mp3.left(20), F::Mp3, 24000, true);
         row("mpeg labelled", "audio/mpeg", mp3.left(12), F::Mp3);
         row("id3", "audio/pcm", QByteArray("ID3\x04\0\0\0\0\0\x10", 10) + silence, F::Mp3);
         row("pcm like mpeg", "audio/pcm", nearSilence, F::Pcm);
         row("ogg", "audio/pcm", QByteArray("OggS") + silence, F::Ogg);
-        row("flac", "audio/flac", QByteArray("fLaC") + silence, F::Flac);
         row("adts", "audio/pcm", QByteArray::fromHex("fff15080") + silence, F::Aac);
-        row("aac label", "audio/aac", silence, F::Aac);
-        row("json", "application/json", QByteArray("{\"error\":\"x\"} ......"), F::NotAudio);
-        row("webm", "audio/webm", silence, F::OtherAudio);
     }
 
     void detection()
