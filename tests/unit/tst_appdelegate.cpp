@@ -8,7 +8,6 @@
 #include "app/WindowingPlatform.h"
 #include "core/AppEvents.h"
 #include "core/UserDefaults.h"
-#include "platform/dbus/StatusNotifierItem.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
@@ -329,8 +328,8 @@ private Q_SLOTS:
         QCOMPARE(SingleInstance::send(QStringLiteral("toggle"), {}, 5000, clientBus()), std::nullopt);
     }
 
-    // The tray item: its icon while idle and while playing, "Expand Widget" only while the widget is
-    // collapsed, and "About Quillvox" opening About.
+    // The tray menu: "Expand Widget" only while the widget is collapsed, and "About Quillvox" opening About
+    // (the icon and the menu of a running app: tst_tray).
     void statusMenu()
     {
         const std::unique_ptr<UserDefaults> defaults = freshDefaults();
@@ -352,15 +351,7 @@ private Q_SLOTS:
                                             [text](QAction *a) { return a->text() == QLatin1String(text); });
             return found == actions.end() ? nullptr : *found;
         };
-        const StatusNotifierItem *item = menu.findChild<StatusNotifierItem *>();
-        QVERIFY(item && action("Expand Widget") && action("About Quillvox"));
-
-        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-symbolic"));
-        speech.replayStoredAudio(QByteArray(SpeechManager::kSampleRateHz * 2, '\0'));
-        QTRY_VERIFY(speech.isPlaying());
-        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-playing-symbolic"));
-        speech.stop();
-
+        QVERIFY(action("Expand Widget") && action("About Quillvox"));
         QVERIFY(action("Expand Widget")->isVisible());
         widget.viewModel()->setExpanded(true);
         QVERIFY(!action("Expand Widget")->isVisible());
