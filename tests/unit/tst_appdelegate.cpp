@@ -173,22 +173,19 @@ private Q_SLOTS:
         QTest::addColumn<SettingsSection>("shown");
         QTest::addColumn<QStringList>("navigations");
 
-        QTest::newRow("settings") << QStringList{QStringLiteral("openSettingsWindow")}
-                                  << SettingsSection::account << QStringList();
-        QTest::newRow("about") << QStringList{QStringLiteral("openAboutSection")} << SettingsSection::about
-                               << QStringList();
-        QTest::newRow("second open keeps the section")
-            << QStringList{QStringLiteral("openAboutSection"), QStringLiteral("openSettingsWindow")}
-            << SettingsSection::about << QStringList();
-        QTest::newRow("about with the window open")
-            << QStringList{QStringLiteral("openSettingsWindow"), QStringLiteral("openAboutSection")}
-            << SettingsSection::about << QStringList{QStringLiteral("About")};
-        QTest::newRow("open on a section")
-            << QStringList{QStringLiteral("openSettingsWindow+navigate:Shortcuts")}
-            << SettingsSection::shortcuts << QStringList{QStringLiteral("Shortcuts")};
-        QTest::newRow("an earlier navigation is not kept")
-            << QStringList{QStringLiteral("navigate:Usage"), QStringLiteral("openSettingsWindow")}
-            << SettingsSection::account << QStringList{QStringLiteral("Usage")};
+        const auto row = [](const char *name, const char *steps, SettingsSection shown,
+                            const char *navigated) {
+            QTest::newRow(name) << QString::fromLatin1(steps).split(u' ') << shown
+                                << QString::fromLatin1(navigated).split(u' ', Qt::SkipEmptyParts);
+        };
+        row("second open keeps the section", "openAboutSection openSettingsWindow", SettingsSection::about,
+            "");
+        row("about with the window open", "openSettingsWindow openAboutSection", SettingsSection::about,
+            "About");
+        row("open on a section", "openSettingsWindow+navigate:Shortcuts", SettingsSection::shortcuts,
+            "Shortcuts");
+        row("an earlier navigation is not kept", "navigate:Usage openSettingsWindow",
+            SettingsSection::account, "Usage");
     }
 
     void observers()
