@@ -289,7 +289,6 @@ private Q_SLOTS:
     {
         QFETCH(QString, command);
         QFETCH(QString, argument);
-        QFETCH(QStringList, heard);
         QFETCH(bool, ok);
 
         m_heard.clear();
@@ -308,7 +307,7 @@ private Q_SLOTS:
         QTRY_VERIFY(call.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
         const std::optional<QJsonObject> reply = call.get();
         QVERIFY(reply.has_value());
-        QCOMPARE(m_heard, heard);
+        QTEST(m_heard, "heard");
         QCOMPARE(reply->value(QStringLiteral("ok")).toBool(), ok);
         if (command == u"status")
             QCOMPARE(reply->value(QStringLiteral("status")).toObject(),

@@ -85,10 +85,9 @@ private Q_SLOTS:
     {
         QFETCH(quint64, flags);
         QFETCH(quint32, xModifiers);
-        QFETCH(quint64, flagsBack);
 
         QCOMPARE(KeyTable::xModifiers(flags), xModifiers);
-        QCOMPARE(KeyTable::modifierFlagsForXModifiers(xModifiers), flagsBack);
+        QTEST(KeyTable::modifierFlagsForXModifiers(xModifiers), "flagsBack");
     }
 
     void qtModifiers()

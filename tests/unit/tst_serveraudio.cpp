@@ -204,15 +204,13 @@ private Q_SLOTS:
         QFETCH(QByteArray, contentType);
         QFETCH(QByteArray, first);
         QFETCH(bool, ended);
-        QFETCH(int, kind);
-        QFETCH(int, rateHz);
         QVERIFY(!first.isEmpty());
         // Fewer bytes than any signature needs say nothing yet.
         QVERIFY(!ServerAudioFormat::detect(first.left(3), contentType, false));
         const std::optional<ServerAudioFormat> format = ServerAudioFormat::detect(first, contentType, ended);
         QVERIFY(format);
-        QCOMPARE(int(format->kind), kind);
-        QCOMPARE(format->rateHz, rateHz);
+        QTEST(int(format->kind), "kind");
+        QTEST(format->rateHz, "rateHz");
     }
 
     void playsAtTheRightPitchAndLength_data()
@@ -306,9 +304,8 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, contentType);
         QFETCH(QByteArray, body);
-        QFETCH(QString, failure);
         const Played played = play(contentType, body, 100);
-        QCOMPARE(played.failure.value_or(QString()), failure);
+        QTEST(played.failure.value_or(QString()), "failure");
         QVERIFY(played.pcm.isEmpty());
     }
 
