@@ -8,7 +8,6 @@
 #include "app/WindowingPlatform.h"
 #include "core/AppEvents.h"
 #include "core/UserDefaults.h"
-#include "platform/dbus/StatusNotifierItem.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
@@ -97,13 +96,10 @@ private Q_SLOTS:
         QTest::addColumn<bool>("userChose");
         QTest::addColumn<QByteArray>("expected");
         QTest::newRow("GNOME") << "GNOME" << true << true << false << QByteArray("xcb");
-        QTest::newRow("Ubuntu's GNOME") << "ubuntu:GNOME" << true << true << false << QByteArray("xcb");
         QTest::newRow("GNOME without XWayland") << "GNOME" << true << false << false << QByteArray();
         QTest::newRow("GNOME, user's choice") << "GNOME" << true << true << true << QByteArray();
         QTest::newRow("KDE") << "KDE" << true << true << false << QByteArray("xcb");
         QTest::newRow("KDE neon") << "neon:kde" << true << true << false << QByteArray("xcb");
-        QTest::newRow("KDE without XWayland") << "KDE" << true << false << false << QByteArray();
-        QTest::newRow("KDE, user's choice") << "KDE" << true << true << true << QByteArray();
         QTest::newRow("sway") << "sway" << true << true << false << QByteArray();
         QTest::newRow("X11 session") << "GNOME" << false << true << false << QByteArray();
     }
@@ -177,22 +173,19 @@ private Q_SLOTS:
         QTest::addColumn<SettingsSection>("shown");
         QTest::addColumn<QStringList>("navigations");
 
-        QTest::newRow("settings") << QStringList{QStringLiteral("openSettingsWindow")}
-                                  << SettingsSection::account << QStringList();
-        QTest::newRow("about") << QStringList{QStringLiteral("openAboutSection")} << SettingsSection::about
-                               << QStringList();
-        QTest::newRow("second open keeps the section")
-            << QStringList{QStringLiteral("openAboutSection"), QStringLiteral("openSettingsWindow")}
-            << SettingsSection::about << QStringList();
-        QTest::newRow("about with the window open")
-            << QStringList{QStringLiteral("openSettingsWindow"), QStringLiteral("openAboutSection")}
-            << SettingsSection::about << QStringList{QStringLiteral("About")};
-        QTest::newRow("open on a section")
-            << QStringList{QStringLiteral("openSettingsWindow+navigate:Shortcuts")}
-            << SettingsSection::shortcuts << QStringList{QStringLiteral("Shortcuts")};
-        QTest::newRow("an earlier navigation is not kept")
-            << QStringList{QStringLiteral("navigate:Usage"), QStringLiteral("openSettingsWindow")}
-            << SettingsSection::account << QStringList{QStringLiteral("Usage")};
+        const auto row = [](const char *name, const char *steps, SettingsSection shown,
+                            const char *navigated) {
+            QTest::newRow(name) << QString::fromLatin1(steps).split(u' ') << shown
+                                << QString::fromLatin1(navigated).split(u' ', Qt::SkipEmptyParts);
+        };
+        row("second open keeps the section", "openAboutSection openSettingsWindow", SettingsSection::about,
+            "");
+        row("about with the window open", "openSettingsWindow openAboutSection", SettingsSection::about,
+            "About");
+        row("open on a section", "openSettingsWindow+navigate:Shortcuts", SettingsSection::shortcuts,
+            "Shortcuts");
+        row("an earlier navigation is not kept", "navigate:Usage openSettingsWindow",
+            SettingsSection::account, "Usage");
     }
 
     void observers()
@@ -296,7 +289,6 @@ private Q_SLOTS:
     {
         QFETCH(QString, command);
         QFETCH(QString, argument);
-        QFETCH(QStringList, heard);
         QFETCH(bool, ok);
 
         m_heard.clear();
@@ -315,7 +307,7 @@ private Q_SLOTS:
         QTRY_VERIFY(call.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
         const std::optional<QJsonObject> reply = call.get();
         QVERIFY(reply.has_value());
-        QCOMPARE(m_heard, heard);
+        QTEST(m_heard, "heard");
         QCOMPARE(reply->value(QStringLiteral("ok")).toBool(), ok);
         if (command == u"status")
             QCOMPARE(reply->value(QStringLiteral("status")).toObject(),
@@ -332,8 +324,8 @@ private Q_SLOTS:
         QCOMPARE(SingleInstance::send(QStringLiteral("toggle"), {}, 5000, clientBus()), std::nullopt);
     }
 
-    // The tray item: its icon while idle and while playing, "Expand Widget" only while the widget is
-    // collapsed, and "About Quillvox" opening About.
+    // The tray menu: "Expand Widget" only while the widget is collapsed, and "About Quillvox" opening About
+    // (the icon and the menu of a running app: tst_tray).
     void statusMenu()
     {
         const std::unique_ptr<UserDefaults> defaults = freshDefaults();
@@ -355,15 +347,7 @@ private Q_SLOTS:
                                             [text](QAction *a) { return a->text() == QLatin1String(text); });
             return found == actions.end() ? nullptr : *found;
         };
-        const StatusNotifierItem *item = menu.findChild<StatusNotifierItem *>();
-        QVERIFY(item && action("Expand Widget") && action("About Quillvox"));
-
-        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-symbolic"));
-        speech.replayStoredAudio(QByteArray(SpeechManager::kSampleRateHz * 2, '\0'));
-        QTRY_VERIFY(speech.isPlaying());
-        QCOMPARE(item->iconName(), QStringLiteral("com.vantor.Quillvox-playing-symbolic"));
-        speech.stop();
-
+        QVERIFY(action("Expand Widget") && action("About Quillvox"));
         QVERIFY(action("Expand Widget")->isVisible());
         widget.viewModel()->setExpanded(true);
         QVERIFY(!action("Expand Widget")->isVisible());

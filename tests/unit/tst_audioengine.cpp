@@ -578,8 +578,6 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("steps");
         QTest::addColumn<Pulls>("pulls");
 
-        QTest::newRow("no latency") << QStringList{"open", "on", "100/0", "50/0"}
-                                    << Pulls{{100, 0}, {0, 0}, {50, 0}, {0, 0}};
         QTest::newRow("latency carried to the next pull")
             << QStringList{"open", "on", "100/30", "50/80", "10/0"}
             << Pulls{{100, 0}, {0, 30}, {50, 30}, {0, 80}, {10, 80}, {0, 0}};
@@ -664,70 +662,34 @@ private Q_SLOTS:
             QVERIFY(pull == (RecordingSource::Pull{NullAudioSink::kRealTimeStepFrames, 0}));
     }
 
-    // How the widget's bars follow the measured levels.
-    // Bars 0 and 3 read the oldest of ten levels (lag 0), bars 1 and 4 the newest (lag 1), bar 2 lag 2,
-    // bar 5 lag 3; a bar moves by its smoothing factor towards level × its frequency weight.
-    void lagsAndSmoothing()
+    // How the widget's bars follow the measured levels. Bars 0 and 3 read the oldest of ten levels, bars 1
+    // and 4 the newest; a bar moves by its smoothing factor towards level × its frequency weight. Levels
+    // older than 0.15 s give the idle wave; without playback the bars fall to rest, a step per call.
+    void bars()
     {
-        const auto expectBars = [](AudioLevelInterpolator &interpolator, double time, QList<float> expected) {
+        AudioLevelInterpolator bars;
+        QCOMPARE(bars.barLevel(-1, true, 1.0), 0.0f);
+        QCOMPARE(bars.barLevel(6, true, 1.0), 0.0f);
+        const auto expect = [&bars](double time, QList<float> expected) {
             for (int bar = 0; bar < 6; ++bar)
-                QCOMPARE(interpolator.barLevel(bar, true, time), expected[bar]);
+                QCOMPARE(bars.barLevel(bar, true, time), expected[bar]);
         };
-        // One push of 1.0 at slot 0: the next slot to write is 1, so only lag 1 finds it.
-        AudioLevelInterpolator one;
-        one.push(1.0f, 10.0);
-        expectBars(one, 10.05, {0, 0.24f, 0, 0, 0.30f, 0});
-        // Ten pushes, the first 0.5: slot 0 is next to be overwritten, and lag 0 reads it.
-        AudioLevelInterpolator ten;
-        for (int i = 0; i < 10; ++i)
-            ten.push(i == 0 ? 0.5f : 0.0f, 1.0 + i * 0.01);
-        expectBars(ten, 1.1, {0.18f * 0.5f * 0.85f, 0, 0, 0.38f * 0.5f * 0.95f, 0, 0});
-    }
-
-    void decaysPerCallWhenNotPlaying()
-    {
-        AudioLevelInterpolator interpolator;
-        interpolator.push(1.0f, 0.0);
-        for (int i = 0; i < 50; ++i)
-            interpolator.barLevel(1, true, 0.01);
-        const float level = interpolator.barLevel(1, true, 0.01);
-        QVERIFY(level > 0.9f);
-        QCOMPARE(interpolator.barLevel(1, false, 100.0), level - 0.85f * 2.5f * 0.016f);
+        bars.push(1.0f, 4.85);
+        expect(4.999, {0, 0.24f, 0, 0, 0.30f, 0});
+        const auto wave = [](int bar) { return float(std::sin(0.4 * bar) * 0.075 + 0.275); }; // at 5 s
+        expect(5.0, {wave(0), wave(1), wave(2), wave(3), wave(4), wave(5)});
+        // Not playing: each call lowers a bar, whatever the time, down to zero and no further.
+        const float idle = bars.barLevel(1, false, 100.0);
+        QVERIFY(idle > 0 && idle < wave(1));
         for (int i = 0; i < 100; ++i)
-            interpolator.barLevel(1, false, 100.0);
-        QCOMPARE(interpolator.barLevel(1, false, 100.0), 0.0f);
-    }
+            bars.barLevel(1, false, 100.0);
+        QCOMPARE(bars.barLevel(1, false, 100.0), 0.0f);
 
-    void staleLevelsGiveTheIdleWave()
-    {
-        AudioLevelInterpolator interpolator;
-        interpolator.push(1.0f, 5.0);
-        for (int bar = 0; bar < 6; ++bar) {
-            for (double t = 5.15; t < 7; t += 0.05) {
-                QCOMPARE(interpolator.barLevel(bar, true, t),
-                         float((std::sin(0.4 * bar + 2.4 * M_PI * t) + 1) * 0.5 * 0.15 + 0.2));
-            }
-        }
-        // Still fresh just before the threshold: smoothing towards the level, not the wave.
-        AudioLevelInterpolator fresh;
-        fresh.push(1.0f, 5.0);
-        QCOMPARE(fresh.barLevel(1, true, 5.149), 0.24f);
-    }
-
-    void outOfRangeAndReset()
-    {
-        AudioLevelInterpolator interpolator;
-        interpolator.push(1.0f, 1.0);
-        QCOMPARE(interpolator.barLevel(-1, true, 1.0), 0.0f);
-        QCOMPARE(interpolator.barLevel(6, true, 1.0), 0.0f);
-        interpolator.barLevel(1, true, 1.0);
-        interpolator.reset();
-        for (int bar = 0; bar < 6; ++bar)
-            QCOMPARE(interpolator.barLevel(bar, false, 1.0), 0.0f);
-        // After a reset the first push feeds lag-1 bars before lag-0 bars.
-        interpolator.push(1.0f, 2.0);
-        QVERIFY(interpolator.barLevel(1, true, 2.0) > 0);
-        QCOMPARE(interpolator.barLevel(0, true, 2.0), 0.0f);
+        // After a reset, ten pushes, the first 0.5: slot 0 is next to be overwritten, and lag 0 reads it.
+        bars.reset();
+        for (int i = 0; i < 10; ++i)
+            bars.push(i == 0 ? 0.5f : 0.0f, 1.0 + i * 0.01);
+        expect(1.1, {0.18f * 0.5f * 0.85f, 0, 0, 0.38f * 0.5f * 0.95f, 0, 0});
     }
 
 private:

@@ -131,9 +131,7 @@ private Q_SLOTS:
         QFETCH(QStringList, arguments);
         QFETCH(QByteArray, input);
         QFETCH(QString, instance);
-        QFETCH(int, exitCode);
         QFETCH(QString, printed);
-        QFETCH(QStringList, heard);
 
         std::unique_ptr<SingleInstance> running;
         QStringList commands;
@@ -151,11 +149,11 @@ private Q_SLOTS:
             }));
         }
         const Outcome outcome = run(arguments, input);
-        QCOMPARE(outcome.exitCode, exitCode);
+        QTEST(outcome.exitCode, "exitCode");
         QCOMPARE(outcome.firstErrorLine.isEmpty() ? QString::fromUtf8(outcome.output).section(u'\n', 0, 0)
                                                   : outcome.firstErrorLine,
                  printed);
-        QCOMPARE(commands, heard);
+        QTEST(commands, "heard");
         QVERIFY(!outcome.output.startsWith("{}"));
     }
 
@@ -193,13 +191,9 @@ private Q_SLOTS:
             QCOMPARE(startupIds.first().first().toByteArray(), QByteArray("launcher-42_TIME1234"));
     }
 
-    // The running instance's reply, as one line of JSON; none running is exit status 2.
+    // The running instance's reply, as one line of JSON (none running: the "none running" row above).
     void status()
     {
-        const Outcome alone = run({QStringLiteral("--status")});
-        QCOMPARE(alone.exitCode, 2);
-        QCOMPARE(alone.firstErrorLine, QStringLiteral("Quillvox is not running."));
-
         SingleInstance instance;
         QVERIFY(instance.listen([](const QString &command, const QString &) {
             return QJsonObject{{QStringLiteral("ok"), command == u"status"},

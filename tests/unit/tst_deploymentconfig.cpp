@@ -3,90 +3,101 @@
 
 #include <QTest>
 
-namespace {
-
-QString valueOf(const DeploymentConfig &c, const QString &name)
-{
-    if (name == u"QUILLVOX_SERVICE_ORIGIN")
-        return c.serviceOrigin.toString();
-    return c.appcastUrl.toString();
-}
-
-} // namespace
-
 class TestDeploymentConfig : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     // The build's cache variables reach the program as its defaults, and the environment still wins.
-    void builtInDefaults_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("builtIn");
-        QTest::addColumn<QString>("fromEnvironment");
-
-        QTest::newRow("service origin")
-            << "QUILLVOX_SERVICE_ORIGIN" << BUILT_IN_SERVICE_ORIGIN << "http://127.0.0.1:8080";
-        QTest::newRow("appcast") << "QUILLVOX_APPCAST_URL" << BUILT_IN_APPCAST_URL
-                                 << "http://127.0.0.1:8080/appcast.xml";
-    }
-
     void builtInDefaults()
     {
-        QFETCH(QString, name);
-        QFETCH(QString, builtIn);
-        QFETCH(QString, fromEnvironment);
-
-        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(QProcessEnvironment()), name), builtIn);
-        QProcessEnvironment env;
-        env.insert(name, QString());
-        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(env), name), builtIn);
-        env.insert(name, fromEnvironment);
-        QCOMPARE(valueOf(DeploymentConfig::fromEnvironment(env), name), fromEnvironment);
+        const auto valueOf = [](const QProcessEnvironment &env, const QString &name) {
+            const DeploymentConfig c = DeploymentConfig::fromEnvironment(env);
+            return (name == u"QUILLVOX_SERVICE_ORIGIN" ? c.serviceOrigin : c.appcastUrl).toString();
+        };
+        const std::tuple<QString, QString, QString> rows[] = {
+            {"QUILLVOX_SERVICE_ORIGIN", BUILT_IN_SERVICE_ORIGIN, "http://127.0.0.1:8080"},
+            {"QUILLVOX_APPCAST_URL", BUILT_IN_APPCAST_URL, "http://127.0.0.1:8080/appcast.xml"}};
+        for (const auto &[name, builtIn, fromEnvironment] : rows) {
+            QProcessEnvironment env;
+            QCOMPARE(valueOf(env, name), builtIn);
+            env.insert(name, QString());
+            QCOMPARE(valueOf(env, name), builtIn);
+            env.insert(name, fromEnvironment);
+            QCOMPARE(valueOf(env, name), fromEnvironment);
+        }
     }
 
+    // One variable set: the service origin, the OpenAI origin, the keychain service, the null output.
     void overrides_data()
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("value");
-        QTest::addColumn<QString>("serviceOrigin");
-        QTest::addColumn<QString>("openAIOrigin");
-        QTest::addColumn<QString>("keychainService");
-        QTest::addColumn<bool>("nullOutput");
+        QTest::addColumn<QStringList>("expected");
 
-        const QString svc = QStringLiteral("https://quillvox.app");
-        const QString oai = QStringLiteral("https://api.openai.com");
-        const QString kc = QStringLiteral("com.vantor.quillvox");
-        QTest::newRow("trailing slashes dropped")
-            << "QUILLVOX_OPENAI_ORIGIN"
-            << "http://localhost:9/v//" << svc << "http://localhost:9/v" << kc << false;
-        QTest::newRow("not a URL falls back") << "QUILLVOX_SERVICE_ORIGIN"
-                                              << "not a url" << svc << oai << kc << false;
-        QTest::newRow("keychain service") << "QUILLVOX_KEYCHAIN_SERVICE"
-                                          << "demo" << svc << oai << "demo" << false;
-        QTest::newRow("null output") << "QUILLVOX_AUDIO_OUTPUT"
-                                     << "null" << svc << oai << kc << true;
-        QTest::newRow("unknown output") << "QUILLVOX_AUDIO_OUTPUT"
-                                        << "alsa" << svc << oai << kc << false;
+        const auto row = [](const char *name, const char *variable, const char *value, const char *service,
+                            const char *openAI, const char *keychain, const char *null) {
+            QTest::newRow(name) << QString::fromLatin1(variable) << QString::fromLatin1(value)
+                                << QStringList{service, openAI, keychain, null};
+        };
+        const char *svc = "https://quillvox.app", *oai = "https://api.openai.com",
+                   *kc = "com.vantor.quillvox";
+        row("trailing slashes dropped", "QUILLVOX_OPENAI_ORIGIN", "http://localhost:9/v//", svc,
+            "http://localhost:9/v", kc, "");
+        row("not a URL falls back", "QUILLVOX_SERVICE_ORIGIN", "not a url", svc, oai, kc, "");
+        row("keychain service", "QUILLVOX_KEYCHAIN_SERVICE", "demo", svc, oai, "demo", "");
+        row("null output", "QUILLVOX_AUDIO_OUTPUT", "null", svc, oai, kc, "null");
+        row("unknown output", "QUILLVOX_AUDIO_OUTPUT", "alsa", svc, oai, kc, "");
     }
 
     void overrides()
     {
         QFETCH(QString, name);
         QFETCH(QString, value);
-        QFETCH(QString, serviceOrigin);
-        QFETCH(QString, openAIOrigin);
-        QFETCH(QString, keychainService);
-        QFETCH(bool, nullOutput);
-
         QProcessEnvironment env;
         env.insert(name, value);
         const DeploymentConfig c = DeploymentConfig::fromEnvironment(env);
-        QCOMPARE(c.serviceOrigin.toString(), serviceOrigin);
-        QCOMPARE(c.openAIOrigin.toString(), openAIOrigin);
-        QCOMPARE(c.keychainService, keychainService);
-        QCOMPARE(c.audioOutput == DeploymentConfig::AudioOutput::Null, nullOutput);
+        QTEST((QStringList{c.serviceOrigin.toString(), c.openAIOrigin.toString(), c.keychainService,
+                           c.audioOutput == DeploymentConfig::AudioOutput::Null ? "null" : ""}),
+              "expected");
+    }
+
+    // Tokens go only over https or to this machine. The OpenAI origin carries the user's own key, chosen
+    // knowingly, and the appcast no token: neither is judged here.
+    void tokenOrigins_data()
+    {
+        QTest::addColumn<QString>("origin");
+        QTest::addColumn<bool>("accepted");
+
+        for (const char *origin :
+             {"https://quillvox.app", "https://192.168.1.10:8443", "http://127.0.0.1:8080",
+              "http://127.255.0.3", "http://LocalHost:9", "http://[::1]:8080"})
+            QTest::newRow(origin) << QString::fromLatin1(origin) << true;
+        for (const char *origin :
+             {"http://192.168.1.10:8080", "http://quillvox.app", "http://127.0.0.1.example.com",
+              "http://localhost.example.com", "http://128.0.0.1", "http://127.0.0.256", "ftp://127.0.0.1"})
+            QTest::newRow(origin) << QString::fromLatin1(origin) << false;
+    }
+
+    void tokenOrigins()
+    {
+        QFETCH(QString, origin);
+        QFETCH(bool, accepted);
+        QCOMPARE(DeploymentConfig::carriesTokensSafely(QUrl(origin)), accepted);
+
+        for (const QString name : {"QUILLVOX_SERVICE_ORIGIN", "QUILLVOX_AUTH_ORIGIN",
+                                   "QUILLVOX_OPENAI_ORIGIN", "QUILLVOX_APPCAST_URL"}) {
+            QProcessEnvironment env;
+            env.insert(name, origin);
+            const QStringList refusals = DeploymentConfig::fromEnvironment(env).refusals;
+            if (accepted || name == u"QUILLVOX_OPENAI_ORIGIN" || name == u"QUILLVOX_APPCAST_URL") {
+                QVERIFY2(refusals.isEmpty(), qPrintable(refusals.join(u'\n')));
+            } else {
+                QCOMPARE(refusals.size(), 1);
+                QVERIFY2(refusals.first().startsWith(name + " is " + QUrl(origin).toString()),
+                         qPrintable(refusals.first()));
+            }
+        }
     }
 };
 

@@ -33,9 +33,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QStringList>("sentences");
-        QTest::newRow("abbreviation and decimal number")
-            << QStringLiteral("Dr. Smith paid 3.5 euros, e.g. Tuesday. He left.")
-            << QStringList{"Dr. Smith paid 3.5 euros, e.g. Tuesday.", "He left."};
         QTest::newRow("initials") << QStringLiteral("J. R. Tolkien wrote. Yes!")
                                   << QStringList{"J. R. Tolkien wrote.", "Yes!"};
         QTest::newRow("emoji and combining marks")
@@ -49,13 +46,12 @@ private Q_SLOTS:
     void sentences()
     {
         QFETCH(QString, text);
-        QFETCH(QStringList, sentences);
         FollowAlong follow;
         follow.start(text, {});
         QStringList found;
         for (qsizetype i = 0; i < follow.count(); ++i)
             found << follow.sentenceAt(i).text;
-        QCOMPARE(found, sentences);
+        QTEST(found, "sentences");
     }
 
     // Where each sentence starts, in frames, after the events. Characters are user-perceived ones.
@@ -87,8 +83,8 @@ private Q_SLOTS:
         QTest::newRow("a piece that never came") << two << 14 << QStringList{"received 26000", "finish"}
                                                  << QList<qint64>{0, 14000, kNever, kNever};
         QTest::newRow("abbreviation and decimal number")
-            << QStringLiteral("Dr. Smith paid 3.5 euros. He left.") << 4096
-            << QStringList{"received 34000", "finish"} << QList<qint64>{0, 26000};
+            << QStringLiteral("Dr. Smith paid 3.5 euros, e.g. Tuesday. He left.") << 4096
+            << QStringList{"received 48000", "finish"} << QList<qint64>{0, 40000};
         QTest::newRow("emoji and combining marks")
             << QStringLiteral("Zoe\u0301 waved \U0001F44B\U0001F3FD. Then she left.") << 4096
             << QStringList{"received 27000", "finish"} << QList<qint64>{0, 13000};
@@ -104,14 +100,13 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QFETCH(int, pieceLimit);
         QFETCH(QStringList, events);
-        QFETCH(QList<qint64>, starts);
         FollowAlong follow;
         follow.start(text, TextPieces::splitRanges(text, pieceLimit));
         apply(follow, events);
         QList<qint64> placed;
         for (qsizetype i = 0; i < follow.count(); ++i)
             placed << (follow.startFrame(i) == FollowAlong::kNever ? kNever : follow.startFrame(i));
-        QCOMPARE(placed, starts);
+        QTEST(placed, "starts");
     }
 
     // The sentence follows the position wherever it jumps, announcing only changes; a sentence that is

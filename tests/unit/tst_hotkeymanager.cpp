@@ -51,11 +51,6 @@ constexpr quint32 kRightAlt = 108;
 constexpr quint32 kPlayPause = 172;
 constexpr quint32 kCapsLock = 66;
 
-QKeyEvent keyPress(quint32 scanCode, int qtKey, Qt::KeyboardModifiers modifiers)
-{
-    return QKeyEvent(QEvent::KeyPress, qtKey, modifiers, scanCode, 0, 0);
-}
-
 // The positional keys of the defaults, as the backend sees them.
 NativeHotKey native(quint32 evdev, quint32 modifiers = kCtrlAlt)
 {
@@ -331,8 +326,6 @@ private Q_SLOTS:
             "hotkeyKeyCode", "12", "1048576");
         row("narration code naming no key becomes S with the stored modifiers",
             "hotkeyKeyCode=52\nhotkeyModifiers=262144\n", 0, "⌃S", "hotkeyKeyCode", "1", "262144");
-        row("narration modifiers not a number: both default", "hotkeyKeyCode=12\nhotkeyModifiers=abc\n", -1,
-            "", "hotkeyKeyCode", "1", "1572864");
         row("narration key -1: both default", "hotkeyKeyCode=-1\nhotkeyModifiers=262144\n", -1, "",
             "hotkeyKeyCode", "1", "1572864");
         row("stop code naming no key keeps its own modifiers", "stopKeyCode=52\nstopModifiers=262144\n", 2,
@@ -341,25 +334,18 @@ private Q_SLOTS:
             "12", "131072");
         row("play/pause key without modifiers keeps the key", "playPauseKeyCode=0\n", 1, "⌥⌘A",
             "playPauseKeyCode", "0", "1572864");
-        row("play/pause modifiers negative fall back alone", "playPauseKeyCode=0\nplayPauseModifiers=-5\n", 1,
-            "⌥⌘A", "playPauseKeyCode", "0", "1572864");
         row("cycle speed modifiers with foreign bits kept", "cycleSpeedModifiers=1900544\n", 5, "⌃⌥⌘T",
             "cycleSpeedKeyCode", "17", "1900544");
-        row("skip forward beyond the key range falls back", "skipForwardKeyCode=127\n", -1, "",
-            "skipForwardKeyCode", "15", "1572864");
     }
 
     void loading()
     {
         QFETCH(QByteArray, stored);
-        QFETCH(QStringList, parts);
         QFETCH(QString, keyCodeKey);
-        QFETCH(QString, writtenKeyCode);
-        QFETCH(QString, writtenModifiers);
 
         useDefaults(stored);
         m_manager = makeManager();
-        QCOMPARE(allParts(*m_manager), parts);
+        QTEST(allParts(*m_manager), "parts");
         for (int b = 0; b < HotkeyManager::kBindingCount; ++b)
             QVERIFY(m_manager->isRegistered(HotkeyManager::Binding(b)));
         QCOMPARE(m_backend->grabbed().size(), 6);
@@ -367,10 +353,10 @@ private Q_SLOTS:
         m_defaults->sync();
         QSettings raw(m_path, QSettings::IniFormat);
         QCOMPARE(raw.allKeys().size(), 12);
-        QCOMPARE(raw.value(keyCodeKey).toString(), writtenKeyCode);
+        QTEST(raw.value(keyCodeKey).toString(), "writtenKeyCode");
         QString modifiersKey = keyCodeKey;
         modifiersKey.replace(u"KeyCode"_qs, u"Modifiers"_qs);
-        QCOMPARE(raw.value(modifiersKey).toString(), writtenModifiers);
+        QTEST(raw.value(modifiersKey).toString(), "writtenModifiers");
     }
 
     void shortcutParts()
@@ -559,7 +545,7 @@ private Q_SLOTS:
         QCOMPARE(m_manager->displayLabel(), QStringLiteral("Ctrl+Alt+S"));
     }
 
-    // The control a settings row records a new combination with.
+    // The control a settings row records a new combination with (Escape and a letter alone: recorder()).
     void interpretKeyPress()
     {
         struct Row
@@ -573,8 +559,6 @@ private Q_SLOTS:
         };
         const Qt::KeyboardModifiers none, ctrl = Qt::ControlModifier;
         const Row rows[] = {
-            {kEscape, Qt::Key_Escape, none, Kind::Cancel},
-            {kKeyA, Qt::Key_A, none, Kind::Ignore}, // a letter alone keeps waiting
             {kKeyA, Qt::Key_A, Qt::ShiftModifier, Kind::Record, 0, 0x20000},
             {kKeyQ, Qt::Key_Q, Qt::MetaModifier, Kind::Record, 12, 0x40000}, // Super is Control
             // The key by position, not by layout: AZERTY's A on the Q key.
@@ -592,110 +576,55 @@ private Q_SLOTS:
         }
     }
 
-    void recordingTakesFocusAndRecordsOnce()
+    // The row's control as the settings window uses it, through the QML module: it takes the focus and
+    // every key while recording, records one combination, and is idle again; Escape only ends it.
+    void recorder()
     {
         QVERIFY(showWindow());
-        ShortcutRecorderItem item(m_window->contentItem());
-        QSignalSpy recorded(&item, &ShortcutRecorderItem::shortcutRecorded);
-        QVERIFY(!item.hasActiveFocus());
-
-        item.setRecording(true);
-        QTRY_VERIFY(item.hasActiveFocus());
-
-        QKeyEvent letter = keyPress(kKeyA, Qt::Key_A, {});
-        QCoreApplication::sendEvent(m_window.get(), &letter);
-        QVERIFY(letter.isAccepted());
-        QVERIFY(item.recording());
-        QCOMPARE(recorded.count(), 0);
-
-        QKeyEvent override(QEvent::ShortcutOverride, Qt::Key_S, Qt::ControlModifier | Qt::AltModifier, kKeyS,
-                           0, 0);
-        override.ignore();
-        QCoreApplication::sendEvent(m_window.get(), &override);
-        QVERIFY(override.isAccepted());
-
-        QKeyEvent combination = keyPress(kKeyS, Qt::Key_S, Qt::ControlModifier | Qt::AltModifier);
-        QCoreApplication::sendEvent(m_window.get(), &combination);
-        QCOMPARE(recorded.count(), 1);
-        QCOMPARE(recorded.at(0).at(0).value<quint32>(), 1u);
-        QCOMPARE(recorded.at(0).at(1).value<quint64>(), quint64(0x180000));
-        QVERIFY(!item.recording());
-
-        // Idle again: keys are no longer taken.
-        QKeyEvent after = keyPress(kKeyQ, Qt::Key_Q, Qt::ControlModifier);
-        QCoreApplication::sendEvent(m_window.get(), &after);
-        QVERIFY(!after.isAccepted());
-        QCOMPARE(recorded.count(), 1);
-
-        // Escape ends recording by itself, whoever listens.
-        QSignalSpy cancelled(&item, &ShortcutRecorderItem::cancel);
-        item.setRecording(true);
-        QKeyEvent escape = keyPress(kEscape, Qt::Key_Escape, {});
-        QCoreApplication::sendEvent(m_window.get(), &escape);
-        QCOMPARE(cancelled.count(), 1);
-        QVERIFY(!item.recording());
-        QCOMPARE(recorded.count(), 1);
-    }
-
-    void qmlRecorder_data()
-    {
-        QTest::addColumn<quint32>("scanCode");
-        QTest::addColumn<int>("qtKey");
-        QTest::addColumn<Qt::KeyboardModifiers>("modifiers");
-        QTest::addColumn<QVariantList>("recorded");
-
-        QTest::newRow("combination") << kKeyQ << int(Qt::Key_Q) << (Qt::ControlModifier | Qt::ShiftModifier)
-                                     << QVariantList{12, 0x120000};
-        QTest::newRow("escape") << kEscape << int(Qt::Key_Escape) << Qt::KeyboardModifiers()
-                                << QVariantList{};
-    }
-
-    // The row's control as the settings window uses it, through the QML module.
-    void qmlRecorder()
-    {
-        QVERIFY(showWindow());
-        QFETCH(quint32, scanCode);
-        QFETCH(int, qtKey);
-        QFETCH(Qt::KeyboardModifiers, modifiers);
-        QFETCH(QVariantList, recorded);
-
         QQmlEngine engine;
         // Where qt_add_qml_module puts the module's files; Qt 6.4 does not look there by itself.
         engine.addImportPath(QStringLiteral("qrc:/qt/qml"));
         QQmlComponent component(&engine);
-        component.setData(R"(
-            import QtQuick
-            import Quillvox.Shortcuts
-            ShortcutRecorder {
-                property var got: []
-                property int finishedCount: 0
-                label: "Ctrl+Alt+S"
-                onRecorded: (key, modifiers) => got = [key, modifiers]
-                onFinished: { finishedCount += 1; isRecording = false }
-            })",
+        component.setData("import Quillvox.Shortcuts\nShortcutRecorder { property var got: []; property int "
+                          "finishedCount: 0\n onRecorded: (key, modifiers) => got = [key, modifiers]\n "
+                          "onFinished: { finishedCount += 1; isRecording = false } }",
                           QUrl());
         std::unique_ptr<QObject> object(component.create());
         QVERIFY2(object, qPrintable(component.errorString()));
         auto *root = qobject_cast<QQuickItem *>(object.get());
         root->setParentItem(m_window->contentItem());
-        root->setProperty("isRecording", true);
         auto *item = root->findChild<ShortcutRecorderItem *>();
-        QVERIFY(item);
+        QVERIFY(item && !item->hasActiveFocus());
+        const auto send = [&](QEvent::Type type, quint32 scanCode, int qtKey,
+                              Qt::KeyboardModifiers modifiers) {
+            QKeyEvent event(type, qtKey, modifiers, scanCode, 0, 0);
+            event.ignore();
+            QCoreApplication::sendEvent(m_window.get(), &event);
+            return event.isAccepted();
+        };
+        const Qt::KeyboardModifiers ctrlAlt = Qt::ControlModifier | Qt::AltModifier;
+
+        root->setProperty("isRecording", true);
         QTRY_VERIFY(item->hasActiveFocus());
-
-        QKeyEvent press = keyPress(scanCode, qtKey, modifiers);
-        QCoreApplication::sendEvent(m_window.get(), &press);
-
+        QVERIFY(send(QEvent::KeyPress, kKeyA, Qt::Key_A, {})); // a letter alone: taken, still waiting
+        QVERIFY(item->recording());
+        QVERIFY(send(QEvent::ShortcutOverride, kKeyS, Qt::Key_S, ctrlAlt));
+        QVERIFY(send(QEvent::KeyPress, kKeyS, Qt::Key_S, ctrlAlt));
         QCOMPARE(root->property("finishedCount").toInt(), 1);
-        QCOMPARE(root->property("isRecording").toBool(), false);
+        QVERIFY(!item->recording());
         const QVariantList got = root->property("got").toList();
-        QCOMPARE(got.size(), recorded.size());
-        for (qsizetype i = 0; i < got.size(); ++i)
-            QCOMPARE(got.at(i).toULongLong(), recorded.at(i).toULongLong());
+        QCOMPARE(got.size(), 2);
+        QCOMPARE(got[0].toUInt(), 1u);
+        QCOMPARE(got[1].toULongLong(), kCommandOption);
+        QVERIFY(!send(QEvent::KeyPress, kKeyQ, Qt::Key_Q, Qt::ControlModifier)); // idle: keys pass on
 
-        // The row starts recording again later: the item follows.
+        root->setProperty("got", QVariantList());
         root->setProperty("isRecording", true);
         QVERIFY(item->recording());
+        QVERIFY(send(QEvent::KeyPress, kEscape, Qt::Key_Escape, {}));
+        QCOMPARE(root->property("finishedCount").toInt(), 2);
+        QVERIFY(!item->recording());
+        QVERIFY(root->property("got").toList().isEmpty());
     }
 
     // Through the desktop portal.

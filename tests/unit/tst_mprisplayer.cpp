@@ -44,30 +44,18 @@ class TestMprisPlayer : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void playbackStatus_data()
-    {
-        QTest::addColumn<bool>("isProcessing");
-        QTest::addColumn<bool>("isPlaying");
-        QTest::addColumn<bool>("hasContent");
-        QTest::addColumn<bool>("atEnd");
-        QTest::addColumn<QString>("status");
-
-        QTest::newRow("nothing loaded") << false << false << false << false << "Stopped";
-        QTest::newRow("generating") << true << false << true << false << "Playing";
-        QTest::newRow("generating, asking the service") << true << false << false << false << "Playing";
-        QTest::newRow("playing") << false << true << true << false << "Playing";
-        QTest::newRow("paused") << false << false << true << false << "Paused";
-        QTest::newRow("played to the end") << false << false << true << true << "Stopped";
-    }
-
+    // Processing, playing, content, at the end: the status media controls show.
     void playbackStatus()
     {
-        QFETCH(bool, isProcessing);
-        QFETCH(bool, isPlaying);
-        QFETCH(bool, hasContent);
-        QFETCH(bool, atEnd);
-        QFETCH(QString, status);
-        QCOMPARE(MprisPlayer::playbackStatus(isProcessing, isPlaying, hasContent, atEnd), status);
+        const std::tuple<bool, bool, bool, bool, const char *> rows[] = {
+            {false, false, false, false, "Stopped"}, // nothing loaded
+            {true, false, true, false, "Playing"},   // generating
+            {true, false, false, false, "Playing"},  // generating, asking the service
+            {false, true, true, false, "Playing"},   {false, false, true, false, "Paused"},
+            {false, false, true, true, "Stopped"}}; // played to the end
+        for (const auto &[processing, playing, content, atEnd, status] : rows)
+            QCOMPARE(MprisPlayer::playbackStatus(processing, playing, content, atEnd),
+                     QString::fromLatin1(status));
     }
 
     // Each narration, replay and voice sample is a track of its own, named by its text and by the voice

@@ -104,76 +104,54 @@ private Q_SLOTS:
             QCOMPARE(actual, expected);
     }
 
-    // Automatic checks against a feed that cannot answer: whether a check starts shows in the time of
-    // the last check.
-    void automaticChecksAtMostDaily_data()
+    // Automatic checks against a feed that cannot answer: whether one is due now shows in the time of the
+    // last check. One wake-up is armed at a time, when the next check falls due, and the next a day later.
+    void automaticChecks_data()
     {
         QTest::addColumn<bool>("enabled");
         QTest::addColumn<int>("lastCheckHoursAgo"); // -1: never; negative hours: in the future
-        QTest::addColumn<bool>("checks");
-        QTest::newRow("never checked") << true << -1 << true;
-        QTest::newRow("23 hours ago") << true << 23 << false;
-        QTest::newRow("24 hours ago") << true << 24 << true;
-        QTest::newRow("clock set back") << true << -5 << true;
-        QTest::newRow("switched off") << false << -1 << false;
-    }
-
-    void automaticChecksAtMostDaily()
-    {
-        QFETCH(bool, enabled);
-        QFETCH(int, lastCheckHoursAgo);
-        QFETCH(bool, checks);
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath("settings.conf"));
-        ManualClock clock;
-        const QDateTime before =
-            clock.now().addSecs(lastCheckHoursAgo == -1 ? 0 : -3600LL * lastCheckHoursAgo);
-        if (lastCheckHoursAgo != -1)
-            defaults.setDate(QString::fromLatin1(UpdateChecker::kLastCheckKey), before);
-        UpdateChecker checker({&defaults, nullptr, &clock, QUrl("http://updates.example/feed"), "1.0"});
-        checker.setAutomaticChecks(enabled);
-        QSignalSpy found(&checker, &UpdateChecker::updateFound);
-        QSignalSpy finished(&checker, &UpdateChecker::finished);
-        checker.checkAutomaticallyIfDue();
-        const auto last = defaults.date(QString::fromLatin1(UpdateChecker::kLastCheckKey));
-        QCOMPARE(last == clock.now(), checks);
-        // A plain http feed away from this machine is refused, and an automatic check never says so.
-        QCOMPARE(found.size() + finished.size(), 0);
-    }
-
-    // One wake-up armed at a time, when the next check falls due, and the one after it a day later.
-    void automaticCheckArmedWhenDue_data()
-    {
-        QTest::addColumn<bool>("enabled");
-        QTest::addColumn<int>("lastCheckHoursAgo"); // -1: never; negative hours: in the future
+        QTest::addColumn<bool>("due");
         QTest::addColumn<std::chrono::milliseconds>("firstWait");
-        QTest::newRow("never checked") << true << -1 << std::chrono::milliseconds(10s);
-        QTest::newRow("23 hours ago") << true << 23 << std::chrono::milliseconds(1h);
-        QTest::newRow("30 hours ago") << true << 30 << std::chrono::milliseconds(10s);
-        QTest::newRow("clock set back") << true << -5 << std::chrono::milliseconds(10s);
-        QTest::newRow("switched off") << false << 2 << std::chrono::milliseconds(24h);
+        using ms = std::chrono::milliseconds;
+        QTest::newRow("never checked") << true << -1 << true << ms(10s);
+        QTest::newRow("23 hours ago") << true << 23 << false << ms(1h);
+        QTest::newRow("24 hours ago") << true << 24 << true << ms(10s);
+        QTest::newRow("30 hours ago") << true << 30 << true << ms(10s);
+        QTest::newRow("clock set back") << true << -5 << true << ms(10s);
+        QTest::newRow("switched off") << false << 2 << false << ms(24h);
     }
 
-    void automaticCheckArmedWhenDue()
+    void automaticChecks()
     {
         QFETCH(bool, enabled);
         QFETCH(int, lastCheckHoursAgo);
         QFETCH(std::chrono::milliseconds, firstWait);
-        QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath("settings.conf"));
-        ManualClock clock;
         const QString lastKey = QString::fromLatin1(UpdateChecker::kLastCheckKey);
-        if (lastCheckHoursAgo != -1)
-            defaults.setDate(lastKey, clock.now().addSecs(-3600LL * lastCheckHoursAgo));
-        UpdateChecker checker({&defaults, nullptr, &clock, QUrl("http://updates.example/feed"), "1.0"});
-        checker.setAutomaticChecks(enabled);
-        checker.scheduleAutomaticChecks(10s);
-        QCOMPARE(clock.delays(), QList<std::chrono::milliseconds>{firstWait});
-        clock.advance(firstWait);
-        QCOMPARE(defaults.date(lastKey) == clock.now(), enabled);
-        QCOMPARE(clock.delays().size(), 2);
-        QCOMPARE(clock.delays().last(), std::chrono::milliseconds(24h));
-        QCOMPARE(clock.pendingCalls(), 1);
+        for (const bool scheduled : {false, true}) {
+            QTemporaryDir dir;
+            UserDefaults defaults(dir.filePath("settings.conf"));
+            ManualClock clock;
+            if (lastCheckHoursAgo != -1)
+                defaults.setDate(lastKey, clock.now().addSecs(-3600LL * lastCheckHoursAgo));
+            UpdateChecker checker({&defaults, nullptr, &clock, QUrl("http://updates.example/feed"), "1.0"});
+            checker.setAutomaticChecks(enabled);
+            QSignalSpy found(&checker, &UpdateChecker::updateFound);
+            QSignalSpy finished(&checker, &UpdateChecker::finished);
+            if (!scheduled) {
+                checker.checkAutomaticallyIfDue();
+                QTEST(defaults.date(lastKey) == clock.now(), "due");
+                // A plain http feed away from this machine is refused, and an automatic check never says so.
+                QCOMPARE(found.size() + finished.size(), 0);
+                continue;
+            }
+            checker.scheduleAutomaticChecks(10s);
+            QCOMPARE(clock.delays(), QList<std::chrono::milliseconds>{firstWait});
+            clock.advance(firstWait);
+            QCOMPARE(defaults.date(lastKey) == clock.now(), enabled);
+            QCOMPARE(clock.delays().size(), 2);
+            QCOMPARE(clock.delays().last(), std::chrono::milliseconds(24h));
+            QCOMPARE(clock.pendingCalls(), 1);
+        }
     }
 };
 
