@@ -5,13 +5,12 @@
 // pressed on the compositor's keyboard, the clipboard when nothing is highlighted, and a key bound
 // through the extension reaches its action and no other. GNOME Shell runs nested in the rig's X server:
 // headless, its seat has no keyboard, so no Wayland client could take the selection or a key press.
+#include "AppUnderTest.h"
 #include "DevServer.h"
 #include "StatusNotifierWatcher.h"
-#include "X11Desktop.h"
 #include "keyring/KeyringFixture.h"
 
 #include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
 #include "platform/gnome/GnomeShellExtension.h"
 #include "platform/gnome/GnomeShellShortcuts.h"
 
@@ -54,7 +53,7 @@ class TestGnomeShellSession : public QObject
     DevServer m_server;
     ChildProcess m_systemBus;
     ChildProcess m_shell;
-    ChildProcess m_app;
+    AppUnderTest m_app{AppUnderTest::Accessibility::Off};
     ChildProcess m_editor;
     // A tray host, as GNOME's AppIndicator extension runs one: Quillvox must not use it beside our menu.
     std::unique_ptr<StatusNotifierWatcher> m_trayHost;
@@ -129,37 +128,17 @@ class TestGnomeShellSession : public QObject
         return settled;
     }
 
-    // Of the nested shell, the pointer out of the way.
-    void screenshot(const QString &name)
-    {
-        xdotool({"mousemove", "--window", m_shellWindow, "640", "700"});
-        const QString path = QDir::tempPath() + QStringLiteral("/qv-gnome-%1.png").arg(name);
-        runProgram(QStringLiteral("import"), {"-window", m_shellWindow, path});
-        qInfo("screenshot: %s", qPrintable(path));
-    }
-
     // Quillvox on the GNOME session, natively or on GNOME's XWayland as it chooses there.
     void startApp(bool native)
     {
-        QProcessEnvironment env = m_wayland;
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
+        m_app.env = m_server.appEnvironment(m_wayland);
+        m_app.env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         if (!native) {
-            env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-            env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
-            env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
+            m_app.env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+            m_app.env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
+            m_app.env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
         }
-        m_app.process.setProcessEnvironment(env);
-        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QVERIFY(m_app.process.waitForStarted());
-        // Asked for its status, not to narrate: the menu's test wants it idle.
-        QTRY_VERIFY_WITH_TIMEOUT(runQuillvox({"--status"}) == 0, 20000);
-    }
-    void quitApp()
-    {
-        m_app.process.terminate();
-        QVERIFY(m_app.process.waitForFinished(10000));
+        QVERIFY(m_app.start());
     }
 
     // wl-copy on the GNOME session. It takes the selection once its window has the keyboard, and the
@@ -175,15 +154,7 @@ class TestGnomeShellSession : public QObject
         return copy.state() == QProcess::NotRunning ? copy.exitCode() : -1;
     }
 
-    // `quillvox` with these arguments on the GNOME session; its exit code.
-    int runQuillvox(const QStringList &arguments)
-    {
-        QProcess client;
-        client.setProcessEnvironment(m_wayland);
-        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
-        return client.waitForFinished(15000) ? client.exitCode() : -1;
-    }
-    int narrateSelection() { return runQuillvox({QStringLiteral("--narrate-selection")}); }
+    int runQuillvox(const QStringList &arguments) { return m_app.run(arguments).exitCode; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -258,9 +229,7 @@ private Q_SLOTS:
 
         QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().setBoolean(QStringLiteral("showWidgetWithOwnKey"), true);
-        UserDefaults::standard().sync();
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}, {"showWidgetWithOwnKey", true}});
 
         // A native Wayland client of GNOME's session, with no X11 to fall back on.
         m_wayland = m_bus->environment();
@@ -302,7 +271,7 @@ private Q_SLOTS:
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        QCOMPARE(narrateSelection(), 0);
+        QCOMPARE(runQuillvox({QStringLiteral("--narrate-selection")}), 0);
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
@@ -348,8 +317,7 @@ private Q_SLOTS:
     void widgetAboveTheEditor()
     {
         QFETCH(bool, native);
-        if (m_app.process.state() != QProcess::NotRunning)
-            quitApp();
+        QVERIFY(m_app.stop());
         QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
         // The user clicks into the editor.
         xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow, "400", "500",
@@ -376,7 +344,6 @@ private Q_SLOTS:
 
         QVERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), windows());
         QTRY_VERIFY(!indicator()[u"rect"][u"width"].isUndefined());
-        screenshot(native ? QStringLiteral("native") : QStringLiteral("xwayland"));
         m_editor.process.readAllStandardOutput();
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "x"});
         QByteArray typed;
@@ -393,7 +360,6 @@ private Q_SLOTS:
                                               "Settings...|-|Quit Quillvox"));
         clickAt(indicator()[u"rect"].toObject());
         QTRY_VERIFY(indicator()[u"open"].toBool());
-        screenshot(QStringLiteral("menu"));
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
         QTRY_VERIFY(!indicator()[u"open"].toBool());
 
@@ -406,7 +372,6 @@ private Q_SLOTS:
                                   QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
         QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"
                                               "About Quillvox|-|Settings...|-|Quit Quillvox"));
-        screenshot(QStringLiteral("playing"));
         QCOMPARE(runQuillvox({"--stop"}), 0);
         QTRY_COMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
     }
@@ -426,7 +391,7 @@ private Q_SLOTS:
     void quitsFromTheMenu()
     {
         QVERIFY(chooseFromMenu(QStringLiteral("Quit Quillvox")));
-        QVERIFY(m_app.process.waitForFinished(10000));
+        QVERIFY(m_app.process().waitForFinished(10000));
         QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
     }
 
@@ -453,8 +418,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        m_app.process.terminate();
-        m_app.process.waitForFinished(5000);
+        m_app.stop();
         m_editor.process.terminate();
         m_editor.process.waitForFinished(5000);
         // runuser hands SIGTERM on to its program and waits for it; killed, it would leave the program
