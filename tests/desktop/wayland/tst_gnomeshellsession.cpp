@@ -252,42 +252,35 @@ private Q_SLOTS:
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
     void narratesTheHighlight_data()
     {
+        QTest::addColumn<bool>("shortcut"); // else `quillvox --narrate-selection`
         QTest::addColumn<QString>("highlighted");
-        QTest::addColumn<QString>("copied");
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
-        QTest::newRow("highlighted") << text << "Copied before." << text;
-        QTest::newRow("nothing highlighted") << ""
-                                             << "Copied before."
+        QTest::newRow("highlighted") << false << text << text;
+        QTest::newRow("nothing highlighted") << false << ""
                                              << "Copied before.";
+        // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
+        // pressed on the compositor's keyboard.
+        QTest::newRow("by the shortcut") << true << "Narrated by its shortcut on GNOME."
+                                         << "Narrated by its shortcut on GNOME.";
     }
     void narratesTheHighlight()
     {
+        QFETCH(bool, shortcut);
         QFETCH(QString, highlighted);
-        QFETCH(QString, copied);
         QFETCH(QString, expected);
-        QCOMPARE(wlCopy({copied}), 0);
+        QCOMPARE(wlCopy({"Copied before."}), 0);
         QCOMPARE(wlCopy(highlighted.isEmpty() ? QStringList{"--primary", "--clear"}
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        QCOMPARE(runQuillvox({QStringLiteral("--narrate-selection")}), 0);
+        if (shortcut)
+            xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
+        else
+            QCOMPARE(runQuillvox({QStringLiteral("--narrate-selection")}), 0);
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
-    }
-
-    // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
-    // pressed on the compositor's keyboard: the highlight is narrated.
-    void shortcutNarratesTheHighlight()
-    {
-        const QString text = QStringLiteral("Narrated by its shortcut on GNOME.");
-        QCOMPARE(wlCopy({"--primary", text}), 0);
-        const qsizetype before = m_server.requests().size();
-        xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
-        const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
-        QCOMPARE(log.size(), before + 1);
-        QCOMPARE(DevServer::input(log.last()), text);
     }
 
     // GNOME keeps the selection from programs that are not focused; the extension keeps it for Quillvox.

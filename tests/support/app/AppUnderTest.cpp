@@ -87,9 +87,15 @@ bool AppUnderTest::start(const QStringList &arguments)
     if (m_accessible && !startAccessibilityBus(m_accessibilityBus))
         return false;
     launch(arguments);
-    if (QTest::qWaitFor([this] { return !isRunning() || !status().isEmpty(); }, 20000) && isRunning())
+    Run asked;
+    const auto answers = [&] {
+        asked = run({QStringLiteral("--status")});
+        return !isRunning() || asked.exitCode == 0;
+    };
+    if (QTest::qWaitFor(answers, 45000) && isRunning())
         return true;
-    qWarning().noquote() << m_program << "did not answer --status:\n" << output();
+    qWarning().noquote() << m_program << "did not answer --status (" << asked.exitCode << asked.err << "):\n"
+                         << output();
     return false;
 }
 
