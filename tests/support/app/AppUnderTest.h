@@ -14,7 +14,8 @@ class DevServer;
 
 // Quillvox as a desktop test runs it: this build's binary (or an installed one) in the test's profile,
 // its traffic at a dev server, its controls found on the accessibility bus as a screen reader finds them.
-// It is stopped when the object goes, and its output is shown when the case failed.
+// It is stopped when the object goes, and shows its output if that happens in a failed case (output()
+// gives it any time).
 //
 //     AppUnderTest app;
 //     app.useServer(server);
