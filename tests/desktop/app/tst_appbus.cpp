@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The running app over the rig's session bus, as launchers, media keys and playerctl reach it: callback
 // URLs through org.freedesktop.Application.Open, actions, Activate, MPRIS, and a second profile.
+#include "AppUnderTest.h"
 #include "DevServer.h"
-#include "PulseServer.h"
-#include "X11Desktop.h"
 
 #include "app/SingleInstance.h"
 
@@ -12,9 +11,6 @@
 #include <QDBusMessage>
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
-#include <QProcess>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
@@ -23,16 +19,6 @@ namespace {
 
 const QString kSentence =
     QStringLiteral("Media keys drive this narration while it plays its tone to the end.");
-
-QByteArray run(const QString &program, const QStringList &arguments, const QProcessEnvironment &env = {})
-{
-    QProcess process;
-    if (!env.isEmpty())
-        process.setProcessEnvironment(env);
-    process.start(program, arguments);
-    process.waitForFinished(15000);
-    return process.readAllStandardOutput().trimmed();
-}
 
 // Every command line on the machine that holds `secret`.
 QStringList commandLinesHolding(const QByteArray &secret)
@@ -54,17 +40,8 @@ class TestAppBus : public QObject
     Q_OBJECT
 
     DevServer m_server;
-    QProcess m_app;
-    QProcessEnvironment m_env = QProcessEnvironment::systemEnvironment();
-    QString m_name;
-    ChildProcess m_accessibility;
-
-    QJsonObject status() const
-    {
-        return QJsonDocument::fromJson(
-                   run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--status")}, m_env))
-            .object();
-    }
+    AppUnderTest m_app;
+    QString m_name = SingleInstance::busName();
 
     QDBusMessage applicationCall(const QString &method) const
     {
@@ -74,8 +51,7 @@ class TestAppBus : public QObject
 
     QByteArray playerctl(const QStringList &arguments) const
     {
-        return run(QStringLiteral("playerctl"),
-                   QStringList{QStringLiteral("-p"), QStringLiteral("quillvox")} + arguments);
+        return runProgram(QStringLiteral("playerctl"), QStringList{"-p", "quillvox"} + arguments).trimmed();
     }
 
 private Q_SLOTS:
@@ -85,27 +61,12 @@ private Q_SLOTS:
             QSKIP("playerctl is not installed");
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
-        QVERIFY(startAccessibilityBus(m_accessibility));
-        m_env = m_server.appEnvironment(m_env);
-        m_env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
-        m_name = SingleInstance::busName();
+        m_app.useServer(m_server);
+        m_app.env.remove(QStringLiteral("QUILLVOX_AUDIO_OUTPUT")); // the rig's sound server
         // Normal operation, not the first run.
-        QSettings(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
-                      QStringLiteral("/Quillvox/Quillvox.conf"),
-                  QSettings::IniFormat)
-            .setValue(QStringLiteral("hasCompletedOnboarding"), true);
-        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), m_env), QString());
-
-        m_app.setProcessEnvironment(m_env);
-        dieWithTheTest(m_app);
-        m_app.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QTRY_VERIFY_WITH_TIMEOUT(!status().isEmpty(), 15000);
-    }
-
-    void cleanupTestCase()
-    {
-        m_app.terminate();
-        m_app.waitForFinished(5000);
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
+        QCOMPARE(m_app.storeKey(), QString());
+        QVERIFY(m_app.start());
     }
 
     // The token crosses the bus in a message, never a command line that other users can read.
@@ -124,11 +85,7 @@ private Q_SLOTS:
         QStringList leaked;
         const auto signedIn = [&] {
             leaked += commandLinesHolding(token);
-            return status()
-                       .value(QStringLiteral("auth"))
-                       .toObject()
-                       .value(QStringLiteral("state"))
-                       .toString() == u"signedIn";
+            return m_app.status()[u"auth"][u"state"].toString() == u"signedIn";
         };
         QTRY_VERIFY_WITH_TIMEOUT(signedIn(), 15000);
         QCOMPARE(leaked, QStringList());
@@ -144,8 +101,7 @@ private Q_SLOTS:
                                                    QStringLiteral("--follow"), QStringLiteral("status")});
         QVERIFY(follow.waitForStarted());
         QTRY_VERIFY(follow.canReadLine()); // its first line: the status now
-        QCOMPARE(run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--speak"), kSentence}, m_env),
-                 QByteArray());
+        QCOMPARE(m_app.run({QStringLiteral("--speak"), kSentence}).exitCode, 0);
         QTRY_COMPARE_WITH_TIMEOUT(playerctl({QStringLiteral("status")}), QByteArray("Playing"), 15000);
         QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
                  QByteArray("Media keys drive this narration while it plays its tone to t"));
@@ -173,7 +129,7 @@ private Q_SLOTS:
         stop << QStringLiteral("stop") << QVariantList() << QVariantMap();
         QCOMPARE(QDBusConnection::sessionBus().call(stop).type(), QDBusMessage::ReplyMessage);
         QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
-        QCOMPARE(status().value(QStringLiteral("hasContent")).toBool(), false);
+        QCOMPARE(m_app.status()[u"hasContent"].toBool(), false);
 
         QTest::qWait(300); // the last change reaches the follower
         follow.terminate();
@@ -188,19 +144,16 @@ private Q_SLOTS:
 
         // A replay from the history is a new track with its own title.
         const QString other = QStringLiteral("A second narration, short.");
-        QProcess waiting;
-        waiting.setProcessEnvironment(m_env);
-        waiting.start(QStringLiteral(QUILLVOX_EXECUTABLE),
-                      {QStringLiteral("--speak"), other, QStringLiteral("--wait")});
-        QVERIFY(waiting.waitForFinished(30000));
-        QVERIFY2(waiting.exitCode() == 0, waiting.readAllStandardError().constData());
+        const AppUnderTest::Run waited =
+            m_app.run({QStringLiteral("--speak"), other, QStringLiteral("--wait")});
+        QVERIFY2(waited.exitCode == 0, waited.err.constData());
         QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}), other.toUtf8());
         const QByteArray track = playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")});
         QDBusMessage settings = applicationCall(QStringLiteral("ActivateAction"));
         settings << QStringLiteral("settings") << QVariantList() << QVariantMap();
         QCOMPARE(QDBusConnection::sessionBus().call(settings).type(), QDBusMessage::ReplyMessage);
-        QVERIFY(clickAccessibleControl(QStringLiteral("History")));
-        QVERIFY(clickAccessibleControl(u"Play " + kSentence));
+        QVERIFY(m_app.click(QStringLiteral("History")));
+        QVERIFY(m_app.click(u"Play " + kSentence));
         QTRY_COMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
                      QByteArray("Media keys drive this narration while it plays its tone to t"));
         QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")}) != track);
@@ -211,7 +164,7 @@ private Q_SLOTS:
     // On a terminal the key is asked for and never shown; it is stored as typed, without its line end.
     void setApiKeyOnATerminal()
     {
-        QProcessEnvironment env = m_env;
+        QProcessEnvironment env = m_app.env;
         env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
                    QStringLiteral("com.vantor.quillvox.test.pty"));
         QProcess terminal;
@@ -230,9 +183,8 @@ private Q_SLOTS:
         QVERIFY2(!shown.contains("sk-typed"), shown.constData());
         QVERIFY2(shown.contains("API key saved to the keyring."), shown.constData());
         QCOMPARE(
-            run(QStringLiteral("secret-tool"), {QStringLiteral("lookup"), QStringLiteral("service"),
-                                                env.value(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE")),
-                                                QStringLiteral("account"), QStringLiteral("openai-api-key")}),
+            runProgram(QStringLiteral("secret-tool"),
+                       {"lookup", "service", "com.vantor.quillvox.test.pty", "account", "openai-api-key"}),
             QByteArray("sk-typed-1234"));
     }
 
@@ -241,10 +193,7 @@ private Q_SLOTS:
         QDBusMessage activate = applicationCall(QStringLiteral("Activate"));
         activate << QVariantMap();
         QCOMPARE(QDBusConnection::sessionBus().call(activate).type(), QDBusMessage::ReplyMessage);
-        QVERIFY(!run(QStringLiteral("xdotool"),
-                     {QStringLiteral("search"), QStringLiteral("--sync"), QStringLiteral("--onlyvisible"),
-                      QStringLiteral("--name"), QStringLiteral("^Settings$")})
-                     .isEmpty());
+        QVERIFY(!visibleWindows(QStringLiteral("Settings"), 15000).isEmpty());
     }
 
     // A purchase finished in the browser, with no first-run window open: the balance is asked again and
@@ -253,36 +202,30 @@ private Q_SLOTS:
     {
         QVERIFY(
             !m_server.control(QStringLiteral("/dev/balance"), {{QStringLiteral("seconds"), 5400}}).isEmpty());
-        QVERIFY(clickAccessibleControl(QStringLiteral("Voice"))); // away from the Account section
-        QVERIFY(showsAccessibleControl(QStringLiteral("Cedar")));
+        QVERIFY(m_app.click(QStringLiteral("Voice"))); // away from the Account section
+        QVERIFY(m_app.shows(QStringLiteral("Cedar")));
         QTest::qWait(5100); // past the refresh throttle of the earlier activations
         QDBusMessage open = applicationCall(QStringLiteral("Open"));
         open << QStringList{QStringLiteral("quillvox://purchase/success")} << QVariantMap();
         QCOMPARE(QDBusConnection::sessionBus().call(open).type(), QDBusMessage::ReplyMessage);
-        QVERIFY(showsAccessibleControl(QStringLiteral("Balance 1h 30m")));
-        QTRY_VERIFY(findAccessibleControl(QStringLiteral("Cedar")).isEmpty());
+        QVERIFY(m_app.shows(QStringLiteral("Balance 1h 30m")));
+        QTRY_VERIFY(m_app.control(QStringLiteral("Cedar")).isEmpty());
     }
 
     void secondProfileRunsBeside()
     {
         QTemporaryDir profile;
-        QProcessEnvironment env = m_env;
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), profile.filePath(QStringLiteral("config")));
+        AppUnderTest second(AppUnderTest::Accessibility::Off);
+        second.env = m_app.env;
+        second.env.insert(QStringLiteral("XDG_CONFIG_HOME"), profile.filePath(QStringLiteral("config")));
         const QString name =
             SingleInstance::busNameFor(profile.filePath(QStringLiteral("config")), QDir::homePath());
         QVERIFY(name != m_name);
-
-        QProcess second;
-        second.setProcessEnvironment(env);
-        dieWithTheTest(second);
-        second.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(name), 15000);
-        QCOMPARE(second.state(), QProcess::Running);
-        QCOMPARE(m_app.state(), QProcess::Running);
-        QVERIFY(!run(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--status")}, env).isEmpty());
-        QCOMPARE(run(QStringLiteral("playerctl"), {QStringLiteral("-l")}).split('\n').size(), 2);
-        second.terminate();
-        QVERIFY(second.waitForFinished(5000));
+        QVERIFY(second.start());
+        QVERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(name));
+        QVERIFY(m_app.isRunning());
+        QCOMPARE(runProgram(QStringLiteral("playerctl"), {"-l"}).trimmed().split('\n').size(), 2);
+        QVERIFY(second.stop());
     }
 };
 

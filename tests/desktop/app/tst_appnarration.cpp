@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // `quillvox --speak` as a user runs it: the app binary in own-key mode, real HTTP to the dev server and
 // real PulseAudio, each case with a sound server of its own whose null sink is recorded.
+#include "AppUnderTest.h"
 #include "DevServer.h"
 #include "PulseServer.h"
 
 #include <QDir>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
@@ -19,11 +19,6 @@ constexpr double kBytesPerSecond = 2.0 * PulseServer::kRateHz;
 const QString kSentence = QStringLiteral(
     "The quick brown fox jumps over the lazy dog, and then it runs back across the field to do it again.");
 
-QString commandOutput(QProcess &process)
-{
-    return QString::fromUtf8(process.readAllStandardError()).trimmed();
-}
-
 } // namespace
 
 class TestAppNarration : public QObject
@@ -32,16 +27,14 @@ class TestAppNarration : public QObject
 
     QTemporaryDir m_dir{QDir::tempPath() + QStringLiteral("/qv-app-XXXXXX")};
 
-    static void startApp(QProcess &app, const DevServer &server, const PulseServer &pulse,
-                         const QStringList &arguments)
+    // The app with its sound at `pulse`, its speech from `server`, not yet started.
+    static std::unique_ptr<AppUnderTest> app(const DevServer &server, const PulseServer &pulse)
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
-        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), server.url().toString());
-        app.setProcessEnvironment(env);
-        dieWithTheTest(app);
-        app.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+        auto made = std::make_unique<AppUnderTest>(AppUnderTest::Accessibility::Off);
+        made->useServer(server);
+        made->env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
+        made->env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        return made;
     }
 
 private Q_SLOTS:
@@ -51,7 +44,7 @@ private Q_SLOTS:
         if (QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty())
             QSKIP("pulseaudio is not installed");
         // Own-key mode: the dev server's key in this test's keychain service.
-        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE)), QString());
+        QCOMPARE(AppUnderTest().storeKey(), QString());
     }
 
     void playsWhatTheServerSent_data()
@@ -82,11 +75,9 @@ private Q_SLOTS:
         DevServer server;
         QVERIFY2(server.start(serverOptions), qPrintable(server.errorString()));
 
-        QProcess app;
-        startApp(app, server, pulse, QStringList{QStringLiteral("--speak"), kSentence} + options);
-        QVERIFY2(app.waitForFinished(60000), "the narration did not end within 60 s");
-        const QString errors = commandOutput(app);
-        QVERIFY2(app.exitStatus() == QProcess::NormalExit && app.exitCode() == 0, qPrintable(errors));
+        const AppUnderTest::Run narration =
+            app(server, pulse)->run(QStringList{"--speak", kSentence} + options);
+        QVERIFY2(narration.exitCode == 0, narration.err.constData());
         QTest::qWait(300); // the recorder's own latency
         pulse.stopRecorder();
 
@@ -124,16 +115,16 @@ private Q_SLOTS:
         QVERIFY2(server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(server.errorString()));
 
-        QProcess app;
-        startApp(app, server, pulse,
-                 {QStringLiteral("--speak"), QStringList(3, kSentence).join(QLatin1Char(' '))});
+        const auto narration = app(server, pulse);
+        narration->launch({QStringLiteral("--speak"), QStringList(3, kSentence).join(QLatin1Char(' '))});
         QTRY_VERIFY_WITH_TIMEOUT(findSound(pulse.recorded()).seconds() > 0.5, 20000);
         pulse.kill();
 
-        QVERIFY2(app.waitForFinished(10000), "the app still runs 10 s after its sound server died");
-        const QString errors = commandOutput(app);
-        QCOMPARE(app.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(app.exitCode(), 1);
+        QVERIFY2(narration->process().waitForFinished(10000),
+                 "the app still runs 10 s after its sound server died");
+        const QString errors = narration->output();
+        QCOMPARE(narration->process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(narration->process().exitCode(), 1);
         QVERIFY2(errors.contains(QStringLiteral("Audio engine failed: PulseAudio")), qPrintable(errors));
     }
 };

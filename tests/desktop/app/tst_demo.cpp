@@ -2,13 +2,12 @@
 // README's first command as a newcomer runs it: scripts/run-demo.sh (on the tests' build rather than
 // building again) signs in to its dev server, narrates the welcome and starts Quillvox; the widget then
 // sits at the top centre, and text selected in mousepad is narrated with Ctrl+Alt+S.
-#include "X11Desktop.h"
+#include "AppUnderTest.h"
+#include "DevServer.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -40,41 +39,14 @@ class TestDemo : public QObject
     ChildProcess m_editor;
     QStringList m_printed;
 
-    // The profile's variables, as the demo prints them for commands from another terminal.
-    QProcessEnvironment profileEnvironment() const
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *folder : {"config", "data", "cache"})
-            env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(folder).toUpper()),
-                       m_profile.filePath(QString::fromLatin1(folder)));
-        env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"), QStringLiteral("com.vantor.quillvox.demo"));
-        return env;
-    }
-
-    QJsonObject status() const
-    {
-        QProcess process;
-        process.setProcessEnvironment(profileEnvironment());
-        process.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--status")});
-        process.waitForFinished(10000);
-        return QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-    }
+    // The commands' Quillvox: the profile's variables, as the demo prints them for another terminal.
+    AppUnderTest m_quillvox{AppUnderTest::Accessibility::Off};
 
     // The texts the demo's dev server was asked to speak through the service.
     QStringList narratedTexts() const
     {
-        QStringList texts;
-        QFile log(m_profile.filePath(QStringLiteral("devserver.log")));
-        if (!log.open(QIODevice::ReadOnly))
-            return texts;
-        while (!log.atEnd()) {
-            const QJsonObject record = QJsonDocument::fromJson(log.readLine()).object();
-            if (record.value(QLatin1String("path")).toString() != u"/api/tts/stream")
-                continue;
-            const QByteArray body = record.value(QLatin1String("body")).toString().toUtf8();
-            texts.append(QJsonDocument::fromJson(body).object().value(QLatin1String("input")).toString());
-        }
-        return texts;
+        return DevServer::narratedTexts(
+            DevServer::requests(m_profile.filePath(QStringLiteral("devserver.log"))), u"/api/tts/stream");
     }
 
 private Q_SLOTS:
@@ -84,6 +56,11 @@ private Q_SLOTS:
             !lack.isEmpty())
             QSKIP(qPrintable(lack));
         QVERIFY(m_profile.isValid());
+        for (const char *folder : {"config", "data", "cache"})
+            m_quillvox.env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(folder).toUpper()),
+                                  m_profile.filePath(QString::fromLatin1(folder)));
+        m_quillvox.env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
+                              QStringLiteral("com.vantor.quillvox.demo"));
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("BUILD_DIR"),
                    QFileInfo(QStringLiteral(QUILLVOX_EXECUTABLE)).absoluteDir().absoluteFilePath(u".."_qs));
@@ -124,27 +101,17 @@ private Q_SLOTS:
         QVERIFY(m_printed.contains(
             QStringLiteral("XDG_CONFIG_HOME=%1/config XDG_DATA_HOME=%1/data \\").arg(m_profile.path())));
         QVERIFY(narratedTexts().value(0).startsWith(u"Welcome to Quillvox."));
-        QTRY_COMPARE_WITH_TIMEOUT(status()[u"auth"][u"state"].toString(), u"signedIn"_qs, 15000);
-        QCOMPARE(status()[u"backend"].toString(), u"service"_qs);
-        QCOMPARE(status()[u"apiKeyStored"].toBool(), true);
+        QTRY_COMPARE_WITH_TIMEOUT(m_quillvox.status()[u"auth"][u"state"].toString(), u"signedIn"_qs, 15000);
+        QCOMPARE(m_quillvox.status()[u"backend"].toString(), u"service"_qs);
+        QCOMPARE(m_quillvox.status()[u"apiKeyStored"].toBool(), true);
     }
 
     void widgetAtTheTopCentreNarratesTheSelection()
     {
-        const QByteArray widget =
-            runProgram(QStringLiteral("xdotool"),
-                       {"search", "--sync", "--onlyvisible", "--name", "^Quillvox$"}, 20000)
-                .split('\n')
-                .value(0);
+        const QByteArray widget = visibleWindows(QStringLiteral("Quillvox"), 20000).value(0);
         QVERIFY2(!widget.isEmpty(), "no widget window");
-        const QList<QByteArray> screen =
-            runProgram(QStringLiteral("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
-        QCOMPARE(screen.size(), 2);
-        const QByteArray geometry = runProgram(QStringLiteral("xdotool"),
-                                               {"getwindowgeometry", "--shell", QString::fromLatin1(widget)});
-        const QByteArray left = "X=" + QByteArray::number((screen[0].toInt() - kWidgetWidth) / 2) + '\n';
-        const QByteArray top = "Y=" + QByteArray::number(kWidgetTop) + '\n';
-        QVERIFY2(geometry.contains(left) && geometry.contains(top), geometry.constData());
+        QCOMPARE(windowGeometry(widget).topLeft(),
+                 QPoint((screenSize().width() - kWidgetWidth) / 2, kWidgetTop));
 
         const QString file = m_profile.filePath(QStringLiteral("note.txt"));
         QFile note(file);
@@ -154,7 +121,7 @@ private Q_SLOTS:
         QVERIFY(!openInMousepad(m_editor, file).isEmpty());
         xdotool({"key", "ctrl+a"});
         xdotool({"key", "ctrl+alt+s"});
-        QTRY_VERIFY_WITH_TIMEOUT(status()[u"isPlaying"].toBool(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(m_quillvox.status()[u"isPlaying"].toBool(), 15000);
         // Logged once its stream has ended.
         QTRY_COMPARE_WITH_TIMEOUT(narratedTexts().value(1), kLine, 15000);
     }

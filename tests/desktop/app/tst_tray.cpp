@@ -2,13 +2,10 @@
 // The tray item as a desktop panel sees it: a StatusNotifierWatcher with a host on the rig's bus before
 // the app starts, the item read over org.kde.StatusNotifierItem and its menu read and clicked over
 // com.canonical.dbusmenu, mousepad holding the selection that "Narrate Selection" reads aloud.
+#include "AppUnderTest.h"
 #include "DevServer.h"
-#include "PulseServer.h"
 #include "StatusNotifierWatcher.h"
 #include "TrayItemReader.h"
-#include "X11Desktop.h"
-
-#include "core/UserDefaults.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -36,7 +33,7 @@ class TestTray : public QObject
     DevServer m_server;
     ChildProcess m_editor;
     QByteArray m_editorWindow;
-    QProcess m_app;
+    AppUnderTest m_app{AppUnderTest::Accessibility::Off};
     std::optional<TrayItemReader> m_item;
 
 private Q_SLOTS:
@@ -50,15 +47,11 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
 
-        QProcessEnvironment env = m_server.appEnvironment();
-        env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"), m_server.url().toString());
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        m_app.setProcessEnvironment(env);
-
+        m_app.useServer(m_server);
+        m_app.env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"), m_server.url().toString());
         // Own-key mode, onboarding done: the app starts straight into normal operation.
-        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), env), QString());
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().sync();
+        QCOMPARE(m_app.storeKey(), QString());
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
         QFile file(m_dir.filePath(QStringLiteral("tray.txt")));
         QVERIFY(file.open(QIODevice::WriteOnly));
@@ -68,19 +61,9 @@ private Q_SLOTS:
         QVERIFY(!m_editorWindow.isEmpty());
         xdotool({QStringLiteral("key"), QStringLiteral("ctrl+a")});
 
-        dieWithTheTest(m_app);
-        m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_app.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
+        QVERIFY(m_app.start());
         QTRY_COMPARE_WITH_TIMEOUT(m_watcher.items().size(), 1, 15000);
         m_item.emplace(m_watcher.items().first());
-    }
-
-    void cleanupTestCase()
-    {
-        if (m_app.state() != QProcess::NotRunning) {
-            m_app.terminate();
-            m_app.waitForFinished(5000);
-        }
     }
 
     void itemBelongsToTheAppAndExportsItsMenu()
@@ -88,7 +71,7 @@ private Q_SLOTS:
         const StatusNotifierWatcher::Item item = m_watcher.items().first();
         const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(item.service);
         QVERIFY2(pid.isValid(), qPrintable(pid.error().message()));
-        QCOMPARE(qint64(pid.value()), m_app.processId());
+        QCOMPARE(qint64(pid.value()), m_app.process().processId());
         QCOMPARE(m_watcher.registeredItems(), QStringList{item.service + item.path});
         QCOMPARE(m_item->property(QStringLiteral("Status")), QVariant(QStringLiteral("Active")));
     }
@@ -164,9 +147,9 @@ private Q_SLOTS:
     void quitEndsTheProcess()
     {
         QVERIFY(m_item->click(QStringLiteral("Quit Quillvox")));
-        QVERIFY2(m_app.waitForFinished(10000), "the app still runs 10 s after Quit");
-        QCOMPARE(m_app.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(m_app.exitCode(), 0);
+        QVERIFY2(m_app.process().waitForFinished(10000), "the app still runs 10 s after Quit");
+        QCOMPARE(m_app.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(m_app.process().exitCode(), 0);
         QTRY_COMPARE(m_watcher.items().size(), 0);
     }
 };

@@ -2,10 +2,8 @@
 #include "capture/TextCaptureManager.h"
 #include "core/UserDefaults.h"
 #include "platform/SystemClipboard.h"
-#include "platform/x11/X11Connection.h"
 #include "platform/x11/X11GlobalHotKeys.h"
 #include "shortcuts/HotkeyManager.h"
-#include "shortcuts/KeyTable.h"
 
 #include "ShortcutDoubles.h"
 #include "X11Desktop.h"
@@ -14,8 +12,6 @@
 #include <QGuiApplication>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <xcb/xcb.h>
 
 Q_DECLARE_METATYPE(ClipboardContent)
 
@@ -76,34 +72,6 @@ private Q_SLOTS:
         xdotool({"key", "ctrl+alt+e"});
         xdotool({"key", "Num_Lock"});
         QTRY_COMPARE(controls.calls.size(), 3);
-    }
-
-    void combinationHeldByAnotherClientIsNotRegistered()
-    {
-        // Another client takes Ctrl+Alt+Q (the stop default) first.
-        X11Connection other;
-        QVERIFY(other.isValid());
-        const quint8 keyQ = quint8(*KeyTable::xKeyCode(KeyTable::kVK_ANSI_Q));
-        xcb_grab_key(other.connection(), 0, other.root(), XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1, keyQ,
-                     XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
-        other.sync();
-
-        const auto defaults = freshDefaults();
-        RecordingControls controls;
-        NoCapture selection;
-        HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), selection, controls);
-        QVERIFY(!manager.stopRegistered());
-        QVERIFY(manager.hotkeyRegistered());
-        QVERIFY(manager.cycleSpeedRegistered());
-
-        xdotool({"key", "ctrl+alt+q"});
-        xdotool({"key", "ctrl+alt+t"});
-        QTRY_COMPARE(controls.calls, QStringList{"cyclePlaybackSpeed"});
-
-        manager.updateStopHotKey(KeyTable::kVK_ANSI_Y, KeyTable::Command | KeyTable::Option);
-        QVERIFY(manager.stopRegistered());
-        xdotool({"key", "ctrl+alt+y"});
-        QTRY_COMPARE(controls.calls, (QStringList{"cyclePlaybackSpeed", "stop"}));
     }
 
     void captureFromMousepadKeepsTheClipboard_data()

@@ -3,15 +3,16 @@
 // accessibility bus, sign-in through the desktop's browser against the dev server, the try-it narration
 // with the real shortcut, and normal operation afterwards without a restart, with the settings window
 // opened during onboarding.
+#include "AppUnderTest.h"
 #include "DevServer.h"
 #include "TestBrowser.h"
-#include "X11Desktop.h"
 
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
 #include <QRect>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -28,26 +29,6 @@ void moveTo(QPoint point)
     QTest::qWait(150); // the hover reaches the control before the press
 }
 
-QStringList visibleWindows(const QString &title)
-{
-    const QByteArray found =
-        runProgram(QStringLiteral("xdotool"), {"search", "--onlyvisible", "--name", "^" + title + "$"});
-    return QString::fromLatin1(found).split(u'\n', Qt::SkipEmptyParts);
-}
-
-QSize windowSize(const QString &window)
-{
-    QSize size;
-    for (const QByteArray &line :
-         runProgram(QStringLiteral("xdotool"), {"getwindowgeometry", "--shell", window}).split('\n')) {
-        if (line.startsWith("WIDTH="))
-            size.setWidth(line.mid(6).toInt());
-        else if (line.startsWith("HEIGHT="))
-            size.setHeight(line.mid(7).toInt());
-    }
-    return size;
-}
-
 } // namespace
 
 class TestOnboardingDesktop : public QObject
@@ -56,19 +37,9 @@ class TestOnboardingDesktop : public QObject
 
     QTemporaryDir m_dir;
     DevServer m_server;
-    ChildProcess m_accessibility;
     ChildProcess m_editor;
-    ChildProcess m_app;
-    QProcessEnvironment m_env;
+    AppUnderTest m_app;
     QString m_browserLog;
-
-    void startApp()
-    {
-        m_app.process.setProcessEnvironment(m_env);
-        m_app.process.setStandardOutputFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
-        m_app.process.setStandardErrorFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
-        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-    }
 
     QString browserLog() const
     {
@@ -83,7 +54,6 @@ private Q_SLOTS:
             !lack.isEmpty())
             QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        QVERIFY(startAccessibilityBus(m_accessibility));
 
         // A profile that has never run: no settings, no history, nothing in the keyring.
         for (const auto location :
@@ -96,12 +66,9 @@ private Q_SLOTS:
 
         QVERIFY2(m_server.start({"--auto-consent", "--synth", "sine", "--pace", "0"}),
                  qPrintable(m_server.errorString()));
-        m_env = QProcessEnvironment::systemEnvironment();
-        m_browserLog = installTestBrowser(m_env);
+        m_browserLog = installTestBrowser(m_app.env);
         QVERIFY(!m_browserLog.isEmpty());
-        m_env = m_server.appEnvironment(m_env);
-        m_env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        m_env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
+        m_app.useServer(m_server);
     }
 
     void cleanup()
@@ -111,43 +78,41 @@ private Q_SLOTS:
         const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
         QDir().mkpath(cache);
         runProgram(QStringLiteral("import"), {"-window", "root", cache + u"/failure.png"});
-        QFile log(m_dir.filePath(QStringLiteral("app.log")));
-        if (log.open(QIODevice::ReadOnly))
-            qInfo().noquote() << "the screen:" << cache + u"/failure.png"
-                              << "\nstatus:" << QJsonDocument(appStatus()).toJson() << "\napp output:\n"
-                              << log.readAll() << "\nbrowser opened:\n"
-                              << browserLog();
+        qInfo().noquote() << "the screen:" << cache + u"/failure.png"
+                          << "\nstatus:" << QJsonDocument(m_app.status()).toJson() << "\napp output:\n"
+                          << m_app.output() << "\nbrowser opened:\n"
+                          << browserLog();
     }
 
     void firstRunThroughToNormalOperation()
     {
-        startApp();
-        QVERIFY(showsAccessibleControl(QStringLiteral("Welcome to high-quality narration.")));
-        const QStringList windows = visibleWindows(QStringLiteral("Quillvox"));
+        QVERIFY(m_app.start());
+        QVERIFY(m_app.shows(QStringLiteral("Welcome to high-quality narration.")));
+        const QByteArrayList windows = visibleWindows(QStringLiteral("Quillvox"));
         QCOMPARE(windows.size(), 1);
-        const QString onboarding = windows.first();
-        QCOMPARE(windowSize(onboarding), QSize(550, 500));
+        const QByteArray onboarding = windows.first();
+        QCOMPARE(windowGeometry(onboarding).size(), QSize(550, 500));
 
-        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
+        QVERIFY(m_app.click(QStringLiteral("Continue")));
         // The settings window opened on the way (and closed with Escape) is the one used later.
-        QVERIFY(clickAccessibleControl(QStringLiteral("Use my own API key")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("OpenAI API key")));
+        QVERIFY(m_app.click(QStringLiteral("Use my own API key")));
+        QVERIFY(m_app.shows(QStringLiteral("OpenAI API key")));
         QTRY_COMPARE(visibleWindows(QStringLiteral("Settings")).size(), 1);
         xdotool({"key", "Escape"});
         QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
-        QVERIFY(clickAccessibleControl(QStringLiteral("Continue with Google")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("You're all set!")));
+        QVERIFY(m_app.click(QStringLiteral("Continue with Google")));
+        QVERIFY(m_app.shows(QStringLiteral("You're all set!")));
         QVERIFY2(browserLog().startsWith(
                      m_server.url(QStringLiteral("/auth/v1/authorize?provider=google")).toString()),
                  qPrintable(browserLog()));
 
-        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Permission granted")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Continue")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Let's try it")));
+        QVERIFY(m_app.click(QStringLiteral("Continue")));
+        QVERIFY(m_app.shows(QStringLiteral("Permission granted")));
+        QVERIFY(m_app.click(QStringLiteral("Continue")));
+        QVERIFY(m_app.click(QStringLiteral("Let's try it")));
 
         // Select the sample with the pointer, from before its first character to past its last.
-        const QRect sample = waitForAccessibleControl(kSample);
+        const QRect sample = m_app.waitForControl(kSample);
         QVERIFY(!sample.isEmpty());
         moveTo(sample.topLeft() + QPoint(1, 2));
         xdotool({"mousedown", "1"});
@@ -155,18 +120,18 @@ private Q_SLOTS:
         xdotool({"mouseup", "1"});
         xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream"), QStringList{kSample}, 15000);
-        QVERIFY(showsAccessibleControl(QStringLiteral("Great! You did it!")));
+        QVERIFY(m_app.shows(QStringLiteral("Great! You did it!")));
 
-        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Choose your voice")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Skip")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Next")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Your shortcut")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Ctrl+Alt+S")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Finish Setup")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Start with free minutes")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Get Started")));
+        QVERIFY(m_app.click(QStringLiteral("Next")));
+        QVERIFY(m_app.shows(QStringLiteral("Choose your voice")));
+        QVERIFY(m_app.click(QStringLiteral("Next")));
+        QVERIFY(m_app.shows(QStringLiteral("Skip")));
+        QVERIFY(m_app.click(QStringLiteral("Next")));
+        QVERIFY(m_app.shows(QStringLiteral("Your shortcut")));
+        QVERIFY(m_app.shows(QStringLiteral("Ctrl+Alt+S")));
+        QVERIFY(m_app.click(QStringLiteral("Finish Setup")));
+        QVERIFY(m_app.click(QStringLiteral("Start with free minutes")));
+        QVERIFY(m_app.click(QStringLiteral("Get Started")));
         QTRY_VERIFY_WITH_TIMEOUT(!visibleWindows(QStringLiteral("Quillvox")).contains(onboarding), 10000);
         QCOMPARE(UserDefaults(UserDefaults::standardFilePath())
                      .boolean(QStringLiteral("hasCompletedOnboarding"))
@@ -175,11 +140,11 @@ private Q_SLOTS:
 
         // Normal operation in the same process: the settings window lists every shortcut, and the shortcut
         // narrates what is selected elsewhere.
-        QVERIFY(clickAccessibleControl(QStringLiteral("Open Settings")));
-        QVERIFY(clickAccessibleControl(QStringLiteral("Shortcuts")));
+        QVERIFY(m_app.click(QStringLiteral("Open Settings")));
+        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
         for (const char *row : {"Narrate Selection", "Play/Pause", "Stop", "Skip Back 5 Seconds",
                                 "Skip Forward 5 Seconds", "Cycle Speed"})
-            QVERIFY2(showsAccessibleControl(QLatin1String(row) + u" shortcut"), row);
+            QVERIFY2(m_app.shows(QLatin1String(row) + u" shortcut"), row);
         xdotool({"key", "Escape"});
         QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
 
@@ -198,13 +163,12 @@ private Q_SLOTS:
         QTRY_VERIFY2_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream") ==
                                       (QStringList{kSample, kEditorLine}),
                                   qPrintable(m_server.narratedTexts(u"/api/tts/stream").join(u'|')), 15000);
-        m_app.process.terminate();
-        QVERIFY(m_app.process.waitForFinished(10000));
+        QVERIFY(m_app.stop());
 
         // The second start goes straight to normal operation.
-        startApp();
-        QVERIFY(showsAccessibleControl(QStringLiteral("Open Settings")));
-        QVERIFY(findAccessibleControl(QStringLiteral("Welcome to high-quality narration.")).isEmpty());
+        QVERIFY(m_app.start());
+        QVERIFY(m_app.shows(QStringLiteral("Open Settings")));
+        QVERIFY(m_app.control(QStringLiteral("Welcome to high-quality narration.")).isEmpty());
     }
 };
 

@@ -2,10 +2,8 @@
 // The Debian package as a user gets it: installed with apt-get, narrating and showing its settings
 // window from /usr/bin (so what only the running program loads, QML modules and plugins, must be there),
 // and gone without a trace after apt-get remove.
+#include "AppUnderTest.h"
 #include "DevServer.h"
-#include "X11Desktop.h"
-
-#include "core/UserDefaults.h"
 
 #include <QFileInfo>
 #include <QTest>
@@ -17,28 +15,20 @@ namespace {
 const QString kInstalled = QStringLiteral("/usr/bin/quillvox");
 const QString kText = QStringLiteral("Installed from the package.");
 
-// Runs a command to its end; its output (both channels) when it failed, empty when it succeeded.
-QString failureOf(const QString &program, const QStringList &arguments, const QByteArray &input = {},
-                  const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+// apt-get with these arguments; its output when it failed, empty when it succeeded.
+QString aptGetFailure(const QStringList &arguments)
 {
     QProcess process;
-    process.setProcessEnvironment(env);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(300000))
-        return program + QStringLiteral(" did not finish");
-    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
-        return {};
-    return program + QStringLiteral(" failed: ") + QString::fromUtf8(process.readAll());
-}
-
-QProcessEnvironment aptEnvironment()
-{
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DEBIAN_FRONTEND"), QStringLiteral("noninteractive"));
-    return env;
+    process.setProcessEnvironment(env);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral("apt-get"), QStringList{"-y"} + arguments);
+    if (!process.waitForFinished(300000))
+        return QStringLiteral("apt-get did not finish");
+    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return {};
+    return QStringLiteral("apt-get failed: ") + QString::fromUtf8(process.readAll());
 }
 
 bool isInstalled()
@@ -54,29 +44,15 @@ class TestPackage : public QObject
     Q_OBJECT
 
     DevServer m_server;
-    ChildProcess m_accessibility;
-    ChildProcess m_app;
+    AppUnderTest m_app{AppUnderTest::Accessibility::On, kInstalled};
     QStringList m_files;
-
-    QProcessEnvironment appEnvironment() const
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
-        env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
-        return env;
-    }
 
     void remove()
     {
-        if (m_app.process.state() != QProcess::NotRunning) {
-            m_app.process.terminate();
-            if (!m_app.process.waitForFinished(10000))
-                m_app.process.kill();
-        }
+        if (m_app.isRunning())
+            m_app.stop();
         if (isInstalled())
-            QCOMPARE(failureOf(QStringLiteral("apt-get"), {"remove", "-y", "quillvox"}, {}, aptEnvironment()),
-                     QString());
+            QCOMPARE(aptGetFailure({"remove", "quillvox"}), QString());
     }
 
 private Q_SLOTS:
@@ -92,9 +68,7 @@ private Q_SLOTS:
         // Never replace a Quillvox that this machine's owner installed.
         QVERIFY2(!isInstalled() && !QFileInfo::exists(kInstalled), "quillvox is already installed here");
 
-        QCOMPARE(failureOf(QStringLiteral("apt-get"),
-                           {"install", "-y", "--no-install-recommends", QFileInfo(deb).absoluteFilePath()},
-                           {}, aptEnvironment()),
+        QCOMPARE(aptGetFailure({"install", "--no-install-recommends", QFileInfo(deb).absoluteFilePath()}),
                  QString());
         QVERIFY(isInstalled());
         for (const QByteArray &line :
@@ -104,12 +78,14 @@ private Q_SLOTS:
         }
         QVERIFY(m_files.contains(kInstalled));
         QVERIFY2(m_server.start({"--pace", "0"}), qPrintable(m_server.errorString()));
+        m_app.useServer(m_server);
     }
 
     void narratesFromUsrBin()
     {
-        QCOMPARE(failureOf(kInstalled, {"--set-api-key"}, "local\n", appEnvironment()), QString());
-        QCOMPARE(failureOf(kInstalled, {"--speak", kText}, {}, appEnvironment()), QString());
+        QCOMPARE(m_app.storeKey(), QString());
+        const AppUnderTest::Run spoken = m_app.run({"--speak", kText});
+        QVERIFY2(spoken.exitCode == 0, spoken.err.constData());
         const QList<QJsonObject> log = m_server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
         QCOMPARE(DevServer::input(log.first()), kText);
@@ -119,19 +95,12 @@ private Q_SLOTS:
     // package depends on.
     void showsItsSettingsWindow()
     {
-        QVERIFY(startAccessibilityBus(m_accessibility));
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().sync();
-        m_app.process.setProcessEnvironment(appEnvironment());
-        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_app.process.start(kInstalled, {});
-        QVERIFY(m_app.process.waitForStarted());
-        // The running one owns its bus name once it is ready for a second start.
-        QTRY_VERIFY_WITH_TIMEOUT(
-            QString::fromUtf8(runProgram(kInstalled, {"--status"})).contains(u"\"playbackSpeed\""), 20000);
-        QCOMPARE(failureOf(kInstalled, {}, {}, appEnvironment()), QString());
-        QTRY_VERIFY_WITH_TIMEOUT(!findAccessibleControl(QStringLiteral("API Keys")).isEmpty(), 20000);
-        QVERIFY(m_app.process.state() == QProcess::Running);
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
+        QVERIFY(m_app.start());
+        const AppUnderTest::Run second = m_app.run({});
+        QVERIFY2(second.exitCode == 0, second.err.constData());
+        QVERIFY(!m_app.waitForControl(QStringLiteral("API Keys"), 0, 20000).isEmpty());
+        QVERIFY(m_app.isRunning());
     }
 
     void removingLeavesNothing()

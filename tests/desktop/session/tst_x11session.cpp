@@ -2,16 +2,13 @@
 // Quillvox as a user runs it on X11: `quillvox` in the background, text selected in mousepad and the
 // global shortcuts pressed with xdotool, speech from the dev server in own-key mode and sound through a
 // PulseAudio daemon of the test's own whose null sink is recorded.
+#include "AppUnderTest.h"
 #include "DevServer.h"
 #include "PulseServer.h"
-#include "X11Desktop.h"
-
-#include "core/UserDefaults.h"
 
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -43,33 +40,6 @@ class TestX11Session : public QObject
     std::unique_ptr<PulseServer> m_pulse;
     DevServer m_server;
     ChildProcess m_editor;
-
-    // A fresh settings file past onboarding, then the app with no arguments.
-    bool startApp(ChildProcess &app)
-    {
-        const QString settingsPath = UserDefaults::standardFilePath();
-        QFile::remove(settingsPath);
-        {
-            UserDefaults settings(settingsPath);
-            settings.setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-            settings.sync();
-        }
-        QProcessEnvironment env = m_server.appEnvironment();
-        env.insert(QStringLiteral("PULSE_SERVER"), m_pulse->address());
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
-        app.process.setProcessEnvironment(env);
-        app.process.setStandardOutputFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
-        app.process.setStandardErrorFile(m_dir.filePath(QStringLiteral("app.log")), QIODevice::Append);
-        dieWithTheTest(app.process);
-        app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        // Ready once it answers on its socket; its shortcuts are grabbed before that.
-        for (int i = 0; i < 100 && app.process.state() != QProcess::NotRunning; ++i) {
-            if (!appStatus().isEmpty())
-                return true;
-            QTest::qWait(100);
-        }
-        return false;
-    }
 
     static QJsonObject shortcut(const QJsonObject &status, QStringView action)
     {
@@ -110,7 +80,7 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
 
         // Own-key mode: the dev server's key in this test's keychain service.
-        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE)), QString());
+        QCOMPARE(AppUnderTest().storeKey(), QString());
 
         m_pulse = std::make_unique<PulseServer>(m_dir.filePath(QStringLiteral("pulse")));
         QVERIFY(m_pulse->start());
@@ -126,21 +96,17 @@ private Q_SLOTS:
         QVERIFY2(!openInMousepad(m_editor, file).isEmpty(), "mousepad did not show a window");
     }
 
-    void cleanup()
-    {
-        if (QTest::currentTestFailed()) {
-            QFile log(m_dir.filePath(QStringLiteral("app.log")));
-            if (log.open(QIODevice::ReadOnly))
-                qInfo().noquote() << "app output:\n" << log.readAll();
-        }
-    }
-
     // The default shortcuts, one after the other, on one narration.
     void shortcutsNarrateAndControlPlayback()
     {
-        ChildProcess app;
-        QVERIFY2(startApp(app), "the app did not answer --status");
-        const QJsonObject before = appStatus();
+        AppUnderTest app(AppUnderTest::Accessibility::Off);
+        app.useServer(m_server);
+        app.env.insert(QStringLiteral("PULSE_SERVER"), m_pulse->address());
+        app.env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}}, true);
+        // It answers once its shortcuts are grabbed.
+        QVERIFY(app.start());
+        const QJsonObject before = app.status();
         for (const char *action : {"narrate", "playPause", "stop", "skipBack", "skipForward", "cycleSpeed"})
             QVERIFY2(shortcut(before, QString::fromLatin1(action))[u"registered"].toBool(), action);
         QCOMPARE(before[u"playbackSpeed"].toDouble(), 1.0);
@@ -155,21 +121,21 @@ private Q_SLOTS:
         for (const auto &[target, bytes] : kClipboard)
             QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
 
-        QTRY_VERIFY(appStatus()[u"isPlaying"].toBool());
+        QTRY_VERIFY(app.status()[u"isPlaying"].toBool());
         press("ctrl+alt+e");
-        QTRY_VERIFY(!appStatus()[u"isPlaying"].toBool());
+        QTRY_VERIFY(!app.status()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding while paused");
         const qint64 resumed = recordedSamples();
         press("ctrl+alt+e");
         QTRY_VERIFY_WITH_TIMEOUT(heard(resumed), 5000);
 
         press("ctrl+alt+t");
-        QTRY_COMPARE(appStatus()[u"playbackSpeed"].toDouble(), 1.25);
+        QTRY_COMPARE(app.status()[u"playbackSpeed"].toDouble(), 1.25);
 
-        QVERIFY(appStatus()[u"isPlaying"].toBool());
+        QVERIFY(app.status()[u"isPlaying"].toBool());
         press("ctrl+alt+q");
-        QTRY_VERIFY(!appStatus()[u"hasContent"].toBool());
-        QVERIFY(!appStatus()[u"isPlaying"].toBool());
+        QTRY_VERIFY(!app.status()[u"hasContent"].toBool());
+        QVERIFY(!app.status()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding after stop");
 
         // The caret alone, no selection: nothing to narrate.
@@ -178,7 +144,7 @@ private Q_SLOTS:
         QTest::qWait(kNothingHappensMs);
         QCOMPARE(m_server.narratedTexts().size(), 1);
 
-        app.process.terminate();
+        QVERIFY(app.stop());
     }
 };
 

@@ -5,13 +5,12 @@
 // pressed on the compositor's keyboard, the clipboard when nothing is highlighted, and a key bound
 // through the extension reaches its action and no other. GNOME Shell runs nested in the rig's X server:
 // headless, its seat has no keyboard, so no Wayland client could take the selection or a key press.
+#include "AppUnderTest.h"
 #include "DevServer.h"
 #include "StatusNotifierWatcher.h"
-#include "X11Desktop.h"
 #include "keyring/KeyringFixture.h"
 
 #include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
 #include "platform/gnome/GnomeShellExtension.h"
 #include "platform/gnome/GnomeShellShortcuts.h"
 
@@ -54,7 +53,7 @@ class TestGnomeShellSession : public QObject
     DevServer m_server;
     ChildProcess m_systemBus;
     ChildProcess m_shell;
-    ChildProcess m_app;
+    AppUnderTest m_app{AppUnderTest::Accessibility::Off};
     ChildProcess m_editor;
     // A tray host, as GNOME's AppIndicator extension runs one: Quillvox must not use it beside our menu.
     std::unique_ptr<StatusNotifierWatcher> m_trayHost;
@@ -129,37 +128,17 @@ class TestGnomeShellSession : public QObject
         return settled;
     }
 
-    // Of the nested shell, the pointer out of the way.
-    void screenshot(const QString &name)
-    {
-        xdotool({"mousemove", "--window", m_shellWindow, "640", "700"});
-        const QString path = QDir::tempPath() + QStringLiteral("/qv-gnome-%1.png").arg(name);
-        runProgram(QStringLiteral("import"), {"-window", m_shellWindow, path});
-        qInfo("screenshot: %s", qPrintable(path));
-    }
-
     // Quillvox on the GNOME session, natively or on GNOME's XWayland as it chooses there.
     void startApp(bool native)
     {
-        QProcessEnvironment env = m_wayland;
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        env.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
+        m_app.env = m_server.appEnvironment(m_wayland);
+        m_app.env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         if (!native) {
-            env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-            env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
-            env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
+            m_app.env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+            m_app.env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
+            m_app.env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
         }
-        m_app.process.setProcessEnvironment(env);
-        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QVERIFY(m_app.process.waitForStarted());
-        // Asked for its status, not to narrate: the menu's test wants it idle.
-        QTRY_VERIFY_WITH_TIMEOUT(runQuillvox({"--status"}) == 0, 20000);
-    }
-    void quitApp()
-    {
-        m_app.process.terminate();
-        QVERIFY(m_app.process.waitForFinished(10000));
+        QVERIFY(m_app.start());
     }
 
     // wl-copy on the GNOME session. It takes the selection once its window has the keyboard, and the
@@ -175,15 +154,7 @@ class TestGnomeShellSession : public QObject
         return copy.state() == QProcess::NotRunning ? copy.exitCode() : -1;
     }
 
-    // `quillvox` with these arguments on the GNOME session; its exit code.
-    int runQuillvox(const QStringList &arguments)
-    {
-        QProcess client;
-        client.setProcessEnvironment(m_wayland);
-        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
-        return client.waitForFinished(15000) ? client.exitCode() : -1;
-    }
-    int narrateSelection() { return runQuillvox({QStringLiteral("--narrate-selection")}); }
+    int runQuillvox(const QStringList &arguments) { return m_app.run(arguments).exitCode; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -258,9 +229,7 @@ private Q_SLOTS:
 
         QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().setBoolean(QStringLiteral("showWidgetWithOwnKey"), true);
-        UserDefaults::standard().sync();
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}, {"showWidgetWithOwnKey", true}});
 
         // A native Wayland client of GNOME's session, with no X11 to fall back on.
         m_wayland = m_bus->environment();
@@ -283,42 +252,35 @@ private Q_SLOTS:
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
     void narratesTheHighlight_data()
     {
+        QTest::addColumn<bool>("shortcut"); // else `quillvox --narrate-selection`
         QTest::addColumn<QString>("highlighted");
-        QTest::addColumn<QString>("copied");
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
-        QTest::newRow("highlighted") << text << "Copied before." << text;
-        QTest::newRow("nothing highlighted") << ""
-                                             << "Copied before."
+        QTest::newRow("highlighted") << false << text << text;
+        QTest::newRow("nothing highlighted") << false << ""
                                              << "Copied before.";
+        // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
+        // pressed on the compositor's keyboard.
+        QTest::newRow("by the shortcut") << true << "Narrated by its shortcut on GNOME."
+                                         << "Narrated by its shortcut on GNOME.";
     }
     void narratesTheHighlight()
     {
+        QFETCH(bool, shortcut);
         QFETCH(QString, highlighted);
-        QFETCH(QString, copied);
         QFETCH(QString, expected);
-        QCOMPARE(wlCopy({copied}), 0);
+        QCOMPARE(wlCopy({"Copied before."}), 0);
         QCOMPARE(wlCopy(highlighted.isEmpty() ? QStringList{"--primary", "--clear"}
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        QCOMPARE(narrateSelection(), 0);
+        if (shortcut)
+            xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
+        else
+            QCOMPARE(runQuillvox({QStringLiteral("--narrate-selection")}), 0);
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
-    }
-
-    // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
-    // pressed on the compositor's keyboard: the highlight is narrated.
-    void shortcutNarratesTheHighlight()
-    {
-        const QString text = QStringLiteral("Narrated by its shortcut on GNOME.");
-        QCOMPARE(wlCopy({"--primary", text}), 0);
-        const qsizetype before = m_server.requests().size();
-        xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
-        const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
-        QCOMPARE(log.size(), before + 1);
-        QCOMPARE(DevServer::input(log.last()), text);
     }
 
     // GNOME keeps the selection from programs that are not focused; the extension keeps it for Quillvox.
@@ -348,8 +310,7 @@ private Q_SLOTS:
     void widgetAboveTheEditor()
     {
         QFETCH(bool, native);
-        if (m_app.process.state() != QProcess::NotRunning)
-            quitApp();
+        QVERIFY(m_app.stop());
         QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
         // The user clicks into the editor.
         xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow, "400", "500",
@@ -376,7 +337,6 @@ private Q_SLOTS:
 
         QVERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), windows());
         QTRY_VERIFY(!indicator()[u"rect"][u"width"].isUndefined());
-        screenshot(native ? QStringLiteral("native") : QStringLiteral("xwayland"));
         m_editor.process.readAllStandardOutput();
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "x"});
         QByteArray typed;
@@ -393,7 +353,6 @@ private Q_SLOTS:
                                               "Settings...|-|Quit Quillvox"));
         clickAt(indicator()[u"rect"].toObject());
         QTRY_VERIFY(indicator()[u"open"].toBool());
-        screenshot(QStringLiteral("menu"));
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
         QTRY_VERIFY(!indicator()[u"open"].toBool());
 
@@ -406,7 +365,6 @@ private Q_SLOTS:
                                   QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
         QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"
                                               "About Quillvox|-|Settings...|-|Quit Quillvox"));
-        screenshot(QStringLiteral("playing"));
         QCOMPARE(runQuillvox({"--stop"}), 0);
         QTRY_COMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
     }
@@ -426,7 +384,7 @@ private Q_SLOTS:
     void quitsFromTheMenu()
     {
         QVERIFY(chooseFromMenu(QStringLiteral("Quit Quillvox")));
-        QVERIFY(m_app.process.waitForFinished(10000));
+        QVERIFY(m_app.process().waitForFinished(10000));
         QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
     }
 
@@ -453,8 +411,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        m_app.process.terminate();
-        m_app.process.waitForFinished(5000);
+        m_app.stop();
         m_editor.process.terminate();
         m_editor.process.waitForFinished(5000);
         // runuser hands SIGTERM on to its program and waits for it; killed, it would leave the program

@@ -2,11 +2,10 @@
 // Narrating on sway: a Wayland client's highlighted text (wl-copy --primary stands in for an editor)
 // reaches the speech server through `quillvox --narrate-selection`, which is what a sway user binds, and
 // the clipboard stays as it was.
+#include "AppUnderTest.h"
 #include "DevServer.h"
-#include "X11Desktop.h"
 
 #include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
 
 #include <QDir>
 #include <QStandardPaths>
@@ -26,28 +25,19 @@ class TestSwaySession : public QObject
     QTemporaryDir m_runtime{QDir::tempPath() + QStringLiteral("/qv-sway-XXXXXX")};
     DevServer m_server;
     ChildProcess m_sway;
-    ChildProcess m_app;
-    QProcessEnvironment m_wayland;
+    AppUnderTest m_app{AppUnderTest::Accessibility::Off};
 
     // A wl-clipboard command on the sway session; its exit code.
     int wl(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
     {
         QProcess process;
-        process.setProcessEnvironment(m_wayland);
+        process.setProcessEnvironment(m_app.env);
         process.start(program, arguments);
         if (!process.waitForFinished(10000))
             return -1;
         if (output)
             *output = process.readAllStandardOutput();
         return process.exitCode();
-    }
-
-    int narrateSelection()
-    {
-        QProcess client;
-        client.setProcessEnvironment(m_wayland);
-        client.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--narrate-selection")});
-        return client.waitForFinished(15000) ? client.exitCode() : -1;
     }
 
 private Q_SLOTS:
@@ -88,23 +78,15 @@ private Q_SLOTS:
 
         QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().sync();
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
         // The app is a native Wayland client of that session, with no X11 to fall back on.
-        m_wayland = QProcessEnvironment::systemEnvironment();
-        m_wayland.remove(QStringLiteral("DISPLAY"));
-        m_wayland.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
-        m_wayland.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-        m_wayland.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
-        QProcessEnvironment appEnv = m_wayland;
-        appEnv.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        appEnv.insert(QStringLiteral("QUILLVOX_OPENAI_ORIGIN"), m_server.url().toString());
-        m_app.process.setProcessEnvironment(appEnv);
-        m_app.process.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_app.process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        QVERIFY(m_app.process.waitForStarted());
-        QTRY_VERIFY_WITH_TIMEOUT(narrateSelection() != 2, 20000); // 2: not running yet
+        m_app.useServer(m_server);
+        m_app.env.remove(QStringLiteral("DISPLAY"));
+        m_app.env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
+        m_app.env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+        m_app.env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+        QVERIFY(m_app.start());
         QCOMPARE(wl(QStringLiteral("wl-copy"), {"The user's clipboard."}), 0);
     }
 
@@ -126,7 +108,7 @@ private Q_SLOTS:
         else
             QCOMPARE(wl(QStringLiteral("wl-copy"), {"--primary", highlighted}), 0);
 
-        QCOMPARE(narrateSelection(), 0);
+        QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
         if (highlighted.isEmpty()) {
             QTest::qWait(2000);
             QCOMPARE(m_server.requests().size(), before);
@@ -142,8 +124,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        m_app.process.terminate();
-        m_app.process.waitForFinished(5000);
+        m_app.stop();
         // runuser hands SIGTERM on to sway and waits for it.
         m_sway.process.terminate();
         QVERIFY(m_sway.process.waitForFinished(10000));

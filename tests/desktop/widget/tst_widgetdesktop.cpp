@@ -2,18 +2,14 @@
 // The floating widget as a user meets it: the app signed in through the dev server, a maximised editor
 // under openbox with xcompmgr compositing, the controls found by their accessible names and clicked with
 // the pointer.
+#include "AppUnderTest.h"
 #include "DevServer.h"
-#include "X11Desktop.h"
 
 #include "account/KeychainHelper.h"
-#include "core/UserDefaults.h"
 
 #include <QDir>
 #include <QFile>
 #include <QImage>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QRect>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -56,59 +52,29 @@ class TestWidgetDesktop : public QObject
 
     QTemporaryDir m_dir;
     DevServer m_server;
-    ChildProcess m_accessibility;
     ChildProcess m_compositor;
     ChildProcess m_editor;
-    std::unique_ptr<ChildProcess> m_app;
+    AppUnderTest m_app;
     QByteArray m_editorWindow;
     QByteArray m_widgetWindow;
 
     bool startApp()
     {
-        m_app = std::make_unique<ChildProcess>();
-        QProcessEnvironment env = m_server.appEnvironment();
-        env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
-        env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
-        m_app->process.setProcessEnvironment(env);
-        m_app->process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_app->process.start(QStringLiteral(QUILLVOX_EXECUTABLE), QStringList());
-        m_widgetWindow = runProgram(program("xdotool"),
-                                    {"search", "--sync", "--onlyvisible", "--name", "^Quillvox$"}, 20000)
-                             .split('\n')
-                             .value(0);
+        if (!m_app.start())
+            return false;
+        m_widgetWindow = visibleWindows(QStringLiteral("Quillvox"), 20000).value(0);
         // The accessibility tree is there a moment after the window.
         return !m_widgetWindow.isEmpty() &&
-               QTest::qWaitFor(
-                   [] { return !findAccessibleControl(QStringLiteral("Open Settings")).isEmpty(); }, 10000);
+               !m_app.waitForControl(QStringLiteral("Open Settings"), 0, 10000).isEmpty();
     }
 
     void stopApp()
     {
-        m_app.reset();
-        QTRY_VERIFY_WITH_TIMEOUT(runProgram(program("xdotool"), {"search", "--name", "^Quillvox$"}).isEmpty(),
-                                 5000);
+        QVERIFY(m_app.stop());
+        QTRY_VERIFY_WITH_TIMEOUT(visibleWindows(QStringLiteral("Quillvox")).isEmpty(), 5000);
     }
 
-    QRect widgetGeometry() const
-    {
-        QRect r;
-        for (const QByteArray &line :
-             runProgram(program("xdotool"), {"getwindowgeometry", "--shell", m_widgetWindow}).split('\n')) {
-            const QList<QByteArray> kv = line.split('=');
-            if (kv.size() != 2)
-                continue;
-            const int v = kv[1].toInt();
-            if (kv[0] == "X")
-                r.moveLeft(v);
-            else if (kv[0] == "Y")
-                r.moveTop(v);
-            else if (kv[0] == "WIDTH")
-                r.setWidth(v);
-            else if (kv[0] == "HEIGHT")
-                r.setHeight(v);
-        }
-        return r;
-    }
+    QRect widgetGeometry() const { return windowGeometry(m_widgetWindow); }
 
 private Q_SLOTS:
     void initTestCase()
@@ -116,19 +82,18 @@ private Q_SLOTS:
         if (const QString lack = desktopLacks(); !lack.isEmpty())
             QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        QVERIFY(startAccessibilityBus(m_accessibility));
         m_compositor.process.start(program("xcompmgr"), QStringList());
         QVERIFY(m_compositor.process.waitForStarted());
 
         QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
+        m_app.useServer(m_server);
         const QUrlQuery session = m_server.signIn();
         KeychainHelper &keychain = KeychainHelper::shared();
         QVERIFY(
             keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
         QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")),
                               KeychainKey::refreshToken));
-        UserDefaults::standard().setBoolean(QStringLiteral("hasCompletedOnboarding"), true);
-        UserDefaults::standard().sync();
+        AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
         const QString text = m_dir.filePath(QStringLiteral("article.txt"));
         QFile file(text);
@@ -147,10 +112,7 @@ private Q_SLOTS:
 
     void appearsAtTheTopCentreAboveTheEditor()
     {
-        const QList<QByteArray> screen =
-            runProgram(program("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
-        QCOMPARE(screen.size(), 2);
-        QCOMPARE(widgetGeometry(), QRect((screen[0].toInt() - kWidth) / 2, 40, kWidth, kHeight));
+        QCOMPARE(widgetGeometry(), QRect((screenSize().width() - kWidth) / 2, 40, kWidth, kHeight));
 
         const QByteArray states =
             runProgram(program("xprop"), {"-id", m_widgetWindow, "_NET_WM_STATE", "_NET_WM_DESKTOP"});
@@ -169,15 +131,13 @@ private Q_SLOTS:
 
     void hoverShowsTheControlsAndLeavingHidesThem()
     {
-        QVERIFY(findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty());
+        QVERIFY(m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty());
         const QRect widget = widgetGeometry();
         xdotool({"mousemove", QString::number(widget.center().x()), QString::number(widget.center().y())});
-        QTRY_VERIFY_WITH_TIMEOUT(!findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty(),
-                                 5000);
-        QVERIFY(!findAccessibleControl(QStringLiteral("Expand controls")).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
+        QVERIFY(!m_app.control(QStringLiteral("Expand controls")).isEmpty());
         xdotool({"mousemove", "200", "600"});
-        QTRY_VERIFY_WITH_TIMEOUT(findAccessibleControl(QStringLiteral("Skip back 5 seconds")).isEmpty(),
-                                 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
     }
 
     void buttonsDrivePlaybackAndLeaveTheEditorActive()
@@ -186,18 +146,18 @@ private Q_SLOTS:
         xdotool({"key", "--clearmodifiers", "ctrl+a"});
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
 
-        clickAt(findAccessibleControl(QStringLiteral("Play")).center());
-        QTRY_VERIFY_WITH_TIMEOUT(appStatus().value(QStringLiteral("isPlaying")).toBool(), 15000);
+        clickAt(m_app.control(QStringLiteral("Play")).center());
+        QTRY_VERIFY_WITH_TIMEOUT(m_app.status().value(QStringLiteral("isPlaying")).toBool(), 15000);
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
 
-        clickAt(findAccessibleControl(QStringLiteral("Pause")).center());
-        QTRY_VERIFY(!appStatus().value(QStringLiteral("isPlaying")).toBool());
-        QTRY_VERIFY(!findAccessibleControl(QStringLiteral("Play")).isEmpty());
+        clickAt(m_app.control(QStringLiteral("Pause")).center());
+        QTRY_VERIFY(!m_app.status().value(QStringLiteral("isPlaying")).toBool());
+        QTRY_VERIFY(!m_app.control(QStringLiteral("Play")).isEmpty());
 
-        clickAt(findAccessibleControl(QStringLiteral("Expand controls")).center());
-        QTRY_VERIFY(!findAccessibleControl(QStringLiteral("Stop narration")).isEmpty());
-        clickAt(findAccessibleControl(QStringLiteral("Stop narration")).center());
-        QTRY_VERIFY(!appStatus().value(QStringLiteral("hasContent")).toBool());
+        clickAt(m_app.control(QStringLiteral("Expand controls")).center());
+        QTRY_VERIFY(!m_app.control(QStringLiteral("Stop narration")).isEmpty());
+        clickAt(m_app.control(QStringLiteral("Stop narration")).center());
+        QTRY_VERIFY(!m_app.status().value(QStringLiteral("hasContent")).toBool());
         QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
         // What was narrated is the editor's selection (its exchange is logged once the stop ended it).
         const auto narrated = [this] { return m_server.narratedTexts(u"/api/tts/stream").join(u'|'); };
@@ -205,33 +165,23 @@ private Q_SLOTS:
         // Pinned: the controls stay when the pointer leaves.
         xdotool({"mousemove", "200", "600"});
         QTest::qWait(500);
-        QVERIFY(!findAccessibleControl(QStringLiteral("Collapse controls")).isEmpty());
-        clickAt(findAccessibleControl(QStringLiteral("Collapse controls")).center());
+        QVERIFY(!m_app.control(QStringLiteral("Collapse controls")).isEmpty());
+        clickAt(m_app.control(QStringLiteral("Collapse controls")).center());
         xdotool({"mousemove", "200", "600"});
     }
 
     // The bars at rest are 3 pixels high in the middle of their well: their centre pixels carry the
     // theme's colours.
-    void themeColoursTheBars_data()
-    {
-        QTest::addColumn<QString>("theme");
-        QTest::addColumn<QColor>("firstBar");
-        QTest::addColumn<QColor>("lastBar");
-        QTest::newRow("Crimson") << "Crimson" << QColor::fromRgbF(0.9f, 0.15f, 0.25f)
-                                 << QColor::fromRgbF(1.0f, 0.5f, 0.6f);
-    }
-
     void themeColoursTheBars()
     {
-        QFETCH(QString, theme);
-        QFETCH(QColor, firstBar);
-        QFETCH(QColor, lastBar);
+        const QString theme = QStringLiteral("Crimson");
+        const QColor firstBar = QColor::fromRgbF(0.9f, 0.15f, 0.25f);
+        const QColor lastBar = QColor::fromRgbF(1.0f, 0.5f, 0.6f);
         stopApp();
-        UserDefaults::standard().setString(QStringLiteral("widgetTheme"), theme);
-        UserDefaults::standard().sync();
+        AppUnderTest::setSettings({{"widgetTheme", theme}});
         QVERIFY(startApp());
         // The bars' well starts 12 px right of the play button, is 44 wide and shares its middle.
-        const QRect play = findAccessibleControl(QStringLiteral("Play"));
+        const QRect play = m_app.control(QStringLiteral("Play"));
         const qreal firstBarLeft = play.right() + 1 + 12 + (44 - (6 * 2.5 + 5 * 2.5)) / 2;
         for (const auto &[bar, expected] : {std::pair{0, firstBar}, std::pair{5, lastBar}}) {
             const QPoint pixel(int(firstBarLeft + bar * 5 + 1), play.center().y());
@@ -261,15 +211,13 @@ private Q_SLOTS:
         KeychainHelper &keychain = KeychainHelper::shared();
         keychain.remove(KeychainKey::accessToken);
         keychain.remove(KeychainKey::refreshToken);
-        QCOMPARE(DevServer::setOwnKey(QStringLiteral(QUILLVOX_EXECUTABLE), m_server.appEnvironment()),
-                 QString());
-        UserDefaults::standard().setBoolean(QStringLiteral("showWidgetWithOwnKey"), true);
-        UserDefaults::standard().sync();
+        QCOMPARE(m_app.storeKey(), QString());
+        AppUnderTest::setSettings({{"showWidgetWithOwnKey", true}});
         QVERIFY(startApp());
         const QPoint centre = widgetGeometry().center();
         xdotool({"mousemove", QString::number(centre.x()), QString::number(centre.y())});
-        QVERIFY(clickAccessibleControl(QStringLiteral("Expand controls")));
-        QVERIFY(showsAccessibleControl(QStringLiteral("Collapse controls")));
+        QVERIFY(m_app.click(QStringLiteral("Expand controls")));
+        QVERIFY(m_app.shows(QStringLiteral("Collapse controls")));
         const QRect withoutText = widgetGeometry();
         QCOMPARE(withoutText.size(), QSize(kWidth, kHeight));
 
@@ -281,7 +229,7 @@ private Q_SLOTS:
             sentences << sentence + u'.';
         }
         ChildProcess watcher;
-        QVERIFY(watchAccessibleDescription(watcher, QStringLiteral("Now reading")));
+        QVERIFY(m_app.watchDescription(watcher, QStringLiteral("Now reading")));
         QString shown;
         const auto shows = [&](const QString &sentence) {
             while (watcher.process.canReadLine())
@@ -291,7 +239,7 @@ private Q_SLOTS:
         const auto position = [] {
             return runProgram(program("playerctl"), {"-p", "quillvox", "position"}).toDouble();
         };
-        runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--speak", sentences.join(u' ')});
+        m_app.run({"--speak", sentences.join(u' ')});
         const auto shownInTime = [&](qsizetype i, double start) {
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i]), 15000);
             const double at = position();
@@ -336,7 +284,7 @@ private Q_SLOTS:
                     .startsWith("This is the third sentence"));
 
         QTRY_VERIFY_WITH_TIMEOUT(position() > starts[2] + 1.0, 5000);
-        QVERIFY(clickAccessibleControl(QStringLiteral("Now reading")));
+        QVERIFY(m_app.click(QStringLiteral("Now reading")));
         QTRY_VERIFY_WITH_TIMEOUT(position() < starts[2] + 0.8, 3000);
         QCOMPARE_GE(position(), starts[2] - 0.05);
         QVERIFY(shows(sentences[2]));

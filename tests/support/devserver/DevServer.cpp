@@ -90,10 +90,10 @@ QString DevServer::logPath() const
     return m_dir.filePath(QStringLiteral("requests.jsonl"));
 }
 
-QList<QJsonObject> DevServer::requests() const
+QList<QJsonObject> DevServer::requests(const QString &logPath)
 {
     QList<QJsonObject> records;
-    QFile file(logPath());
+    QFile file(logPath);
     if (!file.open(QIODevice::ReadOnly))
         return records;
     while (!file.atEnd()) {
@@ -143,10 +143,10 @@ QString DevServer::input(const QJsonObject &record)
     return body(record).value(QLatin1String("input")).toString();
 }
 
-QStringList DevServer::narratedTexts(QStringView path) const
+QStringList DevServer::narratedTexts(const QList<QJsonObject> &requests, QStringView path)
 {
     QStringList texts;
-    for (const QJsonObject &record : requests()) {
+    for (const QJsonObject &record : requests) {
         if (record.value(QLatin1String("path")).toString() == path)
             texts.append(input(record));
     }
@@ -159,24 +159,6 @@ QProcessEnvironment DevServer::appEnvironment(QProcessEnvironment base) const
         base.insert(QString::fromLatin1(origin), url().toString());
     base.insert(QStringLiteral("QUILLVOX_AUTH_ANON_KEY"), QStringLiteral("quillvox-dev-anon-key"));
     return base;
-}
-
-QString DevServer::setOwnKey(const QString &app, const QProcessEnvironment &env)
-{
-    QProcess setKey;
-    setKey.setProcessEnvironment(env);
-    setKey.start(app, {QStringLiteral("--set-api-key")});
-    setKey.write("local\n");
-    setKey.closeWriteChannel();
-    if (!setKey.waitForFinished(30000)) {
-        setKey.kill();
-        setKey.waitForFinished();
-        return app + QStringLiteral(" --set-api-key did not finish");
-    }
-    if (setKey.exitStatus() != QProcess::NormalExit || setKey.exitCode() != 0)
-        return app + QStringLiteral(" --set-api-key failed: ") +
-               QString::fromUtf8(setKey.readAllStandardError()).trimmed();
-    return {};
 }
 
 namespace {

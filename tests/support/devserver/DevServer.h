@@ -50,7 +50,9 @@ public:
     // One JSON object per finished exchange, in the order the responses ended: method, path, query,
     // headers (an object, names as sent, a repeated header folded into one comma-separated value),
     // body, status (0 when dropped unanswered), bodyBytesSent (bytes of body written), time.
-    QList<QJsonObject> requests() const;
+    QList<QJsonObject> requests() const { return requests(logPath()); }
+    // The same of a server started elsewhere with "--log logPath".
+    static QList<QJsonObject> requests(const QString &logPath);
     // A response's log line lands just after its last byte, so a client may finish first: wait (running
     // the event loop) until at least count records are there or the timeout passes.
     QList<QJsonObject> waitForRequests(qsizetype count,
@@ -62,17 +64,16 @@ public:
     // The "input" member of that body: the text a speech request asked for.
     static QString input(const QJsonObject &record);
     // The texts of the finished requests to `path`, in the order they ended.
-    QStringList narratedTexts(QStringView path = u"/v1/audio/speech") const;
+    QStringList narratedTexts(QStringView path = u"/v1/audio/speech") const
+    {
+        return narratedTexts(requests(), path);
+    }
+    static QStringList narratedTexts(const QList<QJsonObject> &requests, QStringView path);
 
     // `base` with every origin the app talks to (speech, the account service, sign-in) at this server,
     // and its anon key: the app's traffic stays on loopback.
     QProcessEnvironment
     appEnvironment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment()) const;
-
-    // Stores the key this server takes by default ("local") as a user stores an own key: `app
-    // --set-api-key` with the key on its standard input. Empty when that worked, else why not.
-    static QString setOwnKey(const QString &app,
-                             const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment());
 
     // Talks to the server's /dev/ control routes: POSTs body when it is not empty, GETs otherwise, and
     // returns the JSON answer; an empty object when the request failed or the answer was not an object.

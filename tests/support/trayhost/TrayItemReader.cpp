@@ -42,10 +42,12 @@ QVariant TrayItemReader::property(const QString &name) const
     return QDBusConnection::sessionBus().call(get).arguments().value(0).value<QDBusVariant>().variant();
 }
 
-QList<QSize> TrayItemReader::pixmapSizes() const
+namespace {
+
+// An a(iiay) of pictures; a size whose bytes do not match is no picture a host can draw.
+QList<QSize> readPixmaps(const QDBusArgument &pixmaps)
 {
     QList<QSize> sizes;
-    const QDBusArgument pixmaps = property(QStringLiteral("IconPixmap")).value<QDBusArgument>();
     pixmaps.beginArray();
     while (!pixmaps.atEnd()) {
         int width = 0;
@@ -54,11 +56,17 @@ QList<QSize> TrayItemReader::pixmapSizes() const
         pixmaps.beginStructure();
         pixmaps >> width >> height >> argb;
         pixmaps.endStructure();
-        // A size whose bytes do not match is no picture a host can draw.
         sizes.append(argb.size() == width * height * 4 ? QSize(width, height) : QSize());
     }
     pixmaps.endArray();
     return sizes;
+}
+
+} // namespace
+
+QList<QSize> TrayItemReader::pixmapSizes() const
+{
+    return readPixmaps(property(QStringLiteral("IconPixmap")).value<QDBusArgument>());
 }
 
 QString TrayItemReader::toolTip() const
@@ -69,16 +77,7 @@ QString TrayItemReader::toolTip() const
     QString description;
     toolTip.beginStructure();
     toolTip >> iconName;
-    toolTip.beginArray();
-    while (!toolTip.atEnd()) {
-        int width = 0;
-        int height = 0;
-        QByteArray argb;
-        toolTip.beginStructure();
-        toolTip >> width >> height >> argb;
-        toolTip.endStructure();
-    }
-    toolTip.endArray();
+    readPixmaps(toolTip);
     toolTip >> title >> description;
     toolTip.endStructure();
     return description.isEmpty() ? title : title + u'\n' + description;
@@ -155,25 +154,30 @@ QStringList TrayItemReader::shownMenu() const
 
 QString TrayItemReader::entryText(const QString &label) const
 {
-    for (const Entry &entry : menu()) {
-        if (entry.properties.value(QStringLiteral("label")).toString() == label)
-            return text(entry);
-    }
-    return {};
+    const std::optional<Entry> entry = find(label);
+    return entry ? text(*entry) : QString();
 }
 
 bool TrayItemReader::click(const QString &label) const
 {
-    for (const Entry &entry : menu()) {
-        if (entry.properties.value(QStringLiteral("label")).toString() != label)
-            continue;
-        QDBusMessage event = QDBusMessage::createMethodCall(m_item.service, menuPath(), kMenuInterface,
-                                                            QStringLiteral("Event"));
-        event << entry.id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0))
-              << uint(QDateTime::currentSecsSinceEpoch());
-        // "Quit" may end the app before it answers.
-        return QDBusConnection::sessionBus().send(event);
+    const std::optional<Entry> entry = find(label);
+    if (!entry) {
+        qWarning() << "no menu entry" << label;
+        return false;
     }
-    qWarning() << "no menu entry" << label;
-    return false;
+    QDBusMessage event =
+        QDBusMessage::createMethodCall(m_item.service, menuPath(), kMenuInterface, QStringLiteral("Event"));
+    event << entry->id << QStringLiteral("clicked") << QVariant::fromValue(QDBusVariant(0))
+          << uint(QDateTime::currentSecsSinceEpoch());
+    // "Quit" may end the app before it answers.
+    return QDBusConnection::sessionBus().send(event);
+}
+
+std::optional<TrayItemReader::Entry> TrayItemReader::find(const QString &label) const
+{
+    for (const Entry &entry : menu()) {
+        if (entry.properties.value(QStringLiteral("label")).toString() == label)
+            return entry;
+    }
+    return std::nullopt;
 }

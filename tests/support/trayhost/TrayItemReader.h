@@ -9,6 +9,8 @@
 #include <QStringList>
 #include <QVariant>
 
+#include <optional>
+
 // A tray item as a panel reads it: its properties over org.kde.StatusNotifierItem and its menu over
 // com.canonical.dbusmenu, on the session bus.
 class TrayItemReader
@@ -43,6 +45,7 @@ private:
     static QString text(const Entry &entry);
     QString menuPath() const;
     QList<Entry> menu() const;
+    std::optional<Entry> find(const QString &label) const;
 
     StatusNotifierWatcher::Item m_item;
 };

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "X11Desktop.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDebug>
 #include <QFile>
 #include <QStandardPaths>
@@ -40,18 +38,6 @@ QString desktopLacks(const QStringList &programs)
             return program + u" is not installed";
     }
     return {};
-}
-
-bool startAccessibilityBus(ChildProcess &launcher)
-{
-    const QString name = QStringLiteral("org.a11y.Bus");
-    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    if (!bus)
-        return false;
-    if (bus->isServiceRegistered(name))
-        return true;
-    launcher.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"), {"--launch-immediately"});
-    return QTest::qWaitFor([&] { return bool(bus->isServiceRegistered(name)); }, 5000);
 }
 
 ChildProcess::~ChildProcess()
@@ -95,61 +81,46 @@ QByteArray openInMousepad(ChildProcess &editor, const QString &file)
     return window;
 }
 
-QRect waitForAccessibleControl(const QString &name, int index, int timeoutMs)
+QByteArrayList visibleWindows(const QString &title, int timeoutMs)
 {
-    QRect rect;
-    if (!QTest::qWaitFor([&] { return !(rect = findAccessibleControl(name, index)).isEmpty(); }, timeoutMs))
-        qWarning().noquote() << "no control called" << name;
-    return rect;
+    QByteArrayList found;
+    QTest::qWaitFor(
+        [&] {
+            found = runProgram(QStringLiteral("xdotool"),
+                               {"search", "--onlyvisible", "--name", u'^' + title + u'$'})
+                        .split('\n');
+            found.removeAll(QByteArray());
+            return !found.isEmpty();
+        },
+        timeoutMs);
+    return found;
 }
 
-bool showsAccessibleControl(const QString &name)
+QRect windowGeometry(const QByteArray &window)
 {
-    return !waitForAccessibleControl(name).isEmpty();
-}
-
-bool clickAccessibleControl(const QString &name, int index)
-{
-    // "x:608 y:373 screen:0 window:..."
-    const QList<QByteArray> fields = runProgram(QStringLiteral("xdotool"), {"getmouselocation"}).split(' ');
-    QPoint at = fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
-    for (int look = 0; look < 3; ++look) {
-        const QRect rect = waitForAccessibleControl(name, index);
-        if (rect.isEmpty())
-            return false;
-        if (rect.center() == at)
-            break;
-        at = rect.center();
-        // --sync waits for a movement, so the pointer is only sent where it is not.
-        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
-        QTest::qWait(300);
+    QRect r;
+    for (const QByteArray &line :
+         runProgram(QStringLiteral("xdotool"), {"getwindowgeometry", "--shell", QString::fromLatin1(window)})
+             .split('\n')) {
+        const QList<QByteArray> kv = line.split('=');
+        if (kv.size() != 2)
+            continue;
+        const int v = kv[1].toInt();
+        if (kv[0] == "X")
+            r.moveLeft(v);
+        else if (kv[0] == "Y")
+            r.moveTop(v);
+        else if (kv[0] == "WIDTH")
+            r.setWidth(v);
+        else if (kv[0] == "HEIGHT")
+            r.setHeight(v);
     }
-    xdotool({"click", "1"});
-    return true;
+    return r;
 }
 
-bool watchAccessibleDescription(ChildProcess &watcher, const QString &name)
+QSize screenSize()
 {
-    watcher.process.start(QStringLiteral("/usr/bin/python3"),
-                          {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "watch", name});
-    return watcher.process.waitForStarted();
-}
-
-QString focusedAccessibleName()
-{
-    return QString::fromUtf8(runProgram(QStringLiteral("/usr/bin/python3"),
-                                        {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "focused"})
-                                 .trimmed());
-}
-
-QRect findAccessibleControl(const QString &name, int index)
-{
-    const QList<QByteArray> numbers =
-        runProgram(QStringLiteral("/usr/bin/python3"),
-                   {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "find", name, QString::number(index)})
-            .trimmed()
-            .split(' ');
-    if (numbers.size() != 4)
-        return {};
-    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
+    const QList<QByteArray> size =
+        runProgram(QStringLiteral("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
+    return size.size() == 2 ? QSize(size[0].toInt(), size[1].toInt()) : QSize();
 }

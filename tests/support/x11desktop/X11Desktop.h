@@ -4,8 +4,6 @@
 #include "platform/SystemClipboard.h"
 
 #include <QByteArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QRect>
 #include <QString>
@@ -35,41 +33,17 @@ struct ChildProcess
     ~ChildProcess();
 };
 
-// Starts the AT-SPI bus in `launcher` unless the session bus has one already; true once it is there.
-bool startAccessibilityBus(ChildProcess &launcher);
-
 // Makes `owner` (the quillvox-test-clipboard-owner program) own CLIPBOARD with `content`, whose bytes
 // go through files in `dir`; true once it said it is ready.
 bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardContent &content,
                   const QString &dir);
 
-// The on-screen rectangle of Quillvox's showing control called `name`, found on the accessibility bus
-// as a screen reader finds it; empty when there is none. `index` picks a later one of the same name.
-QRect findAccessibleControl(const QString &name, int index = 0);
-
-// Starts `watcher` writing the accessible description of Quillvox's showing control called `name` to its
-// standard output, a line each time it changes (an empty one while no such control shows).
-bool watchAccessibleDescription(ChildProcess &watcher, const QString &name);
-
-// findAccessibleControl's rectangle once the control shows, within `timeoutMs`; empty when it never did.
-QRect waitForAccessibleControl(const QString &name, int index = 0, int timeoutMs = 15000);
-// Whether the control shows within 15 s.
-bool showsAccessibleControl(const QString &name);
-// Clicks the control's centre. Hovering can move controls (the widget expands), so the pointer follows
-// until the control stays put; false when the control never showed.
-bool clickAccessibleControl(const QString &name, int index = 0);
-
-// The name of Quillvox's control that has the keyboard focus, as a screen reader hears it; empty when
-// none has.
-QString focusedAccessibleName();
+// The ids of the visible windows titled `title` exactly, once there is one or `timeoutMs` passed.
+QByteArrayList visibleWindows(const QString &title, int timeoutMs = 0);
+// Where a window is on the screen and its size.
+QRect windowGeometry(const QByteArray &window);
+// The screen's size.
+QSize screenSize();
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
 QByteArray openInMousepad(ChildProcess &editor, const QString &file);
-
-#ifdef QUILLVOX_EXECUTABLE
-// What the running app answers to `quillvox --status`; empty when none runs.
-inline QJsonObject appStatus()
-{
-    return QJsonDocument::fromJson(runProgram(QStringLiteral(QUILLVOX_EXECUTABLE), {"--status"})).object();
-}
-#endif

@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
+#include "AppUnderTest.h"
+
+#include "DevServer.h"
+#include "core/UserDefaults.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDebug>
+#include <QFile>
+#include <QJsonDocument>
+#include <QTest>
+
+#include <sys/prctl.h>
+
+#include <csignal>
+
+namespace {
+
+QByteArray atspiQuery(const QStringList &arguments)
+{
+    return runProgram(QStringLiteral("/usr/bin/python3"),
+                      QStringList{QStringLiteral(QUILLVOX_ATSPI_QUERY), QStringLiteral("Quillvox")} +
+                          arguments)
+        .trimmed();
+}
+
+// Starts the AT-SPI bus in `launcher` unless the session bus has one already.
+bool startAccessibilityBus(ChildProcess &launcher)
+{
+    const QString name = QStringLiteral("org.a11y.Bus");
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    if (!bus || bus->isServiceRegistered(name))
+        return bus;
+    launcher.process.start(QStringLiteral("/usr/libexec/at-spi-bus-launcher"), {"--launch-immediately"});
+    return QTest::qWaitFor([&] { return bool(bus->isServiceRegistered(name)); }, 5000);
+}
+
+} // namespace
+
+AppUnderTest::AppUnderTest(Accessibility accessibility, const QString &program)
+    : env(QProcessEnvironment::systemEnvironment())
+    , m_program(program)
+    , m_accessible(accessibility == Accessibility::On)
+{
+    env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+    if (m_accessible)
+        env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
+    // A crashed test leaves no app behind.
+    m_process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+}
+
+AppUnderTest::~AppUnderTest()
+{
+    stop();
+    if (QTest::currentTestFailed())
+        qInfo().noquote() << "app output:\n" << output();
+}
+
+void AppUnderTest::useServer(const DevServer &server)
+{
+    env = server.appEnvironment(env);
+}
+
+QString AppUnderTest::storeKey(const QString &key) const
+{
+    const Run stored = run({QStringLiteral("--set-api-key")}, key.toUtf8() + '\n');
+    return stored.exitCode == 0 ? QString() : QStringLiteral("--set-api-key failed: ") + stored.err;
+}
+
+void AppUnderTest::setSettings(const QVariantMap &settings, bool fresh)
+{
+    if (fresh)
+        QFile::remove(UserDefaults::standardFilePath());
+    UserDefaults defaults(UserDefaults::standardFilePath());
+    for (auto it = settings.begin(); it != settings.end(); ++it) {
+        if (it->typeId() == QMetaType::Bool)
+            defaults.setBoolean(it.key(), it->toBool());
+        else
+            defaults.setString(it.key(), it->toString());
+    }
+    defaults.sync();
+}
+
+bool AppUnderTest::start(const QStringList &arguments)
+{
+    if (m_accessible && !startAccessibilityBus(m_accessibilityBus))
+        return false;
+    launch(arguments);
+    Run asked;
+    const auto answers = [&] {
+        asked = run({QStringLiteral("--status")});
+        return !isRunning() || asked.exitCode == 0;
+    };
+    if (QTest::qWaitFor(answers, 45000) && isRunning())
+        return true;
+    qWarning().noquote() << m_program << "did not answer --status (" << asked.exitCode << asked.err << "):\n"
+                         << output();
+    return false;
+}
+
+void AppUnderTest::launch(const QStringList &arguments)
+{
+    const QString log = m_dir.filePath(QStringLiteral("app.log"));
+    m_process.setStandardOutputFile(log, QIODevice::Append);
+    m_process.setStandardErrorFile(log, QIODevice::Append);
+    m_process.setProcessEnvironment(env);
+    m_process.start(m_program, arguments);
+}
+
+bool AppUnderTest::stop()
+{
+    if (!isRunning())
+        return true;
+    m_process.terminate();
+    if (!m_process.waitForFinished(10000)) {
+        m_process.kill();
+        m_process.waitForFinished();
+        return false;
+    }
+    return true;
+}
+
+QString AppUnderTest::output() const
+{
+    QFile log(m_dir.filePath(QStringLiteral("app.log")));
+    return log.open(QIODevice::ReadOnly) ? QString::fromUtf8(log.readAll()) : QString();
+}
+
+AppUnderTest::Run AppUnderTest::run(const QStringList &arguments, const QByteArray &input) const
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(m_program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    Run result;
+    // With the event loop running: the app may be asking a D-Bus service of this test meanwhile.
+    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000)) {
+        process.kill();
+        process.waitForFinished();
+    } else if (process.exitStatus() == QProcess::NormalExit) {
+        result.exitCode = process.exitCode();
+    }
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
+QJsonObject AppUnderTest::status() const
+{
+    return QJsonDocument::fromJson(run({QStringLiteral("--status")}).out).object();
+}
+
+QRect AppUnderTest::control(const QString &name, int index)
+{
+    const QList<QByteArray> numbers = atspiQuery({"find", name, QString::number(index)}).split(' ');
+    if (numbers.size() != 4)
+        return {};
+    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
+}
+
+QRect AppUnderTest::waitForControl(const QString &name, int index, int timeoutMs)
+{
+    QRect rect;
+    if (!QTest::qWaitFor([&] { return !(rect = control(name, index)).isEmpty(); }, timeoutMs))
+        qWarning().noquote() << "no control called" << name;
+    return rect;
+}
+
+bool AppUnderTest::click(const QString &name, int index)
+{
+    // "x:608 y:373 screen:0 window:..."
+    const QList<QByteArray> fields = runProgram(QStringLiteral("xdotool"), {"getmouselocation"}).split(' ');
+    QPoint at = fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
+    for (int look = 0; look < 3; ++look) {
+        const QRect rect = waitForControl(name, index);
+        if (rect.isEmpty())
+            return false;
+        if (rect.center() == at)
+            break;
+        at = rect.center();
+        // --sync waits for a movement, so the pointer is only sent where it is not.
+        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
+        QTest::qWait(300);
+    }
+    xdotool({"click", "1"});
+    return true;
+}
+
+QString AppUnderTest::focusedName()
+{
+    return QString::fromUtf8(atspiQuery({"focused"}));
+}
+
+bool AppUnderTest::watchDescription(ChildProcess &watcher, const QString &name)
+{
+    watcher.process.start(QStringLiteral("/usr/bin/python3"),
+                          {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "watch", name});
+    return watcher.process.waitForStarted();
+}
