@@ -6,6 +6,7 @@
 #include "app/AppServices.h"
 #include "app/CommandLineArguments.h"
 #include "app/SingleInstance.h"
+#include "app/TerminationSignals.h"
 #include "app/WindowingPlatform.h"
 #include "core/DeploymentConfig.h"
 #include "core/Logging.h"
@@ -261,6 +262,7 @@ int runApplication(int argc, char *argv[], const Invocation &invocation)
         QTextStream(stderr) << "Quillvox is already running." << Qt::endl;
         return 0;
     }
+    const TerminationSignals termination;
     return app.exec();
 }
 

@@ -118,7 +118,7 @@ bool AppUnderTest::stop()
         m_process.waitForFinished();
         return false;
     }
-    return true;
+    return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
 }
 
 QString AppUnderTest::output() const

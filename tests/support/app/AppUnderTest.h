@@ -54,7 +54,7 @@ public:
     bool start(const QStringList &arguments = {});
     // Starts it without waiting, e.g. for a narration of its own (`--speak`).
     void launch(const QStringList &arguments);
-    // SIGTERM, as a session's end sends it; false when it had to be killed after 10 s.
+    // SIGTERM, as a session's end sends it; true when the app quit cleanly (exit code 0) within 10 s.
     bool stop();
     QProcess &process() { return m_process; }
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }

@@ -84,7 +84,7 @@ QByteArray openInMousepad(ChildProcess &editor, const QString &file)
 QByteArrayList visibleWindows(const QString &title, int timeoutMs)
 {
     QByteArrayList found;
-    QTest::qWaitFor(
+    (void)QTest::qWaitFor(
         [&] {
             found = runProgram(QStringLiteral("xdotool"),
                                {"search", "--onlyvisible", "--name", u'^' + title + u'$'})
