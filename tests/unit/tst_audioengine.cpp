@@ -201,46 +201,39 @@ class TestAudioEngine : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void completionsWaitForTheLastFrame_data()
-    {
-        QTest::addColumn<QList<int>>("bufferFrames");
-        QTest::addColumn<int>("step");
-        QTest::addColumn<int>("deviceDelay");
-        QTest::newRow("no device delay") << QList<int>{4800, 4800, 2400} << 100 << 0;
-        QTest::newRow("delay longer than a buffer") << QList<int>{1000, 3000, 500} << 250 << 6000;
-        QTest::newRow("uneven steps") << QList<int>{4800, 1, 4799} << 333 << 7;
-        QTest::newRow("steps spanning buffers, delayed")
-            << QList<int>{1000, 1000, 1000, 1000} << 2500 << 1700;
-    }
-
+    // Buffers of these lengths, rendered in steps of this many frames with this device delay.
     void completionsWaitForTheLastFrame()
     {
-        QFETCH(QList<int>, bufferFrames);
-        QFETCH(int, step);
-        QFETCH(int, deviceDelay);
-        Harness h;
-        QVERIFY(h.start());
-        QList<qint64> ends; // the frame just after each buffer
-        for (int frames : bufferFrames)
-            ends.append((ends.isEmpty() ? 0 : ends.last()) + frames);
-        const qint64 total = ends.last();
-        // Each buffer is given an odd trailing byte, which it leaves out.
-        const QByteArray audio = ramp(total) + '\0';
-        for (qsizetype i = 0; i < ends.size(); ++i)
-            h.engine.scheduleBuffer(audio, (ends[i] - bufferFrames[i]) * 2, bufferFrames[i] * 2 + 1,
-                                    quint64(i + 1));
-        h.engine.markEndOfInput();
-        h.engine.play();
-        for (qint64 rendered = step; h.completed.size() < bufferFrames.size(); rendered += step) {
-            QVERIFY(rendered < total + deviceDelay + 4 * step);
-            h.advance(std::size_t(step), deviceDelay);
-            const qint64 heard = std::clamp<qint64>(rendered - deviceDelay, 0, total);
-            QCOMPARE(h.completed.size(),
-                     std::ranges::count_if(ends, [heard](qint64 end) { return end <= heard; }));
-            QCOMPARE(h.position(), heard);
+        const std::tuple<QList<int>, int, int> rows[] = {
+            {{4800, 4800, 2400}, 100, 0},
+            {{1000, 3000, 500}, 250, 6000}, // delay longer than a buffer
+            {{4800, 1, 4799}, 333, 7},
+            {{1000, 1000, 1000, 1000}, 2500, 1700}}; // steps spanning buffers
+        for (const auto &[bufferFrames, step, deviceDelay] : rows) {
+            Harness h;
+            QVERIFY(h.start());
+            QList<qint64> ends; // the frame just after each buffer
+            for (int frames : bufferFrames)
+                ends.append((ends.isEmpty() ? 0 : ends.last()) + frames);
+            const qint64 total = ends.last();
+            // Each buffer is given an odd trailing byte, which it leaves out.
+            const QByteArray audio = ramp(total) + '\0';
+            for (qsizetype i = 0; i < ends.size(); ++i)
+                h.engine.scheduleBuffer(audio, (ends[i] - bufferFrames[i]) * 2, bufferFrames[i] * 2 + 1,
+                                        quint64(i + 1));
+            h.engine.markEndOfInput();
+            h.engine.play();
+            for (qint64 rendered = step; h.completed.size() < bufferFrames.size(); rendered += step) {
+                QVERIFY(rendered < total + deviceDelay + 4 * step);
+                h.advance(std::size_t(step), deviceDelay);
+                const qint64 heard = std::clamp<qint64>(rendered - deviceDelay, 0, total);
+                QCOMPARE(h.completed.size(),
+                         std::ranges::count_if(ends, [heard](qint64 end) { return end <= heard; }));
+                QCOMPARE(h.position(), heard);
+            }
+            QCOMPARE(h.completed, QList<quint64>({1, 2, 3, 4}).first(bufferFrames.size()));
+            QVERIFY(h.rampFrom(0, total));
         }
-        QCOMPARE(h.completed, QList<quint64>({1, 2, 3, 4}).first(bufferFrames.size()));
-        QVERIFY(h.rampFrom(0, total));
     }
 
     // At a steady rate the position counts narration frames and never goes back, and the pitch stays. The
@@ -309,67 +302,66 @@ private Q_SLOTS:
         QCOMPARE(h.position(), total + kRate);
     }
 
-    void pauseAndStop_data() { directAndStretched(); }
-
     // Pause keeps the position and, while a request keeps the device up, renders silence; stop drops the
     // queue, completions already reported included, and the next narration starts clean.
     void pauseAndStop()
     {
-        QFETCH(float, rate);
-        Harness h;
-        QVERIFY(h.start());
-        h.engine.setRate(rate);
-        const QByteArray audio = ramp(6 * kRate);
-        h.schedule(audio, 4800);
-        // Prepared but not playing: the device runs, silent, and there is no position yet.
-        h.engine.prepare();
-        QVERIFY(h.sink->isActive());
-        h.advance(960);
-        QVERIFY(h.silent() && !h.engine.sampleTime());
-        h.engine.play();
-        h.advance(20 * 480);
-        const qint64 position = h.position();
-        const QList<quint64> completedBefore = h.completed;
-        QVERIFY(position > 0);
+        for (const float rate : {1.0f, 2.0f}) { // direct and stretched
+            Harness h;
+            QVERIFY(h.start());
+            h.engine.setRate(rate);
+            const QByteArray audio = ramp(6 * kRate);
+            h.schedule(audio, 4800);
+            // Prepared but not playing: the device runs, silent, and there is no position yet.
+            h.engine.prepare();
+            QVERIFY(h.sink->isActive());
+            h.advance(960);
+            QVERIFY(h.silent() && !h.engine.sampleTime());
+            h.engine.play();
+            h.advance(20 * 480);
+            const qint64 position = h.position();
+            const QList<quint64> completedBefore = h.completed;
+            QVERIFY(position > 0);
 
-        h.countAllocations = true;
-        h.engine.pause();
-        QVERIFY(!h.sink->isActive());
-        h.output.clear();
-        h.engine.prepare();
-        h.advance(4800);
-        QVERIFY(h.silent());
-        QCOMPARE(h.position(), position);
-        QCOMPARE(h.completed, completedBefore);
-        h.engine.play();
-        h.output.clear();
-        h.advance(4800);
-        QVERIFY(h.position() > position);
-        QVERIFY(rate != 1.0f || h.rampFrom(position, 4800));
-        QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
+            h.countAllocations = true;
+            h.engine.pause();
+            QVERIFY(!h.sink->isActive());
+            h.output.clear();
+            h.engine.prepare();
+            h.advance(4800);
+            QVERIFY(h.silent());
+            QCOMPARE(h.position(), position);
+            QCOMPARE(h.completed, completedBefore);
+            h.engine.play();
+            h.output.clear();
+            h.advance(4800);
+            QVERIFY(h.position() > position);
+            QVERIFY(rate != 1.0f || h.rampFrom(position, 4800));
+            QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
 
-        // Rendered and reported, but not yet delivered when stop() comes.
-        const QList<quint64> beforeStop = h.completed;
-        const int discards = h.sink->discardCount();
-        h.sink->advance(std::size_t(4800 / rate) + 4800);
-        h.engine.stop();
-        h.engine.deliverPending();
-        QCOMPARE(h.completed, beforeStop);
-        QVERIFY(!h.engine.sampleTime());
-        QCOMPARE(h.sink->discardCount(), discards + 1);
-        QVERIFY2(audio.isDetached(), "nothing of the narration is held after a stop");
+            // Rendered and reported, but not yet delivered when stop() comes.
+            const QList<quint64> beforeStop = h.completed;
+            const int discards = h.sink->discardCount();
+            h.sink->advance(std::size_t(4800 / rate) + 4800);
+            h.engine.stop();
+            h.engine.deliverPending();
+            QCOMPARE(h.completed, beforeStop);
+            QVERIFY(!h.engine.sampleTime());
+            QCOMPARE(h.sink->discardCount(), discards + 1);
+            QVERIFY2(audio.isDetached(), "nothing of the narration is held after a stop");
 
-        const QByteArray next = ramp(3000);
-        h.engine.scheduleBuffer(next, 0, next.size(), 100);
-        h.engine.setRate(1.0f);
-        h.engine.markEndOfInput();
-        h.engine.play();
-        h.output.clear();
-        h.playOut(beforeStop.size() + 1, 2 * kRate);
-        QCOMPARE(h.completed, beforeStop + QList<quint64>{100});
-        QCOMPARE(h.position(), 3000);
-        // Nothing of the old narration is left in the stretcher: the new audio starts at once.
-        QVERIFY(h.rampFrom(0, 3000));
+            const QByteArray next = ramp(3000);
+            h.engine.scheduleBuffer(next, 0, next.size(), 100);
+            h.engine.setRate(1.0f);
+            h.engine.markEndOfInput();
+            h.engine.play();
+            h.output.clear();
+            h.playOut(beforeStop.size() + 1, 2 * kRate);
+            QCOMPARE(h.completed, beforeStop + QList<quint64>{100});
+            QCOMPARE(h.position(), 3000);
+            // Nothing of the old narration is left in the stretcher: the new audio starts at once.
+            QVERIFY(h.rampFrom(0, 3000));
+        }
     }
 
     // Rate changes while playing: the position never goes back, nothing is allocated, and there is no
@@ -410,52 +402,47 @@ private Q_SLOTS:
     }
 
     // Levels come only while the tap is on, from whole windows that start afresh when it comes back on.
-    void levels_data()
-    {
-        QTest::addColumn<QByteArray>("audio");
-        QTest::addColumn<float>("level");
-        const qint64 frames = 20 * kTap;
-        QTest::newRow("silence") << QByteArray(frames * 2, '\0') << 0.0f;
-        // 375 Hz fits whole periods into 1,024 frames. Levels are eight times the RMS, up to 1.
-        QTest::newRow("sine at 0.1") << sine(frames, 375, 0.1) << float(0.1 / std::numbers::sqrt2 * 8);
-        QTest::newRow("sine at 0.2 reaches the top") << sine(frames, 375, 0.2) << 1.0f;
-    }
-
     void levels()
     {
-        QFETCH(QByteArray, audio);
-        QFETCH(float, level);
-        Harness h;
-        QVERIFY(h.start());
-        h.schedule(audio);
-        h.engine.play();
-        h.advance(4 * kTap);
-        QCOMPARE(h.levels.size(), 0);
+        // 375 Hz fits whole periods into 1,024 frames. Levels are eight times the RMS, up to 1.
+        const qint64 frames = 20 * kTap;
+        const std::pair<QByteArray, float> rows[] = {
+            {QByteArray(frames * 2, '\0'), 0.0f},
+            {sine(frames, 375, 0.1), float(0.1 / std::numbers::sqrt2 * 8)},
+            {sine(frames, 375, 0.2), 1.0f}};
+        for (const auto &[audio, level] : rows) {
+            Harness h;
+            QVERIFY(h.start());
+            h.schedule(audio);
+            h.engine.play();
+            h.advance(4 * kTap);
+            QCOMPARE(h.levels.size(), 0);
 
-        h.engine.setTapEnabled(true);
-        const double before =
-            std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-        h.advance(kTap / 2);
-        h.advance(3 * kTap + kTap / 2);
-        QCOMPARE(h.levels.size(), 4);
-        double previous = 0;
-        for (const auto &[measured, timestamp] : std::as_const(h.levels)) {
-            QVERIFY2(std::abs(measured - level) < 1e-3f, qPrintable(QString::number(measured)));
-            QVERIFY(timestamp >= previous);
-            QVERIFY2(std::abs(timestamp - before) < 60, "timestamps are steady-clock seconds");
-            previous = timestamp;
+            h.engine.setTapEnabled(true);
+            const double before =
+                std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+            h.advance(kTap / 2);
+            h.advance(3 * kTap + kTap / 2);
+            QCOMPARE(h.levels.size(), 4);
+            double previous = 0;
+            for (const auto &[measured, timestamp] : std::as_const(h.levels)) {
+                QVERIFY2(std::abs(measured - level) < 1e-3f, qPrintable(QString::number(measured)));
+                QVERIFY(timestamp >= previous);
+                QVERIFY2(std::abs(timestamp - before) < 60, "timestamps are steady-clock seconds");
+                previous = timestamp;
+            }
+
+            // Measured but not yet delivered when the tap goes off: dropped as well.
+            h.sink->advance(2 * kTap + 300);
+            h.engine.setTapEnabled(false);
+            h.advance(4 * kTap);
+            h.engine.setTapEnabled(true);
+            h.advance(kTap - 1);
+            QCOMPARE(h.levels.size(), 4);
+            h.advance(1);
+            QCOMPARE(h.levels.size(), 5);
+            QVERIFY(std::abs(h.levels.last().first - level) < 1e-3f);
         }
-
-        // Measured but not yet delivered when the tap goes off: dropped as well.
-        h.sink->advance(2 * kTap + 300);
-        h.engine.setTapEnabled(false);
-        h.advance(4 * kTap);
-        h.engine.setTapEnabled(true);
-        h.advance(kTap - 1);
-        QCOMPARE(h.levels.size(), 4);
-        h.advance(1);
-        QCOMPARE(h.levels.size(), 5);
-        QVERIFY(std::abs(h.levels.last().first - level) < 1e-3f);
     }
 
     void deviceFailures()
@@ -504,42 +491,41 @@ private Q_SLOTS:
         QCOMPARE(h.completed, (QList<quint64>{1, 50}));
     }
 
-    void realTimeClockPlaysToTheEnd_data() { directAndStretched(); }
-
     // The render side on a thread of its own while the GUI thread keeps scheduling, as a stream does.
     void realTimeClockPlaysToTheEnd()
     {
-        QFETCH(float, rate);
-        Harness h(NullAudioSink::Clock::RealTime);
-        QVERIFY(h.start());
-        h.engine.setRate(rate);
-        h.engine.setTapEnabled(true);
-        // The first pieces before playing, the rest one at a time, as a stream's arrive.
-        const QByteArray audio = sine(kRate / 2, 300, 0.4);
-        QList<quint64> tokens = h.schedule(audio.first(4800), 1200);
-        h.engine.play();
-        QTimer feeder;
-        QObject::connect(&feeder, &QTimer::timeout, [&] {
-            tokens += h.schedule(audio.sliced(tokens.size() * 1200, 1200), 1200, tokens.size() + 1);
-            if (tokens.size() * 1200 == audio.size()) {
-                feeder.stop();
-                h.engine.markEndOfInput();
-            }
-        });
-        feeder.start(5);
-        QTRY_COMPARE_WITH_TIMEOUT(h.completed.size(), audio.size() / 1200, 10000);
-        QCOMPARE(h.completed, tokens);
-        QCOMPARE(h.position(), audio.size() / 2);
-        QVERIFY(!h.levels.isEmpty());
+        for (const float rate : {1.0f, 2.0f}) {
+            Harness h(NullAudioSink::Clock::RealTime);
+            QVERIFY(h.start());
+            h.engine.setRate(rate);
+            h.engine.setTapEnabled(true);
+            // The first pieces before playing, the rest one at a time, as a stream's arrive.
+            const QByteArray audio = sine(kRate / 2, 300, 0.4);
+            QList<quint64> tokens = h.schedule(audio.first(4800), 1200);
+            h.engine.play();
+            QTimer feeder;
+            QObject::connect(&feeder, &QTimer::timeout, [&] {
+                tokens += h.schedule(audio.sliced(tokens.size() * 1200, 1200), 1200, tokens.size() + 1);
+                if (tokens.size() * 1200 == audio.size()) {
+                    feeder.stop();
+                    h.engine.markEndOfInput();
+                }
+            });
+            feeder.start(5);
+            QTRY_COMPARE_WITH_TIMEOUT(h.completed.size(), audio.size() / 1200, 10000);
+            QCOMPARE(h.completed, tokens);
+            QCOMPARE(h.position(), audio.size() / 2);
+            QVERIFY(!h.levels.isEmpty());
 
-        // Stopped while playing: nothing of it completes afterwards.
-        h.completed.clear();
-        h.schedule(sine(kRate, 300, 0.4), kChunkBytes, 500);
-        QTRY_VERIFY_WITH_TIMEOUT(h.position() > audio.size() / 2, 10000);
-        h.engine.stop();
-        const QList<quint64> beforeStop = h.completed;
-        QTest::qWait(100);
-        QCOMPARE(h.completed, beforeStop);
+            // Stopped while playing: nothing of it completes afterwards.
+            h.completed.clear();
+            h.schedule(sine(kRate, 300, 0.4), kChunkBytes, 500);
+            QTRY_VERIFY_WITH_TIMEOUT(h.position() > audio.size() / 2, 10000);
+            h.engine.stop();
+            const QList<quint64> beforeStop = h.completed;
+            QTest::qWait(100);
+            QCOMPARE(h.completed, beforeStop);
+        }
     }
 
     // The null sink itself, which the cases above play on. Steps: "open", "refused" (an open that fails),
@@ -647,14 +633,6 @@ private Q_SLOTS:
         for (int i = 0; i < 10; ++i)
             bars.push(i == 0 ? 0.5f : 0.0f, 1.0 + i * 0.01);
         expect(1.1, {0.18f * 0.5f * 0.85f, 0, 0, 0.38f * 0.5f * 0.95f, 0, 0});
-    }
-
-private:
-    static void directAndStretched()
-    {
-        QTest::addColumn<float>("rate");
-        QTest::newRow("direct") << 1.0f;
-        QTest::newRow("stretched") << 2.0f;
     }
 };
 
