@@ -55,19 +55,19 @@ QList<KeyEvent> stroke(QList<quint32> keys)
     return events;
 }
 
-// A focus object that answers input method queries like a text field.
-class FakeEditor : public QObject
+// A window whose focus object answers input method queries like a text field.
+class EditorWindow : public QWindow
 {
 public:
-    bool enabled = true;
-    bool readOnly = false;
+    bool enabled = true, readOnly = false;
     Qt::InputMethodHints hints;
-    QString selection;
+    QString selection = QStringLiteral("picked");
 
+    QObject *focusObject() const override { return const_cast<EditorWindow *>(this); }
     bool event(QEvent *event) override
     {
         if (event->type() != QEvent::InputMethodQuery)
-            return QObject::event(event);
+            return QWindow::event(event);
         auto *query = static_cast<QInputMethodQueryEvent *>(event);
         query->setValue(Qt::ImEnabled, enabled);
         query->setValue(Qt::ImReadOnly, readOnly);
@@ -76,13 +76,6 @@ public:
         query->accept();
         return true;
     }
-};
-
-class EditorWindow : public QWindow
-{
-public:
-    FakeEditor editor;
-    QObject *focusObject() const override { return const_cast<FakeEditor *>(&editor); }
 };
 
 } // namespace
@@ -105,37 +98,36 @@ private:
     std::optional<QString> m_ownSelection;
     QStringList m_timeline;
 
+    // A manager on fresh backends, the application's side starting over.
     void makeManager(Availability availability = Availability::Available)
     {
-        TextCaptureManager::Backends backends;
+        m_appSelection.reset();
+        m_appCopiesWithShift = m_copyRequested = false;
+        m_ownSelection.reset();
+        m_timeline.clear();
         auto keyboard = std::make_unique<NullKeyboardInjector>(availability);
         auto clipboard = std::make_unique<MemoryClipboard>();
         auto windows = std::make_unique<FixedWindowFocus>();
         m_keyboard = keyboard.get();
         m_clipboard = clipboard.get();
         m_windows = windows.get();
-        backends.keyboard = std::move(keyboard);
-        backends.clipboard = std::move(clipboard);
-        backends.windows = std::move(windows);
-
         // The application sees the copy only when exactly its copy keys are down, as X delivers them: a
         // still-held Alt would make it Ctrl+Alt+C.
         m_keyboard->setReceiver([this](const KeyEvent &event, const QList<quint32> &held) {
             m_timeline.append(QStringLiteral("key"));
-            QList<quint32> copyKeys{KEY_LEFTCTRL, KEY_C};
-            if (m_appCopiesWithShift)
-                copyKeys.insert(1, KEY_LEFTSHIFT);
-            if (event.pressed && event.keyCode == KEY_C && held == copyKeys)
-                m_copyRequested = true;
+            const QList<quint32> copyKeys = m_appCopiesWithShift
+                                                ? QList<quint32>{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C}
+                                                : QList<quint32>{KEY_LEFTCTRL, KEY_C};
+            m_copyRequested |= event.pressed && event.keyCode == KEY_C && held == copyKeys;
         });
-        // The application answers while we wait.
-        backends.sleep = [this](std::chrono::milliseconds duration) {
-            m_timeline.append(u"sleep " + QString::number(duration.count()));
-            if (m_copyRequested && m_appSelection)
-                m_clipboard->setOwnerContent(Buffer::Clipboard, m_appSelection);
-        };
-        backends.ownSelection = [this] { return m_ownSelection; };
-        m_manager = std::make_unique<TextCaptureManager>(std::move(backends));
+        m_manager = std::make_unique<TextCaptureManager>(TextCaptureManager::Backends{
+            std::move(keyboard), std::move(clipboard), std::move(windows),
+            [this](std::chrono::milliseconds duration) { // the application answers while we wait
+                m_timeline.append(u"sleep " + QString::number(duration.count()));
+                if (m_copyRequested && m_appSelection)
+                    m_clipboard->setOwnerContent(Buffer::Clipboard, m_appSelection);
+            },
+            [this] { return m_ownSelection; }});
     }
 
     void focus(const QString &instance, const QString &className, bool own = false)
@@ -144,15 +136,6 @@ private:
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_appSelection.reset();
-        m_appCopiesWithShift = false;
-        m_copyRequested = false;
-        m_ownSelection.reset();
-        m_timeline.clear();
-    }
-
     void cleanup() { m_manager.reset(); }
 
     // Untrusted, the reason names what is missing, and nothing is touched: no key, no wait, no clipboard
@@ -165,12 +148,10 @@ private Q_SLOTS:
                                                               {Availability::NoXTest, "XTEST"}};
         for (const auto &[availability, mentions] : rows) {
             const bool trusted = availability == Availability::Available;
-            m_timeline.clear();
             makeManager(availability);
             m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
             m_appSelection = textContent("selected");
             QSignalSpy explained(m_manager.get(), &TextCaptureManager::permissionExplanationRequested);
-
             QCOMPARE(m_manager->isProcessTrusted(false), trusted);
             QCOMPARE(explained.count(), 0);
             QCOMPARE(m_manager->isProcessTrusted(true), trusted);
@@ -182,8 +163,8 @@ private Q_SLOTS:
             }
             QCOMPARE(m_manager->captureSelectedText(),
                      trusted ? std::optional(u"selected"_qs) : std::nullopt);
-            QCOMPARE(m_timeline.isEmpty(), !trusted);
-            QCOMPARE(m_clipboard->dataRequests().isEmpty(), !trusted);
+            QCOMPARE(std::pair(m_timeline.isEmpty(), m_clipboard->dataRequests().isEmpty()),
+                     std::pair(!trusted, !trusted));
             QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
         }
     }
@@ -196,7 +177,6 @@ private Q_SLOTS:
         QTest::addColumn<std::optional<QString>>("text");
         QTest::addColumn<ClipboardContent>("after");
         QTest::addColumn<bool>("readable");
-
         const auto row = [](const char *name, const ClipboardContent &before,
                             const ClipboardContent &selection, const std::optional<QString> &text,
                             const ClipboardContent &after, bool readable = true) {
@@ -222,11 +202,12 @@ private Q_SLOTS:
             if (kept)
                 richKept.append(rich.last());
         }
-        const ClipboardContent kept = textContent("kept");
-
-        row("several kinds come back, meta and private targets left out", rich, textContent("picked"),
-            u"picked"_qs, richKept);
-        row("a clipboard nobody owned ends unowned", {}, textContent("picked"), u"picked"_qs, {});
+        const ClipboardContent kept = textContent("kept"), picked = textContent("picked");
+        const ClipboardContent secret =
+            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}});
+        row("several kinds come back, meta and private targets left out", rich, picked, u"picked"_qs,
+            richKept);
+        row("a clipboard nobody owned ends unowned", {}, picked, u"picked"_qs, {});
         row("nothing selected: nothing read, clipboard as before", kept, {}, std::nullopt, kept);
         row("only non-text copied", kept, content({{"image/png", "PNG"}}), std::nullopt, kept);
         row("spaces are text", {}, textContent("   "), u"   "_qs, {});
@@ -239,12 +220,9 @@ private Q_SLOTS:
         row("CRLF kept when it is all there is", {}, content({{"text/plain;charset=utf-8", "a\r\nb\r\n"}}),
             u"a\r\nb\r\n"_qs, {});
         row("STRING is Latin-1", {}, content({{"STRING", "caf\xe9"}}), u"café"_qs, {});
-        row("a password manager's secret comes back",
-            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}}),
-            textContent("picked"), u"picked"_qs,
-            content({{"UTF8_STRING", "hunter2-secret"}, {"x-kde-passwordManagerHint", "secret"}}));
+        row("a password manager's secret comes back", secret, picked, u"picked"_qs, secret);
         // Without a display nothing can be read: nothing is saved, so nothing is written back either.
-        row("unreadable clipboard", kept, textContent("picked"), std::nullopt, textContent("picked"), false);
+        row("unreadable clipboard", kept, picked, std::nullopt, picked, false);
         row("UTF-8 as delivered", {}, content({{"UTF8_STRING", "\xc3\xa9t\xc3\xa9 \xe2\x80\x94"}}),
             u"été —"_qs, {});
     }
@@ -255,7 +233,6 @@ private Q_SLOTS:
         QFETCH(ClipboardContent, selection);
         QFETCH(ClipboardContent, after);
         QFETCH(bool, readable);
-
         static QStringList logged;
         logged.clear();
         QLoggingCategory::setFilterRules(QStringLiteral("quillvox.*=true"));
@@ -274,11 +251,10 @@ private Q_SLOTS:
 
         QTEST(m_manager->captureSelectedText(), "text");
         QCOMPARE(m_clipboard->content(Buffer::Clipboard), owned(after));
-        // Held keys are let go of first, then Ctrl+C; one wait, after the keys, and the clipboard is
-        // read after it.
+        // Held keys are let go of first, then Ctrl+C; one wait, after the keys, and the clipboard is read
+        // after it.
         const QList<KeyEvent> released = {{KEY_LEFTCTRL, false}, {KEY_LEFTALT, false}, {KEY_S, false}};
         QCOMPARE(m_keyboard->sentKeys(), released + stroke({KEY_LEFTCTRL, KEY_C}));
-        QVERIFY(m_copyRequested);
         QCOMPARE(m_timeline.size(), 8);
         QCOMPARE(m_timeline.last(), QStringLiteral("sleep 100"));
         QVERIFY(m_keyboard->heldKeys().isEmpty());
@@ -290,43 +266,35 @@ private Q_SLOTS:
     // terminal is copied with its own shortcut or read from the primary selection.
     void focusedWindow()
     {
-        struct Row
-        {
-            const char *instance, *className;
-            bool own;
-            std::optional<QString> ownSelection;
-            const char *expected;
-            QList<quint32> copyKeys;
-        };
         const QList<quint32> none, copy{KEY_LEFTCTRL, KEY_C}, terminal{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C};
-        const Row rows[] = {
-            {"quillvox", "quillvox", true, u"in our field"_qs, "in our field", none},
-            {"quillvox", "quillvox", true, QString(), "copied", copy},    // our caret without a selection
-            {"quillvox", "quillvox", true, std::nullopt, "copied", copy}, // our window without an editor
-            {"quillvox", "quillvox", false, u"in our field"_qs, "copied", copy}, // another application's
-            {"mousepad", "Mousepad", false, std::nullopt, "copied", copy},
-            {"", "", false, std::nullopt, "copied", copy}, // no WM_CLASS
-            {"gnome-terminal-server", "Gnome-terminal", false, std::nullopt, "copied", terminal},
-            // Either half of WM_CLASS may match, in any case.
-            {"Alacritty", "Unknown", false, std::nullopt, "copied", terminal},
-            {"xterm", "XTerm", false, std::nullopt, "primary", none},
-            {"unknown", "URxvt", false, std::nullopt, "primary", none}};
-        for (const Row &r : rows) {
-            m_copyRequested = false;
-            m_timeline.clear();
+        // The window's instance and class, whether it is ours, what our own field has selected: the text
+        // read, the keys that copied it.
+        const std::tuple<const char *, const char *, bool, std::optional<QString>, const char *,
+                         QList<quint32>>
+            rows[] = {
+                {"quillvox", "quillvox", true, u"in our field"_qs, "in our field", none},
+                {"quillvox", "quillvox", true, QString(), "copied", copy},    // our caret without a selection
+                {"quillvox", "quillvox", true, std::nullopt, "copied", copy}, // our window without an editor
+                {"quillvox", "quillvox", false, u"in our field"_qs, "copied", copy}, // another application's
+                {"mousepad", "Mousepad", false, std::nullopt, "copied", copy},
+                {"", "", false, std::nullopt, "copied", copy}, // no WM_CLASS
+                {"gnome-terminal-server", "Gnome-terminal", false, std::nullopt, "copied", terminal},
+                {"Alacritty", "Unknown", false, std::nullopt, "copied", terminal}, // either half, in any case
+                {"xterm", "XTerm", false, std::nullopt, "primary", none},
+                {"unknown", "URxvt", false, std::nullopt, "primary", none}};
+        for (const auto &[instance, className, own, ownSelection, expected, copyKeys] : rows) {
             makeManager();
-            focus(QString::fromLatin1(r.instance), QString::fromLatin1(r.className), r.own);
-            m_ownSelection = r.ownSelection;
-            m_appCopiesWithShift = r.copyKeys.contains(KEY_LEFTSHIFT);
+            focus(QString::fromLatin1(instance), QString::fromLatin1(className), own);
+            m_ownSelection = ownSelection;
+            m_appCopiesWithShift = copyKeys.contains(KEY_LEFTSHIFT);
             m_appSelection = textContent("copied");
             m_clipboard->setOwnerContent(Buffer::Primary, textContent("primary"));
             m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));
-
-            QCOMPARE(m_manager->captureSelectedText(), std::optional(QString::fromLatin1(r.expected)));
+            QCOMPARE(m_manager->captureSelectedText(), std::optional(QString::fromLatin1(expected)));
             QCOMPARE(m_clipboard->content(Buffer::Clipboard), std::optional(textContent("kept")));
             // Read without copying: no key and no wait.
-            QCOMPARE(m_keyboard->sentKeys(), r.copyKeys.isEmpty() ? QList<KeyEvent>{} : stroke(r.copyKeys));
-            QCOMPARE(m_timeline.isEmpty(), r.copyKeys.isEmpty());
+            QCOMPARE(m_keyboard->sentKeys(), copyKeys.isEmpty() ? QList<KeyEvent>{} : stroke(copyKeys));
+            QCOMPARE(m_timeline.isEmpty(), copyKeys.isEmpty());
         }
     }
 
@@ -335,7 +303,6 @@ private Q_SLOTS:
     void focusedEditorSelection()
     {
         EditorWindow window;
-        window.editor.selection = QStringLiteral("picked");
         window.show();
         window.requestActivate();
         QVERIFY(QTest::qWaitForWindowActive(&window));
@@ -346,27 +313,19 @@ private Q_SLOTS:
             {true, false, Qt::ImhSensitiveData, false},
             {false, false, Qt::ImhNone, false}};
         for (const auto &[enabled, readOnly, hints, read] : rows) {
-            window.editor.enabled = enabled;
-            window.editor.readOnly = readOnly;
-            window.editor.hints = hints;
+            std::tie(window.enabled, window.readOnly, window.hints) = std::tuple(enabled, readOnly, hints);
             QCOMPARE(TextCaptureManager::focusedEditorSelection(),
                      read ? std::optional(u"picked"_qs) : std::nullopt);
         }
     }
 
     // Which way of reading the selection a session gets, and what a session where none works is told.
-    // A Wayland session, and what the compositor and the system offer: whether the selection can be read
-    // there, and if not, why (every reason is explained).
+    // A Wayland session, and what the compositor and the system offer (connected, wlr data-control
+    // version, ext data-control, a reader, primary withheld): whether the selection can be read there,
+    // and if not, why (every reason is explained).
     void waylandSupport()
     {
-        struct Row
-        {
-            bool wayland, connected;
-            quint32 wlrVersion;
-            bool ext, reader, withheld;
-            Support expected;
-        };
-        const Row rows[] = {
+        const std::tuple<bool, bool, quint32, bool, bool, bool, Support> rows[] = {
             {false, true, 2, false, true, false, Support::NotWayland},
             {true, false, 0, false, true, false, Support::CompositorUnreachable},
             {true, true, 0, false, true, false, Support::NoDataControl}, // GNOME
@@ -375,10 +334,10 @@ private Q_SLOTS:
             {true, true, 0, true, true, false, Support::Available},      // ext data-control
             {true, true, 2, false, true, true, Support::ClipboardOnly},  // KWin 5.27: no primary
             {true, true, 2, false, false, false, Support::NoReader}};    // sway without wl-paste
-        for (const Row &r : rows) {
-            const WaylandSelection::CompositorFacts facts{r.connected, r.wlrVersion, r.ext, r.withheld};
-            QCOMPARE(WaylandSelection::decide(r.wayland, facts, r.reader), r.expected);
-            QCOMPARE(WaylandSelection::explanation(r.expected).isEmpty(), r.expected == Support::Available);
+        for (const auto &[wayland, connected, wlrVersion, ext, reader, withheld, expected] : rows) {
+            QCOMPARE(WaylandSelection::decide(wayland, {connected, wlrVersion, ext, withheld}, reader),
+                     expected);
+            QCOMPARE(WaylandSelection::explanation(expected).isEmpty(), expected == Support::Available);
         }
     }
 
@@ -402,35 +361,28 @@ private Q_SLOTS:
         }
     }
 
-    // The first backend that works reads; with none, the first one's reason is the explanation.
-    void firstUsableBackend_data()
-    {
-        QTest::addColumn<QStringList>("reasons");
-        QTest::addColumn<QString>("captured");
-        QTest::addColumn<QString>("explanation");
-        QTest::newRow("first works") << QStringList{"", ""} << "backend 0"
-                                     << "";
-        QTest::newRow("second works") << QStringList{"no data-control", ""} << "backend 1"
-                                      << "";
-        QTest::newRow("none works") << QStringList{"no data-control", "no X11"} << ""
-                                    << "no data-control";
-    }
+    // The first backend that works reads; with none, the first one's reason is the explanation. The
+    // backends' reasons ("": it works): what is read, the explanation.
     void firstUsableBackend()
     {
-        QFETCH(QStringList, reasons);
-        QFETCH(QString, explanation);
-        QList<CaptureBackend> backends;
-        for (int i = 0; i < reasons.size(); ++i) {
-            backends.append(
-                {[reason = reasons[i]] { return reason; },
-                 [i]() -> std::optional<QString> { return QStringLiteral("backend %1").arg(i); }});
+        const std::tuple<QStringList, QString, QString> rows[] = {
+            {{"", ""}, "backend 0", ""},
+            {{"no data-control", ""}, "backend 1", ""},
+            {{"no data-control", "no X11"}, "", "no data-control"}};
+        for (const auto &[reasons, captured, explanation] : rows) {
+            QList<CaptureBackend> backends;
+            for (int i = 0; i < reasons.size(); ++i) {
+                backends.append(
+                    {[reason = reasons[i]] { return reason; },
+                     [i]() -> std::optional<QString> { return QStringLiteral("backend %1").arg(i); }});
+            }
+            SelectionCapture capture(backends);
+            QSignalSpy explained(&capture, &SelectionCapture::permissionExplanationRequested);
+            QCOMPARE(capture.isProcessTrusted(true), explanation.isEmpty());
+            QCOMPARE(capture.captureSelectedText().value_or(QString()), captured);
+            QCOMPARE(capture.untrustedReason(), explanation);
+            QCOMPARE(explained.size(), explanation.isEmpty() ? 0 : 1);
         }
-        SelectionCapture capture(backends);
-        QSignalSpy explained(&capture, &SelectionCapture::permissionExplanationRequested);
-        QCOMPARE(capture.isProcessTrusted(true), explanation.isEmpty());
-        QTEST(capture.captureSelectedText().value_or(QString()), "captured");
-        QCOMPARE(capture.untrustedReason(), explanation);
-        QCOMPARE(explained.size(), explanation.isEmpty() ? 0 : 1);
     }
 };
 
