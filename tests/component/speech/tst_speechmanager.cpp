@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // The narration controller end to end: real HTTP to the dev server on loopback, the audio engine on the
-// null sink's virtual clock or a PulseAudio daemon of the test's own, secrets in an in-memory store; and
-// narration when things go wrong or grow large: texts longer than one request takes, a piece failing
-// midway, the sound server going away mid-narration. Fakes stand in for the account, the records and the
-// selection.
+// null sink's virtual clock or a PulseAudio daemon of the test's own; and narration when things go wrong
+// or grow large.
 #include "PulseServer.h"
 #include "SpeechFixture.h"
 
@@ -40,27 +38,44 @@ class TestSpeechManager : public QObject
 
     std::unique_ptr<SpeechFixture> f;
 
+    void advance(int frames)
+    {
+        f->sink->advance(frames);
+        QCoreApplication::processEvents();
+    }
     bool waitForError()
     {
         return QTest::qWaitFor([&] { return f->speech->currentError().has_value(); }, 10000);
     }
-    // An unpaced server narrating `text` until it plays and has been recorded.
+    // `text` narrated by an unpaced server (started here if none is) until it plays and has been recorded.
     bool narrated(const QString &text)
     {
-        if (!f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}))
+        if (!f->server && !f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}))
             return false;
         f->speech->speak(text);
-        return f->waitUntilPlaying() &&
-               QTest::qWaitFor([&] { return f->records.sessions.size() == 1; }, 5000);
+        return f->waitUntilPlaying() && QTest::qWaitFor([&] { return !f->records.sessions.isEmpty(); }, 5000);
     }
-    QList<QJsonObject> speechRequests(qsizetype count) const
+    // The speech requests of the pieces of `text`, in the text's order (the log is in the order they ended).
+    QList<QJsonObject> pieces(const QString &text, qsizetype count) const
     {
         QList<QJsonObject> speech;
         for (const QJsonObject &record : f->server->waitForRequests(count + 1, std::chrono::seconds(2))) {
             if (record.value(QStringLiteral("path")).toString() == u"/v1/audio/speech")
                 speech << record;
         }
+        std::sort(speech.begin(), speech.end(), [&](const QJsonObject &a, const QJsonObject &b) {
+            return text.indexOf(DevServer::input(a)) < text.indexOf(DevServer::input(b));
+        });
         return speech;
+    }
+    // Processing, has content, playing.
+    std::tuple<bool, bool, bool> state() const
+    {
+        return {f->speech->isProcessing(), f->speech->hasContent(), f->speech->isPlaying()};
+    }
+    static qint64 bytesSent(const QJsonObject &record)
+    {
+        return record.value(QStringLiteral("bodyBytesSent")).toInteger();
     }
 
 private Q_SLOTS:
@@ -69,7 +84,7 @@ private Q_SLOTS:
 
     void narrationRunsThroughItsStates()
     {
-        QVERIFY(f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        QVERIFY(f->startServer({"--pace", "0"}));
         const QString text = sentence(12);
         qsizetype heldAtStart = -1;
         connect(f->speech.get(), &SpeechManager::isPlayingChanged, this, [&] {
@@ -77,74 +92,33 @@ private Q_SLOTS:
                 heldAtStart = f->speech->accumulatedByteCount();
         });
         f->speech->speak(text);
-        QVERIFY(f->speech->isProcessing());
-        QVERIFY(f->speech->hasContent());
-        QVERIFY(!f->speech->isPlaying());
+        QCOMPARE(state(), std::tuple(true, true, false));
         QCOMPARE(f->speech->displayedTotalTime(), f->speech->estimatedDuration(text));
-
         QVERIFY(f->waitUntilPlaying());
         QCOMPARE(heldAtStart, 3 * SpeechManager::kAudioChunkSize); // the first chunk past 0.5 s of audio
-        QVERIFY(!f->speech->isProcessing());
-        QVERIFY(!f->speech->currentError());
+        QVERIFY(!f->speech->isProcessing() && !f->speech->currentError());
         QTRY_COMPARE(f->records.sessions.size(), 1); // recorded when the stream ends, before playback does
         QVERIFY(f->playToEnd());
-        QVERIFY(!f->speech->isPlaying());
-        QVERIFY(f->speech->hasContent());
+        QCOMPARE(state(), std::tuple(false, true, false));
         QCOMPARE(f->speech->currentTime(), f->speech->totalTime());
-
-        const qsizetype bytes =
-            f->server->waitForRequests(1).first().value(QStringLiteral("bodyBytesSent")).toInteger();
+        const qsizetype bytes = bytesSent(f->server->waitForRequests(1).first());
         QCOMPARE(f->records.sessions.first().bytes, bytes);
         QCOMPARE(f->records.sessions.first().duration, double(bytes / 2) / 24000.0);
         QCOMPARE(f->records.sessions.first().text, text);
         QCOMPARE(f->records.usage, QList<qint64>{text.size()});
         QCOMPARE(f->speech->totalTime(), double(bytes) * 0.5 / 24000.0);
         QVERIFY(f->account.deducted.isEmpty()); // own-key narrations cost no minutes
-
-        // Played to the end: play starts again from the beginning.
-        f->speech->togglePlayPause();
+        f->speech->togglePlayPause();           // played to the end: play starts again from the beginning
         QVERIFY(f->speech->isPlaying());
         QCOMPARE(f->speech->currentTime(), 0.0);
         QVERIFY(f->playToEnd());
-        QCOMPARE(f->records.sessions.size(), 1);
-
         // A narration shorter than what playback waits for is played all the same.
         f->speech->setPlaybackSpeed(2.0f);
         f->speech->speak(QStringLiteral("Hi"));
         QCOMPARE(f->speech->displayedTotalTime(), 0.1); // the estimate, 0.06 s, is raised to 0.1 s
         QVERIFY(f->waitUntilPlaying());
         QVERIFY(f->playToEnd());
-        QCOMPARE(f->records.sessions.size(), 2);
-    }
-
-    void serverFaultsPublishTheirError_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("description");
-
-        QTest::newRow("401") << QStringList{"--fail-status", "401"} << "API error (401): Unauthorized";
-        QTest::newRow("402") << QStringList{"--fail-status", "402"}
-                             << "Low balance (7 min remaining). Add more minutes to continue.";
-        QTest::newRow("dropped before head")
-            << QStringList{"--drop-before-head"} << "Received invalid response from server";
-    }
-
-    void serverFaultsPublishTheirError()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, description);
-        f->account.minutes = 7;
-        QVERIFY(f->startServer(arguments));
-        f->speech->speak(sentence(5));
-        QVERIFY(waitForError());
-        QCOMPARE(f->speech->currentErrorDescription(), description);
-        QVERIFY(!f->speech->isProcessing());
-        QVERIFY(!f->speech->isPlaying());
-        QVERIFY(f->records.sessions.isEmpty());
-        // Play with nothing received: there is nothing to play, and the error stays.
-        f->speech->togglePlayPause();
-        QVERIFY(!f->speech->isPlaying());
-        QCOMPARE(f->speech->currentErrorDescription(), description);
+        QCOMPARE(f->records.sessions.size(), 2); // a replay is not recorded again
     }
 
     void cutOffBodyPlaysAndRecordsWhatCame()
@@ -168,15 +142,11 @@ private Q_SLOTS:
         QTRY_VERIFY(f->speech->accumulatedByteCount() > 0);
         QSignalSpy errors(f->speech.get(), &SpeechManager::currentErrorChanged);
         f->speech->stop();
-        QVERIFY(!f->speech->hasContent());
-        QVERIFY(!f->speech->isProcessing());
         f->speech->togglePlayPause(); // nothing to play after a stop
-        QVERIFY(!f->speech->isPlaying());
+        QCOMPARE(state(), std::tuple(false, false, false));
         QTest::qWait(300);
         QCOMPARE(f->speech->accumulatedByteCount(), qsizetype(0));
-        QVERIFY(errors.isEmpty());
-        QVERIFY(f->records.sessions.isEmpty());
-        QVERIFY(f->records.usage.isEmpty());
+        QVERIFY(errors.isEmpty() && f->records.sessions.isEmpty() && f->records.usage.isEmpty());
     }
 
     // Of a burst of seeks only the last is performed, clamped to the audio; the scrubber follows each at
@@ -211,23 +181,18 @@ private Q_SLOTS:
         QTRY_COMPARE(performed.size(), 1);
         QCOMPARE(performed.first().first().toLongLong(), target);
         QVERIFY(f->speech->isPlaying());
-        f->sink->advance(2400);
-        QCoreApplication::processEvents();
+        advance(2400);
         QCOMPARE(f->speech->currentPlaybackFrame(), target + 2400);
     }
 
     void pauseKeepsPositionAndSeekingWhilePausedStaysPaused()
     {
-        QVERIFY(f->startServer({"--pace", "0"}));
-        f->speech->speak(sentence(20));
-        QVERIFY(f->waitUntilPlaying());
+        QVERIFY(narrated(sentence(20)));
         QSignalSpy unwatched(f->speech.get(), &SpeechManager::lastLevelTimestampChanged);
-        f->sink->advance(4800);
-        QCoreApplication::processEvents();
+        advance(4800);
         QVERIFY(unwatched.isEmpty());       // nobody shows the levels: none are measured
         f->speech->watchLevels(this, true); // as a waveform on screen does
-        f->sink->advance(7200);
-        QCoreApplication::processEvents();
+        advance(7200);
         // Levels measured before the pause but delivered after it leave the smoothed level alone.
         f->sink->advance(4800);
         f->speech->togglePlayPause();
@@ -238,19 +203,14 @@ private Q_SLOTS:
         QVERIFY(!measured.isEmpty());
         QCOMPARE(f->speech->currentAudioLevel(), level);
         const qint64 position = f->speech->currentPlaybackFrame();
-        f->sink->advance(24000);
-        QCoreApplication::processEvents();
+        advance(24000);
         QCOMPARE(f->speech->currentPlaybackFrame(), position);
-
         QSignalSpy performed(f->speech.get(), &SpeechManager::seekPerformed);
         f->speech->seekToFrame(4800);
         QTRY_COMPARE(performed.size(), 1);
-        QVERIFY(!f->speech->isPlaying());
-        f->sink->advance(24000);
-        QCoreApplication::processEvents();
-        QCOMPARE(f->speech->currentPlaybackFrame(), qint64(4800));
+        advance(24000);
+        QCOMPARE(f->speech->currentPlaybackFrame(), qint64(4800)); // and still paused
         f->speech->togglePlayPause();
-        QVERIFY(f->speech->isPlaying());
         QVERIFY(f->playToEnd());
     }
 
@@ -261,16 +221,13 @@ private Q_SLOTS:
         QVERIFY(f->waitUntilPlaying());
         QVERIFY(f->speech->totalTime() > 1.0);
         QVERIFY(f->playToEnd());
-
         const QUuid id = QUuid::createUuid();
         QFile file(f->records.audioFile(id));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(48000, '\x10'));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(48000, '\x10')) == 48000);
         file.close();
         f->records.texts[id] = QStringLiteral("One. Two.");
         f->speech->playFromHistory(id);
         QVERIFY(f->speech->isPlaying());
-        QCOMPARE(f->speech->currentPlayingSessionId(), id);
         QCOMPARE(f->speech->totalTime(), 1.0);
         // Followed along as it was heard: "Two." starts 5 of 9 characters in.
         QCOMPARE(f->speech->followAlong()->sentence(), QStringLiteral("One."));
@@ -278,9 +235,7 @@ private Q_SLOTS:
         QCOMPARE(f->speech->followAlong()->sentence(), QStringLiteral("Two."));
         QVERIFY(f->playToEnd());
         QCOMPARE(f->speech->currentPlayingSessionId(), id);
-        QVERIFY(f->records.sessions.isEmpty());
-        QVERIFY(f->records.usage.isEmpty());
-
+        QVERIFY(f->records.sessions.isEmpty() && f->records.usage.isEmpty());
         f->speech->playFromHistory(QUuid::createUuid()); // its audio file is gone
         QVERIFY(!f->speech->currentPlayingSessionId());
         QVERIFY(!f->speech->hasContent());
@@ -301,8 +256,7 @@ private Q_SLOTS:
         QFETCH(QString, style);
         QVERIFY(f->startServer({"--pace", "0"}));
         if (service) { // with just the minute a narration needs
-            f->keychain.save(QStringLiteral("stored-token"), KeychainKey::accessToken);
-            f->account.signedIn = true;
+            f->account.signedIn = f->keychain.save(QStringLiteral("stored-token"), KeychainKey::accessToken);
             f->account.token = f->server->signIn().queryItemValue(QStringLiteral("access_token"));
             f->account.balance = 60;
         }
@@ -310,8 +264,7 @@ private Q_SLOTS:
         f->speech->setSelectedVoiceStyleRawValue(style);
         const QString text = QStringLiteral("  Read this, exactly as it is.\n");
         f->speech->speak(text);
-        // After the sign-in's own request, for the service.
-        const qsizetype expected = service ? 2 : 1;
+        const qsizetype expected = service ? 2 : 1; // after the sign-in's own request, for the service
         const QList<QJsonObject> log = f->server->waitForRequests(expected, std::chrono::seconds(10));
         QCOMPARE(log.size(), expected);
         const QJsonObject request = log.last();
@@ -321,7 +274,6 @@ private Q_SLOTS:
         QCOMPARE(DevServer::header(request, u"Authorization"),
                  service ? QStringLiteral("Bearer ") + *f->account.token : QStringLiteral("Bearer local"));
         QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
-
         // Exactly these members, each a string.
         QCOMPARE(DevServer::body(request),
                  (QJsonObject{{"input", text},
@@ -329,132 +281,112 @@ private Q_SLOTS:
                               {"model", service ? "gpt-4o-mini-tts" : "gpt-4o-mini-tts-2025-12-15"},
                               {"response_format", "pcm"},
                               {"voice", "cedar"}}));
-
         QTRY_COMPARE(f->records.sessions.size(), 1);
-        QCOMPARE(f->account.deducted.size(), service ? 1 : 0);
-        if (service)
-            QCOMPARE(f->account.deducted.first(), f->records.sessions.first().duration);
+        QCOMPARE(f->account.deducted,
+                 service ? QList<double>{f->records.sessions.first().duration} : QList<double>{});
     }
 
-    void checksBeforeTheRequest_data()
+    // A row is a script: server arguments (else an unpaced server), then the steps that set the scene,
+    // then what speaks or triggers. Then the error shown (its description, or "id:" and its id) or the
+    // state, and the requests the server saw.
+    void scripts_data()
     {
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<QString>("description");
-
-        const auto row = [](const char *setup, const char *description) {
-            QTest::newRow(setup) << QString::fromLatin1(setup) << QString::fromLatin1(description);
+        QTest::addColumn<QStringList>("steps");
+        QTest::addColumn<QString>("expect");
+        QTest::addColumn<int>("requests");
+        const auto row = [](const char *name, const char *steps, const char *expect, int requests) {
+            QTest::newRow(name) << QString::fromUtf8(steps).split(u'|') << QString::fromUtf8(expect)
+                                << requests;
         };
-        row("no key", "OpenAI API key is missing. Please add it in Settings.");
-        row("empty key", "OpenAI API key is missing. Please add it in Settings.");
-        row("token, signed out", "Please sign in to use narration.");
-        row("59 s", "Low balance (0 min remaining). Add more minutes to continue.");
-        row("no valid token", "Please sign in to use narration.");
-        row("blank text", ""); // returns before stopping what plays
+        const char *noKey = "OpenAI API key is missing. Please add it in Settings.";
+        row("401", "--fail-status 401|speak", "API error (401): Unauthorized", 1);
+        row("402", "--fail-status 402|7 min|speak",
+            "Low balance (7 min remaining). Add more minutes to continue.", 1);
+        row("dropped before head", "--drop-before-head|speak", "Received invalid response from server", -1);
+        // Checks that fail: nothing more is sent.
+        row("no key", "narrate|no key|speak", noKey, 1);
+        row("empty key", "narrate|empty key|speak", noKey, 1);
+        row("token, signed out", "narrate|token|signed out|speak", "Please sign in to use narration.", 1);
+        row("59 s", "narrate|token|59 s|speak",
+            "Low balance (0 min remaining). Add more minutes to continue.", 1);
+        row("no valid token", "narrate|token|no valid token|speak", "Please sign in to use narration.", 1);
+        row("blank text", "narrate|speak: \n\t ", "playing", 1); // returns before stopping what plays
+        row("not trusted", "untrusted|trigger:text", "id:accessibilityPermissionMissing", 0);
+        row("nothing selected", "trigger", "id:noTextSelected", 0);
+        row("whitespace only", "trigger:  \n ", "id:noTextSelected", 0);
+        row("same text toggles", "narrate|trigger:  hello,  WORLD! ", "paused", 1);
+        row("nothing selected toggles", "narrate|trigger", "paused", 1);
+        row("same text after the end restarts", "narrate|end|trigger:Hello world", "restarted", 1);
+        row("same text after a stop does nothing", "narrate|stop|trigger:Hello world", "nothing", 1);
+        row("new text narrates", "narrate|trigger:Something else", "request", 2);
     }
 
-    void checksBeforeTheRequest()
+    void scripts()
     {
-        QFETCH(QString, setup);
-        QFETCH(QString, description);
-        // A narration is loaded first: a failed check comes after stop(), so it is gone afterwards.
-        QVERIFY(narrated(sentence(5)));
-
-        if (setup == u"no key")
-            f->keychain.remove(KeychainKey::openAIAPIKey);
-        if (setup == u"empty key")
-            f->keychain.save(QString(), KeychainKey::openAIAPIKey);
-        if (setup.startsWith(u"token") || setup == u"59 s" || setup == u"no valid token")
-            f->keychain.save(QStringLiteral("stored-token"), KeychainKey::accessToken);
-        f->account.signedIn = setup != u"token, signed out";
-        if (setup == u"59 s") {
-            f->account.balance = 59;
-            f->account.minutes = 0;
-        }
-        if (setup == u"no valid token")
-            f->account.token.reset();
-
-        if (description.isEmpty()) {
-            f->speech->speak(QStringLiteral(" \n\t "));
-            QVERIFY(f->speech->isPlaying());
-            QVERIFY(f->speech->hasContent());
-        } else {
-            f->speech->speak(sentence(6));
-            QVERIFY(waitForError());
-            QCOMPARE(f->speech->currentErrorDescription(), description);
-            QVERIFY(!f->speech->hasContent());
-        }
-        QCOMPARE(f->server->waitForRequests(2, std::chrono::milliseconds(300)).size(), 1);
-    }
-
-    void selectionTrigger_data()
-    {
-        QTest::addColumn<bool>("trusted");
-        QTest::addColumn<QString>("loaded"); // text narrated before the trigger, "" for none
-        QTest::addColumn<QString>("after");  // "playing", "stopped" or "ended"
-        QTest::addColumn<QString>("selection");
-        QTest::addColumn<QString>("expect"); // "error:<id>", "paused", "restarted", "nothing", "request"
-
-        const auto row = [](const char *name, bool trusted, const char *loaded, const char *after,
-                            const char *selection, const char *expect) {
-            QTest::newRow(name) << trusted << QString::fromLatin1(loaded) << QString::fromLatin1(after)
-                                << QString::fromLatin1(selection) << QString::fromLatin1(expect);
-        };
-        row("not trusted", false, "", "", "text", "error:accessibilityPermissionMissing");
-        row("nothing selected", true, "", "", "", "error:noTextSelected");
-        row("whitespace only", true, "", "", "  \n ", "error:noTextSelected");
-        row("same text toggles", true, "Hello world", "playing", "  hello,  WORLD! ", "paused");
-        row("nothing selected toggles", true, "Hello world", "playing", "", "paused");
-        row("same text after the end restarts", true, "Hello world", "ended", "Hello world", "restarted");
-        row("same text after a stop does nothing", true, "Hello world", "stopped", "Hello world", "nothing");
-        row("new text narrates", true, "Hello world", "playing", "Something else", "request");
-    }
-
-    void selectionTrigger()
-    {
-        QFETCH(bool, trusted);
-        QFETCH(QString, loaded);
-        QFETCH(QString, after);
-        QFETCH(QString, selection);
+        QFETCH(QStringList, steps);
         QFETCH(QString, expect);
-        if (loaded.isEmpty()) {
-            QVERIFY(f->startServer({"--pace", "0"}));
-        } else {
-            QVERIFY(narrated(loaded));
-            if (after == u"ended")
-                QVERIFY(f->playToEnd());
-            if (after == u"stopped")
-                f->speech->stop();
+        QFETCH(int, requests);
+        QVERIFY(f->startServer(steps.first().startsWith(u"--") ? steps.takeFirst().split(u' ')
+                                                               : QStringList{"--pace", "0"}));
+        bool ok = true;
+        const QHash<QString, std::function<void()>> scene{
+            {"narrate", [&] { ok = narrated(QStringLiteral("Hello world")); }},
+            {"end", [&] { ok = f->playToEnd(); }},
+            {"stop", [&] { f->speech->stop(); }},
+            {"no key", [&] { ok = f->keychain.remove(KeychainKey::openAIAPIKey); }},
+            {"empty key", [&] { ok = f->keychain.save(QString(), KeychainKey::openAIAPIKey); }},
+            {"token",
+             [&] { ok = f->account.signedIn = f->keychain.save("stored-token", KeychainKey::accessToken); }},
+            {"signed out", [&] { f->account.signedIn = false; }},
+            {"59 s", [&] { std::tie(f->account.balance, f->account.minutes) = std::pair(59, 0); }},
+            {"7 min", [&] { f->account.minutes = 7; }},
+            {"no valid token", [&] { f->account.token.reset(); }},
+            {"untrusted", [&] { f->selection.trusted = false; }}};
+        for (const QString &step : std::as_const(steps)) {
+            const qsizetype colon = step.indexOf(u':');
+            const std::optional<QString> arg = colon < 0 ? std::nullopt : std::optional(step.mid(colon + 1));
+            if (scene.contains(step)) {
+                scene[step]();
+            } else if (step.startsWith(u"speak")) {
+                f->speech->speak(arg.value_or(sentence(6)));
+            } else {
+                f->selection.selection = arg;
+                f->speech->setCurrentError(std::nullopt);
+                f->speech->handleNarrationTrigger();
+                QCoreApplication::processEvents();
+            }
+            QVERIFY2(ok, qPrintable(step));
         }
-        f->selection.trusted = trusted;
-        f->selection.selection = selection.isEmpty() ? std::nullopt : std::optional<QString>(selection);
-        f->speech->setCurrentError(std::nullopt);
-        f->speech->handleNarrationTrigger();
-        QCoreApplication::processEvents();
-
-        if (expect.startsWith(u"error:")) {
-            QCOMPARE(f->speech->currentErrorId(), expect.mid(6));
-        } else if (expect == u"paused") {
-            QVERIFY(!f->speech->isPlaying());
-            QVERIFY(f->speech->hasContent());
+        if (expect.startsWith(u"id:")) {
+            QCOMPARE(f->speech->currentErrorId(), expect.mid(3));
+        } else if (expect == u"paused" || expect == u"playing") {
+            QCOMPARE(state(), std::tuple(false, true, expect == u"playing"));
         } else if (expect == u"restarted") {
-            QVERIFY(f->speech->isPlaying());
-            QCOMPARE(f->speech->currentTime(), 0.0);
+            QCOMPARE(std::pair(f->speech->isPlaying(), f->speech->currentTime()), std::pair(true, 0.0));
         } else if (expect == u"nothing") {
-            QVERIFY(!f->speech->currentError());
-            QVERIFY(!f->speech->hasContent());
+            QVERIFY(!f->speech->currentError() && !f->speech->hasContent());
+        } else if (expect != u"request") {
+            QVERIFY(waitForError());
+            QCOMPARE(f->speech->currentErrorDescription(), expect);
+            QVERIFY(!f->speech->isProcessing() && !f->speech->isPlaying());
+            QCOMPARE(f->records.sessions.size(), steps.count(QStringLiteral("narrate")));
+            if (!f->records.sessions.isEmpty()) // a failed check comes after stop(): what was loaded is gone
+                QVERIFY(!f->speech->hasContent());
+            f->speech->togglePlayPause(); // nothing to play, and the error stays
+            QVERIFY(!f->speech->isPlaying());
+            QCOMPARE(f->speech->currentErrorDescription(), expect);
         }
-        const qsizetype requests = loaded.isEmpty() ? 0 : 1;
-        QCOMPARE(f->server->waitForRequests(requests + 1, std::chrono::milliseconds(300)).size(),
-                 requests + (expect == u"request" ? 1 : 0));
+        if (requests >= 0) // (a connection dropped before any answer may be tried again)
+            QCOMPARE(f->server->waitForRequests(requests + 1, std::chrono::milliseconds(300)).size(),
+                     requests);
     }
 
     void persistedChoicesFallBack_data()
     {
         QTest::addColumn<QStringList>("stored"); // voice, style, appearance and theme
         QTest::addColumn<QStringList>("expected");
-
-        QTest::newRow("missing") << QStringList() << QStringList{"marin", "Standard", "Dark", "Default"};
         const QStringList stored{"shimmer", "Bedtime Story", "Light", "Ocean"};
+        QTest::newRow("missing") << QStringList() << QStringList{"marin", "Standard", "Dark", "Default"};
         QTest::newRow("stored") << stored << stored;
         QTest::newRow("unknown") << QStringList{"robot", "bedtime story", "light", "Neon"}
                                  << QStringList{"robot", "Standard", "Dark", "Default"};
@@ -463,44 +395,43 @@ private Q_SLOTS:
     void persistedChoicesFallBack()
     {
         QFETCH(QStringList, stored);
-        QFETCH(QStringList, expected);
         const QStringList keys{"selectedVoice", "selectedVoiceStyle", "widgetAppearance", "widgetTheme"};
         for (qsizetype i = 0; i < stored.size(); ++i)
             f->defaults.setString(keys[i], stored[i]);
         f->createManager(QUrl(QStringLiteral("http://127.0.0.1:9")));
-        QCOMPARE(QStringList({f->speech->selectedVoice(), f->speech->selectedVoiceStyleRawValue(),
-                              f->speech->widgetAppearanceRawValue(), f->speech->widgetThemeRawValue()}),
-                 expected);
+        QTEST(QStringList({f->speech->selectedVoice(), f->speech->selectedVoiceStyleRawValue(),
+                           f->speech->widgetAppearanceRawValue(), f->speech->widgetThemeRawValue()}),
+              "expected");
         f->speech->setSelectedVoiceStyle(VoiceStyle::Dramatic);
         QCOMPARE(f->defaults.string(QStringLiteral("selectedVoiceStyle")), QStringLiteral("Dramatic"));
         f->speech->useVoiceForThisRun(QStringLiteral("onyx"));
         QCOMPARE(f->defaults.string(QStringLiteral("selectedVoice")).value_or(QString()), stored.value(0));
     }
-    // tst_tokenorigins checks the refusal for each origin that carries tokens; here, that the program
+
+    // tst_deploymentconfig checks the refusal for each origin that carries tokens; here, that the program
     // stops on it before doing anything else.
     void startRefusesPlainHttpForTokens()
     {
-        const QString variable = QStringLiteral("QUILLVOX_AUTH_ORIGIN");
         QProcess app;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(variable, QStringLiteral("http://quillvox.example"));
+        env.insert(QStringLiteral("QUILLVOX_AUTH_ORIGIN"), QStringLiteral("http://quillvox.example"));
         env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
         app.setProcessEnvironment(env);
         app.start(QStringLiteral(QUILLVOX_EXECUTABLE), {QStringLiteral("--speak"), QStringLiteral("Hello.")});
         QVERIFY(app.waitForFinished(30000));
         QCOMPARE(app.exitCode(), 1);
-        QCOMPARE(
-            QString::fromUtf8(app.readAllStandardError()).section(u'\n', 0, 0),
-            QStringLiteral("quillvox: %1 is http://quillvox.example, but sign-in tokens are only sent over "
-                           "https:// (plain http only to this computer: localhost, 127.0.0.1 or ::1).")
-                .arg(variable));
+        QCOMPARE(QString::fromUtf8(app.readAllStandardError()).section(u'\n', 0, 0),
+                 QStringLiteral(
+                     "quillvox: QUILLVOX_AUTH_ORIGIN is http://quillvox.example, but sign-in tokens are "
+                     "only sent over https:// (plain http only to this computer: localhost, 127.0.0.1 "
+                     "or ::1)."));
     }
 
     void longTextPlaysAsOneNarration()
     {
         // Fast enough to finish soon, slow enough that a piece streams for seconds: a next request that
         // waited for the end of the previous stream would show in the send times.
-        QVERIFY(f->startServer({QStringLiteral("--pace"), QStringLiteral("100")}));
+        QVERIFY(f->startServer({"--pace", "100"}));
         const QString text = longText(10000);
         QList<QPair<qint64, double>> totals; // when, and the total then
         connect(f->speech.get(), &SpeechManager::totalTimeChanged, this, [&] {
@@ -508,21 +439,16 @@ private Q_SLOTS:
         });
         f->speech->speak(text);
         QTRY_COMPARE_WITH_TIMEOUT(f->records.sessions.size(), 1, 120000);
-
-        // The log is in the order the responses ended; the pieces are put back in the text's order.
-        QList<QJsonObject> log = speechRequests(3);
+        const QList<QJsonObject> log = pieces(text, 3);
         QCOMPARE(log.size(), 3);
-        std::sort(log.begin(), log.end(), [&](const QJsonObject &a, const QJsonObject &b) {
-            return text.indexOf(DevServer::input(a)) < text.indexOf(DevServer::input(b));
-        });
+        QCOMPARE(f->network.sentAtMs.size(), 3);
         QStringList inputs;
         qint64 bytes = 0;
-        QCOMPARE(f->network.sentAtMs.size(), 3);
         for (const QJsonObject &record : log) {
             QCOMPARE(record.value(QStringLiteral("status")).toInt(), 200);
             inputs << DevServer::input(record);
             QVERIFY(TextPieces::codePointCount(inputs.last()) <= 4096);
-            bytes += record.value(QStringLiteral("bodyBytesSent")).toInteger();
+            bytes += bytesSent(record);
             if (inputs.size() == 3)
                 break;
             // The next request left before the last chunk of this piece had arrived.
@@ -533,9 +459,8 @@ private Q_SLOTS:
             QCOMPARE_LT(f->network.sentAtMs[inputs.size()], arrived->first);
         }
         QCOMPARE(inputs.join(QString()), text);
-
-        // One narration: one record with the whole text and all the audio, one usage count, a total
-        // that only grew.
+        // One narration: one record with the whole text and all the audio, one usage count, a total that
+        // only grew.
         QCOMPARE(f->records.sessions.first().text, text);
         QCOMPARE(f->records.sessions.first().bytes, bytes);
         QCOMPARE(f->records.usage, QList<qint64>{NarrationText::characterCount(text)});
@@ -550,16 +475,14 @@ private Q_SLOTS:
     // counts narration frames.
     void followAlongTracksTheHeardSentence()
     {
-        QVERIFY(f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        QVERIFY(f->startServer({"--pace", "0"}));
         const QString text = longText(5000);
         f->speech->setPlaybackSpeed(2.0f);
         f->speech->speak(text);
         QTRY_COMPARE_WITH_TIMEOUT(f->records.sessions.size(), 1, 60000);
-        QList<QJsonObject> log = speechRequests(2);
+        const QList<QJsonObject> log = pieces(text, 2);
         QCOMPARE(log.size(), 2);
-        if (!text.startsWith(DevServer::input(log[0])))
-            log.swapItemsAt(0, 1);
-        const qint64 pieceStart = log[0].value(QStringLiteral("bodyBytesSent")).toInteger() / 2;
+        const qint64 pieceStart = bytesSent(log[0]) / 2;
         const FollowAlong &follow = *f->speech->followAlong();
         qsizetype first = 0;
         while (first < follow.count() && follow.startFrame(first) < pieceStart)
@@ -567,7 +490,6 @@ private Q_SLOTS:
         QVERIFY(first < follow.count());
         QCOMPARE(follow.startFrame(first), pieceStart);
         QVERIFY(DevServer::input(log[1]).trimmed().startsWith(follow.sentenceAt(first).text));
-
         QSignalSpy performed(f->speech.get(), &SpeechManager::seekPerformed);
         f->speech->seekToFrame(pieceStart - 24000);
         QCOMPARE(follow.currentIndex(), first - 1);
@@ -586,34 +508,25 @@ private Q_SLOTS:
 
     void failingPieceEndsTheNarrationAfterWhatCame()
     {
-        QVERIFY(f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        QVERIFY(f->startServer({"--pace", "0"}));
         f->server->control(QStringLiteral("/dev/fail"),
                            {{"route", "speech"}, {"status", 500}, {"count", 1}, {"after", 1}});
         const QString text = longText(10000);
         f->speech->speak(text);
         QTRY_COMPARE_WITH_TIMEOUT(f->records.sessions.size(), 1, 60000);
-
         // What came before the failure plays first, with no error shown yet.
-        QVERIFY(f->speech->isPlaying());
-        QVERIFY(!f->speech->currentError());
-        // The log is written as responses end: the failed second piece may end before the first.
-        QList<QJsonObject> log = speechRequests(2);
+        QVERIFY(f->speech->isPlaying() && !f->speech->currentError());
+        const QList<QJsonObject> log = pieces(text, 2);
         QCOMPARE(log.size(), 2);
-        if (log[0].value(QStringLiteral("status")).toInt() != 200)
-            log.swapItemsAt(0, 1);
         QCOMPARE(log[0].value(QStringLiteral("status")).toInt(), 200);
         QCOMPARE(log[1].value(QStringLiteral("status")).toInt(), 500);
-        QVERIFY(text.startsWith(DevServer::input(log[0])));
-        const qint64 heard = log[0].value(QStringLiteral("bodyBytesSent")).toInteger();
         QCOMPARE(f->records.sessions.first().text, text);
-        QCOMPARE(f->records.sessions.first().bytes, heard);
+        QCOMPARE(f->records.sessions.first().bytes, bytesSent(log[0]));
         QCOMPARE(f->records.usage.size(), 1);
-
         QVERIFY(f->playToEnd(48000));
         QCOMPARE(f->speech->currentErrorDescription(),
                  QStringLiteral("API error (500): Internal Server Error"));
-        QVERIFY(!f->speech->isPlaying());
-        QVERIFY(f->speech->hasContent());
+        QCOMPARE(state(), std::tuple(false, true, false));
         QCOMPARE(f->network.sentAtMs.size(), 2); // nothing after the failed piece
     }
 
@@ -624,43 +537,34 @@ private Q_SLOTS:
         PulseServer pulse(f->dir.filePath(QStringLiteral("pulse")));
         QVERIFY(pulse.start());
         PulseServerEnvironment environment(pulse.address());
-        QVERIFY(f->startServer({QStringLiteral("--pace"), QStringLiteral("0")}));
+        QVERIFY(f->startServer({"--pace", "0"}));
         f->createManager(f->server->url(), std::make_unique<PulseAudioSink>(2000));
         QVERIFY(!f->speech->currentError());
-
         f->speech->speak(longText(300));
-        QTRY_VERIFY_WITH_TIMEOUT(f->speech->isPlaying(), 20000);
         QTRY_COMPARE_WITH_TIMEOUT(f->records.sessions.size(), 1, 20000);
         QTRY_VERIFY_WITH_TIMEOUT(f->speech->currentPlaybackFrame() > 24000, 10000);
         const qsizetype audio = f->speech->accumulatedByteCount();
-
         pulse.kill();
         QTRY_VERIFY_WITH_TIMEOUT(f->speech->currentError().has_value(), 10000);
         QVERIFY2(f->speech->currentErrorDescription().startsWith(
                      QStringLiteral("Audio engine failed: PulseAudio: ")),
                  qPrintable(f->speech->currentErrorDescription()));
         QCOMPARE(f->speech->currentError()->kind(), SpeechError::audioEngineFailure);
-        QVERIFY(!f->speech->isPlaying());
-        QVERIFY(f->speech->hasContent());
+        QCOMPARE(state(), std::tuple(false, true, false));
         QCOMPARE(f->speech->accumulatedByteCount(), audio);
-        QCOMPARE(f->records.sessions.size(), 1);
         const qint64 place = f->speech->currentPlaybackFrame();
         QVERIFY2(place > 24000 && place < audio / 2, qPrintable(QString::number(place)));
         QCOMPARE(f->speech->currentTime(), double(place) / 24000.0);
-
         // Play with no server: the same error, the same place.
         f->speech->togglePlayPause();
         QVERIFY(!f->speech->isPlaying());
         QCOMPARE(f->speech->currentError()->kind(), SpeechError::audioEngineFailure);
         QCOMPARE(f->speech->currentPlaybackFrame(), place);
-
         // A server is back: nothing happens until play, which goes on from the same place.
-        QVERIFY(pulse.start());
-        QVERIFY(pulse.startRecorder());
+        QVERIFY(pulse.start() && pulse.startRecorder());
         QVERIFY(!f->speech->isPlaying());
         f->speech->togglePlayPause();
-        QVERIFY(f->speech->isPlaying());
-        QVERIFY(!f->speech->currentError());
+        QVERIFY(f->speech->isPlaying() && !f->speech->currentError());
         QTRY_VERIFY_WITH_TIMEOUT(f->speech->currentPlaybackFrame() > place + 12000, 10000);
         QVERIFY(f->speech->currentPlaybackFrame() < place + 5 * 24000);
         QTRY_VERIFY_WITH_TIMEOUT(findSound(pulse.recorded()).start >= 0, 5000);
