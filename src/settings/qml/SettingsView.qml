@@ -21,6 +21,16 @@ Rectangle {
         id: systemPalette
     }
 
+    // A section is built when first shown and kept after: opening Settings builds one, not all.
+    component SectionLoader: Loader {
+        required property bool available
+        property bool shown: false
+
+        active: available && shown
+        Component.onCompleted: shown = StackLayout.isCurrentItem
+        StackLayout.onIsCurrentItemChanged: if (StackLayout.isCurrentItem) shown = true
+    }
+
     RowLayout {
         anchors.fill: parent
         spacing: 0
@@ -39,45 +49,45 @@ Rectangle {
             Layout.fillHeight: true
             currentIndex: root.viewModel.currentIndex
 
-            Loader {
-                active: root.viewModel.auth !== null
+            SectionLoader {
+                available: root.viewModel.auth !== null
                 sourceComponent: AccountSection {
                     auth: root.viewModel.auth
                     balance: root.viewModel.balance
                 }
             }
-            Loader {
-                active: root.viewModel.voice !== null
+            SectionLoader {
+                available: root.viewModel.voice !== null
                 sourceComponent: VoiceSection {
                     model: root.viewModel.voice
                 }
             }
-            Loader {
-                active: root.viewModel.appearance !== null
+            SectionLoader {
+                available: root.viewModel.appearance !== null
                 sourceComponent: AppearanceSection {
                     model: root.viewModel.appearance
                 }
             }
-            Loader {
-                active: root.viewModel.shortcuts !== null
+            SectionLoader {
+                available: root.viewModel.shortcuts !== null
                 sourceComponent: ShortcutsSection {
                     model: root.viewModel.shortcuts
                 }
             }
-            Loader {
-                active: root.viewModel.apiKeys !== null
+            SectionLoader {
+                available: root.viewModel.apiKeys !== null
                 sourceComponent: ApiKeysSection {
                     model: root.viewModel.apiKeys
                 }
             }
-            Loader {
-                active: root.viewModel.history !== null
+            SectionLoader {
+                available: root.viewModel.history !== null
                 sourceComponent: HistorySection {
                     model: root.viewModel.history
                 }
             }
-            Loader {
-                active: root.viewModel.usage !== null
+            SectionLoader {
+                available: root.viewModel.usage !== null
                 sourceComponent: UsageSection {
                     model: root.viewModel.usage
                 }
