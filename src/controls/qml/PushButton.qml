@@ -9,6 +9,8 @@ T.Button {
 
     property string kind: "secondary"
     property string symbol: ""
+    property int textSize: Style.bodySize
+    property int textWeight: Font.Medium
     readonly property bool isLink: kind === "link"
     property color fill: kind === "primary" ? Style.accent : Style.control
     property color ink: kind === "primary" ? Style.textOnAccent
@@ -59,8 +61,8 @@ T.Button {
             Text {
                 text: button.text
                 color: button.ink
-                font.pixelSize: Style.bodySize
-                font.weight: button.isLink ? Font.Normal : Font.DemiBold
+                font.pixelSize: button.textSize
+                font.weight: button.isLink ? Font.Normal : button.textWeight
                 font.underline: button.isLink && (button.hovered || button.visualFocus)
                 anchors.verticalCenter: parent.verticalCenter
                 Accessible.ignored: true

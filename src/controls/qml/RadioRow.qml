@@ -13,7 +13,7 @@ T.AbstractButton {
     implicitWidth: implicitContentWidth + leftPadding + rightPadding
     implicitHeight: Math.max(28, implicitContentHeight + topPadding + bottomPadding)
     padding: 4
-    leftPadding: 28
+    leftPadding: 32
     hoverEnabled: true
     focusPolicy: Qt.StrongFocus
     checkable: false
@@ -30,7 +30,7 @@ T.AbstractButton {
 
     indicator: Rectangle {
         x: 6
-        y: control.topPadding + 2
+        y: control.topPadding + (titleRow.height - height) / 2
         width: 18
         height: 18
         radius: 9
@@ -50,12 +50,14 @@ T.AbstractButton {
     contentItem: Column {
         spacing: 1
         Row {
+            id: titleRow
             spacing: 6
             Image {
                 visible: control.symbol !== ""
                 width: 18
                 height: 18
                 sourceSize: Qt.size(18, 18)
+                anchors.verticalCenter: parent.verticalCenter
                 source: control.symbol === "" ? ""
                                               : "image://quillvox-icons/" + control.symbol + "/"
                                                 + String(control.checked ? Style.accent : Style.text).substring(1)
@@ -66,6 +68,7 @@ T.AbstractButton {
                 color: Style.text
                 font.pixelSize: Style.bodySize
                 font.weight: control.checked ? Font.DemiBold : Font.Normal
+                anchors.verticalCenter: parent.verticalCenter
                 Accessible.ignored: true
             }
         }

@@ -38,7 +38,7 @@ Rectangle {
                 readonly property bool current: index === root.currentIndex
 
                 width: Math.max(implicitWidth, (row.width - (root.model.length - 1) * row.spacing) / root.model.length)
-                implicitWidth: label.implicitWidth + 28
+                implicitWidth: Math.max(64, label.implicitWidth + 28)
                 height: row.height
                 text: String(modelData)
                 hoverEnabled: true
@@ -61,7 +61,7 @@ Rectangle {
                     id: label
                     text: segment.text
                     color: segment.current ? Style.textOnAccent : Style.text
-                    font.pixelSize: Style.bodySize - 1
+                    font.pixelSize: Style.bodySize
                     font.weight: segment.current ? Font.DemiBold : Font.Normal
                     horizontalAlignment: Text.AlignHCenter
                     verticalAlignment: Text.AlignVCenter

@@ -31,6 +31,7 @@ QtObject {
 
     readonly property int radius: 8
     readonly property int controlHeight: 32
-    readonly property int bodySize: 14
+    // Settings' text is the desktop's; onboarding sets its own larger scale.
+    readonly property int bodySize: 13
     readonly property int captionSize: 12
 }

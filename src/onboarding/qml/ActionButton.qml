@@ -12,4 +12,6 @@ PushButton {
     implicitHeight: flat ? 32 : 44
     leftPadding: flat ? 0 : 16
     rightPadding: flat ? 0 : 16
+    textSize: Theme.bodySize
+    textWeight: Font.DemiBold
 }

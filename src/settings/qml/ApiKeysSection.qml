@@ -51,7 +51,7 @@ SectionPage {
 
                 // Saved only on Enter or "Save": half a key left in the field when the focus moves on
                 // must never replace the stored one. Escape empties it.
-                TextField {
+                TextEntry {
                     id: keyField
                     anchors.fill: parent
                     echoMode: TextInput.Password
@@ -96,7 +96,7 @@ SectionPage {
                 // The field beside it carries the name.
                 Accessible.ignored: true
             }
-            TextField {
+            TextEntry {
                 Layout.fillWidth: true
                 text: root.model.server
                 enabled: !root.model.serverFromEnvironment
@@ -126,7 +126,7 @@ SectionPage {
                 // The field beside it carries the name.
                 Accessible.ignored: true
             }
-            TextField {
+            TextEntry {
                 Layout.fillWidth: true
                 text: root.model.model
                 placeholderText: root.model.defaultModel
