@@ -84,11 +84,6 @@ QQuickItem *findItem(QQuickItem *item, const QString &objectName)
     return nullptr;
 }
 
-QQuickItem *findItem(const SettingsWindow &settings, const QString &objectName)
-{
-    return findItem(settings.window()->rootObject(), objectName);
-}
-
 // A shown item that reads `text`, by its accessible name or, for plain text, its text.
 QQuickItem *findShown(QQuickItem *item, const QString &text)
 {
@@ -197,9 +192,14 @@ private Q_SLOTS:
 
     void cleanup() { m_speech.reset(); }
 
-    // Every section draws from real managers without a binding or type error.
+    // Every section draws from real managers without a binding or type error; as drawn, About's skipped
+    // version with "Forget", and local counts grouped as the server's are.
     void everySectionShows()
     {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
         HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
@@ -236,6 +236,18 @@ private Q_SLOTS:
         const HistoryListModel::Row shown = settings.viewModel()->history()->entries()->rows().first();
         QCOMPARE(shown.title, QStringLiteral("First line"));
         QCOMPARE(shown.text, QStringLiteral("\n  First line\nsecond"));
+
+        QQuickItem *root = settings.window()->rootObject();
+        QVERIFY(findShown(root, u"Version 1.2.3"_qs));
+        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
+        QQuickItem *forget = findShown(root, u"Forget"_qs);
+        QVERIFY(forget);
+        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
+        settings.viewModel()->select(SettingsSection::usage);
+        settings.viewModel()->usage()->setPeriodIndex(2);
+        QTRY_VERIFY(findShown(root, u"12,345"_qs));
     }
 
     // A window made before the shortcut manager, the keyring changed by another program, a recorder
@@ -511,12 +523,11 @@ private Q_SLOTS:
         m_defaults->setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
         UsageManager usage(*m_defaults);
         usage.recordNarration(5);
-        const std::pair<const char *, const char *> rows[] = {
-            {"This Week", "week"}, {"This Month", "month"}, {"All Time", "all"}};
+        const QStringList labels{"This Week", "This Month", "All Time"}, server{"week", "month", "all"};
         for (int index = 0; index < 3; ++index) {
             const UsagePeriod period = allUsagePeriods().at(index);
-            QCOMPARE(usagePeriodLabel(period), QString::fromLatin1(rows[index].first));
-            QCOMPARE(UsageSettingsModel::serverPeriod(period), QString::fromLatin1(rows[index].second));
+            QCOMPARE(usagePeriodLabel(period), labels.at(index));
+            QCOMPARE(UsageSettingsModel::serverPeriod(period), server.at(index));
             UsageSettingsModel model(usage, nullptr, nullptr);
             QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
             model.setPeriodIndex(index);
@@ -569,32 +580,6 @@ private Q_SLOTS:
             QVERIFY2(inked > 40, qPrintable(icon));
         }
         QCOMPARE(names.size(), styles.size());
-    }
-
-    // The window as drawn: a skipped version with "Forget"; local counts grouped as the server's are.
-    void aboutAndUsageAsDrawn()
-    {
-        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
-        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
-        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
-        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
-        UsageManager usage(*m_defaults);
-        SettingsServices services;
-        services.defaults = m_defaults.get();
-        services.usage = &usage;
-        SettingsWindow settings(SettingsSection::about, services);
-        QQuickItem *root = settings.window()->rootObject();
-        QVERIFY(findShown(root, u"Version 1.2.3"_qs));
-        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
-        QQuickItem *forget = findShown(root, u"Forget"_qs);
-        QVERIFY(forget);
-        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
-        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
-        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
-
-        settings.viewModel()->select(SettingsSection::usage);
-        settings.viewModel()->usage()->setPeriodIndex(2);
-        QTRY_VERIFY(findShown(root, u"12,345"_qs));
     }
 
     // Which help the Shortcuts section shows. GNOME on Wayland: switching our extension on where GNOME Shell
@@ -688,7 +673,8 @@ private Q_SLOTS:
         for (const QString &step : std::as_const(steps)) {
             const QString label = step.section(u':', 1);
             if (step.startsWith(u"click:")) {
-                QQuickItem *row = findItem(settings, QStringLiteral("section:") + label);
+                QQuickItem *row =
+                    findItem(settings.window()->rootObject(), QStringLiteral("section:") + label);
                 QVERIFY2(row, qPrintable(label));
                 const QPointF centre = row->mapToScene(QPointF(row->width() / 2, row->height() / 2));
                 QTest::mouseClick(settings.window(), Qt::LeftButton, {}, centre.toPoint());
@@ -702,7 +688,7 @@ private Q_SLOTS:
             }
         }
         QCOMPARE(settings.viewModel()->currentSection(), shown);
-        const QQuickItem *pages = findItem(settings, QStringLiteral("sectionPages"));
+        const QQuickItem *pages = findItem(settings.window()->rootObject(), QStringLiteral("sectionPages"));
         QCOMPARE(pages->property("currentIndex").toInt(), int(allSettingsSections().indexOf(shown)));
     }
 

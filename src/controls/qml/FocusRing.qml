@@ -14,6 +14,6 @@ Rectangle {
     radius: Style.radius + gap
     color: "transparent"
     border.width: 2
-    border.color: Style.accent
+    border.color: Style.accentText
     Accessible.ignored: true
 }

@@ -15,7 +15,7 @@ T.Button {
     property color fill: kind === "primary" ? Style.accent : Style.control
     property color ink: kind === "primary" ? Style.textOnAccent
                                            : kind === "destructive" ? Style.destructive
-                                                                    : isLink ? Style.accent : Style.text
+                                                                    : isLink ? Style.accentText : Style.text
 
     implicitWidth: Math.max(isLink ? 0 : 72, implicitContentWidth + leftPadding + rightPadding)
     implicitHeight: isLink ? 24 : Style.controlHeight

@@ -60,7 +60,7 @@ T.AbstractButton {
                 anchors.verticalCenter: parent.verticalCenter
                 source: control.symbol === "" ? ""
                                               : "image://quillvox-icons/" + control.symbol + "/"
-                                                + String(control.checked ? Style.accent : Style.text).substring(1)
+                                                + String(control.checked ? Style.accentText : Style.text).substring(1)
                 Accessible.ignored: true
             }
             Text {

@@ -20,8 +20,10 @@ QtObject {
     readonly property color controlBorder: Qt.rgba(text.r, text.g, text.b, dark ? 0.18 : 0.2)
     readonly property color hover: Qt.rgba(text.r, text.g, text.b, 0.06)
 
-    readonly property color accent: dark ? "#7a71f0" : "#5146e0"
-    readonly property color accentPressed: dark ? "#6258e6" : "#3f35c4"
+    // Fills under white text keep 4.5:1 on either palette; text in the accent is lighter on a dark one.
+    readonly property color accent: dark ? "#5f55e0" : "#5146e0"
+    readonly property color accentPressed: dark ? "#5047c8" : "#3f35c4"
+    readonly property color accentText: dark ? "#a29cf8" : "#5146e0"
     readonly property color accentTint: Qt.rgba(accent.r, accent.g, accent.b, dark ? 0.18 : 0.08)
     readonly property color textOnAccent: "#ffffff"
     readonly property color destructive: dark ? "#ff6b64" : "#c0262d"

@@ -53,7 +53,7 @@ SectionPage {
                         radius: 8
                         color: option.selected ? Style.accentTint : option.hovered ? Style.hover : "transparent"
                         border.width: option.selected ? 2 : 1
-                        border.color: option.selected ? Style.accent : Style.controlBorder
+                        border.color: option.selected ? Style.accentText : Style.controlBorder
                     }
                     contentItem: RowLayout {
                         spacing: 12
@@ -144,7 +144,7 @@ SectionPage {
                             Layout.preferredHeight: 44
                             radius: 8
                             border.width: swatch.selected ? 3 : 1
-                            border.color: swatch.selected ? Style.accent : Style.controlBorder
+                            border.color: swatch.selected ? Style.accentText : Style.controlBorder
                             gradient: Gradient {
                                 orientation: Gradient.Horizontal
                                 GradientStop { position: 0.0; color: swatch.modelData.colors[0] }
