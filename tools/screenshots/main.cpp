@@ -19,6 +19,7 @@
 
 #include <QDir>
 #include <QGuiApplication>
+#include <QPalette>
 #include <QQuickView>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -164,6 +165,10 @@ int main(int argc, char *argv[])
     shoot(QStringLiteral("error-other"));
 
     written += shootOnboarding(out, suffix, speech);
+    const QPalette light = QGuiApplication::palette();
+    QGuiApplication::setPalette(darkPalette());
+    written += shootOnboarding(out, QStringLiteral("-dark") + suffix, speech);
+    QGuiApplication::setPalette(light);
     speech.setCurrentError(std::nullopt);
     controller.hideWidget();
     written += shootSettingsWindow(out, suffix, speech, defaults, keychain);
