@@ -135,6 +135,8 @@ SectionPage {
                     Layout.preferredWidth: 180
                     Layout.preferredHeight: 32
                     label: shortcutRow.row.label
+                    fill: Style.control
+                    accent: Style.accentText
                     isRecording: root.model.recordingRow === shortcutRow.index
                     activeFocusOnTab: true
                     accessibleName: shortcutRow.row.title + " shortcut"
