@@ -1243,6 +1243,15 @@ private Q_SLOTS:
         QVERIFY(!vm.isSigningIn() && vm.canSignIn());
     }
 
+    // Beyond the packages' own figures, drawn on pricing: one hour, rounding, cents.
+    void packageTexts()
+    {
+        QCOMPARE(OnboardingPackage::hoursText(1.0), u"1 hour"_qs);
+        QCOMPARE(OnboardingPackage::hoursText(3.33), u"3.3 hours"_qs);
+        QCOMPARE(OnboardingPackage::priceText(1999), u"$19.99"_qs);
+        QCOMPARE(OnboardingPackage::priceText(5), u"$0.05"_qs);
+    }
+
     // The purchase page is reached through the token exchange; characters outside the query set are
     // escaped.
     void tokenExchangeUrl()
