@@ -13,6 +13,7 @@
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_OnboardingPlugin)
+Q_IMPORT_QML_PLUGIN(Quillvox_ControlsPlugin)
 
 OnboardingWindow::OnboardingWindow(OnboardingViewModel::Services services, QObject *parent)
     : QObject(parent)

@@ -220,6 +220,34 @@ void ApiKeySettingsModel::test()
     stream->start();
 }
 
+QString ApiKeySettingsModel::shownResult(TestState state, const QString &result)
+{
+    return state == TestState::Works ? QStringLiteral("✓ ") + result : result;
+}
+
+void ApiKeySettingsModel::setDraft(const QString &text)
+{
+    if (text == m_draft)
+        return;
+    m_draft = text;
+    Q_EMIT draftChanged();
+}
+
+bool ApiKeySettingsModel::saveDraft()
+{
+    if (!canSave() || !saveKey(m_draft))
+        return false;
+    setDraft(QString());
+    return true;
+}
+
+bool ApiKeySettingsModel::discardDraft()
+{
+    const bool had = !m_draft.isEmpty();
+    setDraft(QString());
+    return had;
+}
+
 void ApiKeySettingsModel::finishTest(TestState state, const QString &result)
 {
     cancelTest();

@@ -45,6 +45,12 @@ class ApiKeySettingsModel : public QObject
     Q_PROPERTY(TestState testState READ testState NOTIFY testChanged)
     // "Works", or what a narration would show for the same failure.
     Q_PROPERTY(QString testResult READ testResult NOTIFY testChanged)
+    // The result as shown: a tick before "Works".
+    Q_PROPERTY(QString testResultText READ testResultText NOTIFY testChanged)
+    // The key being typed, not yet saved: "Save" or Enter saves it (and empties the field once the keyring
+    // took it); Escape or leaving the section drops it. Half a key never replaces the stored one.
+    Q_PROPERTY(QString draft READ draft WRITE setDraft NOTIFY draftChanged)
+    Q_PROPERTY(bool canSave READ canSave NOTIFY draftChanged)
 
 public:
     enum class TestState { Idle, Testing, Works, Failed };
@@ -80,6 +86,15 @@ public:
     int maxInputChars() const;
     TestState testState() const { return m_testState; }
     QString testResult() const { return m_testResult; }
+    QString testResultText() const { return shownResult(m_testState, m_testResult); }
+    static QString shownResult(TestState state, const QString &result);
+    QString draft() const { return m_draft; }
+    void setDraft(const QString &text);
+    bool canSave() const { return !m_draft.trimmed().isEmpty(); }
+    // False, and the draft kept, when there was nothing to save or the keyring refused it.
+    Q_INVOKABLE bool saveDraft();
+    // Whether there was a draft to drop (Escape is the field's only while it holds one).
+    Q_INVOKABLE bool discardDraft();
 
     // Saves the typed key to the keyring; blank text changes nothing. False when the keyring refused it.
     Q_INVOKABLE bool saveKey(const QString &text);
@@ -100,6 +115,7 @@ Q_SIGNALS:
     void serverChanged();
     void modelChanged();
     void testChanged();
+    void draftChanged();
 
 private:
     std::optional<QUrl> chosenServer() const;
@@ -114,5 +130,6 @@ private:
     QString m_serverError;
     TestState m_testState = TestState::Idle;
     QString m_testResult;
+    QString m_draft;
     QPointer<SpeechStream> m_test;
 };

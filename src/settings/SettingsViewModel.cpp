@@ -80,6 +80,9 @@ void SettingsViewModel::select(SettingsSection section)
         return;
     // A recorder left waiting would take the next combination typed after coming back.
     m_shortcuts->setRecordingRow(-1);
+    // What was typed and not saved does not wait for the next visit.
+    if (m_apiKeys)
+        m_apiKeys->discardDraft();
     m_current = section;
     if (section == SettingsSection::shortcuts)
         m_shortcuts->refreshCaptureProblem();

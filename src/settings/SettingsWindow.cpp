@@ -20,6 +20,7 @@
 
 Q_IMPORT_QML_PLUGIN(Quillvox_SettingsPlugin)
 Q_IMPORT_QML_PLUGIN(Quillvox_ShortcutsPlugin)
+Q_IMPORT_QML_PLUGIN(Quillvox_ControlsPlugin)
 
 namespace {
 

@@ -63,6 +63,7 @@ ShortcutSettingsModel::ShortcutSettingsModel(HotkeyManager *hotkeys, std::functi
     : QObject(parent)
     , m_readCaptureProblem(std::move(captureProblem))
 {
+    connect(this, &ShortcutSettingsModel::gnomeChanged, this, &ShortcutSettingsModel::helpChanged);
     if (m_readCaptureProblem)
         m_captureProblem = m_readCaptureProblem();
     if (GnomeShellExtension::isGnomeWayland()) {
@@ -94,6 +95,7 @@ void ShortcutSettingsModel::setHotkeys(HotkeyManager *hotkeys)
             connect(hotkeys, meta->method(i), this, rowsChangedSignal);
     }
     Q_EMIT rowsChanged();
+    Q_EMIT helpChanged();
     refreshCaptureProblem();
 }
 
@@ -115,6 +117,25 @@ void ShortcutSettingsModel::setRecordingRow(int row)
         return;
     m_recordingRow = row;
     Q_EMIT recordingRowChanged();
+}
+
+void ShortcutSettingsModel::finishRecording(int row)
+{
+    if (row == m_recordingRow)
+        setRecordingRow(-1);
+}
+
+QString ShortcutSettingsModel::help() const
+{
+    if (m_hotkeys)
+        return QStringLiteral("Click a shortcut, then press the new combination. Escape cancels.");
+    return gnomeExtensionHelp().isEmpty() ? desktopBindingsIntro() : QString();
+}
+
+bool ShortcutSettingsModel::showsDesktopBindings() const
+{
+    // On GNOME only where its own shortcuts are the way.
+    return !m_hotkeys && (gnomeExtensionHelp().isEmpty() || canAddGnomeKeybindings());
 }
 
 void ShortcutSettingsModel::copyDesktopBindings() const

@@ -30,6 +30,10 @@ class ShortcutSettingsModel : public QObject
     // Without global shortcuts: what to bind in the desktop's own settings, and the text introducing it.
     Q_PROPERTY(QString desktopBindingsIntro READ desktopBindingsIntro CONSTANT)
     Q_PROPERTY(QString desktopBindings READ desktopBindings CONSTANT)
+    // The section's explanation: how to record where there are rows, else the desktop's way, unless
+    // GNOME's extension help says it; and whether the lines to copy into the desktop's settings show.
+    Q_PROPERTY(QString help READ help NOTIFY helpChanged)
+    Q_PROPERTY(bool showsDesktopBindings READ showsDesktopBindings NOTIFY helpChanged)
     // GNOME on Wayland without our Shell extension running: what the user can do about it (empty
     // elsewhere), whether switching it on is the way, or, where that cannot work, GNOME's own custom
     // shortcuts; and what the last of those two actions achieved.
@@ -54,7 +58,12 @@ public:
     QString captureProblem() const { return m_captureProblem; }
     int recordingRow() const { return m_recordingRow; }
     // Out of range ends any recording.
-    void setRecordingRow(int row);
+    Q_INVOKABLE void setRecordingRow(int row);
+    // A recorder that stopped (a combination taken, Escape, the focus gone) ends the recording, unless
+    // another row has started one since.
+    Q_INVOKABLE void finishRecording(int row);
+    QString help() const;
+    bool showsDesktopBindings() const;
     // sway takes its key bindings from its configuration file only: there the lines to add, with the
     // default combinations; elsewhere the commands, for the desktop's keyboard settings.
     static QString desktopBindings(bool sway);
@@ -90,6 +99,7 @@ Q_SIGNALS:
     void gnomeChanged();
     void captureProblemChanged();
     void recordingRowChanged();
+    void helpChanged();
 
 private:
     HotkeyManager *m_hotkeys = nullptr;

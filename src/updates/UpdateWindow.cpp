@@ -7,6 +7,7 @@
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_UpdatesPlugin)
+Q_IMPORT_QML_PLUGIN(Quillvox_ControlsPlugin)
 
 UpdateViewModel::UpdateViewModel(UpdateChecker &checker, std::function<void(const QUrl &)> openUrl,
                                  QObject *parent)
@@ -92,8 +93,8 @@ UpdateWindow::UpdateWindow(UpdateChecker &checker, std::function<void(const QUrl
     m_window->setFlags(Qt::Dialog);
     m_window->setInitialProperties({{QStringLiteral("viewModel"), QVariant::fromValue(m_viewModel)}});
     m_window->setSource(QUrl(QStringLiteral("qrc:/qt/qml/Quillvox/Updates/UpdateView.qml")));
-    m_window->setMinimumSize(QSize(440, 170));
-    m_window->resize(440, 170);
+    m_window->setMinimumSize(QSize(560, 170));
+    m_window->resize(560, 170);
     connect(m_viewModel, &UpdateViewModel::closeRequested, m_window.get(), &QWindow::close);
     connect(&checker, &UpdateChecker::finished, m_viewModel, &UpdateViewModel::showResult);
 }

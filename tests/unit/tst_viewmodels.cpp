@@ -53,6 +53,7 @@
 #include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUrlQuery>
@@ -81,11 +82,6 @@ QQuickItem *findItem(QQuickItem *item, const QString &objectName)
             return found;
     }
     return nullptr;
-}
-
-QQuickItem *findItem(const SettingsWindow &settings, const QString &objectName)
-{
-    return findItem(settings.window()->rootObject(), objectName);
 }
 
 // A shown item that reads `text`, by its accessible name or, for plain text, its text.
@@ -146,6 +142,21 @@ class TestViewModels : public QObject
         return std::make_unique<HotkeyManager>(*m_defaults, std::move(backend), m_selection, m_controls);
     }
 
+    // On the null sink driven by hand (m_sink), narrating with the own key at `openAIOrigin`.
+    std::unique_ptr<SpeechManager> makeSpeech(const QUrl &openAIOrigin = {})
+    {
+        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
+        m_sink = sink.get();
+        SpeechManager::Services services;
+        services.defaults = m_defaults.get();
+        services.keychain = m_keychain.get();
+        services.selection = &m_selection;
+        services.account = &m_account;
+        services.audioSink = std::move(sink);
+        services.openAIOrigin = openAIOrigin;
+        return std::make_unique<SpeechManager>(std::move(services));
+    }
+
     std::unique_ptr<OnboardingViewModel> model(std::function<bool()> isTrusted = {})
     {
         OnboardingViewModel::Services services;
@@ -176,22 +187,19 @@ private Q_SLOTS:
         m_defaults = std::make_unique<UserDefaults>(m_dir->filePath(QStringLiteral("q.conf")));
         m_keychain =
             std::make_unique<KeychainHelper>(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
-        auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
-        m_sink = sink.get();
-        SpeechManager::Services services;
-        services.defaults = m_defaults.get();
-        services.keychain = m_keychain.get();
-        services.selection = &m_selection;
-        services.account = &m_account;
-        services.audioSink = std::move(sink);
-        m_speech = std::make_unique<SpeechManager>(std::move(services));
+        m_speech = makeSpeech();
     }
 
     void cleanup() { m_speech.reset(); }
 
-    // Every section draws from real managers without a binding or type error.
+    // Every section draws from real managers without a binding or type error; as drawn, About's skipped
+    // version with "Forget", and local counts grouped as the server's are.
     void everySectionShows()
     {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
+        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
+        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
         HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
@@ -228,6 +236,18 @@ private Q_SLOTS:
         const HistoryListModel::Row shown = settings.viewModel()->history()->entries()->rows().first();
         QCOMPARE(shown.title, QStringLiteral("First line"));
         QCOMPARE(shown.text, QStringLiteral("\n  First line\nsecond"));
+
+        QQuickItem *root = settings.window()->rootObject();
+        QVERIFY(findShown(root, u"Version 1.2.3"_qs));
+        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
+        QQuickItem *forget = findShown(root, u"Forget"_qs);
+        QVERIFY(forget);
+        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
+        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
+        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
+        settings.viewModel()->select(SettingsSection::usage);
+        settings.viewModel()->usage()->setPeriodIndex(2);
+        QTRY_VERIFY(findShown(root, u"12,345"_qs));
     }
 
     // A window made before the shortcut manager, the keyring changed by another program, a recorder
@@ -254,13 +274,21 @@ private Q_SLOTS:
         QCOMPARE(rows.size(), 1);
         QVERIFY(shortcuts.captureProblem().isEmpty());
 
+        // A recorder that stopped ends its own recording, not one another row has started since.
         shortcuts.setRecordingRow(2);
+        shortcuts.finishRecording(2);
+        QCOMPARE(shortcuts.recordingRow(), -1);
+        shortcuts.setRecordingRow(2);
+        shortcuts.finishRecording(1);
         QCOMPARE(shortcuts.recordingRow(), 2);
+        // Leaving the section ends the recording and drops a key typed and not saved.
+        ApiKeySettingsModel &apiKeys = *settings.apiKeys();
+        apiKeys.setDraft(u"sk-half"_qs);
         settings.selectLabel(QStringLiteral("Voice"));
         QCOMPARE(shortcuts.recordingRow(), -1);
+        QVERIFY(apiKeys.draft().isEmpty());
 
         captureProblem = QStringLiteral("Lost");
-        ApiKeySettingsModel &apiKeys = *settings.apiKeys();
         QVERIFY(!apiKeys.hasKey());
         QVERIFY(m_keychain->save(QStringLiteral("sk-from-the-command-line"), KeychainKey::openAIAPIKey));
         QSignalSpy key(&apiKeys, &ApiKeySettingsModel::keyChanged);
@@ -321,16 +349,14 @@ private Q_SLOTS:
         QTest::addColumn<int>("removed");
         QTest::addColumn<int>("inserted");
         QTest::addColumn<int>("changed");
-        QTest::newRow("added at the front") << "bc"
-                                            << "abc" << 0 << 1 << 0;
-        QTest::newRow("eleventh pushes the last out") << "bcd"
-                                                      << "abc" << 1 << 1 << 0;
-        QTest::newRow("one deleted") << "abc"
-                                     << "ac" << 1 << 0 << 0;
-        QTest::newRow("cleared") << "abc"
-                                 << "" << 3 << 0 << 0;
-        QTest::newRow("one starts playing") << "abc"
-                                            << "aBc" << 0 << 0 << 1;
+        for (const auto &[row, before, after, removed, inserted, changed] :
+             {std::tuple{"added at the front", "bc", "abc", 0, 1, 0},
+              {"eleventh pushes the last out", "bcd", "abc", 1, 1, 0},
+              {"one deleted", "abc", "ac", 1, 0, 0},
+              {"cleared", "abc", "", 3, 0, 0},
+              {"one starts playing", "abc", "aBc", 0, 0, 1}})
+            QTest::newRow(row) << QString::fromLatin1(before) << QString::fromLatin1(after) << removed
+                               << inserted << changed;
     }
     void historyRowsInPlace()
     {
@@ -368,25 +394,25 @@ private Q_SLOTS:
         QTest::addColumn<Verdict::Kind>("kind");
         QTest::addColumn<QString>("origin");
 
-        const auto row = [](const char *typed, Verdict::Kind kind, const char *origin = "") {
+        using V = Verdict;
+        for (const auto &[typed, kind, origin] :
+             {std::tuple{"https://api.openai.com/", V::Encrypted, "https://api.openai.com"},
+              {"https://tts.example.com:8443", V::Encrypted, "https://tts.example.com:8443"},
+              {"http://localhost:8880", V::Unencrypted, "http://localhost:8880"},
+              {"http://127.0.0.5:8000", V::Unencrypted, "http://127.0.0.5:8000"},
+              {"http://[::1]:8000", V::Unencrypted, "http://[::1]:8000"},
+              {"http://10.1.2.3", V::Unencrypted, "http://10.1.2.3"},
+              {"http://172.31.255.1", V::Unencrypted, "http://172.31.255.1"}, // top of 172.16/12
+              {"HTTP://192.168.1.20/", V::Unencrypted, "http://192.168.1.20"},
+              {"http://[fd12::1]", V::Unencrypted, "http://[fd12::1]"},
+              {"http://speech.local:5000", V::Unencrypted, "http://speech.local:5000"},
+              {"http://172.32.0.1", V::Refused, ""},
+              {"http://example.com", V::Refused, ""},
+              {"http://localhost.example.com", V::Refused, ""},
+              {"api.openai.com", V::Refused, ""},
+              {"ftp://localhost", V::Refused, ""},
+              {"https://user:pw@api.openai.com", V::Refused, ""}})
             QTest::newRow(typed) << QString::fromLatin1(typed) << kind << QString::fromLatin1(origin);
-        };
-        row("https://api.openai.com/", Verdict::Encrypted, "https://api.openai.com");
-        row("https://tts.example.com:8443", Verdict::Encrypted, "https://tts.example.com:8443");
-        row("http://localhost:8880", Verdict::Unencrypted, "http://localhost:8880");
-        row("http://127.0.0.5:8000", Verdict::Unencrypted, "http://127.0.0.5:8000");
-        row("http://[::1]:8000", Verdict::Unencrypted, "http://[::1]:8000");
-        row("http://10.1.2.3", Verdict::Unencrypted, "http://10.1.2.3");
-        row("http://172.31.255.1", Verdict::Unencrypted, "http://172.31.255.1"); // top of 172.16/12
-        row("http://172.32.0.1", Verdict::Refused);
-        row("HTTP://192.168.1.20/", Verdict::Unencrypted, "http://192.168.1.20");
-        row("http://[fd12::1]", Verdict::Unencrypted, "http://[fd12::1]");
-        row("http://speech.local:5000", Verdict::Unencrypted, "http://speech.local:5000");
-        row("http://example.com", Verdict::Refused);
-        row("http://localhost.example.com", Verdict::Refused);
-        row("api.openai.com", Verdict::Refused);
-        row("ftp://localhost", Verdict::Refused);
-        row("https://user:pw@api.openai.com", Verdict::Refused);
     }
     void serverRules()
     {
@@ -420,7 +446,13 @@ private Q_SLOTS:
                                    .ownKeyChanged = [&] { ++ownKeyChanges; }});
         QVERIFY(!model.hasKey());
 
-        QVERIFY(model.saveKey(QStringLiteral("  sk-proj-abcdefgh1234 ")));
+        // Blank is no key; a saved one empties the field, Escape empties it only while it holds text.
+        model.setDraft(u"   "_qs);
+        QVERIFY(!model.canSave() && !model.saveDraft());
+        QVERIFY(model.discardDraft() && !model.discardDraft());
+        model.setDraft(u"  sk-proj-abcdefgh1234 "_qs);
+        QVERIFY(model.canSave() && model.saveDraft());
+        QVERIFY(model.draft().isEmpty());
         QCOMPARE(keychain.load(KeychainKey::openAIAPIKey), QStringLiteral("sk-proj-abcdefgh1234"));
         QCOMPARE(model.maskedKey(), QStringLiteral("sk-…1234"));
         QCOMPARE(ownKeyChanges, 1);
@@ -439,6 +471,14 @@ private Q_SLOTS:
         QVERIFY(!keychain.load(KeychainKey::openAIAPIKey));
         QVERIFY(model.maskedKey().isEmpty());
         QCOMPARE(ownKeyChanges, 2);
+
+        // The test's result as shown: a tick only for one that worked.
+        QVERIFY(model.setServer(QString()));
+        model.test();
+        QCOMPARE(model.testState(), ApiKeySettingsModel::TestState::Failed);
+        QCOMPARE(model.testResultText(), model.testResult());
+        QCOMPARE(ApiKeySettingsModel::shownResult(ApiKeySettingsModel::TestState::Works, u"Works"_qs),
+                 u"✓ Works"_qs);
     }
 
     void rowReset_data()
@@ -483,12 +523,11 @@ private Q_SLOTS:
         m_defaults->setData(UsageManager::allTimeKey, UsageStats{100, 7}.toJson());
         UsageManager usage(*m_defaults);
         usage.recordNarration(5);
-        const std::pair<const char *, const char *> rows[] = {
-            {"This Week", "week"}, {"This Month", "month"}, {"All Time", "all"}};
+        const QStringList labels{"This Week", "This Month", "All Time"}, server{"week", "month", "all"};
         for (int index = 0; index < 3; ++index) {
             const UsagePeriod period = allUsagePeriods().at(index);
-            QCOMPARE(usagePeriodLabel(period), QString::fromLatin1(rows[index].first));
-            QCOMPARE(UsageSettingsModel::serverPeriod(period), QString::fromLatin1(rows[index].second));
+            QCOMPARE(usagePeriodLabel(period), labels.at(index));
+            QCOMPARE(UsageSettingsModel::serverPeriod(period), server.at(index));
             UsageSettingsModel model(usage, nullptr, nullptr);
             QSignalSpy shown(&model, &UsageSettingsModel::localChanged);
             model.setPeriodIndex(index);
@@ -513,16 +552,10 @@ private Q_SLOTS:
         about.setStartAtLogin(false);
         QVERIFY(!about.startAtLogin());
 
-        QVERIFY(about.skippedVersionText().isEmpty());
         QSignalSpy changed(&about, &AboutSettingsModel::changed);
         m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
-        Q_EMIT AppEvents::shared().skippedVersionChanged();
+        Q_EMIT AppEvents::shared().skippedVersionChanged(); // skipped in the update window
         QCOMPARE(changed.size(), 1);
-        QCOMPARE(about.skippedVersionText(), u"Skipped version: 1.4.0"_qs);
-        about.forgetSkippedVersion();
-        QCOMPARE(changed.size(), 2);
-        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
-        QVERIFY(about.skippedVersionText().isEmpty());
 
         UrlCatcher browser("https");
         about.openWebsite();
@@ -549,48 +582,36 @@ private Q_SLOTS:
         QCOMPARE(names.size(), styles.size());
     }
 
-    // The window as drawn: a skipped version with "Forget"; local counts grouped as the server's are.
-    void aboutAndUsageAsDrawn()
-    {
-        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
-        const auto restoreLocale = qScopeGuard([] { QLocale::setDefault(QLocale::system()); });
-        m_defaults->setString(u"skippedVersion"_qs, u"1.4.0"_qs);
-        m_defaults->setData(UsageManager::allTimeKey, UsageStats{12345, 7}.toJson());
-        UsageManager usage(*m_defaults);
-        SettingsServices services;
-        services.defaults = m_defaults.get();
-        services.usage = &usage;
-        SettingsWindow settings(SettingsSection::about, services);
-        QQuickItem *root = settings.window()->rootObject();
-        QVERIFY(findShown(root, u"Skipped version: 1.4.0"_qs));
-        QQuickItem *forget = findShown(root, u"Forget"_qs);
-        QVERIFY(forget);
-        QVERIFY(QMetaObject::invokeMethod(forget, "clicked"));
-        QVERIFY(!m_defaults->string(u"skippedVersion"_qs));
-        QTRY_VERIFY(!findShown(root, u"Forget"_qs));
-
-        settings.viewModel()->select(SettingsSection::usage);
-        settings.viewModel()->usage()->setPeriodIndex(2);
-        QTRY_VERIFY(findShown(root, u"12,345"_qs));
-    }
-
-    // GNOME on Wayland: switching the extension on where GNOME Shell has it, GNOME's own shortcuts where
-    // it cannot run, neither where a new login is the answer or it already runs.
-    void gnomeOffers()
+    // Which help the Shortcuts section shows. GNOME on Wayland: switching our extension on where GNOME Shell
+    // has it, GNOME's own shortcuts where it cannot run, neither where a new login is the answer or it
+    // already runs. Elsewhere the desktop's own settings, unless there are global shortcuts to record.
+    void desktopHelp()
     {
         using S = GnomeShellExtension::Support;
-        // The support, then whether the extension can be switched on and GNOME's shortcuts added.
-        const std::tuple<S, bool, bool> rows[] = {
-            {S::NotGnome, false, false},     {S::Available, false, false},   {S::NotEnabled, true, false},
-            {S::NeedsRestart, false, false}, {S::NotInstalled, false, true}, {S::Failed, false, true}};
-        for (const auto &[support, canEnable, canAdd] : rows) {
-            ShortcutSettingsModel model(nullptr, {});
-            QSignalSpy changed(&model, &ShortcutSettingsModel::gnomeChanged);
+        // Support, global shortcuts; then the extension offered, GNOME's shortcuts offered, the lines to
+        // copy shown, the help: 'r' how to record, 'd' the desktop's way, '-' none (the extension's says it).
+        const std::tuple<S, bool, bool, bool, bool, char> rows[] = {
+            {S::NotGnome, true, false, false, false, 'r'},
+            {S::NotGnome, false, false, false, true, 'd'},
+            {S::Available, false, false, false, true, 'd'},
+            {S::NotEnabled, false, true, false, false, '-'},
+            {S::NeedsRestart, false, false, false, false, '-'},
+            {S::NotInstalled, false, false, true, true, '-'},
+            {S::Failed, false, false, true, true, '-'}};
+        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
+        for (const auto &[support, global, canEnable, canAdd, showsLines, help] : rows) {
+            ShortcutSettingsModel model(global ? hotkeys.get() : nullptr, {});
+            QSignalSpy changed(&model, &ShortcutSettingsModel::helpChanged);
             model.setGnomeSupport(support);
             QCOMPARE(model.canEnableGnomeExtension(), canEnable);
             QCOMPARE(model.canAddGnomeKeybindings(), canAdd);
             QCOMPARE(model.gnomeExtensionHelp().isEmpty(), support == S::NotGnome || support == S::Available);
             QCOMPARE(changed.size(), support == S::NotGnome ? 0 : 1);
+            QCOMPARE(model.showsDesktopBindings(), showsLines);
+            QCOMPARE(model.help(),
+                     help == 'r'   ? u"Click a shortcut, then press the new combination. Escape cancels."_qs
+                     : help == 'd' ? model.desktopBindingsIntro()
+                                   : QString());
         }
     }
 
@@ -619,31 +640,6 @@ private Q_SLOTS:
                  QStringLiteral("<Control><Alt>t"));
     }
 
-    void sectionsByLabel()
-    {
-        const QStringList labels{QStringLiteral("Account"),    QStringLiteral("Voice"),
-                                 QStringLiteral("Appearance"), QStringLiteral("Shortcuts"),
-                                 QStringLiteral("API Keys"),   QStringLiteral("History"),
-                                 QStringLiteral("Usage"),      QStringLiteral("About")};
-        QCOMPARE(SettingsViewModel().sections(), labels);
-        for (const QString &label : labels)
-            QCOMPARE(settingsSectionLabel(settingsSectionFromLabel(label).value()), label);
-        QVERIFY(!settingsSectionFromLabel(QStringLiteral("shortcuts")));
-        QVERIFY(!settingsSectionFromLabel(QString()));
-    }
-
-    void frame()
-    {
-        SettingsWindow settings;
-        QQuickView *window = settings.window();
-        QCOMPARE(window->status(), QQuickView::Ready);
-        QCOMPARE(window->title(), QStringLiteral("Settings"));
-        QCOMPARE(window->minimumSize(), QSize(900, 600));
-        QCOMPARE(settings.viewModel()->currentSection(), SettingsSection::account);
-        QCOMPARE(findItem(settings, QStringLiteral("versionLabel"))->property("text").toString(),
-                 QStringLiteral("Version 1.2.3"));
-    }
-
     // Steps: "click:<label>" clicks the sidebar row, "navigate:<label>" posts navigateToSettingsSection,
     // "reopen" closes the window and presents it again.
     void navigation_data()
@@ -652,23 +648,17 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("steps");
         QTest::addColumn<SettingsSection>("shown");
 
-        QTest::newRow("default") << std::optional<SettingsSection>() << QStringList()
-                                 << SettingsSection::account;
-        QTest::newRow("asked for") << std::optional(SettingsSection::about) << QStringList()
-                                   << SettingsSection::about;
-        QTest::newRow("sidebar click")
-            << std::optional<SettingsSection>() << QStringList{QStringLiteral("click:API Keys")}
-            << SettingsSection::apiKeys;
-        QTest::newRow("navigation") << std::optional<SettingsSection>()
-                                    << QStringList{QStringLiteral("navigate:Shortcuts")}
-                                    << SettingsSection::shortcuts;
-        QTest::newRow("unknown navigation ignored")
-            << std::optional(SettingsSection::voice) << QStringList{QStringLiteral("navigate:Nowhere")}
-            << SettingsSection::voice;
-        QTest::newRow("kept after closing")
-            << std::optional<SettingsSection>()
-            << QStringList{QStringLiteral("click:History"), QStringLiteral("reopen")}
-            << SettingsSection::history;
+        using S = SettingsSection;
+        const std::optional<S> none;
+        for (const auto &[row, initial, steps, shown] :
+             {std::tuple{"default", none, "", S::account},
+              {"asked for", std::optional(S::about), "", S::about},
+              {"sidebar click", none, "click:API Keys", S::apiKeys},
+              {"navigation", none, "navigate:Shortcuts", S::shortcuts},
+              {"unknown navigation ignored", std::optional(S::voice), "navigate:Nowhere", S::voice},
+              {"kept after closing", none, "click:History,reopen", S::history}})
+            QTest::newRow(row) << initial << QString::fromLatin1(steps).split(u',', Qt::SkipEmptyParts)
+                               << shown;
     }
 
     void navigation()
@@ -683,7 +673,8 @@ private Q_SLOTS:
         for (const QString &step : std::as_const(steps)) {
             const QString label = step.section(u':', 1);
             if (step.startsWith(u"click:")) {
-                QQuickItem *row = findItem(settings, QStringLiteral("section:") + label);
+                QQuickItem *row =
+                    findItem(settings.window()->rootObject(), QStringLiteral("section:") + label);
                 QVERIFY2(row, qPrintable(label));
                 const QPointF centre = row->mapToScene(QPointF(row->width() / 2, row->height() / 2));
                 QTest::mouseClick(settings.window(), Qt::LeftButton, {}, centre.toPoint());
@@ -697,7 +688,7 @@ private Q_SLOTS:
             }
         }
         QCOMPARE(settings.viewModel()->currentSection(), shown);
-        const QQuickItem *pages = findItem(settings, QStringLiteral("sectionPages"));
+        const QQuickItem *pages = findItem(settings.window()->rootObject(), QStringLiteral("sectionPages"));
         QCOMPARE(pages->property("currentIndex").toInt(), int(allSettingsSections().indexOf(shown)));
     }
 
@@ -742,18 +733,13 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("state");
         QTest::addColumn<QString>("title");
-        QTest::newRow("nothing loaded") << ""
-                                        << "Ready";
-        QTest::newRow("waiting for the server") << "generating"
-                                                << "Generating...";
-        QTest::newRow("playing") << "playing"
-                                 << "Reading aloud";
-        QTest::newRow("paused") << "paused"
-                                << "Paused";
-        QTest::newRow("no permission") << "permission"
-                                       << "Permission required";
-        QTest::newRow("another error") << "error"
-                                       << "Something went wrong.";
+        for (const auto &[row, state, title] : {std::tuple{"nothing loaded", "", "Ready"},
+                                                {"waiting for the server", "generating", "Generating..."},
+                                                {"playing", "playing", "Reading aloud"},
+                                                {"paused", "paused", "Paused"},
+                                                {"no permission", "permission", "Permission required"},
+                                                {"another error", "error", "Something went wrong."}})
+            QTest::newRow(row) << QString::fromLatin1(state) << QString::fromLatin1(title);
     }
 
     void titles()
@@ -762,14 +748,9 @@ private Q_SLOTS:
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
         QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
-        SpeechManager::Services services;
-        services.defaults = m_defaults.get();
-        services.keychain = m_keychain.get();
-        services.selection = &m_selection;
-        services.account = &m_account;
-        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
-        services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:%1").arg(silent.serverPort()));
-        SpeechManager speech(std::move(services));
+        const std::unique_ptr<SpeechManager> owned =
+            makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
+        SpeechManager &speech = *owned;
         FloatingWidgetViewModel vm(speech, m_clock);
         // What a view bound to the title shows: the value at each announcement.
         QStringList shown{vm.title()};
@@ -946,6 +927,20 @@ private Q_SLOTS:
         const QList<qreal> rest(WaveformView::kBarCount, 3.0);
         view.advanceFrame(1000.1, 0.0);
         QCOMPARE(view.barHeights(), rest);
+
+        // The timeline's own frames, on the clock the levels are stamped with: loud audio being heard
+        // lifts the bars above the idle wave.
+        QByteArray loud = silence(5);
+        auto *samples = reinterpret_cast<qint16 *>(loud.data());
+        for (qsizetype i = 0; i < loud.size() / 2; ++i)
+            samples[i] = (i / 24) % 2 ? 20000 : -20000;
+        m_speech->replayStoredAudio(loud);
+        QTRY_VERIFY(m_speech->isPlaying());
+        QTRY_VERIFY([&] {
+            m_sink->advance(1200);
+            const QList<qreal> heights = view.barHeights();
+            return *std::max_element(heights.begin(), heights.end()) > 3 + 0.35 * 21 + 1;
+        }());
     }
 
     void windowPlacementShapeAndDrag_data()
@@ -958,7 +953,26 @@ private Q_SLOTS:
     void windowPlacementShapeAndDrag()
     {
         QFETCH(bool, compositing);
+        // An account server that knows every token.
+        QTcpServer users;
+        QVERIFY(users.listen(QHostAddress::LocalHost));
+        connect(&users, &QTcpServer::newConnection, &users, [&users] {
+            QTcpSocket *socket = users.nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, socket, [socket] {
+                const QByteArray body = R"({"id":"u1","email":"a@b.test"})";
+                socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n"
+                              "Content-Length: " +
+                              QByteArray::number(body.size()) + "\r\n\r\n" + body);
+                socket->disconnectFromHost();
+            });
+        });
+        AuthManager::Services authServices;
+        authServices.keychain = m_keychain.get();
+        authServices.authOrigin = QUrl(u"http://127.0.0.1:%1"_qs.arg(users.serverPort()));
+        authServices.log = [](const QString &) {};
+        AuthManager auth(std::move(authServices));
         FloatingWindowController controller({.speech = m_speech.get(),
+                                             .auth = &auth,
                                              .clock = &m_clock,
                                              .hints = std::make_unique<NullPanelHints>(compositing)});
         QVERIFY(!controller.window()); // loaded when first shown
@@ -1001,6 +1015,12 @@ private Q_SLOTS:
         QCOMPARE(window->position(), start + QPoint(30, 20));
         controller.release();
         QVERIFY(!vm->isDragging());
+
+        // Every sign-in brings it back to the top centre.
+        controller.subscribeToAuthState();
+        auth.handleCallback(QUrl(u"quillvox://auth/callback#access_token=a&refresh_token=r"_qs));
+        QTRY_VERIFY(auth.isSignedIn());
+        QCOMPARE(window->position(), placed.topLeft());
 
         controller.hideWidget();
         QVERIFY(!controller.isWidgetVisible());
@@ -1053,9 +1073,8 @@ private Q_SLOTS:
     // What the tutorial's pickers show, decided here rather than in the views.
     void tutorialChoices()
     {
-        OnboardingViewModel::Services services;
-        services.clock = &m_clock;
-        OnboardingViewModel vm(std::move(services));
+        const auto owned = model();
+        OnboardingViewModel &vm = *owned;
         // The default shortcut, and one whose key has a plus in its name.
         QCOMPARE(vm.shortcutKeys(), QStringList({"Ctrl", "Alt", "S"}));
         QCOMPARE(HotkeyManager::shortcutKeys(69, HotkeyManager::defaultModifiers),
@@ -1078,25 +1097,22 @@ private Q_SLOTS:
         QTest::addColumn<QString>("action");
         QTest::addColumn<QStringList>("shown");
         QTest::addColumn<QString>("provider");
-        QTest::newRow("Continue with Apple opens Apple's page")
-            << "signIn"
-            << "Continue with Apple" << QStringList{"Signing in..."} << "provider=apple";
-        QTest::newRow("Continue with Google opens Google's page")
-            << "signIn"
-            << "Continue with Google" << QStringList{"Signing in..."} << "provider=google";
-        QTest::newRow("a sign-in that fails says why")
-            << "signIn"
-            << "callback without tokens"
-            << QStringList{"Authentication failed: No tokens in callback", "Continue with Apple"} << "";
-        QTest::newRow("the packages with their figures and the popular badge")
-            << "pricing"
-            << "" << QStringList{"Starter", "$5.00",        "150 minutes", "2.5 hours", "Popular",
-                                 "POPULAR", "$15.00",       "500 minutes", "8 hours",   "Pro",
-                                 "$35.00",  "1200 minutes", "20 hours"}
-            << "";
-        QTest::newRow("a purchase without a session says so and is clickable again")
-            << "pricing"
-            << "Continue" << QStringList{"Failed to generate authentication code", "Continue"} << "";
+        const auto row = [](const char *name, const char *step, const char *action, const QStringList &shown,
+                            const char *provider = "") {
+            QTest::newRow(name) << QString::fromLatin1(step) << QString::fromLatin1(action) << shown
+                                << QString::fromLatin1(provider);
+        };
+        row("Continue with Apple opens Apple's page", "signIn", "Continue with Apple", {"Signing in..."},
+            "provider=apple");
+        row("Continue with Google opens Google's page", "signIn", "Continue with Google", {"Signing in..."},
+            "provider=google");
+        row("a sign-in that fails says why", "signIn", "callback without tokens",
+            {"Authentication failed: No tokens in callback", "Continue with Apple"});
+        row("the packages with their figures and the popular badge", "pricing", "",
+            {"Starter", "$5.00", "150 minutes", "2.5 hours", "Popular", "POPULAR", "$15.00", "500 minutes",
+             "8 hours", "Pro", "$35.00", "1200 minutes", "20 hours"});
+        row("a purchase without a session says so and is clickable again", "pricing", "Continue",
+            {"Failed to generate authentication code", "Continue"});
     }
 
     void onboardingAsDrawn()
@@ -1227,17 +1243,13 @@ private Q_SLOTS:
         QVERIFY(!vm.isSigningIn() && vm.canSignIn());
     }
 
+    // Beyond the packages' own figures, drawn on pricing: one hour, rounding, cents.
     void packageTexts()
     {
-        const std::tuple<double, const char *, int, const char *> rows[] = {
-            {2.5, "2.5 hours", 500, "$5.00"},
-            {20.0, "20 hours", 3500, "$35.00"},
-            {1.0, "1 hour", 1999, "$19.99"},
-            {3.33, "3.3 hours", 5, "$0.05"}};
-        for (const auto &[hours, hoursText, cents, priceText] : rows) {
-            QCOMPARE(OnboardingPackage::hoursText(hours), QString::fromLatin1(hoursText));
-            QCOMPARE(OnboardingPackage::priceText(cents), QString::fromLatin1(priceText));
-        }
+        QCOMPARE(OnboardingPackage::hoursText(1.0), u"1 hour"_qs);
+        QCOMPARE(OnboardingPackage::hoursText(3.33), u"3.3 hours"_qs);
+        QCOMPARE(OnboardingPackage::priceText(1999), u"$19.99"_qs);
+        QCOMPARE(OnboardingPackage::priceText(5), u"$0.05"_qs);
     }
 
     // The purchase page is reached through the token exchange; characters outside the query set are

@@ -5,6 +5,10 @@
 #include "account/BalanceManager.h"
 
 class KeychainHelper;
+class QPalette;
+
+// What a dark desktop theme hands to Qt applications; the windows follow the system palette.
+QPalette darkPalette();
 
 // Runs the event loop for `ms` so that animations and layout finish before a picture is taken.
 void settle(int ms);

@@ -14,11 +14,13 @@
 #include "speech/FollowAlong.h"
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
+#include "updates/UpdateWindow.h"
 #include "widget/FloatingWidgetViewModel.h"
 #include "widget/FloatingWindowController.h"
 
 #include <QDir>
 #include <QGuiApplication>
+#include <QPalette>
 #include <QQuickView>
 #include <QTemporaryDir>
 #include <QTextStream>
@@ -164,9 +166,34 @@ int main(int argc, char *argv[])
     shoot(QStringLiteral("error-other"));
 
     written += shootOnboarding(out, suffix, speech);
+    const QPalette light = QGuiApplication::palette();
+    QGuiApplication::setPalette(darkPalette());
+    written += shootOnboarding(out, QStringLiteral("-dark") + suffix, speech);
+    QGuiApplication::setPalette(light);
     speech.setCurrentError(std::nullopt);
     controller.hideWidget();
     written += shootSettingsWindow(out, suffix, speech, defaults, keychain);
+
+    // The update window offering a new version, in either palette.
+    UpdateChecker checker({.defaults = &defaults,
+                           .feedUrl = QUrl(QStringLiteral("http://127.0.0.1:9/appcast.xml")),
+                           .currentVersion = QStringLiteral(QUILLVOX_VERSION)});
+    UpdateWindow updates(checker, [](const QUrl &) {});
+    UpdateChecker::Result offer;
+    offer.outcome = UpdateChecker::Result::Outcome::Available;
+    offer.currentVersion = QStringLiteral(QUILLVOX_VERSION);
+    offer.item =
+        AppcastItem{QStringLiteral("0.2.0"), QString(), QUrl(QStringLiteral("https://example.test/q.deb")),
+                    QUrl(QStringLiteral("https://example.test/notes")), QDateTime()};
+    for (const auto &[name, palette] : {std::pair{"light", light}, std::pair{"dark", darkPalette()}}) {
+        QGuiApplication::setPalette(palette);
+        updates.showResult(offer);
+        settle(300);
+        const QString path =
+            out.filePath(QStringLiteral("update-available-%1%2.png").arg(QLatin1String(name), suffix));
+        written += updates.window()->grabWindow().save(path) ? 1 : 0;
+    }
+    QGuiApplication::setPalette(light);
     // Pixmaps are drawn at their own size, whatever the scale.
     if (suffix.isEmpty())
         written += shootTrayIcons(out);

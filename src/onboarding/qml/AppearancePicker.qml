@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
+import Quillvox.Controls
 import QtQuick.Templates as T
 import Quillvox.Onboarding
 
@@ -46,7 +47,7 @@ Column {
                 }
                 background: Rectangle {
                     radius: Theme.radius
-                    color: style.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.08)
+                    color: style.chosen ? Theme.accentTint
                                         : (style.hovered ? Theme.surface : Theme.background)
                     border.width: style.chosen ? 2 : 1
                     border.color: style.chosen ? Theme.accent : Theme.border
@@ -121,7 +122,7 @@ Column {
                         height: 30
                         radius: 15
                         border.width: 1
-                        border.color: Qt.rgba(0, 0, 0, 0.12)
+                        border.color: Theme.border
                         gradient: Gradient {
                             GradientStop { position: 0.0; color: swatch.colors[0] }
                             GradientStop { position: 0.5; color: swatch.colors[1] }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
+import Quillvox.Controls
 import QtQuick.Templates as T
 
 // One minute package; a click chooses it for "Continue".
@@ -27,7 +28,7 @@ T.AbstractButton {
 
     background: Rectangle {
         radius: 12
-        color: card.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.06)
+        color: card.chosen ? Theme.accentTint
                            : (card.hovered ? Theme.surface : Theme.background)
         border.width: card.chosen ? 2 : 1
         border.color: card.chosen ? Theme.accent : Theme.border

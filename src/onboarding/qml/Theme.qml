@@ -1,20 +1,23 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 pragma Singleton
 import QtQuick
+import Quillvox.Controls
 
-// The onboarding window's colours, sizes and type scale, on a 4-pixel grid.
+// The onboarding window's colours, sizes and type scale, on a 4-pixel grid. The colours are the shared
+// controls' own, so that the window follows the desktop's light or dark palette as Settings does.
 QtObject {
-    readonly property color background: "#ffffff"
-    readonly property color surface: "#f4f5f8"
-    readonly property color border: "#dde0e7"
-    readonly property color text: "#17181c"
-    readonly property color secondaryText: "#565b66"
-    readonly property color accent: "#5146e0"
-    readonly property color accentPressed: "#3f35c4"
-    readonly property color textOnAccent: "#ffffff"
-    readonly property color success: "#1f8f4e"
-    readonly property color warning: "#c26a12"
-    readonly property color error: "#c0262d"
+    readonly property color background: Style.dark ? Style.window : "#ffffff"
+    readonly property color surface: Style.dark ? Style.surface : "#f4f5f8"
+    readonly property color border: Style.border
+    readonly property color text: Style.text
+    readonly property color secondaryText: Style.secondaryText
+    readonly property color accent: Style.accent
+    readonly property color accentPressed: Style.accentPressed
+    readonly property color accentTint: Style.accentTint
+    readonly property color textOnAccent: Style.textOnAccent
+    readonly property color success: Style.success
+    readonly property color warning: Style.warning
+    readonly property color error: Style.destructive
 
     readonly property int margin: 32
     readonly property int spacing: 12

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
+import Quillvox.Controls
 import QtQuick.Templates as T
 
 // The voices as a grid: a click chooses the voice and plays its sample.
@@ -37,7 +38,7 @@ Grid {
             }
             background: Rectangle {
                 radius: Theme.radius
-                color: card.chosen ? Qt.rgba(0.32, 0.27, 0.88, 0.08)
+                color: card.chosen ? Theme.accentTint
                                    : (card.hovered ? Theme.surface : Theme.background)
                 border.width: card.chosen ? 2 : 1
                 border.color: card.chosen ? Theme.accent : Theme.border

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 
 SectionPage {
@@ -50,40 +51,27 @@ SectionPage {
             Layout.fillWidth: true
             spacing: 8
 
-            RowLayout {
+            SwitchRow {
                 visible: !!root.about
-                Layout.fillWidth: true
-                Label {
-                    text: "Check for updates automatically"
-                    Layout.fillWidth: true
-                }
-                Switch {
-                    checked: root.about ? root.about.checkForUpdatesAutomatically : true
-                    Accessible.name: "Check for updates automatically"
-                    onToggled: root.about.checkForUpdatesAutomatically = checked
-                }
+                text: "Check for updates automatically"
+                checked: root.about ? root.about.checkForUpdatesAutomatically : true
+                onToggled: on => root.about.checkForUpdatesAutomatically = on
             }
-            RowLayout {
+            SwitchRow {
                 visible: !!root.about
-                Layout.fillWidth: true
-                Label {
-                    text: "Start Quillvox at login"
-                    Layout.fillWidth: true
-                }
-                Switch {
-                    checked: root.about ? root.about.startAtLogin : false
-                    Accessible.name: "Start Quillvox at login"
-                    onToggled: root.about.startAtLogin = checked
-                }
+                text: "Start Quillvox at login"
+                checked: root.about ? root.about.startAtLogin : false
+                onToggled: on => root.about.startAtLogin = on
             }
             Label {
                 visible: !!root.about && root.about.startAtLoginError !== ""
                 text: root.about ? root.about.startAtLoginError : ""
-                color: "#b3261e"
+                color: Style.destructive
                 wrapMode: Text.Wrap
                 Layout.fillWidth: true
             }
-            Button {
+            PushButton {
+                Layout.topMargin: 4
                 visible: !!root.about
                 text: "Check for Updates..."
                 Accessible.name: text
@@ -99,7 +87,8 @@ SectionPage {
                     opacity: 0.7
                     Accessible.name: text
                 }
-                Button {
+                PushButton {
+                    kind: "link"
                     text: "Forget"
                     Accessible.name: text
                     onClicked: root.about.forgetSkippedVersion()
@@ -116,17 +105,10 @@ SectionPage {
             Layout.fillWidth: true
             spacing: 8
             // A link, aligned with the card's text, that still takes the focus like a button.
-            Button {
-                id: website
+            PushButton {
+                kind: "link"
                 text: "Website"
-                padding: 0
                 Accessible.name: "Website"
-                contentItem: Label {
-                    text: website.text
-                    color: website.palette.link
-                    font.underline: website.hovered || website.visualFocus
-                }
-                background: Item {}
                 visible: !!root.about
                 onClicked: root.about.openWebsite()
             }

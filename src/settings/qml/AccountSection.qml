@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 
 // Shows the account managers' published values; every action is theirs.
 SectionPage {
@@ -28,14 +29,17 @@ SectionPage {
             Layout.topMargin: 4
             spacing: 8
 
-            Button {
+            // Apple's button in its own black (white on a dark palette), as onboarding draws it.
+            PushButton {
                 Layout.fillWidth: true
                 text: "Continue with Apple"
+                fill: Style.text
+                ink: Style.window
                 enabled: !root.auth.isLoading
                 Accessible.name: "Continue with Apple"
                 onClicked: root.auth.signIn(false)
             }
-            Button {
+            PushButton {
                 Layout.fillWidth: true
                 text: "Continue with Google"
                 enabled: !root.auth.isLoading
@@ -59,7 +63,7 @@ SectionPage {
             Layout.fillWidth: true
             visible: text !== ""
             text: root.auth.currentErrorDescription
-            color: "#d0342c"
+            color: Style.destructive
             wrapMode: Text.WordWrap
             Accessible.name: text
         }
@@ -76,11 +80,11 @@ SectionPage {
                 implicitWidth: 44
                 implicitHeight: 44
                 radius: 22
-                color: palette.highlight
+                color: Style.accent
                 Label {
                     anchors.centerIn: parent
                     text: root.auth.email.charAt(0).toUpperCase()
-                    color: palette.highlightedText
+                    color: Style.textOnAccent
                     font.pixelSize: 20
                     font.bold: true
                 }
@@ -99,7 +103,7 @@ SectionPage {
                     Accessible.name: text
                 }
             }
-            Button {
+            PushButton {
                 text: "Sign Out"
                 Accessible.name: "Sign Out"
                 onClicked: root.auth.signOut()
@@ -122,9 +126,9 @@ SectionPage {
                 font.bold: true
                 Accessible.name: "Balance " + text
             }
-            Button {
+            PushButton {
                 text: "Buy minutes"
-                highlighted: true
+                kind: "primary"
                 Accessible.name: "Buy minutes"
                 onClicked: root.balance.openPurchasePage()
             }

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 
 SectionPage {
@@ -11,16 +12,8 @@ SectionPage {
 
     title: "API Keys"
 
-    readonly property color errorColor: "#d0342c"
-
-    function saveTypedKey() {
-        if (keyField.text !== "" && root.model.saveKey(keyField.text))
-            keyField.text = "";
-    }
-
     // What was typed and not saved does not wait for the next visit.
-    onVisibleChanged: if (!visible) keyField.text = ""
-    readonly property color warningColor: "#b86e00"
+    onVisibleChanged: if (!visible) root.model.discardDraft()
 
     SettingsCard {
         title: "Your OpenAI key"
@@ -37,7 +30,8 @@ SectionPage {
                 font.family: "monospace"
                 Accessible.name: "Saved key " + text
             }
-            Button {
+            PushButton {
+                kind: "destructive"
                 text: "Remove"
                 Accessible.name: "Remove"
                 onClicked: root.model.removeKey()
@@ -57,31 +51,31 @@ SectionPage {
 
                 // Saved only on Enter or "Save": half a key left in the field when the focus moves on
                 // must never replace the stored one. Escape empties it.
-                TextField {
+                TextEntry {
                     id: keyField
                     anchors.fill: parent
                     echoMode: TextInput.Password
+                    text: root.model.draft
                     placeholderText: root.model.hasKey ? "Enter a new key to replace it" : "sk-…"
                     Accessible.name: "OpenAI API key"
-                    onAccepted: root.saveTypedKey()
-                    Keys.onEscapePressed: event => {
-                        event.accepted = text !== "";
-                        text = "";
-                    }
+                    onTextEdited: root.model.draft = text
+                    onAccepted: root.model.saveDraft()
+                    Keys.onEscapePressed: event => event.accepted = root.model.discardDraft()
                 }
             }
-            Button {
+            PushButton {
+                kind: "primary"
                 text: "Save"
-                enabled: keyField.text !== ""
+                enabled: root.model.canSave
                 Accessible.name: "Save"
-                onClicked: root.saveTypedKey()
+                onClicked: root.model.saveDraft()
             }
         }
         Label {
             Layout.fillWidth: true
             visible: text !== ""
             text: root.model.keyProblem
-            color: root.errorColor
+            color: Style.destructive
             wrapMode: Text.WordWrap
             Accessible.name: text
         }
@@ -102,7 +96,7 @@ SectionPage {
                 // The field beside it carries the name.
                 Accessible.ignored: true
             }
-            TextField {
+            TextEntry {
                 Layout.fillWidth: true
                 text: root.model.server
                 enabled: !root.model.serverFromEnvironment
@@ -122,8 +116,8 @@ SectionPage {
                 Layout.fillWidth: true
                 visible: text !== ""
                 text: root.model.serverError !== "" ? root.model.serverError : root.model.serverNote
-                color: root.model.serverError !== "" ? root.errorColor
-                                                     : (root.model.serverFromEnvironment ? palette.text : root.warningColor)
+                color: root.model.serverError !== "" ? Style.destructive
+                                                     : (root.model.serverFromEnvironment ? Style.text : Style.warning)
                 wrapMode: Text.WordWrap
                 Accessible.name: text
             }
@@ -132,7 +126,7 @@ SectionPage {
                 // The field beside it carries the name.
                 Accessible.ignored: true
             }
-            TextField {
+            TextEntry {
                 Layout.fillWidth: true
                 text: root.model.model
                 placeholderText: root.model.defaultModel
@@ -174,7 +168,7 @@ SectionPage {
         RowLayout {
             spacing: 12
 
-            Button {
+            PushButton {
                 text: "Test"
                 enabled: root.model.testState !== ApiKeySettingsModel.Testing
                 Accessible.name: "Test"
@@ -187,16 +181,11 @@ SectionPage {
             }
             Label {
                 Layout.fillWidth: true
-                text: root.model.testState === ApiKeySettingsModel.Works ? "✓ " + root.model.testResult
-                                                                        : root.model.testResult
-                color: root.model.testState === ApiKeySettingsModel.Failed ? root.errorColor : "#2e8540"
+                text: root.model.testResultText
+                color: root.model.testState === ApiKeySettingsModel.Failed ? Style.destructive : Style.success
                 wrapMode: Text.WordWrap
                 Accessible.name: root.model.testResult
             }
         }
-    }
-
-    SystemPalette {
-        id: palette
     }
 }

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 
 SectionPage {
@@ -50,11 +51,9 @@ SectionPage {
 
                     background: Rectangle {
                         radius: 8
-                        color: option.hovered ? Qt.rgba(palette.highlight.r, palette.highlight.g,
-                                                        palette.highlight.b, 0.08) : "transparent"
+                        color: option.selected ? Style.accentTint : option.hovered ? Style.hover : "transparent"
                         border.width: option.selected ? 2 : 1
-                        border.color: option.selected ? palette.highlight
-                                                      : Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.2)
+                        border.color: option.selected ? Style.accentText : Style.controlBorder
                     }
                     contentItem: RowLayout {
                         spacing: 12
@@ -145,8 +144,7 @@ SectionPage {
                             Layout.preferredHeight: 44
                             radius: 8
                             border.width: swatch.selected ? 3 : 1
-                            border.color: swatch.selected ? palette.highlight
-                                                          : Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.2)
+                            border.color: swatch.selected ? Style.accentText : Style.controlBorder
                             gradient: Gradient {
                                 orientation: Gradient.Horizontal
                                 GradientStop { position: 0.0; color: swatch.modelData.colors[0] }
@@ -166,38 +164,15 @@ SectionPage {
     }
 
     SettingsCard {
-        RowLayout {
-            Layout.fillWidth: true
-
-            Label {
-                Layout.fillWidth: true
-                text: "Show the widget when using my own API key"
-                wrapMode: Text.WordWrap
-            }
-            Switch {
-                checked: root.model.showWidgetWithOwnKey
-                Accessible.name: "Show the widget when using my own API key"
-                onToggled: root.model.showWidgetWithOwnKey = checked
-
-                FocusRing {
-                    shown: parent.visualFocus
-                    radius: 4
-                }
-            }
+        SwitchRow {
+            text: "Show the widget when using my own API key"
+            checked: root.model.showWidgetWithOwnKey
+            onToggled: on => root.model.showWidgetWithOwnKey = on
         }
-        RowLayout {
-            Layout.fillWidth: true
-
-            Label {
-                Layout.fillWidth: true
-                text: "Follow along: show the sentence being read in the expanded controls"
-                wrapMode: Text.WordWrap
-            }
-            Switch {
-                checked: root.model.showFollowAlong
-                Accessible.name: "Follow along: show the sentence being read in the expanded controls"
-                onToggled: root.model.showFollowAlong = checked
-            }
+        SwitchRow {
+            text: "Follow along: show the sentence being read in the expanded controls"
+            checked: root.model.showFollowAlong
+            onToggled: on => root.model.showFollowAlong = on
         }
     }
 }

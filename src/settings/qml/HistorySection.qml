@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 
 SectionPage {
@@ -33,8 +34,9 @@ SectionPage {
             opacity: 0.7
             wrapMode: Text.WordWrap
         }
-        Button {
+        PushButton {
             id: clearAll
+            kind: "destructive"
             text: "Clear All"
             enabled: root.model.entries.count > 0
             Accessible.name: "Clear All"
@@ -84,16 +86,13 @@ SectionPage {
                     Layout.fillWidth: true
                     spacing: 8
 
-                    RoundButton {
+                    PushButton {
+                        implicitWidth: 32
+                        leftPadding: 0
+                        rightPadding: 0
                         text: entry.playing ? "❚❚" : "▶"
-                        flat: false
                         Accessible.name: (entry.playing ? "Pause " : "Play ") + entry.title
                         onClicked: root.model.replay(entry.entryId)
-
-                        FocusRing {
-                            shown: parent.visualFocus
-                            radius: width / 2 + 3
-                        }
                     }
                     ColumnLayout {
                         Layout.fillWidth: true
@@ -112,7 +111,9 @@ SectionPage {
                             font.pixelSize: 12
                         }
                     }
-                    ToolButton {
+                    PushButton {
+                        kind: "link"
+                        implicitWidth: 24
                         // Only where the title does not already say it all.
                         visible: titleLabel.truncated || entry.fullText.trim() !== entry.title
                         text: entry.expanded ? "▴" : "▾"
@@ -121,22 +122,18 @@ SectionPage {
                         ToolTip.visible: hovered
                         ToolTip.text: Accessible.name
                         onClicked: entry.expanded = !entry.expanded
-
-                        FocusRing {
-                            shown: parent.visualFocus
-                            radius: 4
-                        }
                     }
-                    Button {
+                    PushButton {
+                        kind: "link"
                         text: "Export…"
-                        flat: true
                         Accessible.name: "Export " + entry.title
                         onClicked: root.model.exportSession(entry.entryId)
                     }
-                    Button {
+                    PushButton {
                         id: deleteButton
+                        kind: "link"
+                        ink: Style.destructive
                         text: "Delete"
-                        flat: true
                         Accessible.name: "Delete " + entry.title
                         onClicked: {
                             // Once this row has gone from the list.
@@ -201,13 +198,14 @@ SectionPage {
             text: "Every kept narration and its audio will be deleted."
         }
         footer: DialogButtonBox {
-            Button {
+            PushButton {
                 id: cancelButton
                 text: "Cancel"
                 DialogButtonBox.buttonRole: DialogButtonBox.RejectRole
                 Accessible.name: "Cancel"
             }
-            Button {
+            PushButton {
+                kind: "destructive"
                 text: "Delete All"
                 DialogButtonBox.buttonRole: DialogButtonBox.AcceptRole
                 Accessible.name: "Delete All"

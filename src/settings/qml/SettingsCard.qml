@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 
 // A group of related settings on a raised surface, with an optional heading and explanation.
 Rectangle {
@@ -14,15 +15,8 @@ Rectangle {
     Layout.fillWidth: true
     implicitHeight: inner.implicitHeight + 32
     radius: 8
-    // Fields, radio buttons and switches are filled with the base colour. On a light palette the card
-    // is that colour and their outlines set them off; a dark palette draws those outlines darker than the
-    // window, so there the card is raised above the window instead and they sit in it as wells.
-    color: palette.window.hslLightness < 0.5 ? Qt.lighter(palette.window, 1.3) : palette.base
-    border.color: Qt.rgba(palette.text.r, palette.text.g, palette.text.b, 0.12)
-
-    SystemPalette {
-        id: palette
-    }
+    color: Style.surface
+    border.color: Style.border
 
     ColumnLayout {
         id: inner

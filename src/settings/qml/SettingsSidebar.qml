@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
 import QtQuick.Controls.Fusion
+import Quillvox.Controls
 
 // The list of sections; choosing one only reports it, the view model decides what is shown. One stop on
 // the Tab path: the arrow keys move between sections.
@@ -75,9 +76,7 @@ Rectangle {
                 anchors.topMargin: 1
                 anchors.bottomMargin: 1
                 radius: 6
-                color: row.current ? systemPalette.highlight
-                                   : (row.hovered ? Qt.rgba(systemPalette.text.r, systemPalette.text.g,
-                                                            systemPalette.text.b, 0.06) : "transparent")
+                color: row.current ? Style.accent : (row.hovered ? Style.hover : "transparent")
 
                 // Inside the row, in the text colour: around the highlighted row a highlight ring
                 // would not show.
@@ -88,12 +87,12 @@ Rectangle {
                     radius: 7
                     color: "transparent"
                     border.width: 2
-                    border.color: Qt.lighter(systemPalette.highlight, 1.6)
+                    border.color: Qt.lighter(Style.accent, 1.6)
                 }
             }
             contentItem: Label {
                 text: row.text
-                color: row.current ? systemPalette.highlightedText : systemPalette.text
+                color: row.current ? Style.textOnAccent : Style.text
                 verticalAlignment: Text.AlignVCenter
             }
         }

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 import Quillvox.Shortcuts
 
@@ -18,9 +19,7 @@ SectionPage {
 
     SettingsCard {
         title: "Keyboard shortcuts"
-        subtitle: root.model.rows.length > 0
-                  ? "Click a shortcut, then press the new combination. Escape cancels."
-                  : root.model.gnomeExtensionHelp !== "" ? "" : root.model.desktopBindingsIntro
+        subtitle: root.model.help
 
         // GNOME on Wayland: our Shell extension gives the keys (the rows stay unassigned while it is off);
         // where it cannot run, GNOME's own shortcuts do.
@@ -34,13 +33,14 @@ SectionPage {
         RowLayout {
             visible: root.model.canEnableGnomeExtension || root.model.canAddGnomeKeybindings
             spacing: 8
-            Button {
+            PushButton {
+                kind: "primary"
                 visible: root.model.canEnableGnomeExtension
                 text: "Enable the Quillvox extension"
                 Accessible.name: text
                 onClicked: root.model.enableGnomeExtension()
             }
-            Button {
+            PushButton {
                 visible: root.model.canAddGnomeKeybindings
                 text: "Add to GNOME keyboard shortcuts"
                 Accessible.name: text
@@ -56,10 +56,9 @@ SectionPage {
         }
 
         // Selectable, and reachable from the keyboard, so that the lines can be copied into the desktop's
-        // settings. On GNOME only where its own shortcuts are the way.
+        // settings.
         ColumnLayout {
-            visible: root.model.rows.length === 0
-                     && (root.model.gnomeExtensionHelp === "" || root.model.canAddGnomeKeybindings)
+            visible: root.model.showsDesktopBindings
             Layout.fillWidth: true
             spacing: 8
 
@@ -85,7 +84,7 @@ SectionPage {
                     radius: 6
                 }
             }
-            Button {
+            PushButton {
                 text: "Copy"
                 Accessible.name: "Copy"
                 onClicked: root.model.copyDesktopBindings()
@@ -126,7 +125,7 @@ SectionPage {
                         visible: shortcutRow.row.problem !== ""
                         wrapMode: Text.Wrap
                         text: shortcutRow.row.problem
-                        color: "#d0342c"
+                        color: Style.destructive
                         font.pixelSize: 12
                         Accessible.name: text
                     }
@@ -136,26 +135,25 @@ SectionPage {
                     Layout.preferredWidth: 180
                     Layout.preferredHeight: 32
                     label: shortcutRow.row.label
+                    fill: Style.control
+                    accent: Style.accentText
                     isRecording: root.model.recordingRow === shortcutRow.index
                     activeFocusOnTab: true
                     accessibleName: shortcutRow.row.title + " shortcut"
-                    onActivated: root.model.recordingRow = shortcutRow.index
-                    Keys.onReturnPressed: root.model.recordingRow = shortcutRow.index
-                    Keys.onSpacePressed: root.model.recordingRow = shortcutRow.index
+                    onActivated: root.model.setRecordingRow(shortcutRow.index)
+                    Keys.onReturnPressed: root.model.setRecordingRow(shortcutRow.index)
+                    Keys.onSpacePressed: root.model.setRecordingRow(shortcutRow.index)
                     onRecorded: (key, modifiers) => root.model.record(shortcutRow.index, key, modifiers)
-                    onFinished: {
-                        if (root.model.recordingRow === shortcutRow.index)
-                            root.model.recordingRow = -1;
-                    }
+                    onFinished: root.model.finishRecording(shortcutRow.index)
 
                     TapHandler {
-                        onTapped: root.model.recordingRow = shortcutRow.index
+                        onTapped: root.model.setRecordingRow(shortcutRow.index)
                     }
                 }
-                Button {
+                PushButton {
                     text: "Reset"
                     enabled: !shortcutRow.row.isDefault
-                    flat: true
+                    kind: "link"
                     Accessible.name: "Reset " + shortcutRow.row.title
                     onClicked: {
                         // Disabled once the default is back: the focus goes to the row's recorder.

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Settings
 
 SectionPage {
@@ -11,40 +12,14 @@ SectionPage {
 
     title: "Usage"
 
-    SystemPalette {
-        id: periodPalette
-    }
-
-    TabBar {
-        id: periods
+    SegmentedChoice {
         Layout.preferredWidth: 360
+        model: root.model.periods
         currentIndex: root.model.periodIndex
+        segmentRole: Accessible.PageTab
+        Accessible.role: Accessible.PageTabList
         Accessible.name: "Period"
-        onCurrentIndexChanged: root.model.periodIndex = currentIndex
-
-        Repeater {
-            model: root.model.periods
-            // The chosen period in the highlight colour, as the chosen speed is: Fusion's own tabs
-            // differ too little to tell at a glance.
-            delegate: TabButton {
-                id: tab
-                required property string modelData
-                text: modelData
-                Accessible.name: modelData
-                contentItem: Label {
-                    text: tab.text
-                    horizontalAlignment: Text.AlignHCenter
-                    verticalAlignment: Text.AlignVCenter
-                    color: tab.checked ? periodPalette.highlightedText : periodPalette.buttonText
-                }
-                background: Rectangle {
-                    implicitHeight: 28
-                    color: tab.checked ? periodPalette.highlight
-                                       : (tab.hovered ? Qt.lighter(periodPalette.button, 1.08) : periodPalette.button)
-                    border.color: tab.checked ? periodPalette.highlight : periodPalette.mid
-                }
-            }
-        }
+        onChosen: index => root.model.periodIndex = index
     }
 
     SettingsCard {

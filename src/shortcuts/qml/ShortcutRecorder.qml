@@ -15,6 +15,9 @@ FocusScope {
     property string prompt: qsTr("Type a shortcut…")
     // What a screen reader calls the recorder; it also hears whether it records.
     property string accessibleName
+    // The window's own look: the well's colour, and the accent of the recording outline and focus ring.
+    property color fill: systemPalette.base
+    property color accent: systemPalette.highlight
 
     signal recorded(var key, var modifiers)
     signal finished
@@ -33,20 +36,20 @@ FocusScope {
 
     Rectangle {
         anchors.fill: parent
-        radius: 4
-        color: "transparent"
+        radius: 8
+        color: root.fill
         border.width: root.isRecording ? 2 : 1
-        border.color: root.isRecording ? systemPalette.highlight : systemPalette.mid
+        border.color: root.isRecording ? root.accent : systemPalette.mid
     }
 
     Rectangle {
         anchors.fill: parent
         anchors.margins: -3
         visible: root.activeFocus && !root.isRecording
-        radius: 6
+        radius: 11
         color: "transparent"
         border.width: 2
-        border.color: systemPalette.highlight
+        border.color: root.accent
     }
 
     Text {

@@ -2,6 +2,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Quillvox.Controls
 import Quillvox.Updates
 
 // "Check for Updates...": one message and the buttons that fit it.
@@ -13,6 +14,9 @@ Pane {
     readonly property bool checking: viewModel.state === UpdateViewModel.Checking
 
     padding: 20
+    background: Rectangle {
+        color: Style.window
+    }
 
     ColumnLayout {
         anchors.fill: parent
@@ -44,40 +48,46 @@ Pane {
             Accessible.name: text
         }
         Item { Layout.fillHeight: true }
+        // One row for each case, shown or hidden whole: Qt 6.4's layouts do not place buttons that only
+        // become visible after the first layout.
         RowLayout {
             Layout.fillWidth: true
+            visible: root.available
             spacing: 8
 
-            Button {
-                visible: root.available && root.viewModel.hasReleaseNotes
+            PushButton {
+                visible: root.viewModel.hasReleaseNotes
                 text: "Release Notes"
-                flat: true
+                kind: "link"
                 Accessible.name: text
                 onClicked: root.viewModel.openReleaseNotes()
             }
             Item { Layout.fillWidth: true }
-            Button {
-                visible: root.available
+            PushButton {
                 text: "Skip This Version"
                 Accessible.name: text
                 onClicked: root.viewModel.skipThisVersion()
             }
-            Button {
-                visible: root.available
+            PushButton {
                 text: "Remind Me Later"
                 Accessible.name: text
                 onClicked: root.viewModel.remindLater()
             }
-            Button {
-                visible: root.available
+            PushButton {
                 text: "Download"
-                highlighted: true
+                kind: "primary"
                 Accessible.name: text
                 onClicked: root.viewModel.download()
             }
-            Button {
-                visible: !root.available
+        }
+        RowLayout {
+            Layout.fillWidth: true
+            visible: !root.available
+
+            Item { Layout.fillWidth: true }
+            PushButton {
                 text: "OK"
+                kind: "primary"
                 Accessible.name: text
                 onClicked: root.viewModel.remindLater()
             }
