@@ -30,6 +30,8 @@ struct Auth
     AuthManager manager{{.keychain = &keychain,
                          .authOrigin = QUrl("https://auth.example.org"),
                          .serviceOrigin = QUrl("https://service.example.org"),
+                         .anonKey = {},
+                         .openUrl = {},
                          .log = [this](const QString &line) { log << line; }}};
 };
 
