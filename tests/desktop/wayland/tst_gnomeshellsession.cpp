@@ -246,21 +246,24 @@ private Q_SLOTS:
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
     void narratesTheHighlight_data()
     {
-        QTest::addColumn<bool>("shortcut"); // else `quillvox --narrate-selection`
+        QTest::addColumn<QString>("trigger"); // `quillvox --narrate-selection`, the shortcut or the top bar
         QTest::addColumn<QString>("highlighted");
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
-        QTest::newRow("highlighted") << false << text << text;
-        QTest::newRow("nothing highlighted") << false << ""
+        QTest::newRow("highlighted") << "command" << text << text;
+        QTest::newRow("nothing highlighted") << "command"
+                                             << ""
                                              << "Copied before.";
         // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
         // pressed on the compositor's keyboard.
-        QTest::newRow("by the shortcut") << true << "Narrated by its shortcut on GNOME."
-                                         << "Narrated by its shortcut on GNOME.";
+        const QString shortcut = QStringLiteral("Narrated by its shortcut on GNOME.");
+        QTest::newRow("by the shortcut") << "shortcut" << shortcut << shortcut;
+        const QString menu = QStringLiteral("Narrated from GNOME's top bar.");
+        QTest::newRow("from the menu") << "menu" << menu << menu;
     }
     void narratesTheHighlight()
     {
-        QFETCH(bool, shortcut);
+        QFETCH(QString, trigger);
         QFETCH(QString, highlighted);
         QFETCH(QString, expected);
         QCOMPARE(wlCopy({"Copied before."}), 0);
@@ -268,10 +271,14 @@ private Q_SLOTS:
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        if (shortcut)
+        if (trigger == u"shortcut") {
             xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
-        else
+        } else if (trigger == u"menu") {
+            QCOMPARE(m_app.run({"--stop"}).exitCode, 0); // the menu offers narration only while idle
+            QVERIFY(chooseFromMenu("Narrate Selection"));
+        } else {
             QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
+        }
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
@@ -359,18 +366,6 @@ private Q_SLOTS:
                                               "About Quillvox|-|Settings...|-|Quit Quillvox"));
         QCOMPARE(m_app.run({"--stop"}).exitCode, 0);
         QTRY_COMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
-    }
-
-    void narratesFromTheMenu()
-    {
-        const QString text = QStringLiteral("Narrated from GNOME's top bar.");
-        QCOMPARE(wlCopy({"--primary", text}), 0);
-        const qsizetype before = m_server.requests().size();
-        QVERIFY(chooseFromMenu("Narrate Selection"));
-        const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
-        QCOMPARE(log.size(), before + 1);
-        QCOMPARE(DevServer::input(log.last()), text);
-        QCOMPARE(m_app.run({"--stop"}).exitCode, 0);
     }
 
     void quitsFromTheMenu()
