@@ -75,18 +75,14 @@ private Q_SLOTS:
         QCOMPARE(m_item->property(QStringLiteral("Status")), QVariant(QStringLiteral("Active")));
     }
 
-    // A themed name for panels that recolour it, pictures for those that draw them, and a left click
-    // that opens the menu.
+    // A themed name for panels that recolour it, pictures for those that draw them, a left click that
+    // opens the menu, and the menu while idle.
     void iconAndClickAsPanelsUseThem()
     {
         QCOMPARE(m_item->iconName(), kIdleIcon);
         QCOMPARE(m_item->pixmapSizes(), (QList<QSize>{{16, 16}, {22, 22}, {24, 24}, {32, 32}}));
         QCOMPARE(m_item->property(QStringLiteral("ItemIsMenu")), QVariant(true));
         QCOMPARE(m_item->toolTip(), QStringLiteral("Quillvox"));
-    }
-
-    void idleMenu()
-    {
         QCOMPARE(
             m_item->shownMenu().join(u'|'),
             QStringLiteral("Narrate Selection\tControl+Alt+S|Expand Widget|-|[Pause Narration]|[Stop "
