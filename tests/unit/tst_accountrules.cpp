@@ -23,6 +23,18 @@ QString jwtWithPayload(const QByteArray &payload)
 
 const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1'800'000'000, Qt::UTC);
 
+struct Auth
+{
+    KeychainHelper keychain{"test", std::make_unique<MemorySecretStore>()};
+    QStringList log;
+    AuthManager manager{{.keychain = &keychain,
+                         .authOrigin = QUrl("https://auth.example.org"),
+                         .serviceOrigin = QUrl("https://service.example.org"),
+                         .anonKey = {},
+                         .openUrl = {},
+                         .log = [this](const QString &line) { log << line; }}};
+};
+
 } // namespace
 
 class TestAccountRules : public QObject
@@ -94,49 +106,31 @@ private Q_SLOTS:
     void callbacksWithoutTokens()
     {
         QFETCH(QUrl, url);
-        auto *store = new MemorySecretStore;
-        KeychainHelper keychain("test", std::unique_ptr<SecretStore>(store));
-        QStringList log;
-        AuthManager::Services services;
-        services.keychain = &keychain;
-        services.authOrigin = QUrl("http://127.0.0.1:9");
-        services.log = [&log](const QString &line) { log << line; };
-        AuthManager auth(std::move(services));
-        QCOMPARE(auth.state(), AuthManager::State::signedOut);
-
-        auth.handleCallback(url);
-        QTEST(auth.currentErrorDescription(), "error");
-        QCOMPARE(auth.state(), AuthManager::State::signedOut);
-        QVERIFY(!keychain.load(KeychainKey::accessToken));
-        QCOMPARE(log.first(), "[AuthManager] No access token found, user is signed out");
-        QCOMPARE(log.at(1), "[AuthManager] Received auth callback");
+        Auth auth;
+        auth.manager.handleCallback(url);
+        QTEST(auth.manager.currentErrorDescription(), "error");
+        QCOMPARE(auth.manager.state(), AuthManager::State::signedOut);
+        QVERIFY(!auth.keychain.load(KeychainKey::accessToken));
+        QCOMPARE(auth.log.mid(0, 2), (QStringList{"[AuthManager] No access token found, user is signed out",
+                                                  "[AuthManager] Received auth callback"}));
     }
 
     void authorizeUrl()
     {
-        KeychainHelper keychain("test", std::make_unique<MemorySecretStore>());
-        AuthManager::Services services;
-        services.keychain = &keychain;
-        services.authOrigin = QUrl("https://auth.example.org");
-        services.serviceOrigin = QUrl("https://service.example.org");
-        services.log = [](const QString &) {};
-        AuthManager auth(std::move(services));
-        QCOMPARE(auth.authorizeUrl(true).toString(QUrl::FullyEncoded),
+        Auth auth;
+        QCOMPARE(auth.manager.authorizeUrl(true).toString(QUrl::FullyEncoded),
                  "https://auth.example.org/auth/v1/authorize?provider=google&redirect_to="
                  "https%3A%2F%2Fservice.example.org%2Fauth%2Fapp-callback");
-        QVERIFY(auth.authorizeUrl(false).toString().contains(u"?provider=apple&"));
+        QVERIFY(auth.manager.authorizeUrl(false).toString().contains(u"?provider=apple&"));
     }
 
     void formattedBalance_data()
     {
         QTest::addColumn<qint64>("seconds");
         QTest::addColumn<QString>("text");
-        QTest::newRow("0") << qint64(0) << "0m";
-        QTest::newRow("3599") << qint64(3599) << "59m";
-        QTest::newRow("3600") << qint64(3600) << "1h";
-        QTest::newRow("3660") << qint64(3660) << "1h 1m";
-        QTest::newRow("7199") << qint64(7199) << "1h 59m";
-        QTest::newRow("7200") << qint64(7200) << "2h";
+        for (const auto &[seconds, text] : std::initializer_list<std::pair<qint64, const char *>>{
+                 {0, "0m"}, {3599, "59m"}, {3600, "1h"}, {3660, "1h 1m"}, {7199, "1h 59m"}, {7200, "2h"}})
+            QTest::newRow(qPrintable(QString::number(seconds))) << seconds << QString::fromLatin1(text);
     }
     void formattedBalance()
     {

@@ -63,37 +63,34 @@ private Q_SLOTS:
     void trackPerNarrationReplayAndSample()
     {
         QTemporaryDir dir;
-        UserDefaults defaults(dir.filePath(QStringLiteral("q.conf")));
-        HistoryManager history(defaults, dir.filePath(QStringLiteral("History")));
+        UserDefaults defaults(dir.filePath("q.conf"));
+        HistoryManager history(defaults, dir.filePath("History"));
         const QString kept = QStringLiteral("A narration kept in the history, replayed later from there.");
         history.addSession(kept, QStringLiteral("cedar"), 1, QByteArray(48000, 0));
         HistoryRecords records(history);
-        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
-        QVERIFY(keychain.save(QStringLiteral("sk-test\n"), KeychainKey::openAIAPIKey));
+        KeychainHelper keychain("test", std::make_unique<MemorySecretStore>());
+        QVERIFY(keychain.save("sk-test\n", KeychainKey::openAIAPIKey));
         NoAccount account;
         NoSelection selection;
-        SpeechManager::Services services;
-        services.defaults = &defaults;
-        services.keychain = &keychain;
-        services.account = &account;
-        services.selection = &selection;
-        services.records = &records;
-        services.audioSink = std::make_unique<NullAudioSink>();
-        services.openAIOrigin = QUrl(QStringLiteral("http://127.0.0.1:9")); // refused, later
-        services.openAIOriginFromEnvironment = true;
-        SpeechManager speech(std::move(services));
+        SpeechManager speech({.defaults = &defaults,
+                              .keychain = &keychain,
+                              .account = &account,
+                              .records = &records,
+                              .selection = &selection,
+                              .audioSink = std::make_unique<NullAudioSink>(),
+                              .serviceOrigin = {},
+                              .openAIOrigin = QUrl("http://127.0.0.1:9"), // refused, later
+                              .openAIOriginFromEnvironment = true});
         MprisPlayer player(speech, &history, QDBusConnection(QStringLiteral("no bus")));
-        const auto metadata = [&] {
-            return player.playerProperties().value(QStringLiteral("Metadata")).toMap();
-        };
+        const auto metadata = [&] { return player.playerProperties().value("Metadata").toMap(); };
         const auto trackId = [&] {
-            return metadata().value(QStringLiteral("mpris:trackid")).value<QDBusObjectPath>().path();
+            return metadata().value("mpris:trackid").value<QDBusObjectPath>().path();
         };
-        const auto title = [&] { return metadata().value(QStringLiteral("xesam:title")).toString(); };
-        const auto artist = [&] { return metadata().value(QStringLiteral("xesam:artist")).toStringList(); };
+        const auto title = [&] { return metadata().value("xesam:title").toString(); };
+        const auto artist = [&] { return metadata().value("xesam:artist").toStringList().join(u','); };
         const QString noTrack = QStringLiteral("/org/mpris/MediaPlayer2/TrackList/NoTrack");
         QCOMPARE(trackId(), noTrack);
-        QCOMPARE(player.playerProperties().value(QStringLiteral("CanSeek")).toBool(), false);
+        QCOMPARE(player.playerProperties().value("CanSeek").toBool(), false);
 
         const QString text = QStringLiteral(
             "This narration is longer than a title,   and only its first sixty characters name it.");
@@ -102,19 +99,19 @@ private Q_SLOTS:
         QVERIFY(speech.isProcessing());
         speech.setSelectedVoice(QStringLiteral("echo"));
         QTRY_COMPARE(title(), QStringLiteral("This narration is longer than a title, and only its first si"));
-        QCOMPARE(artist(), QStringList{QStringLiteral("marin")});
+        QCOMPARE(artist(), "marin");
         const QString narration = trackId();
         QVERIFY(narration != noTrack);
 
         speech.playFromHistory(history.sessions().constFirst().id);
         QTRY_COMPARE(title(), kept.left(60));
-        QCOMPARE(artist(), QStringList{QStringLiteral("cedar")});
-        QCOMPARE(metadata().value(QStringLiteral("mpris:length")).toLongLong(), 1000000);
+        QCOMPARE(artist(), "cedar");
+        QCOMPARE(metadata().value("mpris:length").toLongLong(), 1000000);
         const QString replay = trackId();
         QVERIFY(replay != narration && replay != noTrack);
 
         speech.playVoicePreview(QStringLiteral("alloy"));
-        QTRY_COMPARE(artist(), QStringList{QStringLiteral("alloy")});
+        QTRY_COMPARE(artist(), "alloy");
         QVERIFY(trackId() != replay && trackId() != narration && trackId() != noTrack);
 
         speech.stop();

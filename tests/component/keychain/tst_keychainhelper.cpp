@@ -18,18 +18,6 @@ namespace {
 const QString kService = QStringLiteral("com.vantor.quillvox.test.helper");
 const QString kAccount = QStringLiteral("openai-api-key");
 
-QString reasonPrefix(Status status)
-{
-    switch (status) {
-    case Status::Unavailable:
-        return QStringLiteral("No keyring is available");
-    case Status::Locked:
-        return QStringLiteral("The keyring is locked");
-    default:
-        return QStringLiteral("The keyring refused the request");
-    }
-}
-
 } // namespace
 
 class TestKeychainHelper : public QObject
@@ -114,8 +102,11 @@ private Q_SLOTS:
         QCOMPARE(m_helper->save(QStringLiteral("new"), KeychainKey::openAIAPIKey), saved);
         QCOMPARE(m_store->secret(kService, kAccount), left);
         QCOMPARE(m_helper->lastFailureReason().isEmpty(), saved);
+        const QString reason = failure == Status::Unavailable ? "No keyring is available"
+                               : failure == Status::Locked    ? "The keyring is locked"
+                                                              : "The keyring refused the request";
         if (!saved)
-            QVERIFY2(m_helper->lastFailureReason().startsWith(reasonPrefix(failure)),
+            QVERIFY2(m_helper->lastFailureReason().startsWith(reason),
                      qPrintable(m_helper->lastFailureReason()));
         // The reason belongs to the last call: it goes once a call succeeds.
         m_store->setFailure(Status::Ok);

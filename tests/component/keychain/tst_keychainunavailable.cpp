@@ -49,9 +49,7 @@ private:
         const QList<KeyringFixture::Item> items = m_keyring->items({{"service", m_service},
                                                                     { "account",
                                                                       kAccount }});
-        QCOMPARE(items.size(), 1);
-        QCOMPARE(items.first().label, "stored before the lock");
-        QVERIFY(items.first().locked);
+        QVERIFY(items.size() == 1 && items.first().label == "stored before the lock" && items.first().locked);
 #endif
     }
 
@@ -123,13 +121,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("option");
         QTest::addColumn<QByteArray>("input");
 
-        QTest::newRow("set") << Bus::Fixture << "--set-api-key" << QByteArray("sk-new\n");
+        const QByteArray key("sk-new\n");
+        QTest::newRow("set") << Bus::Fixture << "--set-api-key" << key;
         QTest::newRow("clear") << Bus::Fixture << "--clear-api-key" << QByteArray();
 #ifndef KEYCHAIN_LOCKED
-        QTest::newRow("set, no session bus") << Bus::None << "--set-api-key" << QByteArray("sk-new\n");
+        QTest::newRow("set, no session bus") << Bus::None << "--set-api-key" << key;
         QTest::newRow("clear, no session bus") << Bus::None << "--clear-api-key" << QByteArray();
-        QTest::newRow("set, keyring never starts")
-            << Bus::StalledSecretService << "--set-api-key" << QByteArray("sk-new\n");
+        QTest::newRow("set, keyring never starts") << Bus::StalledSecretService << "--set-api-key" << key;
 #endif
     }
 

@@ -43,10 +43,18 @@ class TestAppBus : public QObject
     AppUnderTest m_app;
     QString m_name = SingleInstance::busName();
 
-    QDBusMessage applicationCall(const QString &method) const
+    // A call on org.freedesktop.Application, as a launcher makes it; true when it was answered.
+    bool applicationCall(const QString &method, const QVariantList &arguments) const
     {
-        return QDBusMessage::createMethodCall(m_name, SingleInstance::objectPathFor(m_name),
-                                              QStringLiteral("org.freedesktop.Application"), method);
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(m_name, SingleInstance::objectPathFor(m_name),
+                                           QStringLiteral("org.freedesktop.Application"), method);
+        call.setArguments(arguments + QVariantList{QVariantMap()});
+        return QDBusConnection::sessionBus().call(call).type() == QDBusMessage::ReplyMessage;
+    }
+    bool activateAction(const QString &action) const
+    {
+        return applicationCall(QStringLiteral("ActivateAction"), {action, QVariantList()});
     }
 
     QByteArray playerctl(const QStringList &arguments) const
@@ -75,12 +83,9 @@ private Q_SLOTS:
         const QUrlQuery fragment = m_server.signIn();
         const QByteArray token = fragment.queryItemValue(QStringLiteral("access_token")).toUtf8();
         QVERIFY(!token.isEmpty());
-        QDBusMessage open = applicationCall(QStringLiteral("Open"));
-        open << QStringList{QStringLiteral("quillvox://auth/callback#") +
-                            fragment.toString(QUrl::FullyEncoded)}
-             << QVariantMap();
-        const QDBusMessage reply = QDBusConnection::sessionBus().call(open);
-        QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+        QVERIFY(applicationCall(
+            QStringLiteral("Open"),
+            {QStringList{"quillvox://auth/callback#" + fragment.toString(QUrl::FullyEncoded)}}));
 
         QStringList leaked;
         const auto signedIn = [&] {
@@ -95,40 +100,33 @@ private Q_SLOTS:
     // generated, Paused, Stopped at the end and after Stop, and a track of its own for a history replay.
     void actionsAndMediaControlsFollowANarration()
     {
-        QCOMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
+        QCOMPARE(playerctl({"status"}), QByteArray("Stopped"));
         QProcess follow;
-        follow.start(QStringLiteral("playerctl"), {QStringLiteral("-p"), QStringLiteral("quillvox"),
-                                                   QStringLiteral("--follow"), QStringLiteral("status")});
+        follow.start(QStringLiteral("playerctl"), {"-p", "quillvox", "--follow", "status"});
         QVERIFY(follow.waitForStarted());
         QTRY_VERIFY(follow.canReadLine()); // its first line: the status now
-        QCOMPARE(m_app.run({QStringLiteral("--speak"), kSentence}).exitCode, 0);
-        QTRY_COMPARE_WITH_TIMEOUT(playerctl({QStringLiteral("status")}), QByteArray("Playing"), 15000);
-        QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
+        QCOMPARE(m_app.run({"--speak", kSentence}).exitCode, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(playerctl({"status"}), QByteArray("Playing"), 15000);
+        QCOMPARE(playerctl({"metadata", "xesam:title"}),
                  QByteArray("Media keys drive this narration while it plays its tone to t"));
-        QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:artist")}),
-                 QByteArray("marin"));
-        QTRY_VERIFY_WITH_TIMEOUT(playerctl({QStringLiteral("position")}).toDouble() > 0.5, 10000);
+        QCOMPARE(playerctl({"metadata", "xesam:artist"}), QByteArray("marin"));
+        QTRY_VERIFY_WITH_TIMEOUT(playerctl({"position"}).toDouble() > 0.5, 10000);
 
-        QDBusMessage toggle = applicationCall(QStringLiteral("ActivateAction"));
-        toggle << QStringLiteral("toggle") << QVariantList() << QVariantMap();
-        QCOMPARE(QDBusConnection::sessionBus().call(toggle).type(), QDBusMessage::ReplyMessage);
-        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Paused"));
-        const double pausedAt = playerctl({QStringLiteral("position")}).toDouble();
+        QVERIFY(activateAction(QStringLiteral("toggle")));
+        QTRY_COMPARE(playerctl({"status"}), QByteArray("Paused"));
+        const double pausedAt = playerctl({"position"}).toDouble();
         QTest::qWait(500);
-        QCOMPARE(playerctl({QStringLiteral("position")}).toDouble(), pausedAt);
+        QCOMPARE(playerctl({"position"}).toDouble(), pausedAt);
 
-        playerctl({QStringLiteral("play-pause")});
-        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Playing"));
+        playerctl({"play-pause"});
+        QTRY_COMPARE(playerctl({"status"}), QByteArray("Playing"));
         // Played to the end: stopped, its length known.
-        QTRY_COMPARE_WITH_TIMEOUT(playerctl({QStringLiteral("status")}), QByteArray("Stopped"), 30000);
-        QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:length")}).toLongLong() >
-                1000000);
-        playerctl({QStringLiteral("play")});
-        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Playing"));
-        QDBusMessage stop = applicationCall(QStringLiteral("ActivateAction"));
-        stop << QStringLiteral("stop") << QVariantList() << QVariantMap();
-        QCOMPARE(QDBusConnection::sessionBus().call(stop).type(), QDBusMessage::ReplyMessage);
-        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
+        QTRY_COMPARE_WITH_TIMEOUT(playerctl({"status"}), QByteArray("Stopped"), 30000);
+        QVERIFY(playerctl({"metadata", "mpris:length"}).toLongLong() > 1000000);
+        playerctl({"play"});
+        QTRY_COMPARE(playerctl({"status"}), QByteArray("Playing"));
+        QVERIFY(activateAction(QStringLiteral("stop")));
+        QTRY_COMPARE(playerctl({"status"}), QByteArray("Stopped"));
         QCOMPARE(m_app.status()[u"hasContent"].toBool(), false);
 
         QTest::qWait(300); // the last change reaches the follower
@@ -144,21 +142,18 @@ private Q_SLOTS:
 
         // A replay from the history is a new track with its own title.
         const QString other = QStringLiteral("A second narration, short.");
-        const AppUnderTest::Run waited =
-            m_app.run({QStringLiteral("--speak"), other, QStringLiteral("--wait")});
+        const AppUnderTest::Run waited = m_app.run({"--speak", other, "--wait"});
         QVERIFY2(waited.exitCode == 0, waited.err.constData());
-        QCOMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}), other.toUtf8());
-        const QByteArray track = playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")});
-        QDBusMessage settings = applicationCall(QStringLiteral("ActivateAction"));
-        settings << QStringLiteral("settings") << QVariantList() << QVariantMap();
-        QCOMPARE(QDBusConnection::sessionBus().call(settings).type(), QDBusMessage::ReplyMessage);
+        QCOMPARE(playerctl({"metadata", "xesam:title"}), other.toUtf8());
+        const QByteArray track = playerctl({"metadata", "mpris:trackid"});
+        QVERIFY(activateAction(QStringLiteral("settings")));
         QVERIFY(m_app.click(QStringLiteral("History")));
         QVERIFY(m_app.click(u"Play " + kSentence));
-        QTRY_COMPARE(playerctl({QStringLiteral("metadata"), QStringLiteral("xesam:title")}),
+        QTRY_COMPARE(playerctl({"metadata", "xesam:title"}),
                      QByteArray("Media keys drive this narration while it plays its tone to t"));
-        QVERIFY(playerctl({QStringLiteral("metadata"), QStringLiteral("mpris:trackid")}) != track);
-        playerctl({QStringLiteral("stop")});
-        QTRY_COMPARE(playerctl({QStringLiteral("status")}), QByteArray("Stopped"));
+        QVERIFY(playerctl({"metadata", "mpris:trackid"}) != track);
+        playerctl({"stop"});
+        QTRY_COMPARE(playerctl({"status"}), QByteArray("Stopped"));
     }
 
     // On a terminal the key is asked for and never shown; it is stored as typed, without its line end.
@@ -170,9 +165,7 @@ private Q_SLOTS:
         QProcess terminal;
         terminal.setProcessEnvironment(env);
         terminal.setProcessChannelMode(QProcess::MergedChannels);
-        terminal.start(QStringLiteral("script"),
-                       {QStringLiteral("-qec"), QStringLiteral(QUILLVOX_EXECUTABLE " --set-api-key"),
-                        QStringLiteral("/dev/null")});
+        terminal.start(QStringLiteral("script"), {"-qec", QUILLVOX_EXECUTABLE " --set-api-key", "/dev/null"});
         QByteArray shown;
         // Typed only once asked: the terminal echoes whatever arrives before echo is off.
         QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("OpenAI API key: "), 10000);
@@ -190,9 +183,7 @@ private Q_SLOTS:
 
     void activateOpensTheSettingsWindow()
     {
-        QDBusMessage activate = applicationCall(QStringLiteral("Activate"));
-        activate << QVariantMap();
-        QCOMPARE(QDBusConnection::sessionBus().call(activate).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(applicationCall(QStringLiteral("Activate"), {}));
         QVERIFY(!visibleWindows(QStringLiteral("Settings"), 15000).isEmpty());
     }
 
@@ -205,9 +196,7 @@ private Q_SLOTS:
         QVERIFY(m_app.click(QStringLiteral("Voice"))); // away from the Account section
         QVERIFY(m_app.shows(QStringLiteral("Cedar")));
         QTest::qWait(5100); // past the refresh throttle of the earlier activations
-        QDBusMessage open = applicationCall(QStringLiteral("Open"));
-        open << QStringList{QStringLiteral("quillvox://purchase/success")} << QVariantMap();
-        QCOMPARE(QDBusConnection::sessionBus().call(open).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(applicationCall(QStringLiteral("Open"), {QStringList{"quillvox://purchase/success"}}));
         QVERIFY(m_app.shows(QStringLiteral("Balance 1h 30m")));
         QTRY_VERIFY(m_app.control(QStringLiteral("Cedar")).isEmpty());
     }

@@ -32,8 +32,8 @@ class TestAppNarration : public QObject
     {
         auto made = std::make_unique<AppUnderTest>(AppUnderTest::Accessibility::Off);
         made->useServer(server);
-        made->env.insert(QStringLiteral("PULSE_SERVER"), pulse.address());
-        made->env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        made->env.insert("PULSE_SERVER", pulse.address());
+        made->env.insert("QUILLVOX_AUDIO_OUTPUT", "pulse");
         return made;
     }
 
@@ -53,13 +53,10 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("options");
         QTest::addColumn<double>("speed");
         QTest::addColumn<double>("toneHz"); // 0: speech, no pitch to check
-        QTest::newRow("speech") << QStringList{QStringLiteral("--synth"), QStringLiteral("espeak")}
-                                << QStringList() << 1.0 << 0.0;
+        QTest::newRow("speech") << QStringList{"--synth", "espeak"} << QStringList() << 1.0 << 0.0;
         // Sent faster than real time: at 2x a stream paced at 1x would run dry.
-        QTest::newRow("tone-at-2x") << QStringList{QStringLiteral("--synth"), QStringLiteral("sine"),
-                                                   QStringLiteral("--pace"), QStringLiteral("0")}
-                                    << QStringList{QStringLiteral("--speed"), QStringLiteral("2")} << 2.0
-                                    << 440.0;
+        QTest::newRow("tone-at-2x") << QStringList{"--synth", "sine", "--pace", "0"}
+                                    << QStringList{"--speed", "2"} << 2.0 << 440.0;
     }
 
     void playsWhatTheServerSent()
@@ -83,8 +80,7 @@ private Q_SLOTS:
 
         const QList<QJsonObject> log = server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
-        const double sent =
-            double(log.first().value(QStringLiteral("bodyBytesSent")).toInteger()) / kBytesPerSecond / speed;
+        const double sent = double(log.first().value("bodyBytesSent").toInteger()) / kBytesPerSecond / speed;
         const std::vector<float> recorded = pulse.recorded();
         const Sound sound = findSound(recorded);
         QVERIFY2(sound.start >= 0, "nothing was heard");
@@ -108,15 +104,14 @@ private Q_SLOTS:
 
     void soundServerDiesMidNarration()
     {
-        PulseServer pulse(m_dir.filePath(QStringLiteral("killed")));
+        PulseServer pulse(m_dir.filePath("killed"));
         QVERIFY(pulse.start());
         QVERIFY(pulse.startRecorder());
         DevServer server;
-        QVERIFY2(server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
-                 qPrintable(server.errorString()));
+        QVERIFY2(server.start({"--synth", "sine"}), qPrintable(server.errorString()));
 
         const auto narration = app(server, pulse);
-        narration->launch({QStringLiteral("--speak"), QStringList(3, kSentence).join(QLatin1Char(' '))});
+        narration->launch({"--speak", QStringList(3, kSentence).join(u' ')});
         QTRY_VERIFY_WITH_TIMEOUT(findSound(pulse.recorded()).seconds() > 0.5, 20000);
         pulse.kill();
 

@@ -45,8 +45,8 @@ class TestDemo : public QObject
     // The texts the demo's dev server was asked to speak through the service.
     QStringList narratedTexts() const
     {
-        return DevServer::narratedTexts(
-            DevServer::requests(m_profile.filePath(QStringLiteral("devserver.log"))), u"/api/tts/stream");
+        return DevServer::narratedTexts(DevServer::requests(m_profile.filePath("devserver.log")),
+                                        u"/api/tts/stream");
     }
 
 private Q_SLOTS:
@@ -59,13 +59,11 @@ private Q_SLOTS:
         for (const char *folder : {"config", "data", "cache"})
             m_quillvox.env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(folder).toUpper()),
                                   m_profile.filePath(QString::fromLatin1(folder)));
-        m_quillvox.env.insert(QStringLiteral("QUILLVOX_KEYCHAIN_SERVICE"),
-                              QStringLiteral("com.vantor.quillvox.demo"));
+        m_quillvox.env.insert("QUILLVOX_KEYCHAIN_SERVICE", "com.vantor.quillvox.demo");
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("BUILD_DIR"),
-                   QFileInfo(QStringLiteral(QUILLVOX_EXECUTABLE)).absoluteDir().absoluteFilePath(u".."_qs));
-        env.insert(QStringLiteral("QUILLVOX_DEMO_PREBUILT"), QStringLiteral("1"));
-        env.insert(QStringLiteral("DEMO_PROFILE"), m_profile.path());
+        env.insert("BUILD_DIR", QFileInfo(QUILLVOX_EXECUTABLE).absoluteDir().absoluteFilePath(".."));
+        env.insert("QUILLVOX_DEMO_PREBUILT", "1");
+        env.insert("DEMO_PROFILE", m_profile.path());
         m_demo.setProcessEnvironment(env);
         m_demo.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         // A group of its own, so that the test's Ctrl+C reaches the demo and the Quillvox it runs.

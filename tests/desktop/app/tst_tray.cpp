@@ -44,8 +44,7 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
         // The host is there before the app asks for one; the app asks only once.
         QVERIFY2(m_watcher.start(), qPrintable(m_watcher.errorString()));
-        QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
-                 qPrintable(m_server.errorString()));
+        QVERIFY2(m_server.start({"--synth", "sine"}), qPrintable(m_server.errorString()));
 
         m_app.useServer(m_server);
         m_app.env.insert(QStringLiteral("QUILLVOX_APPCAST_URL"), m_server.url().toString());
@@ -59,7 +58,7 @@ private Q_SLOTS:
         file.close();
         m_editorWindow = openInMousepad(m_editor, file.fileName());
         QVERIFY(!m_editorWindow.isEmpty());
-        xdotool({QStringLiteral("key"), QStringLiteral("ctrl+a")});
+        xdotool({"key", "ctrl+a"});
 
         QVERIFY(m_app.start());
         QTRY_COMPARE_WITH_TIMEOUT(m_watcher.items().size(), 1, 15000);
@@ -76,38 +75,23 @@ private Q_SLOTS:
         QCOMPARE(m_item->property(QStringLiteral("Status")), QVariant(QStringLiteral("Active")));
     }
 
-    // A themed name for panels that recolour it, pictures for those that draw them, and a left click
-    // that opens the menu.
+    // A themed name for panels that recolour it, pictures for those that draw them, a left click that
+    // opens the menu, and the menu while idle.
     void iconAndClickAsPanelsUseThem()
     {
         QCOMPARE(m_item->iconName(), kIdleIcon);
         QCOMPARE(m_item->pixmapSizes(), (QList<QSize>{{16, 16}, {22, 22}, {24, 24}, {32, 32}}));
         QCOMPARE(m_item->property(QStringLiteral("ItemIsMenu")), QVariant(true));
         QCOMPARE(m_item->toolTip(), QStringLiteral("Quillvox"));
-    }
-
-    void idleMenu()
-    {
-        QCOMPARE(m_item->shownMenu(), (QStringList{
-                                          QStringLiteral("Narrate Selection\tControl+Alt+S"),
-                                          QStringLiteral("Expand Widget"),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("[Pause Narration]"),
-                                          QStringLiteral("[Stop Narration]"),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Check for Updates..."),
-                                          QStringLiteral("About Quillvox"),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Settings..."),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Quit Quillvox"),
-                                      }));
+        QCOMPARE(
+            m_item->shownMenu().join(u'|'),
+            QStringLiteral("Narrate Selection\tControl+Alt+S|Expand Widget|-|[Pause Narration]|[Stop "
+                           "Narration]|-|Check for Updates...|About Quillvox|-|Settings...|-|Quit Quillvox"));
     }
 
     void narrateSelectionReadsTheEditor()
     {
-        xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"),
-                 QString::fromLatin1(m_editorWindow)});
+        xdotool({"windowactivate", "--sync", QString::fromLatin1(m_editorWindow)});
         QVERIFY(m_item->click(QStringLiteral("Narrate Selection")));
 
         QTRY_COMPARE_WITH_TIMEOUT(m_item->iconName(), kPlayingIcon, 15000);
@@ -116,17 +100,9 @@ private Q_SLOTS:
                  qPrintable(m_item->toolTip()));
         // Neither a second narration nor the widget's expansion is offered while one plays, and no
         // separator stands for them.
-        QCOMPARE(m_item->shownMenu(), (QStringList{
-                                          QStringLiteral("Pause Narration"),
-                                          QStringLiteral("Stop Narration"),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Check for Updates..."),
-                                          QStringLiteral("About Quillvox"),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Settings..."),
-                                          QStringLiteral("-"),
-                                          QStringLiteral("Quit Quillvox"),
-                                      }));
+        QCOMPARE(m_item->shownMenu().join(u'|'),
+                 QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|About "
+                                "Quillvox|-|Settings...|-|Quit Quillvox"));
 
         // The middle button pauses and plays on.
         QVERIFY(m_item->call(QStringLiteral("SecondaryActivate")));
@@ -140,7 +116,7 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(m_item->iconName(), kIdleIcon, 5000);
         const QList<QJsonObject> log = m_server.waitForRequests(1);
         QCOMPARE(log.size(), 1);
-        QCOMPARE(log.first().value(QStringLiteral("path")).toString(), QStringLiteral("/v1/audio/speech"));
+        QCOMPARE(log.first().value("path").toString(), "/v1/audio/speech");
         QCOMPARE(DevServer::input(log.first()), kSentence);
     }
 

@@ -62,27 +62,24 @@ class TestGnomeShellSession : public QObject
     QJsonObject m_shellFacts;
 
     // What the probe extension says: Windows, Shell or Indicators.
-    static QJsonArray probe(const QString &what)
+    static QJsonArray probe(const char *what)
     {
         const QDBusMessage reply = QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
             QStringLiteral("com.vantor.QuillvoxTest.Probe"), QStringLiteral("/com/vantor/QuillvoxTest/Probe"),
-            QStringLiteral("com.vantor.QuillvoxTest.Probe"), what));
+            QStringLiteral("com.vantor.QuillvoxTest.Probe"), QString::fromLatin1(what)));
         const QJsonDocument json = QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8());
         return json.isObject() ? QJsonArray{json.object()} : json.array();
     }
-    static QJsonObject window(const QString &title)
+    static QJsonObject window(const char *title)
     {
-        for (const QJsonValue &w : probe(QStringLiteral("Windows"))) {
-            if (w[u"title"].toString() == title)
+        for (const QJsonValue &w : probe("Windows")) {
+            if (w[u"title"].toString() == QLatin1String(title))
                 return w.toObject();
         }
         return {};
     }
-    static QByteArray windows()
-    {
-        return QJsonDocument(probe(QStringLiteral("Windows"))).toJson(QJsonDocument::Compact);
-    }
-    static QJsonObject indicator() { return probe(QStringLiteral("Indicators")).first().toObject(); }
+    static QByteArray windows() { return QJsonDocument(probe("Windows")).toJson(QJsonDocument::Compact); }
+    static QJsonObject indicator() { return probe("Indicators").first().toObject(); }
     static QString menuLabels()
     {
         QStringList labels;
@@ -94,7 +91,7 @@ class TestGnomeShellSession : public QObject
 
     void clickAt(const QJsonObject &rect)
     {
-        xdotool({"mousemove", "--window", m_shellWindow,
+        xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow,
                  QString::number(rect[u"x"].toInt() + rect[u"width"].toInt() / 2),
                  QString::number(rect[u"y"].toInt() + rect[u"height"].toInt() / 2), "click", "1"});
     }
@@ -124,7 +121,7 @@ class TestGnomeShellSession : public QObject
         if (settled)
             clickAt(rect);
         else
-            qWarning("%s", QJsonDocument(probe(QStringLiteral("Indicators"))).toJson().constData());
+            qWarning("%s", QJsonDocument(probe("Indicators")).toJson().constData());
         return settled;
     }
 
@@ -132,11 +129,11 @@ class TestGnomeShellSession : public QObject
     void startApp(bool native)
     {
         m_app.env = m_server.appEnvironment(m_wayland);
-        m_app.env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
+        m_app.env.insert("QUILLVOX_AUDIO_OUTPUT", "null");
         if (!native) {
-            m_app.env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-            m_app.env.insert(QStringLiteral("DISPLAY"), m_shellFacts[u"display"].toString());
-            m_app.env.insert(QStringLiteral("XAUTHORITY"), m_shellFacts[u"xauthority"].toString());
+            m_app.env.remove("QT_QPA_PLATFORM");
+            m_app.env.insert("DISPLAY", m_shellFacts[u"display"].toString());
+            m_app.env.insert("XAUTHORITY", m_shellFacts[u"xauthority"].toString());
         }
         QVERIFY(m_app.start());
     }
@@ -149,12 +146,9 @@ class TestGnomeShellSession : public QObject
         copy.setProcessEnvironment(m_wayland);
         copy.start(QStringLiteral("wl-copy"), arguments);
         for (int i = 0; i < 20 && !copy.waitForFinished(500); ++i)
-            xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow, "400",
-                     "300", "click", "1"});
+            clickAt({{"x", 400}, {"y", 300}});
         return copy.state() == QProcess::NotRunning ? copy.exitCode() : -1;
     }
-
-    int runQuillvox(const QStringList &arguments) { return m_app.run(arguments).exitCode; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -212,8 +206,8 @@ private Q_SLOTS:
                 QString::fromLatin1(GnomeShellExtension::kService));
         };
         QTRY_VERIFY2_WITH_TIMEOUT(serving(), "the extension did not start; see gnome-shell.log", 60000);
-        QTRY_VERIFY_WITH_TIMEOUT(!probe(QStringLiteral("Shell")).isEmpty(), 10000);
-        m_shellFacts = probe(QStringLiteral("Shell")).first().toObject();
+        QTRY_VERIFY_WITH_TIMEOUT(!probe("Shell").isEmpty(), 10000);
+        m_shellFacts = probe("Shell").first().toObject();
         QVERIFY(QFile::exists(rt + QStringLiteral("/wayland-0")));
         // The nested compositor's window on the rig's X server.
         // xdotool's search does not find it by name; xwininfo does.
@@ -233,11 +227,11 @@ private Q_SLOTS:
 
         // A native Wayland client of GNOME's session, with no X11 to fall back on.
         m_wayland = m_bus->environment();
-        m_wayland.remove(QStringLiteral("DISPLAY"));
-        m_wayland.insert(QStringLiteral("WAYLAND_DISPLAY"), rt + QStringLiteral("/wayland-0"));
-        m_wayland.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-        m_wayland.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("GNOME"));
-        m_wayland.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+        m_wayland.remove("DISPLAY");
+        m_wayland.insert("WAYLAND_DISPLAY", rt + "/wayland-0");
+        m_wayland.insert("XDG_SESSION_TYPE", "wayland");
+        m_wayland.insert("XDG_CURRENT_DESKTOP", "GNOME");
+        m_wayland.insert("QT_QPA_PLATFORM", "wayland");
 
         m_trayHost = std::make_unique<StatusNotifierWatcher>();
         QVERIFY2(m_trayHost->start(), qPrintable(m_trayHost->errorString()));
@@ -245,28 +239,31 @@ private Q_SLOTS:
         // The user's editor, maximised, with the keyboard.
         m_editor.process.setProcessEnvironment(m_wayland);
         m_editor.process.start(QStringLiteral(QUILLVOX_WAYLAND_EDITOR), {kEditorText, "maximized"});
-        QTRY_VERIFY_WITH_TIMEOUT(window(QStringLiteral("Editor"))[u"maximized"].toBool(), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(window("Editor")[u"maximized"].toBool(), 15000);
         startApp(true);
     }
 
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
     void narratesTheHighlight_data()
     {
-        QTest::addColumn<bool>("shortcut"); // else `quillvox --narrate-selection`
+        QTest::addColumn<QString>("trigger"); // `quillvox --narrate-selection`, the shortcut or the top bar
         QTest::addColumn<QString>("highlighted");
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
-        QTest::newRow("highlighted") << false << text << text;
-        QTest::newRow("nothing highlighted") << false << ""
+        QTest::newRow("highlighted") << "command" << text << text;
+        QTest::newRow("nothing highlighted") << "command"
+                                             << ""
                                              << "Copied before.";
         // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
         // pressed on the compositor's keyboard.
-        QTest::newRow("by the shortcut") << true << "Narrated by its shortcut on GNOME."
-                                         << "Narrated by its shortcut on GNOME.";
+        const QString shortcut = QStringLiteral("Narrated by its shortcut on GNOME.");
+        QTest::newRow("by the shortcut") << "shortcut" << shortcut << shortcut;
+        const QString menu = QStringLiteral("Narrated from GNOME's top bar.");
+        QTest::newRow("from the menu") << "menu" << menu << menu;
     }
     void narratesTheHighlight()
     {
-        QFETCH(bool, shortcut);
+        QFETCH(QString, trigger);
         QFETCH(QString, highlighted);
         QFETCH(QString, expected);
         QCOMPARE(wlCopy({"Copied before."}), 0);
@@ -274,10 +271,14 @@ private Q_SLOTS:
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        if (shortcut)
+        if (trigger == u"shortcut") {
             xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
-        else
-            QCOMPARE(runQuillvox({QStringLiteral("--narrate-selection")}), 0);
+        } else if (trigger == u"menu") {
+            QCOMPARE(m_app.run({"--stop"}).exitCode, 0); // the menu offers narration only while idle
+            QVERIFY(chooseFromMenu("Narrate Selection"));
+        } else {
+            QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
+        }
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
@@ -311,31 +312,28 @@ private Q_SLOTS:
     {
         QFETCH(bool, native);
         QVERIFY(m_app.stop());
-        QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
-        // The user clicks into the editor.
-        xdotool({"windowfocus", "--sync", m_shellWindow, "mousemove", "--window", m_shellWindow, "400", "500",
-                 "click", "1"});
-        QTRY_VERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), qPrintable(windows()));
+        QTRY_VERIFY(probe("Indicators").isEmpty());
+        clickAt({{"x", 400}, {"y", 500}}); // into the editor
+        QTRY_VERIFY2(window("Editor")[u"focused"].toBool(), qPrintable(windows()));
         startApp(native);
-        QTRY_VERIFY_WITH_TIMEOUT(!probe(QStringLiteral("Indicators")).isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!probe("Indicators").isEmpty(), 10000);
 
-        const int top = probe(QStringLiteral("Shell")).at(0)[u"workArea"][u"y"].toInt();
+        const int top = probe("Shell").at(0)[u"workArea"][u"y"].toInt();
         QVERIFY(top > 0); // below the top bar
-        QTRY_VERIFY2_WITH_TIMEOUT(window(QStringLiteral("Quillvox"))[u"y"].toInt() == top + 40, windows(),
-                                  10000);
-        const QJsonObject widget = window(QStringLiteral("Quillvox"));
+        QTRY_VERIFY2_WITH_TIMEOUT(window("Quillvox")[u"y"].toInt() == top + 40, windows(), 10000);
+        const QJsonObject widget = window("Quillvox");
         QCOMPARE(widget[u"wayland"].toBool(), native);
         QCOMPARE(widget[u"x"].toInt(), kWidgetX);
         QCOMPARE(widget[u"width"].toInt(), 340);
         QVERIFY(widget[u"above"].toBool());
         QVERIFY(widget[u"sticky"].toBool());
         QStringList stacking;
-        for (const QJsonValue &w : probe(QStringLiteral("Windows")))
+        for (const QJsonValue &w : probe("Windows"))
             stacking.append(w[u"title"].toString());
         QVERIFY2(stacking.indexOf(u"Quillvox") > stacking.indexOf(u"Editor"),
                  qPrintable(stacking.join(u',')));
 
-        QVERIFY2(window(QStringLiteral("Editor"))[u"focused"].toBool(), windows());
+        QVERIFY2(window("Editor")[u"focused"].toBool(), windows());
         QTRY_VERIFY(!indicator()[u"rect"][u"width"].isUndefined());
         m_editor.process.readAllStandardOutput();
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "x"});
@@ -356,36 +354,25 @@ private Q_SLOTS:
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
         QTRY_VERIFY(!indicator()[u"open"].toBool());
 
-        QCOMPARE(
-            runQuillvox({"--speak", QStringLiteral("A narration long enough to look at the menu while it "
-                                                   "plays. ")
-                                        .repeated(6)}),
-            0);
+        QCOMPARE(m_app
+                     .run({"--speak",
+                           QStringLiteral("A narration long enough to look at the menu while it plays. ")
+                               .repeated(6)})
+                     .exitCode,
+                 0);
         QTRY_COMPARE_WITH_TIMEOUT(indicator()[u"icon"].toString(),
                                   QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
         QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"
                                               "About Quillvox|-|Settings...|-|Quit Quillvox"));
-        QCOMPARE(runQuillvox({"--stop"}), 0);
+        QCOMPARE(m_app.run({"--stop"}).exitCode, 0);
         QTRY_COMPARE(indicator()[u"icon"].toString(), QStringLiteral("quillvox-symbolic.svg"));
-    }
-
-    void narratesFromTheMenu()
-    {
-        const QString text = QStringLiteral("Narrated from GNOME's top bar.");
-        QCOMPARE(wlCopy({"--primary", text}), 0);
-        const qsizetype before = m_server.requests().size();
-        QVERIFY(chooseFromMenu(QStringLiteral("Narrate Selection")));
-        const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
-        QCOMPARE(log.size(), before + 1);
-        QCOMPARE(DevServer::input(log.last()), text);
-        QCOMPARE(runQuillvox({"--stop"}), 0);
     }
 
     void quitsFromTheMenu()
     {
-        QVERIFY(chooseFromMenu(QStringLiteral("Quit Quillvox")));
+        QVERIFY(chooseFromMenu("Quit Quillvox"));
         QVERIFY(m_app.process().waitForFinished(10000));
-        QTRY_VERIFY(probe(QStringLiteral("Indicators")).isEmpty());
+        QTRY_VERIFY(probe("Indicators").isEmpty());
     }
 
     // A key bound through the extension, pressed on the compositor's keyboard, runs its action; another

@@ -52,15 +52,14 @@ private Q_SLOTS:
         }
         QVERIFY(m_runtime.isValid());
         QFile config(m_runtime.filePath(QStringLiteral("sway.conf")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write("output HEADLESS-1 resolution 1280x800\n");
+        QVERIFY(config.open(QIODevice::WriteOnly) &&
+                config.write("output HEADLESS-1 resolution 1280x800\n") > 0);
         config.close();
         QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, m_runtime.path()}), QByteArray());
 
         // Not on our output: a compositor outliving the test would hold ctest's pipe open.
-        m_sway.process.setStandardOutputFile(m_runtime.filePath(QStringLiteral("sway.log")));
-        m_sway.process.setStandardErrorFile(m_runtime.filePath(QStringLiteral("sway.log")),
-                                            QIODevice::Append);
+        m_sway.process.setStandardOutputFile(m_runtime.filePath("sway.log"));
+        m_sway.process.setStandardErrorFile(m_runtime.filePath("sway.log"), QIODevice::Append);
         m_sway.process.start(QStringLiteral("runuser"),
                              {"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin", "HOME=" + m_runtime.path(),
                               "XDG_RUNTIME_DIR=" + m_runtime.path(), "WLR_BACKENDS=headless",
@@ -82,10 +81,10 @@ private Q_SLOTS:
 
         // The app is a native Wayland client of that session, with no X11 to fall back on.
         m_app.useServer(m_server);
-        m_app.env.remove(QStringLiteral("DISPLAY"));
-        m_app.env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
-        m_app.env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-        m_app.env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+        m_app.env.remove("DISPLAY");
+        m_app.env.insert("WAYLAND_DISPLAY", socket);
+        m_app.env.insert("XDG_SESSION_TYPE", "wayland");
+        m_app.env.insert("QT_QPA_PLATFORM", "wayland");
         QVERIFY(m_app.start());
         QCOMPARE(wl(QStringLiteral("wl-copy"), {"The user's clipboard."}), 0);
     }
@@ -103,10 +102,8 @@ private Q_SLOTS:
     {
         QFETCH(QString, highlighted);
         const qsizetype before = m_server.requests().size();
-        if (highlighted.isEmpty())
-            QCOMPARE(wl(QStringLiteral("wl-copy"), {"--primary", "--clear"}), 0);
-        else
-            QCOMPARE(wl(QStringLiteral("wl-copy"), {"--primary", highlighted}), 0);
+        QCOMPARE(
+            wl(QStringLiteral("wl-copy"), {"--primary", highlighted.isEmpty() ? "--clear" : highlighted}), 0);
 
         QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
         if (highlighted.isEmpty()) {
@@ -125,9 +122,9 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         m_app.stop();
-        // runuser hands SIGTERM on to sway and waits for it.
+        // runuser hands SIGTERM on to sway and waits for it. A skipped run never started it.
         m_sway.process.terminate();
-        QVERIFY(m_sway.process.waitForFinished(10000));
+        QVERIFY(m_sway.process.state() == QProcess::NotRunning || m_sway.process.waitForFinished(10000));
     }
 };
 
