@@ -52,8 +52,9 @@ FloatingWindowController::FloatingWindowController(Services services, QObject *p
 
 FloatingWindowController::~FloatingWindowController()
 {
-    // The view's items refer to the view model and the engine: they go first.
+    // The view's items refer to the view model and the engine: they go first, a released view too.
     m_window.reset();
+    delete m_releasedWindow.data();
 }
 
 FloatingWindowController &FloatingWindowController::shared()
@@ -181,6 +182,7 @@ void FloatingWindowController::releaseWindow()
         delete engine;
         returnFreedMemory();
     });
+    m_releasedWindow = window;
     window->deleteLater();
 }
 

@@ -93,6 +93,7 @@ private:
     std::unique_ptr<QQmlEngine> m_ownEngine;
     QPointer<FloatingWidgetViewModel> m_viewModel;
     std::unique_ptr<QQuickView> m_window;
+    QPointer<QQuickView> m_releasedWindow; // released, its deletion not yet come
     bool m_authSubscribed = false;
     std::optional<QPointF> m_pressPosition;
     QPoint m_windowAtPress;
