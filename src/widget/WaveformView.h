@@ -41,9 +41,10 @@ public:
     static constexpr double kStepSeconds = 1.0 / 60; // one step of the bars' motion
     static constexpr int kMovingIntervalMs = 16;     // 60 frames a second while the bars move
     static constexpr int kRestingIntervalMs = 33;    // 30 while they barely do
-    // Below this per step (120 units a second, the whole range in a fifth of a second) the bars move
-    // slowly enough that 30 frames a second show it as smoothly (much of speech stays below it).
-    static constexpr qreal kMovingPerStep = 2.0;
+    // Below this per step (240 units a second, the whole range in about a tenth of a second) the bars
+    // move slowly enough that 30 frames a second show it as smoothly; most of speech stays below it, so
+    // a shown widget draws at 60 only on sharp onsets.
+    static constexpr qreal kMovingPerStep = 4.0;
     static constexpr std::array<double, kBarCount> kHeightWeights{0.9, 1.0, 0.95, 0.95, 1.0, 0.9};
 
     explicit WaveformView(QQuickItem *parent = nullptr);
