@@ -4,6 +4,7 @@
 #include "AppUnderTest.h"
 #include "DevServer.h"
 #include "PulseServer.h"
+#include "ToneFrequency.h"
 
 #include <QDir>
 #include <QStandardPaths>
@@ -93,7 +94,10 @@ private Q_SLOTS:
             // would show here.
             for (qint64 from = sound.start + 2400; from + PulseServer::kRateHz <= sound.end - 2400;
                  from += PulseServer::kRateHz) {
-                const double hz = frequency(recorded, from, from + PulseServer::kRateHz);
+                const double hz =
+                    toneFrequency(std::vector<float>(recorded.begin() + from,
+                                                     recorded.begin() + from + PulseServer::kRateHz),
+                                  PulseServer::kRateHz);
                 QVERIFY2(std::abs(hz - toneHz) <= 0.01 * toneHz,
                          qPrintable(QStringLiteral("%1 Hz at %2 s")
                                         .arg(hz)

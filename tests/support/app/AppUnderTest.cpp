@@ -46,7 +46,6 @@ AppUnderTest::AppUnderTest(Accessibility accessibility, const QString &program)
     env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("null"));
     if (m_accessible)
         env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
-    // A crashed test leaves no app behind.
     m_process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
 }
 
@@ -154,10 +153,8 @@ QJsonObject AppUnderTest::status() const
 
 QRect AppUnderTest::control(const QString &name, int index)
 {
-    const QList<QByteArray> numbers = atspiQuery({"find", name, QString::number(index)}).split(' ');
-    if (numbers.size() != 4)
-        return {};
-    return QRect(numbers[0].toInt(), numbers[1].toInt(), numbers[2].toInt(), numbers[3].toInt());
+    const QList<QByteArray> n = atspiQuery({"find", name, QString::number(index)}).split(' ');
+    return n.size() == 4 ? QRect(n[0].toInt(), n[1].toInt(), n[2].toInt(), n[3].toInt()) : QRect();
 }
 
 QRect AppUnderTest::waitForControl(const QString &name, int index, int timeoutMs)
@@ -171,7 +168,7 @@ QRect AppUnderTest::waitForControl(const QString &name, int index, int timeoutMs
 bool AppUnderTest::click(const QString &name, int index)
 {
     // "x:608 y:373 screen:0 window:..."
-    const QList<QByteArray> fields = runProgram(QStringLiteral("xdotool"), {"getmouselocation"}).split(' ');
+    const QList<QByteArray> fields = xdotool({"getmouselocation"}).split(' ');
     QPoint at = fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
     for (int look = 0; look < 3; ++look) {
         const QRect rect = waitForControl(name, index);

@@ -14,14 +14,7 @@ class DevServer;
 
 // Quillvox as a desktop test runs it: this build's binary (or an installed one) in the test's profile,
 // its traffic at a dev server, its controls found on the accessibility bus as a screen reader finds them.
-// It is stopped when the object goes, and shows its output if that happens in a failed case (output()
-// gives it any time).
-//
-//     AppUnderTest app;
-//     app.useServer(server);
-//     AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
-//     QVERIFY(app.start());
-//     QVERIFY(app.click("Open Settings"));
+// Stopped when the object goes; a failed case shows its output.
 class AppUnderTest
 {
 public:
@@ -43,7 +36,6 @@ public:
     // What the app and run()'s commands get: this process's environment, no sound output, and the
     // accessibility bridge on when asked for.
     QProcessEnvironment env;
-    // Speech, the account service and sign-in at `server`.
     void useServer(const DevServer &server);
     // Stores an own key as a user does, `--set-api-key` with the key typed; empty when that worked.
     QString storeKey(const QString &key = QStringLiteral("local")) const;
@@ -52,29 +44,25 @@ public:
 
     // Starts it and waits until it answers --status: it owns its bus name then.
     bool start(const QStringList &arguments = {});
-    // Starts it without waiting, e.g. for a narration of its own (`--speak`).
+    // Without waiting, e.g. for a narration of its own (`--speak`).
     void launch(const QStringList &arguments);
     // SIGTERM, as a session's end sends it; true when the app quit cleanly (exit code 0) within 10 s.
     bool stop();
     QProcess &process() { return m_process; }
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
-    // What it printed so far, both channels.
     QString output() const;
 
     // Another `quillvox` with these arguments, as from a terminal or a desktop's key binding.
     Run run(const QStringList &arguments, const QByteArray &input = {}) const;
     QJsonObject status() const;
 
-    // The on-screen rectangle of the app's showing control called `name` (`index` picks a later one of
-    // that name); empty when there is none.
+    // The screen rectangle of the showing control called `name` (`index` picks a later one); empty if none.
     static QRect control(const QString &name, int index = 0);
-    // control() once it shows within the timeout; empty when it never did.
     static QRect waitForControl(const QString &name, int index = 0, int timeoutMs = 15000);
     static bool shows(const QString &name) { return !waitForControl(name).isEmpty(); }
     // Clicks the control's centre. Hovering can move controls (the widget expands), so the pointer
     // follows until the control stays put; false when the control never showed.
     static bool click(const QString &name, int index = 0);
-    // The name of the control that has the keyboard focus; empty when none has.
     static QString focusedName();
     // Starts `watcher` writing the description of the showing control called `name` to its standard
     // output, a line each time it changes (an empty one while no such control shows).

@@ -1,7 +1,4 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// Usage: QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-//        const QString opened = installTestBrowser(env); QVERIFY(!opened.isEmpty());
-//        start quillvox with env; each URL it opens in the browser is appended to the file `opened`.
 #pragma once
 
 #include <QProcessEnvironment>
@@ -12,5 +9,6 @@
 // app's desktop entry, running this tree's quillvox, the handler of quillvox:// URLs there. The browser
 // follows redirects and hands a quillvox:// one to xdg-open, so a sign-in against the dev server's
 // --auto-consent reaches the running app the way a desktop delivers it. Adds QUILLVOX_TEST_BROWSER_LOG
-// to `env` and returns that file's path (emptied now); empty when the folders cannot be written.
+// to `env` and returns that file's path (emptied now; each opened URL is appended to it); empty when the
+// folders cannot be written.
 QString installTestBrowser(QProcessEnvironment &env);

@@ -13,11 +13,7 @@
 #include <memory>
 #include <optional>
 
-namespace {
-
-const QString program = QStringLiteral(QUILLVOX_DEVSERVER);
-
-} // namespace
+static const QString program = QStringLiteral(QUILLVOX_DEVSERVER);
 
 DevServer::~DevServer()
 {
@@ -100,14 +96,11 @@ QList<QJsonObject> DevServer::requests(const QString &logPath)
         const QByteArray line = file.readLine().trimmed();
         if (line.isEmpty())
             continue;
-        QJsonParseError error;
-        const QJsonDocument document = QJsonDocument::fromJson(line, &error);
-        if (!document.isObject()) {
-            qWarning("DevServer: unreadable log line (%s): %s", qPrintable(error.errorString()),
-                     line.constData());
-            continue;
-        }
-        records.append(document.object());
+        const QJsonDocument document = QJsonDocument::fromJson(line);
+        if (document.isObject())
+            records.append(document.object());
+        else
+            qWarning("DevServer: unreadable log line: %s", line.constData());
     }
     return records;
 }
@@ -115,21 +108,18 @@ QList<QJsonObject> DevServer::requests(const QString &logPath)
 QList<QJsonObject> DevServer::waitForRequests(qsizetype count, std::chrono::milliseconds timeout) const
 {
     const QDeadlineTimer deadline(timeout);
-    QList<QJsonObject> records = requests();
-    while (records.size() < count && !deadline.hasExpired()) {
+    QList<QJsonObject> records;
+    while ((records = requests()).size() < count && !deadline.hasExpired())
         QTest::qWait(10);
-        records = requests();
-    }
     return records;
 }
 
 QString DevServer::header(const QJsonObject &record, QStringView name)
 {
     const QJsonObject headers = record.value(QLatin1String("headers")).toObject();
-    for (auto it = headers.begin(); it != headers.end(); ++it) {
+    for (auto it = headers.begin(); it != headers.end(); ++it)
         if (it.key().compare(name, Qt::CaseInsensitive) == 0)
             return it.value().toString();
-    }
     return {};
 }
 
@@ -146,10 +136,9 @@ QString DevServer::input(const QJsonObject &record)
 QStringList DevServer::narratedTexts(const QList<QJsonObject> &requests, QStringView path)
 {
     QStringList texts;
-    for (const QJsonObject &record : requests) {
+    for (const QJsonObject &record : requests)
         if (record.value(QLatin1String("path")).toString() == path)
             texts.append(input(record));
-    }
     return texts;
 }
 
@@ -161,11 +150,9 @@ QProcessEnvironment DevServer::appEnvironment(QProcessEnvironment base) const
     return base;
 }
 
-namespace {
-
-// Sends request (a GET, or a POST of body) and runs the event loop until the reply is complete.
-std::unique_ptr<QNetworkReply> exchange(QNetworkAccessManager &network, QNetworkRequest request,
-                                        const std::optional<QByteArray> &body = std::nullopt)
+// A GET, or a POST of body, run to its end in a local event loop.
+static std::unique_ptr<QNetworkReply> exchange(QNetworkAccessManager &network, QNetworkRequest request,
+                                               const std::optional<QByteArray> &body = std::nullopt)
 {
     request.setTransferTimeout(5000);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
@@ -177,8 +164,6 @@ std::unique_ptr<QNetworkReply> exchange(QNetworkAccessManager &network, QNetwork
         loop.exec();
     return reply;
 }
-
-} // namespace
 
 QJsonObject DevServer::control(const QString &path, const QJsonObject &body) const
 {

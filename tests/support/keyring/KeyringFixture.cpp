@@ -39,7 +39,6 @@ bool waitUntil(const std::function<bool()> &condition, int timeoutMs)
     return true;
 }
 
-// A call to the Secret Service (or one of its objects) on `bus`, answered or failed within 5 s.
 QDBusMessage callSecrets(const QDBusConnection &bus, const QString &path, const QString &interface,
                          const QString &method, const QVariantList &arguments)
 {
@@ -56,8 +55,6 @@ bool writeFile(const QString &path, const QByteArray &content)
 
 void stop(QProcess &process)
 {
-    if (process.state() == QProcess::NotRunning)
-        return;
     process.terminate();
     if (!process.waitForFinished(3000)) {
         process.kill();
@@ -69,25 +66,16 @@ QByteArray busConfig(const QString &dir, bool withServiceDir, const QString &oth
 {
     // No <standard_session_servicedirs/>: a bus that could activate the installed keyring would start one
     // as soon as a test asked for it.
-    QByteArray config = "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                        "<busconfig>\n"
-                        "  <type>session</type>\n"
-                        "  <listen>unix:path=" +
-                        dir.toUtf8() +
-                        "/bus</listen>\n"
-                        "  <auth>EXTERNAL</auth>\n";
-    if (withServiceDir)
-        config += "  <servicedir>" + dir.toUtf8() + "/services</servicedir>\n";
-    config += "  <policy context=\"default\">\n";
-    if (!otherUser.isEmpty())
-        config += "    <allow user=\"" + otherUser.toUtf8() + "\"/>\n";
-    config += "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-              "    <allow eavesdrop=\"true\"/>\n"
-              "    <allow own=\"*\"/>\n"
-              "  </policy>\n"
-              "</busconfig>\n";
-    return config;
+    return QStringLiteral(
+               "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+               " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+               "<busconfig><type>session</type><listen>unix:path=%1/bus</listen><auth>EXTERNAL</auth>%2\n"
+               "<policy context=\"default\">%3<allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+               "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n")
+        .arg(dir,
+             withServiceDir ? QStringLiteral("<servicedir>%1/services</servicedir>").arg(dir) : QString(),
+             otherUser.isEmpty() ? QString() : QStringLiteral("<allow user=\"%1\"/>").arg(otherUser))
+        .toUtf8();
 }
 
 } // namespace
@@ -194,15 +182,13 @@ bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
         m_error = QStringLiteral("cannot start dbus-daemon: ") + m_bus.errorString();
         return false;
     }
-    QByteArray printed;
     waitUntil(
         [&] {
-            m_bus.waitForReadyRead(100);
-            printed += m_bus.readAll();
-            return printed.contains('\n') || m_bus.state() == QProcess::NotRunning;
+            return m_bus.canReadLine() ||
+                   (!m_bus.waitForReadyRead(100) && m_bus.state() == QProcess::NotRunning);
         },
         10000);
-    m_address = QString::fromUtf8(printed.left(printed.indexOf('\n')).trimmed());
+    m_address = QString::fromUtf8(m_bus.readLine().trimmed());
     if (m_address.isEmpty()) {
         m_error = QStringLiteral("dbus-daemon did not report its address") + logs();
         return false;

@@ -52,28 +52,24 @@ public:
     QString errorString() const { return m_error; }
     QString busAddress() const { return m_address; }
 
-    // This process's environment with the private bus, for subprocesses.
     QProcessEnvironment environment() const;
 
     // The items whose attributes include `attributes`, locked ones too, as the Secret Service lists them.
     QList<Item> items(const QMap<QString, QString> &attributes) const;
-    // Locks gnome-keyring's login collection; with no prompter on the private bus it stays locked, and
-    // gnome-keyring dismisses every unlock prompt at once.
+    // With no prompter on the private bus it stays locked: gnome-keyring dismisses every unlock prompt.
     bool lockLoginCollection() const;
     // Puts a prompter on the bus that takes gnome-keyring's prompts and never answers, like a user who
     // walked away from the unlock dialog, until releaseUnlockPrompts().
     bool holdUnlockPrompts();
     void releaseUnlockPrompts();
-    // How many calls the held prompter received.
     int unlockPromptCalls() const;
 
-    // Runs a program to its end (at most 30 s) with `input` on its standard input, in `environment`
-    // (by default this process's with the private bus).
+    // At most 30 s, in `environment` (by default this process's with the private bus).
     Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {},
             const std::optional<QProcessEnvironment> &environment = std::nullopt) const;
     Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const;
 
-    // What the bus and gnome-keyring wrote to their standard error, for failure messages.
+    // The bus's and gnome-keyring's standard error.
     QString logs() const;
 
 private:

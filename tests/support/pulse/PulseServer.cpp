@@ -154,18 +154,3 @@ Sound findSound(const std::vector<float> &samples, float threshold)
     }
     return sound;
 }
-
-double frequency(const std::vector<float> &samples, qint64 from, qint64 to)
-{
-    int crossings = 0;
-    qint64 first = 0, last = 0;
-    for (qint64 i = std::max<qint64>(from, 0) + 1; i < std::min<qint64>(to, qint64(samples.size())); ++i) {
-        if (samples[std::size_t(i - 1)] < 0 && samples[std::size_t(i)] >= 0) {
-            if (crossings == 0)
-                first = i;
-            last = i;
-            ++crossings;
-        }
-    }
-    return crossings < 2 ? 0 : (crossings - 1) * double(PulseServer::kRateHz) / double(last - first);
-}

@@ -14,13 +14,6 @@ void dieWithTheTest(QProcess &process);
 
 // A PulseAudio daemon of the test's own (so that it can be killed or stopped), with a null sink "t" at
 // the stream's format (float32 mono 24 kHz) and a recorder on its monitor "t.monitor".
-//
-//     PulseServer server(dir);
-//     QVERIFY(server.start());
-//     QVERIFY(server.startRecorder());
-//     ... play through server.address() ...
-//     server.stopRecorder();
-//     const Sound sound = findSound(server.recorded());
 class PulseServer
 {
 public:
@@ -33,10 +26,8 @@ public:
     PulseServer(const PulseServer &) = delete;
     PulseServer &operator=(const PulseServer &) = delete;
 
-    // For PULSE_SERVER or `pactl -s`.
     QString address() const;
 
-    // Starts the daemon and waits until it answers.
     bool start();
     // SIGKILL, as a crashing sound server.
     void kill();
@@ -47,7 +38,6 @@ public:
     // recorder's latency applies, so this waits that long before it returns.
     bool startRecorder();
     void stopRecorder();
-    // Everything recorded so far.
     std::vector<float> recorded() const;
 
 private:
@@ -79,6 +69,3 @@ struct Sound
     double seconds() const { return double(end - start) / PulseServer::kRateHz; }
 };
 Sound findSound(const std::vector<float> &samples, float threshold = 0.05f);
-
-// The frequency of a tone in samples [from, to), from its upward zero crossings; 0 for fewer than two.
-double frequency(const std::vector<float> &samples, qint64 from, qint64 to);

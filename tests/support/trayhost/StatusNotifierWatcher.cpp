@@ -71,17 +71,12 @@ QStringList StatusNotifierWatcher::registeredItems() const
 void StatusNotifierWatcher::RegisterStatusNotifierItem(const QString &serviceOrPath,
                                                        const QDBusMessage &message)
 {
-    Item item;
-    if (serviceOrPath.startsWith(QLatin1Char('/'))) {
-        item = {message.service(), serviceOrPath};
-    } else {
-        item = {serviceOrPath, QStringLiteral("/StatusNotifierItem")};
-    }
+    const Item item = serviceOrPath.startsWith(u'/')
+                          ? Item{message.service(), serviceOrPath}
+                          : Item{serviceOrPath, QStringLiteral("/StatusNotifierItem")};
     // An item registers again when a watcher (re)appears; it is still one item.
-    for (const Item &known : std::as_const(m_items)) {
-        if (address(known) == address(item))
-            return;
-    }
+    if (registeredItems().contains(address(item)))
+        return;
     // The name an item gives may be well-known: its owner's going is what ends the item.
     m_owners.addWatchedService(item.service);
     m_items.append(item);
@@ -99,8 +94,7 @@ void StatusNotifierWatcher::serviceGone(const QString &service)
     for (qsizetype i = m_items.size() - 1; i >= 0; --i) {
         if (m_items[i].service != service)
             continue;
-        const QString gone = address(m_items.takeAt(i));
-        Q_EMIT StatusNotifierItemUnregistered(gone);
+        Q_EMIT StatusNotifierItemUnregistered(address(m_items.takeAt(i)));
     }
     m_owners.removeWatchedService(service);
 }

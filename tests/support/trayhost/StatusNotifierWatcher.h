@@ -12,12 +12,6 @@
 // The watcher and host that a desktop panel runs, on one bus. Applications look for a registered host
 // once, when they start: start this first, and their tray item comes to it over D-Bus instead of an
 // XEmbed icon.
-//
-//     StatusNotifierWatcher watcher;
-//     QVERIFY(watcher.start());
-//     ... start the application ...
-//     QTRY_COMPARE(watcher.items().size(), 1);
-//     const StatusNotifierWatcher::Item item = watcher.items().first();
 class StatusNotifierWatcher : public QObject
 {
     Q_OBJECT

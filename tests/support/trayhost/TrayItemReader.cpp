@@ -31,19 +31,6 @@ QString shortcutText(const QVariant &value)
     return chords.join(QLatin1Char(' '));
 }
 
-} // namespace
-
-QVariant TrayItemReader::property(const QString &name) const
-{
-    QDBusMessage get = QDBusMessage::createMethodCall(m_item.service, m_item.path,
-                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                      QStringLiteral("Get"));
-    get << kItemInterface << name;
-    return QDBusConnection::sessionBus().call(get).arguments().value(0).value<QDBusVariant>().variant();
-}
-
-namespace {
-
 // An a(iiay) of pictures; a size whose bytes do not match is no picture a host can draw.
 QList<QSize> readPixmaps(const QDBusArgument &pixmaps)
 {
@@ -64,6 +51,15 @@ QList<QSize> readPixmaps(const QDBusArgument &pixmaps)
 
 } // namespace
 
+QVariant TrayItemReader::property(const QString &name) const
+{
+    QDBusMessage get = QDBusMessage::createMethodCall(m_item.service, m_item.path,
+                                                      QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                      QStringLiteral("Get"));
+    get << kItemInterface << name;
+    return QDBusConnection::sessionBus().call(get).arguments().value(0).value<QDBusVariant>().variant();
+}
+
 QList<QSize> TrayItemReader::pixmapSizes() const
 {
     return readPixmaps(property(QStringLiteral("IconPixmap")).value<QDBusArgument>());
@@ -72,9 +68,7 @@ QList<QSize> TrayItemReader::pixmapSizes() const
 QString TrayItemReader::toolTip() const
 {
     const QDBusArgument toolTip = property(QStringLiteral("ToolTip")).value<QDBusArgument>();
-    QString iconName;
-    QString title;
-    QString description;
+    QString iconName, title, description;
     toolTip.beginStructure();
     toolTip >> iconName;
     readPixmaps(toolTip);
@@ -109,10 +103,9 @@ QList<TrayItemReader::Entry> TrayItemReader::menu() const
     // (ia{sv}av); our menu has no submenus.
     const QDBusArgument node = reply.arguments().at(1).value<QDBusArgument>();
     QList<Entry> entries;
-    int id = 0;
-    QVariantMap properties;
+    Entry root;
     node.beginStructure();
-    node >> id >> properties;
+    node >> root.id >> root.properties;
     node.beginArray();
     while (!node.atEnd()) {
         QDBusVariant child;
@@ -145,10 +138,9 @@ QString TrayItemReader::text(const Entry &entry)
 QStringList TrayItemReader::shownMenu() const
 {
     QStringList shown;
-    for (const Entry &entry : menu()) {
+    for (const Entry &entry : menu())
         if (entry.properties.value(QStringLiteral("visible"), true).toBool())
             shown.append(text(entry));
-    }
     return shown;
 }
 
@@ -175,9 +167,8 @@ bool TrayItemReader::click(const QString &label) const
 
 std::optional<TrayItemReader::Entry> TrayItemReader::find(const QString &label) const
 {
-    for (const Entry &entry : menu()) {
+    for (const Entry &entry : menu())
         if (entry.properties.value(QStringLiteral("label")).toString() == label)
             return entry;
-    }
     return std::nullopt;
 }

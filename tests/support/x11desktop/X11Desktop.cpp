@@ -3,6 +3,7 @@
 
 #include <QDebug>
 #include <QFile>
+#include <QMap>
 #include <QStandardPaths>
 #include <QTest>
 
@@ -19,9 +20,9 @@ QByteArray runProgram(const QString &program, const QStringList &arguments, int 
     return process.readAllStandardOutput();
 }
 
-void xdotool(const QStringList &arguments)
+QByteArray xdotool(const QStringList &arguments, int timeoutMs)
 {
-    runProgram(QStringLiteral("xdotool"), arguments);
+    return runProgram(QStringLiteral("xdotool"), arguments, timeoutMs);
 }
 
 QByteArray clipboardBytes(const QString &target)
@@ -33,10 +34,9 @@ QString desktopLacks(const QStringList &programs)
 {
     if (qEnvironmentVariableIsEmpty("DISPLAY"))
         return QStringLiteral("needs the rig's X server");
-    for (const QString &program : programs) {
+    for (const QString &program : programs)
         if (QStandardPaths::findExecutable(program).isEmpty())
             return program + u" is not installed";
-    }
     return {};
 }
 
@@ -69,15 +69,12 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
 QByteArray openInMousepad(ChildProcess &editor, const QString &file)
 {
     editor.process.start(QStringLiteral("mousepad"), {file});
-    const QByteArray window = runProgram(QStringLiteral("xdotool"),
-                                         {"search", "--sync", "--onlyvisible", "--class", "mousepad"}, 20000)
-                                  .split('\n')
-                                  .value(0);
+    const QByteArray window =
+        xdotool({"search", "--sync", "--onlyvisible", "--class", "mousepad"}, 20000).split('\n').value(0);
     if (window.isEmpty())
         return {};
     xdotool({"windowactivate", "--sync", QString::fromLatin1(window)});
-    // Focus lands a moment after activation.
-    QTest::qWait(300);
+    QTest::qWait(300); // focus lands a moment after activation
     return window;
 }
 
@@ -86,9 +83,7 @@ QByteArrayList visibleWindows(const QString &title, int timeoutMs)
     QByteArrayList found;
     (void)QTest::qWaitFor(
         [&] {
-            found = runProgram(QStringLiteral("xdotool"),
-                               {"search", "--onlyvisible", "--name", u'^' + title + u'$'})
-                        .split('\n');
+            found = xdotool({"search", "--onlyvisible", "--name", u'^' + title + u'$'}).split('\n');
             found.removeAll(QByteArray());
             return !found.isEmpty();
         },
@@ -98,29 +93,16 @@ QByteArrayList visibleWindows(const QString &title, int timeoutMs)
 
 QRect windowGeometry(const QByteArray &window)
 {
-    QRect r;
+    QMap<QByteArray, int> v; // X=, Y=, WIDTH=, HEIGHT= lines
     for (const QByteArray &line :
-         runProgram(QStringLiteral("xdotool"), {"getwindowgeometry", "--shell", QString::fromLatin1(window)})
-             .split('\n')) {
-        const QList<QByteArray> kv = line.split('=');
-        if (kv.size() != 2)
-            continue;
-        const int v = kv[1].toInt();
-        if (kv[0] == "X")
-            r.moveLeft(v);
-        else if (kv[0] == "Y")
-            r.moveTop(v);
-        else if (kv[0] == "WIDTH")
-            r.setWidth(v);
-        else if (kv[0] == "HEIGHT")
-            r.setHeight(v);
-    }
-    return r;
+         xdotool({"getwindowgeometry", "--shell", QString::fromLatin1(window)}).split('\n'))
+        if (const QList<QByteArray> kv = line.split('='); kv.size() == 2)
+            v.insert(kv[0], kv[1].toInt());
+    return QRect(v.value("X"), v.value("Y"), v.value("WIDTH"), v.value("HEIGHT"));
 }
 
 QSize screenSize()
 {
-    const QList<QByteArray> size =
-        runProgram(QStringLiteral("xdotool"), {"getdisplaygeometry"}).trimmed().split(' ');
+    const QList<QByteArray> size = xdotool({"getdisplaygeometry"}).trimmed().split(' ');
     return size.size() == 2 ? QSize(size[0].toInt(), size[1].toInt()) : QSize();
 }

@@ -12,15 +12,12 @@
 // Drives the rig's desktop the way a user would: real applications, synthetic keys through xdotool, the
 // clipboard read back with xclip.
 
-// Runs a program to its end and returns its standard output; empty, with a warning, when it does not
-// finish within the timeout.
+// Its standard output; empty, with a warning, when it does not finish in time.
 QByteArray runProgram(const QString &program, const QStringList &arguments, int timeoutMs = 15000);
 
-void xdotool(const QStringList &arguments);
+QByteArray xdotool(const QStringList &arguments, int timeoutMs = 15000);
 
-// Why this test cannot run here: no X display, or one of `programs` is not installed. Empty when it can:
-//     if (const QString lack = desktopLacks({"mousepad", "xdotool"}); !lack.isEmpty())
-//         QSKIP(qPrintable(lack));
+// Why this test cannot run here (no X display, or one of `programs` missing); empty when it can.
 QString desktopLacks(const QStringList &programs = {});
 
 // What the clipboard's owner delivers for one target.
@@ -40,9 +37,7 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
 
 // The ids of the visible windows titled `title` exactly, once there is one or `timeoutMs` passed.
 QByteArrayList visibleWindows(const QString &title, int timeoutMs = 0);
-// Where a window is on the screen and its size.
 QRect windowGeometry(const QByteArray &window);
-// The screen's size.
 QSize screenSize();
 
 // Opens the file in mousepad and activates its window; the window's id, empty when none showed up.
