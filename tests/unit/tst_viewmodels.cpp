@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The windows' view models, without a desktop: the settings window and its models on real managers; the
-// floating widget's state machine on a manual clock, its actions on a real narration controller over the
-// null sink, its colours and labels, and its window on the offscreen platform; the onboarding's steps.
+// The windows' view models on real managers, a manual clock and the null sink, and their QML as drawn.
 #include "ManualClock.h"
 
 #include "account/AuthManager.h"
@@ -72,28 +70,18 @@ QByteArray silence(double seconds)
     return QByteArray(qsizetype(seconds * SpeechManager::kSampleRateHz) * 2, '\0');
 }
 
-// By the visual tree: view delegates have no QObject parent to be found by.
-QQuickItem *findItem(QQuickItem *item, const QString &objectName)
+// By the visual tree (delegates have no QObject parent): a shown item that reads `text` by its accessible
+// name or its text, or with `byName` any item of that object name.
+QQuickItem *findShown(QQuickItem *item, const QString &text, bool byName = false)
 {
-    if (item->objectName() == objectName)
-        return item;
-    for (QQuickItem *child : item->childItems()) {
-        if (QQuickItem *found = findItem(child, objectName))
-            return found;
-    }
-    return nullptr;
-}
-
-// A shown item that reads `text`, by its accessible name or, for plain text, its text.
-QQuickItem *findShown(QQuickItem *item, const QString &text)
-{
-    if (!item->isVisible())
-        return nullptr;
+    if (byName ? item->objectName() == text : !item->isVisible())
+        return byName ? item : nullptr;
     const QAccessibleInterface *accessible = QAccessible::queryAccessibleInterface(item);
-    if ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text)
+    if (!byName &&
+        ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text))
         return item;
     for (QQuickItem *child : item->childItems()) {
-        if (QQuickItem *found = findShown(child, text))
+        if (QQuickItem *found = findShown(child, text, byName))
             return found;
     }
     return nullptr;
@@ -157,6 +145,18 @@ class TestViewModels : public QObject
         return std::make_unique<SpeechManager>(std::move(services));
     }
 
+    std::unique_ptr<AuthManager> makeAuth(const QString &origin,
+                                          std::function<void(const QUrl &)> openUrl = {})
+    {
+        return std::make_unique<AuthManager>(
+            AuthManager::Services{.keychain = m_keychain.get(),
+                                  .clock = &m_clock,
+                                  .authOrigin = QUrl(origin),
+                                  .serviceOrigin = QUrl(u"https://svc.test"_qs),
+                                  .openUrl = std::move(openUrl),
+                                  .log = [](const QString &) {}});
+    }
+
     std::unique_ptr<OnboardingViewModel> model(std::function<bool()> isTrusted = {})
     {
         OnboardingViewModel::Services services;
@@ -205,20 +205,14 @@ private Q_SLOTS:
                            QByteArray(480, 0));
         UsageManager usage(*m_defaults);
         const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
-        AuthManager::Services authServices;
-        authServices.keychain = m_keychain.get();
-        authServices.log = [](const QString &) {};
-        AuthManager auth(std::move(authServices));
-        BalanceManager::Services balanceServices;
-        balanceServices.auth = &auth;
-        balanceServices.log = [](const QString &) {};
-        BalanceManager balance(std::move(balanceServices));
+        const auto auth = makeAuth({});
+        BalanceManager balance({.auth = auth.get(), .log = [](const QString &) {}});
 
         // QML's own warnings name the file they come from.
         QTest::failOnWarning(QRegularExpression(QStringLiteral("\\.qml")));
         SettingsServices services;
         services.speech = m_speech.get();
-        services.auth = &auth;
+        services.auth = auth.get();
         services.balance = &balance;
         services.hotkeys = hotkeys.get();
         services.keychain = m_keychain.get();
@@ -674,7 +668,7 @@ private Q_SLOTS:
             const QString label = step.section(u':', 1);
             if (step.startsWith(u"click:")) {
                 QQuickItem *row =
-                    findItem(settings.window()->rootObject(), QStringLiteral("section:") + label);
+                    findShown(settings.window()->rootObject(), QStringLiteral("section:") + label, true);
                 QVERIFY2(row, qPrintable(label));
                 const QPointF centre = row->mapToScene(QPointF(row->width() / 2, row->height() / 2));
                 QTest::mouseClick(settings.window(), Qt::LeftButton, {}, centre.toPoint());
@@ -688,7 +682,8 @@ private Q_SLOTS:
             }
         }
         QCOMPARE(settings.viewModel()->currentSection(), shown);
-        const QQuickItem *pages = findItem(settings.window()->rootObject(), QStringLiteral("sectionPages"));
+        const QQuickItem *pages =
+            findShown(settings.window()->rootObject(), QStringLiteral("sectionPages"), true);
         QCOMPARE(pages->property("currentIndex").toInt(), int(allSettingsSections().indexOf(shown)));
     }
 
@@ -853,13 +848,17 @@ private Q_SLOTS:
         QCOMPARE(seeks.first().first().toLongLong(), frame);
     }
 
+    // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
     void labels()
     {
-        QCOMPARE(WidgetFormat::timeLabel(65.4), u"1:05"_qs);
-        QCOMPARE(WidgetFormat::timeLabel(-3), u"0:03"_qs);    // shown as positive
-        QCOMPARE(WidgetFormat::timeLabel(59.5), u"1:00"_qs);  // rounded
-        QCOMPARE(WidgetFormat::timeLabel(3600), u"60:00"_qs); // no hour field
-        QCOMPARE(WidgetFormat::speedLabel(2.0), u"2.0x"_qs);
+        const std::pair<QString, const char *> rows[] = {
+            {WidgetFormat::timeLabel(65.4), "1:05"},           {WidgetFormat::timeLabel(-3), "0:03"},
+            {WidgetFormat::timeLabel(59.5), "1:00"},           {WidgetFormat::timeLabel(3600), "60:00"},
+            {WidgetFormat::speedLabel(2.0), "2.0x"},           {OnboardingPackage::hoursText(1.0), "1 hour"},
+            {OnboardingPackage::hoursText(3.33), "3.3 hours"}, {OnboardingPackage::priceText(1999), "$19.99"},
+            {OnboardingPackage::priceText(5), "$0.05"}};
+        for (const auto &[shown, expected] : rows)
+            QCOMPARE(shown, QString::fromUtf8(expected));
     }
 
     void barColors_data()
@@ -966,11 +965,8 @@ private Q_SLOTS:
                 socket->disconnectFromHost();
             });
         });
-        AuthManager::Services authServices;
-        authServices.keychain = m_keychain.get();
-        authServices.authOrigin = QUrl(u"http://127.0.0.1:%1"_qs.arg(users.serverPort()));
-        authServices.log = [](const QString &) {};
-        AuthManager auth(std::move(authServices));
+        const auto owned = makeAuth(u"http://127.0.0.1:%1"_qs.arg(users.serverPort()));
+        AuthManager &auth = *owned;
         FloatingWindowController controller({.speech = m_speech.get(),
                                              .auth = &auth,
                                              .clock = &m_clock,
@@ -1036,18 +1032,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("afterPrevious");
         QTest::addColumn<bool>("showsBack");
 
-        const auto row = [](const char *from, const char *afterNext, const char *afterPrevious, bool back) {
-            QTest::newRow(from) << QString::fromLatin1(from) << QString::fromLatin1(afterNext)
-                                << QString::fromLatin1(afterPrevious) << back;
-        };
-        row("welcome", "signIn", "welcome", false);
-        row("signIn", "signIn", "welcome", true);
-        row("freeMinutes", "permissions", "freeMinutes", false);
-        row("permissions", "tutorial", "freeMinutes", true);
-        row("tutorial", "pricing", "tutorial", false);
-        row("pricing", "completion", "pricing", false);
-        row("purchaseConfirmation", "completion", "purchaseConfirmation", false);
-        row("completion", "completion", "completion", false);
+        // Empty: the step stays.
+        for (const auto &[from, afterNext, afterPrevious, back] :
+             {std::tuple{"welcome", "signIn", "", false},
+              {"signIn", "", "welcome", true},
+              {"freeMinutes", "permissions", "", false},
+              {"permissions", "tutorial", "freeMinutes", true},
+              {"tutorial", "pricing", "", false},
+              {"pricing", "completion", "", false},
+              {"purchaseConfirmation", "completion", "", false},
+              {"completion", "", "", false}})
+            QTest::newRow(from) << QString::fromLatin1(from)
+                                << QString::fromLatin1(*afterNext ? afterNext : from)
+                                << QString::fromLatin1(*afterPrevious ? afterPrevious : from) << back;
     }
 
     void steps()
@@ -1102,10 +1099,9 @@ private Q_SLOTS:
             QTest::newRow(name) << QString::fromLatin1(step) << QString::fromLatin1(action) << shown
                                 << QString::fromLatin1(provider);
         };
-        row("Continue with Apple opens Apple's page", "signIn", "Continue with Apple", {"Signing in..."},
-            "provider=apple");
-        row("Continue with Google opens Google's page", "signIn", "Continue with Google", {"Signing in..."},
-            "provider=google");
+        for (const char *provider : {"Apple", "Google"})
+            row(provider, "signIn", qPrintable(u"Continue with "_qs + QLatin1String(provider)),
+                {"Signing in..."}, qPrintable(u"provider="_qs + QString::fromLatin1(provider).toLower()));
         row("a sign-in that fails says why", "signIn", "callback without tokens",
             {"Authentication failed: No tokens in callback", "Continue with Apple"});
         row("the packages with their figures and the popular badge", "pricing", "",
@@ -1121,22 +1117,16 @@ private Q_SLOTS:
         QFETCH(QString, action);
         QFETCH(QStringList, shown);
         QList<QUrl> opened;
-        AuthManager auth({.keychain = m_keychain.get(),
-                          .clock = &m_clock,
-                          .authOrigin = QUrl(u"https://auth.test"_qs),
-                          .serviceOrigin = QUrl(u"https://svc.test"_qs),
-                          .anonKey = QString(),
-                          .openUrl = [&](const QUrl &url) { opened << url; },
-                          .log = [](const QString &) {}});
+        const auto auth = makeAuth(u"https://auth.test"_qs, [&](const QUrl &url) { opened << url; });
         OnboardingViewModel::Services services;
-        services.auth = &auth;
+        services.auth = auth.get();
         services.clock = &m_clock;
         OnboardingWindow window(std::move(services));
         QCOMPARE(window.window()->status(), QQuickView::Ready);
         reach(*window.viewModel(), step);
         QQuickItem *root = window.window()->rootObject();
         if (action == u"callback without tokens") {
-            auth.handleCallback(QUrl(u"quillvox://auth/callback"_qs));
+            auth->handleCallback(QUrl(u"quillvox://auth/callback"_qs));
         } else if (!action.isEmpty()) {
             QQuickItem *button = findShown(root, action);
             QVERIFY2(button, qPrintable(action));
@@ -1216,16 +1206,10 @@ private Q_SLOTS:
     // for each new attempt anew, and the first attempt's callback still counts.
     void signInButtonsComeBack()
     {
-        AuthManager::Services authServices;
-        authServices.keychain = m_keychain.get();
-        authServices.clock = &m_clock;
-        authServices.authOrigin = QUrl(QStringLiteral("http://127.0.0.1:9"));
-        authServices.openUrl = [](const QUrl &) {};
-        authServices.log = [](const QString &) {};
-        AuthManager auth(std::move(authServices));
+        const auto auth = makeAuth(u"http://127.0.0.1:9"_qs, [](const QUrl &) {});
         OnboardingViewModel::Services services;
         services.clock = &m_clock;
-        services.auth = &auth;
+        services.auth = auth.get();
         OnboardingViewModel vm(std::move(services));
         vm.advance();
         QVERIFY(vm.canSignIn());
@@ -1239,17 +1223,8 @@ private Q_SLOTS:
             QVERIFY(vm.canSignIn());
             QVERIFY(vm.isSigningIn()); // "Signing in..." stays
         }
-        auth.handleCallback(QUrl(QStringLiteral("quillvox://auth/callback")));
+        auth->handleCallback(QUrl(QStringLiteral("quillvox://auth/callback")));
         QVERIFY(!vm.isSigningIn() && vm.canSignIn());
-    }
-
-    // Beyond the packages' own figures, drawn on pricing: one hour, rounding, cents.
-    void packageTexts()
-    {
-        QCOMPARE(OnboardingPackage::hoursText(1.0), u"1 hour"_qs);
-        QCOMPARE(OnboardingPackage::hoursText(3.33), u"3.3 hours"_qs);
-        QCOMPARE(OnboardingPackage::priceText(1999), u"$19.99"_qs);
-        QCOMPARE(OnboardingPackage::priceText(5), u"$0.05"_qs);
     }
 
     // The purchase page is reached through the token exchange; characters outside the query set are
