@@ -388,7 +388,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("typed");
         QTest::addColumn<Verdict::Kind>("kind");
         QTest::addColumn<QString>("origin");
-
         // Unencrypted, Encrypted or Refused; the typed address; its origin where not the address itself.
         // 172.31.255.1 is the top of 172.16/12.
         for (const char *row :
@@ -640,7 +639,6 @@ private Q_SLOTS:
         QTest::addColumn<std::optional<SettingsSection>>("initial");
         QTest::addColumn<QStringList>("steps");
         QTest::addColumn<SettingsSection>("shown");
-
         using S = SettingsSection;
         const std::optional<S> none;
         for (const auto &[row, initial, steps, shown] :
@@ -1022,20 +1020,18 @@ private Q_SLOTS:
         QTest::addColumn<QString>("afterAdvance");
         QTest::addColumn<QString>("afterPrevious");
         QTest::addColumn<bool>("showsBack");
-
-        // Empty: the step stays.
-        for (const auto &[from, afterNext, afterPrevious, back] :
-             {std::tuple{"welcome", "signIn", "", false},
-              {"signIn", "", "welcome", true},
-              {"freeMinutes", "permissions", "", false},
-              {"permissions", "tutorial", "freeMinutes", true},
-              {"tutorial", "pricing", "", false},
-              {"pricing", "completion", "", false},
-              {"purchaseConfirmation", "completion", "", false},
-              {"completion", "", "", false}})
-            QTest::newRow(from) << QString::fromLatin1(from)
-                                << QString::fromLatin1(*afterNext ? afterNext : from)
-                                << QString::fromLatin1(*afterPrevious ? afterPrevious : from) << back;
+        const auto row = [](const char *from, const char *afterNext, const char *afterPrevious, bool back) {
+            QTest::newRow(from) << QString::fromLatin1(from) << QString::fromLatin1(afterNext)
+                                << QString::fromLatin1(afterPrevious) << back;
+        };
+        row("welcome", "signIn", "welcome", false);
+        row("signIn", "signIn", "welcome", true);
+        row("freeMinutes", "permissions", "freeMinutes", false);
+        row("permissions", "tutorial", "freeMinutes", true);
+        row("tutorial", "pricing", "tutorial", false);
+        row("pricing", "completion", "pricing", false);
+        row("purchaseConfirmation", "completion", "purchaseConfirmation", false);
+        row("completion", "completion", "completion", false);
     }
 
     void steps()
