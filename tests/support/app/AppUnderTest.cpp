@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "AppUnderTest.h"
+#include "StopProcess.h"
 
 #include "DevServer.h"
 #include "core/UserDefaults.h"
@@ -111,13 +112,7 @@ bool AppUnderTest::stop()
 {
     if (!isRunning())
         return true;
-    m_process.terminate();
-    if (!m_process.waitForFinished(10000)) {
-        m_process.kill();
-        m_process.waitForFinished();
-        return false;
-    }
-    return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+    return stopProcess(m_process, 10000) == 0;
 }
 
 QString AppUnderTest::output() const

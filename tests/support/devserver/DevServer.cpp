@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "DevServer.h"
+#include "StopProcess.h"
 
 #include <QDeadlineTimer>
 #include <QEventLoop>
@@ -56,13 +57,7 @@ int DevServer::stop(std::chrono::milliseconds timeout)
 {
     if (m_process.state() == QProcess::NotRunning)
         return -1;
-    m_process.terminate();
-    if (!m_process.waitForFinished(int(timeout.count()))) {
-        m_process.kill();
-        m_process.waitForFinished();
-        return -1;
-    }
-    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    return stopProcess(m_process, int(timeout.count()));
 }
 
 QString DevServer::standardError() const

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "keyring/KeyringFixture.h"
+#include "StopProcess.h"
 
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -51,15 +52,6 @@ bool writeFile(const QString &path, const QByteArray &content)
 {
     QFile file(path);
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
-}
-
-void stop(QProcess &process)
-{
-    process.terminate();
-    if (!process.waitForFinished(3000)) {
-        process.kill();
-        process.waitForFinished(3000);
-    }
 }
 
 QByteArray busConfig(const QString &dir, bool withServiceDir, const QString &otherUser)
@@ -138,7 +130,7 @@ KeyringFixture::~KeyringFixture()
     releaseUnlockPrompts();
     if (!m_connectionName.isEmpty())
         QDBusConnection::disconnectFromBus(m_connectionName);
-    stop(m_keyring);
+    stopProcess(m_keyring, 3000);
     stopBus();
     if (m_previousAddress)
         qputenv("DBUS_SESSION_BUS_ADDRESS", *m_previousAddress);
@@ -266,7 +258,7 @@ void KeyringFixture::stopBus()
         if (pid > 0 && ::kill(pid, SIGTERM) == 0 && !waitUntil([&] { return !QFile::exists(proc); }, 2000))
             ::kill(pid, SIGKILL);
     }
-    stop(m_bus);
+    stopProcess(m_bus, 3000);
 }
 
 QString KeyringFixture::logs() const

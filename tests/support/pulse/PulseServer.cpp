@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "PulseServer.h"
+#include "StopProcess.h"
 
 #include <QDir>
 #include <QFile>
@@ -109,11 +110,7 @@ void PulseServer::stopRecorder()
 {
     if (m_recorder.state() == QProcess::NotRunning)
         return;
-    m_recorder.terminate();
-    if (!m_recorder.waitForFinished(5000)) {
-        m_recorder.kill();
-        m_recorder.waitForFinished(5000);
-    }
+    stopProcess(m_recorder, 5000);
 }
 
 std::vector<float> PulseServer::recorded() const
