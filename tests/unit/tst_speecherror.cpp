@@ -3,7 +3,8 @@
 
 #include <QTest>
 
-// The errors that carry a detail: how the detail lands in the text and in the id the widget keys on.
+// The errors that carry a detail: how the detail lands in the text and in the id the widget keys on; the
+// reason phrases of statuses without a detail.
 class TestSpeechError : public QObject
 {
     Q_OBJECT
@@ -12,11 +13,11 @@ private Q_SLOTS:
     void detailedErrors()
     {
         const std::tuple<SpeechError, const char *, const char *> rows[] = {
-            {SpeechError::makeAudioEngineFailure(QStringLiteral("Connection refused")),
+            {SpeechError::makeAudioEngineFailure(u"Connection refused"_qs),
              "Audio engine failed: Connection refused", "audioEngineFailure-Connection refused"},
-            {SpeechError::makeApiError(401, QStringLiteral("Unauthorized")), "API error (401): Unauthorized",
+            {SpeechError::makeApiError(401, u"Unauthorized"_qs), "API error (401): Unauthorized",
              "apiError-401-Unauthorized"},
-            {SpeechError::makeNetworkError(QStringLiteral("Host not found")), "Network error: Host not found",
+            {SpeechError::makeNetworkError(u"Host not found"_qs), "Network error: Host not found",
              "networkError-Host not found"},
             // One id whatever the balance, so that a changed figure does not show the error again.
             {SpeechError::makeInsufficientBalance(3),
@@ -27,16 +28,9 @@ private Q_SLOTS:
             QCOMPARE(error.description(), QString::fromLatin1(description));
             QCOMPARE(error.id(), QString::fromLatin1(id));
         }
-    }
-
-    void reasonPhrases()
-    {
-        const std::pair<int, const char *> rows[] = {{429, "Too Many Requests"},
-                                                     {499, "Client Error"},
-                                                     {599, "Server Error"},
-                                                     {999, "Unknown Status"}};
-        for (const auto &[status, phrase] : rows)
-            QCOMPARE(httpReasonPhrase(status), QString::fromLatin1(phrase));
+        QCOMPARE((QStringList{httpReasonPhrase(429), httpReasonPhrase(499), httpReasonPhrase(599),
+                              httpReasonPhrase(999)}),
+                 (QStringList{"Too Many Requests", "Client Error", "Server Error", "Unknown Status"}));
     }
 };
 

@@ -9,43 +9,20 @@ class TestVoiceStyle : public QObject
 
 private Q_SLOTS:
     // A stored or typed style is read only as it is written; anything else is no style.
-    void fromRawValue_data()
-    {
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<int>("expected"); // -1: no case
-
-        QTest::newRow("exact") << "Bedtime Story" << int(VoiceStyle::BedtimeStory);
-        QTest::newRow("lower case") << "bedtime story" << -1;
-        QTest::newRow("trailing space") << "Calm " << -1;
-    }
-
     void fromRawValue()
     {
-        QFETCH(QString, stored);
-        QFETCH(int, expected);
-        const auto style = VoiceStyle::fromRawValue(stored);
-        QCOMPARE(style.has_value(), expected >= 0);
-        if (style)
-            QCOMPARE(int(style->value()), expected);
+        QCOMPARE(VoiceStyle::fromRawValue(u"Bedtime Story"_qs), VoiceStyle(VoiceStyle::BedtimeStory));
+        QCOMPARE(VoiceStyle::fromRawValue(u"bedtime story"_qs), std::nullopt);
+        QCOMPARE(VoiceStyle::fromRawValue(u"Calm "_qs), std::nullopt);
     }
 
     // The speed shortcut steps through the listed speeds and wraps; an unlisted speed goes back to 1x.
-    void nextSpeed_data()
-    {
-        QTest::addColumn<float>("speed");
-        QTest::addColumn<float>("next");
-
-        QTest::newRow("0.5") << 0.5f << 1.0f;
-        QTest::newRow("1.25") << 1.25f << 1.5f;
-        QTest::newRow("2.0 wraps") << 2.0f << 0.5f;
-        QTest::newRow("not listed") << 1.1f << 1.0f;
-        QTest::newRow("almost 1.25") << 1.2500001f << 1.0f;
-    }
-
     void nextSpeed()
     {
-        QFETCH(float, speed);
-        QTEST(nextPlaybackSpeed(speed), "next");
+        const std::pair<float, float> rows[] = {
+            {0.5f, 1.0f}, {1.25f, 1.5f}, {2.0f, 0.5f}, {1.1f, 1.0f}, {1.2500001f, 1.0f}};
+        for (const auto &[speed, next] : rows)
+            QCOMPARE(nextPlaybackSpeed(speed), next);
     }
 };
 

@@ -26,20 +26,10 @@ class TestGnomeShell : public QObject
     QProcess m_gjs;
     std::unique_ptr<QDBusInterface> m_fake;
 
-    QStringList grabs() const
+    QStringList grabs() const { return QDBusReply<QStringList>(m_fake->call(u"Grabs"_qs)).value(); }
+    bool press(const char *accelerator) const
     {
-        const QDBusReply<QStringList> reply = m_fake->call(QStringLiteral("Grabs"));
-        return reply.value();
-    }
-    bool press(const QString &accelerator) const
-    {
-        const QDBusReply<bool> reply = m_fake->call(QStringLiteral("Press"), accelerator);
-        return reply.value();
-    }
-    static bool serving()
-    {
-        return QDBusConnection::sessionBus().interface()->isServiceRegistered(
-            QString::fromLatin1(GnomeShellExtension::kService));
+        return QDBusReply<bool>(m_fake->call(u"Press"_qs, QString::fromLatin1(accelerator))).value();
     }
 
 private Q_SLOTS:
@@ -47,21 +37,18 @@ private Q_SLOTS:
     {
         QVERIFY2(QDBusConnection::sessionBus().isConnected(), "needs a session bus (dbus-run-session)");
         m_gjs.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_gjs.start(
-            QStringLiteral("gjs"),
-            {QStringLiteral("-m"), QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/unit/gnome/fakeshell.js")});
+        m_gjs.start(u"gjs"_qs,
+                    {u"-m"_qs, QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/unit/gnome/fakeshell.js")});
         QVERIFY2(m_gjs.waitForStarted(), "gjs is not installed");
-        QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(
-                                     QStringLiteral("com.vantor.Quillvox.Test")),
-                                 10000);
-        m_fake = std::make_unique<QDBusInterface>(QStringLiteral("com.vantor.Quillvox.Test"),
-                                                  QStringLiteral("/com/vantor/Quillvox/Test"),
-                                                  QStringLiteral("com.vantor.Quillvox.Test"));
-        QVERIFY(serving());
+        const QString test = u"com.vantor.Quillvox.Test"_qs;
+        QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(test), 10000);
+        m_fake = std::make_unique<QDBusInterface>(test, u"/com/vantor/Quillvox/Test"_qs, test);
+        QVERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(
+            QString::fromLatin1(GnomeShellExtension::kService)));
         qDBusRegisterMetaType<KeyRequest>();
         qDBusRegisterMetaType<QList<KeyRequest>>();
         // This test's own calls come from Quillvox.
-        QVERIFY(QDBusConnection::sessionBus().registerService(QStringLiteral("com.vantor.Quillvox")));
+        QVERIFY(QDBusConnection::sessionBus().registerService(u"com.vantor.Quillvox"_qs));
     }
 
     void cleanupTestCase()
@@ -70,79 +57,61 @@ private Q_SLOTS:
         m_gjs.waitForFinished(5000);
     }
 
-    void triggers_data()
-    {
-        QTest::addColumn<QString>("trigger");
-        QTest::addColumn<QString>("accelerator");
-        QTest::addColumn<QString>("label");
-        const auto row = [](const char *name, const char *trigger, const char *accelerator,
-                            const char *label) {
-            QTest::newRow(name) << QString::fromLatin1(trigger) << QString::fromLatin1(accelerator)
-                                << QString::fromLatin1(label);
-        };
-        row("letter", "CTRL+ALT+s", "<Control><Alt>s", "Ctrl+Alt+S");
-        row("all four", "LOGO+SHIFT+CTRL+ALT+F1", "<Super><Shift><Control><Alt>F1",
-            "Super+Shift+Ctrl+Alt+F1");
-        row("named key", "ALT+space", "<Alt>space", "Alt+Space");
-        row("no key", "CTRL+ALT+", "", "Ctrl+Alt+");
-        row("unknown modifier", "HYPER+s", "", "HYPER+S");
-    }
+    // A trigger, the accelerator the shell reads and the label we show.
     void triggers()
     {
-        QFETCH(QString, trigger);
-        QTEST(GnomeShellShortcuts::accelerator(trigger), "accelerator");
-        QTEST(GnomeShellShortcuts::label(trigger), "label");
+        const std::tuple<const char *, const char *, const char *> rows[] = {
+            {"CTRL+ALT+s", "<Control><Alt>s", "Ctrl+Alt+S"},
+            {"LOGO+SHIFT+CTRL+ALT+F1", "<Super><Shift><Control><Alt>F1", "Super+Shift+Ctrl+Alt+F1"},
+            {"ALT+space", "<Alt>space", "Alt+Space"},
+            {"CTRL+ALT+", "", "Ctrl+Alt+"}, // no key
+            {"HYPER+s", "", "HYPER+S"}};    // unknown modifier
+        for (const auto &[trigger, accelerator, label] : rows) {
+            QCOMPARE(GnomeShellShortcuts::accelerator(QString::fromLatin1(trigger)),
+                     QString::fromLatin1(accelerator));
+            QCOMPARE(GnomeShellShortcuts::label(QString::fromLatin1(trigger)), QString::fromLatin1(label));
+        }
     }
 
     // The selection and the keys only for a program that owns Quillvox's name or a profile's; everyone
-    // else is refused.
-    void answersQuillvoxOnly_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<bool>("answered");
-        QTest::newRow("a profile") << "com.vantor.Quillvox.Profile_0a1b2c3d4e" << true;
-        QTest::newRow("no name") << "" << false;
-        QTest::newRow("another program") << "org.example.Notes" << false;
-        QTest::newRow("not a profile") << "com.vantor.Quillvox.Profile_0a1b2c3d4" << false;
-        QTest::newRow("the extension's own") << "com.vantor.Quillvox.Shell" << false;
-    }
+    // else is refused. The extension's own name is taken: owning it is no way in either way.
     void answersQuillvoxOnly()
     {
-        QFETCH(QString, name);
-        QFETCH(bool, answered);
-        const QString connectionName =
-            QStringLiteral("caller ") + QString::fromLatin1(QTest::currentDataTag());
-        {
-            QDBusConnection caller =
-                QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
-            // The extension's own name is taken; owning it is no way in either way.
-            if (!name.isEmpty() && name != QLatin1String(GnomeShellExtension::kService))
-                QVERIFY(caller.registerService(name));
-            const auto call = [&](const QString &method, const QVariantList &arguments) {
-                QDBusMessage message = QDBusMessage::createMethodCall(
-                    QString::fromLatin1(GnomeShellExtension::kService),
-                    QString::fromLatin1(GnomeShellExtension::kPath),
-                    QString::fromLatin1(GnomeShellExtension::kInterface), method);
-                message.setArguments(arguments);
-                return caller.call(message, QDBus::Block, 5000);
-            };
-            const QDBusMessage read = call(QStringLiteral("ReadSelection"), {});
-            const QDBusMessage bind =
-                call(QStringLiteral("BindShortcuts"), {QVariant::fromValue(QList<KeyRequest>())});
-            if (answered) {
-                QCOMPARE(read.arguments().value(0).toString(),
-                         QStringLiteral("Highlighted in the fake shell"));
-                QCOMPARE(bind.type(), QDBusMessage::ReplyMessage);
-            } else {
-                QCOMPARE(read.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
-                QCOMPARE(bind.errorName(), QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+        const std::pair<const char *, bool> rows[] = {{"com.vantor.Quillvox.Profile_0a1b2c3d4e", true},
+                                                      {"", false},
+                                                      {"org.example.Notes", false},
+                                                      {"com.vantor.Quillvox.Profile_0a1b2c3d4", false},
+                                                      {"com.vantor.Quillvox.Shell", false}};
+        const auto message = [](const char *method) {
+            return QDBusMessage::createMethodCall(QString::fromLatin1(GnomeShellExtension::kService),
+                                                  QString::fromLatin1(GnomeShellExtension::kPath),
+                                                  QString::fromLatin1(GnomeShellExtension::kInterface),
+                                                  QString::fromLatin1(method));
+        };
+        for (const auto &[name, answered] : rows) {
+            const QString connectionName = u"caller "_qs + QString::fromLatin1(name);
+            {
+                QDBusConnection caller =
+                    QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName);
+                if (*name && QLatin1String(name) != QLatin1String(GnomeShellExtension::kService))
+                    QVERIFY(caller.registerService(QString::fromLatin1(name)));
+                const QDBusMessage read = caller.call(message("ReadSelection"));
+                const QDBusMessage bind =
+                    caller.call(message("BindShortcuts") << QVariant::fromValue(QList<KeyRequest>()));
+                const QString denied = answered ? QString() : u"org.freedesktop.DBus.Error.AccessDenied"_qs;
+                QCOMPARE(
+                    std::tuple(read.errorName(), bind.errorName(), bind.type() == QDBusMessage::ReplyMessage),
+                    std::tuple(denied, denied, answered));
+                if (answered)
+                    QCOMPARE(read.arguments().value(0).toString(), u"Highlighted in the fake shell"_qs);
             }
+            QDBusConnection::disconnectFromBus(connectionName);
         }
-        QDBusConnection::disconnectFromBus(connectionName);
     }
 
     // The shell takes the keys it can; presses reach us by id; a new set replaces the old one; and a key
-    // another program holds, or that no longer is ours, runs nothing.
+    // another program holds, or that no longer is ours, runs nothing. Switched off, the extension's keys
+    // are gone and we say so; switched on again, it gets our keys back without being asked.
     void bindsPressesAndRebinds()
     {
         GnomeShellShortcuts shortcuts;
@@ -159,59 +128,38 @@ private Q_SLOTS:
         QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"narrate-selection", "Ctrl+Alt+S"},
                                                                    {"toggle", "Ctrl+Alt+E"}}));
         QCOMPARE(grabs(), (QStringList{"<Control><Alt>e", "<Control><Alt>s"}));
-
-        QVERIFY(press(QStringLiteral("<Control><Alt>s")));
-        QVERIFY(press(QStringLiteral("<Control><Alt>e")));
+        QVERIFY(press("<Control><Alt>s") && press("<Control><Alt>e"));
         QTRY_COMPARE(pressed, (QStringList{"narrate-selection", "toggle"}));
 
+        const ActionShortcuts::Assignments rebound{{"narrate-selection", "Ctrl+Alt+D"}};
         shortcuts.bind({{"narrate-selection", "Narrate Selection", "CTRL+ALT+d"}});
         QTRY_COMPARE(assignments.size(), 2);
-        QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"narrate-selection", "Ctrl+Alt+D"}}));
+        QCOMPARE(assignments.last(), rebound);
         QCOMPARE(grabs(), QStringList{"<Control><Alt>d"});
-        QVERIFY(!press(QStringLiteral("<Control><Alt>s")));
-        QVERIFY(press(QStringLiteral("<Control><Alt>d")));
+        QVERIFY(!press("<Control><Alt>s") && press("<Control><Alt>d"));
         QTRY_COMPARE(pressed.size(), 3);
-        QCOMPARE(pressed.last(), QStringLiteral("narrate-selection"));
-    }
+        QCOMPARE(pressed.last(), u"narrate-selection"_qs);
 
-    // Switched off, the extension's keys are gone and we say so; switched on again, it gets our keys back
-    // without being asked.
-    void bindsAgainWhenTheExtensionReturns()
-    {
-        GnomeShellShortcuts shortcuts;
-        QList<ActionShortcuts::Assignments> assignments;
-        shortcuts.setAssignmentsHandler(
-            [&](const ActionShortcuts::Assignments &a) { assignments.append(a); });
-        shortcuts.bind({{"cycle-speed", "Cycle Speed", "CTRL+ALT+t"}});
-        QTRY_COMPARE(assignments.size(), 1);
-
-        QVERIFY(m_fake->call(QStringLiteral("SetEnabled"), false).errorName().isEmpty());
-        QTRY_COMPARE(assignments.size(), 2);
-        QVERIFY(assignments.last().isEmpty());
-        QVERIFY(grabs().isEmpty());
-
-        QVERIFY(m_fake->call(QStringLiteral("SetEnabled"), true).errorName().isEmpty());
+        QVERIFY(m_fake->call(u"SetEnabled"_qs, false).errorName().isEmpty());
         QTRY_COMPARE(assignments.size(), 3);
-        QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"cycle-speed", "Ctrl+Alt+T"}}));
-        QCOMPARE(grabs(), QStringList{"<Control><Alt>t"});
+        QVERIFY(assignments.last().isEmpty() && grabs().isEmpty());
+        QVERIFY(m_fake->call(u"SetEnabled"_qs, true).errorName().isEmpty());
+        QTRY_COMPARE(assignments.size(), 4);
+        QCOMPARE(assignments.last(), rebound);
+        QCOMPARE(grabs(), QStringList{"<Control><Alt>d"});
     }
 
     // A Quillvox that quits (or crashes) leaves no key behind.
     void releasesTheKeysOfAClientThatLeft()
     {
         {
-            QDBusConnection other =
-                QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("leaving"));
-            QVERIFY(other.registerService(QStringLiteral("com.vantor.Quillvox.Profile_0123456789")));
+            QDBusConnection other = QDBusConnection::connectToBus(QDBusConnection::SessionBus, u"leaving"_qs);
+            QVERIFY(other.registerService(u"com.vantor.Quillvox.Profile_0123456789"_qs));
             GnomeShellShortcuts shortcuts(other);
-            bool bound = false;
-            shortcuts.setAssignmentsHandler(
-                [&](const ActionShortcuts::Assignments &a) { bound = !a.isEmpty(); });
             shortcuts.bind({{"stop", "Stop", "CTRL+ALT+q"}});
-            QTRY_VERIFY(bound);
-            QCOMPARE(grabs(), QStringList{"<Control><Alt>q"});
+            QTRY_COMPARE(grabs(), QStringList{"<Control><Alt>q"});
         }
-        QDBusConnection::disconnectFromBus(QStringLiteral("leaving"));
+        QDBusConnection::disconnectFromBus(u"leaving"_qs);
         QTRY_VERIFY(grabs().isEmpty());
     }
 };
