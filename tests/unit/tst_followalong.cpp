@@ -29,29 +29,22 @@ class TestFollowAlong : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void sentences_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QStringList>("sentences");
-        QTest::newRow("initials") << QStringLiteral("J. R. Tolkien wrote. Yes!")
-                                  << QStringList{"J. R. Tolkien wrote.", "Yes!"};
-        QTest::newRow("emoji and combining marks")
-            << QStringLiteral("Zoe\u0301 waved \U0001F44B\U0001F3FD! Then she\u0308 left \U0001F680.")
-            << QStringList{"Zoe\u0301 waved \U0001F44B\U0001F3FD!", "Then she\u0308 left \U0001F680."};
-        QTest::newRow("whitespace") << QStringLiteral("  One   two.\n\nThree\tfour.  ")
-                                    << QStringList{"One two.", "Three four."};
-        QTest::newRow("nothing") << QStringLiteral(" \n ") << QStringList{};
-    }
-
     void sentences()
     {
-        QFETCH(QString, text);
-        FollowAlong follow;
-        follow.start(text, {});
-        QStringList found;
-        for (qsizetype i = 0; i < follow.count(); ++i)
-            found << follow.sentenceAt(i).text;
-        QTEST(found, "sentences");
+        const std::pair<QString, QStringList> rows[] = {
+            {u"J. R. Tolkien wrote. Yes!"_qs, {"J. R. Tolkien wrote.", "Yes!"}},
+            {u"Zoe\u0301 waved \U0001F44B\U0001F3FD! Then she\u0308 left \U0001F680."_qs,
+             {u"Zoe\u0301 waved \U0001F44B\U0001F3FD!"_qs, u"Then she\u0308 left \U0001F680."_qs}},
+            {u"  One   two.\n\nThree\tfour.  "_qs, {"One two.", "Three four."}},
+            {u" \n "_qs, {}}};
+        for (const auto &[text, expected] : rows) {
+            FollowAlong follow;
+            follow.start(text, {});
+            QStringList found;
+            for (qsizetype i = 0; i < follow.count(); ++i)
+                found << follow.sentenceAt(i).text;
+            QCOMPARE(found, expected);
+        }
     }
 
     // Where each sentence starts, in frames, after the events. Characters are user-perceived ones.
