@@ -14,6 +14,8 @@
 #include <QTest>
 #include <QWindow>
 
+#include <ranges>
+
 #include <linux/input-event-codes.h>
 
 Q_DECLARE_METATYPE(std::optional<QString>)
@@ -44,13 +46,12 @@ std::optional<ClipboardContent> owned(const ClipboardContent &c)
     return c.isEmpty() ? std::nullopt : std::optional(c);
 }
 
-QList<KeyEvent> stroke(QList<quint32> keys)
+QList<KeyEvent> stroke(const QList<quint32> &keys)
 {
     QList<KeyEvent> events;
     for (const quint32 k : keys)
         events.append({k, true});
-    std::reverse(keys.begin(), keys.end());
-    for (const quint32 k : keys)
+    for (const quint32 k : keys | std::views::reverse)
         events.append({k, false});
     return events;
 }
@@ -93,7 +94,7 @@ private:
 
     // The focused application: what it copies, and on which keys.
     std::optional<ClipboardContent> m_appSelection;
-    bool m_appCopiesWithShift = false;
+    QList<quint32> m_copyKeys;
     bool m_copyRequested = false;
     std::optional<QString> m_ownSelection;
     QStringList m_timeline;
@@ -102,7 +103,8 @@ private:
     void makeManager(Availability availability = Availability::Available)
     {
         m_appSelection.reset();
-        m_appCopiesWithShift = m_copyRequested = false;
+        m_copyKeys = {KEY_LEFTCTRL, KEY_C};
+        m_copyRequested = false;
         m_ownSelection.reset();
         m_timeline.clear();
         auto keyboard = std::make_unique<NullKeyboardInjector>(availability);
@@ -115,10 +117,7 @@ private:
         // still-held Alt would make it Ctrl+Alt+C.
         m_keyboard->setReceiver([this](const KeyEvent &event, const QList<quint32> &held) {
             m_timeline.append(QStringLiteral("key"));
-            const QList<quint32> copyKeys = m_appCopiesWithShift
-                                                ? QList<quint32>{KEY_LEFTCTRL, KEY_LEFTSHIFT, KEY_C}
-                                                : QList<quint32>{KEY_LEFTCTRL, KEY_C};
-            m_copyRequested |= event.pressed && event.keyCode == KEY_C && held == copyKeys;
+            m_copyRequested |= event.pressed && event.keyCode == KEY_C && held == m_copyKeys;
         });
         m_manager = std::make_unique<TextCaptureManager>(TextCaptureManager::Backends{
             std::move(keyboard), std::move(clipboard), std::move(windows),
@@ -280,7 +279,7 @@ private Q_SLOTS:
             m_windows->setFocusedWindow(
                 FocusedWindow{QString::fromLatin1(instance), QString::fromLatin1(className), own});
             m_ownSelection = ownSelection;
-            m_appCopiesWithShift = copyKeys.contains(KEY_LEFTSHIFT);
+            m_copyKeys = copyKeys;
             m_appSelection = textContent("copied");
             m_clipboard->setOwnerContent(Buffer::Primary, textContent("primary"));
             m_clipboard->setOwnerContent(Buffer::Clipboard, textContent("kept"));

@@ -14,7 +14,8 @@ class ManualClock final : public Clock
 {
 public:
     QDateTime now() const override { return m_now; }
-    void callAfter(std::chrono::milliseconds delay, const QObject *context, std::function<void()> done) override
+    void callAfter(std::chrono::milliseconds delay, const QObject *context,
+                   std::function<void()> done) override
     {
         m_delays.append(delay);
         const QDateTime due = m_now.addMSecs(delay.count());
