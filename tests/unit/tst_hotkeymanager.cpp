@@ -184,8 +184,16 @@ class TestHotkeyManager : public QObject
 
     bool startPortal()
     {
+        stopPortal();
         m_portal = std::make_unique<FakePortal>(QStringLiteral("portal%1").arg(++m_portals));
         return m_portal->start();
+    }
+    // The name is given up before the connection closes: the bus may see a new portal's claim first.
+    void stopPortal()
+    {
+        if (m_portal)
+            m_portal->present(false);
+        m_portal.reset();
     }
 
     // A manager on a fresh store with these raw INI lines under [General], and this backend.
@@ -245,9 +253,7 @@ private Q_SLOTS:
     void cleanup()
     {
         m_manager.reset();
-        if (m_portal)
-            m_portal->present(false);
-        m_portal.reset();
+        stopPortal();
     }
 
     // Every binding is written back at load, as loaded; a bad stored value falls back to the default.
