@@ -60,16 +60,15 @@ private Q_SLOTS:
     // A trigger, the accelerator the shell reads and the label we show.
     void triggers()
     {
-        const std::tuple<const char *, const char *, const char *> rows[] = {
+        const std::tuple<QString, QString, QString> rows[] = {
             {"CTRL+ALT+s", "<Control><Alt>s", "Ctrl+Alt+S"},
             {"LOGO+SHIFT+CTRL+ALT+F1", "<Super><Shift><Control><Alt>F1", "Super+Shift+Ctrl+Alt+F1"},
             {"ALT+space", "<Alt>space", "Alt+Space"},
             {"CTRL+ALT+", "", "Ctrl+Alt+"}, // no key
             {"HYPER+s", "", "HYPER+S"}};    // unknown modifier
         for (const auto &[trigger, accelerator, label] : rows) {
-            QCOMPARE(GnomeShellShortcuts::accelerator(QString::fromLatin1(trigger)),
-                     QString::fromLatin1(accelerator));
-            QCOMPARE(GnomeShellShortcuts::label(QString::fromLatin1(trigger)), QString::fromLatin1(label));
+            QCOMPARE(GnomeShellShortcuts::accelerator(trigger), accelerator);
+            QCOMPARE(GnomeShellShortcuts::label(trigger), label);
         }
     }
 
