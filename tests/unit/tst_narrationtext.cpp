@@ -13,7 +13,7 @@ QString sentences(qsizetype length)
 {
     QString text;
     while (text.size() < length)
-        text += QStringLiteral("Sentence %1 is here. ").arg(text.size() % 1000, 3, 10, QChar(u'0'));
+        text += u"Sentence %1 is here. "_qs.arg(text.size() % 1000, 3, 10, QChar(u'0'));
     return text.left(length);
 }
 
@@ -48,7 +48,7 @@ private Q_SLOTS:
     // break of CR and LF.
     void characters()
     {
-        QCOMPARE(characterCount(QStringLiteral("abc")), qint64(3));
+        QCOMPARE(characterCount(u"abc"_qs), qint64(3));
         QCOMPARE(characterCount(QStringLiteral("Hi 👋🏽, Zoë\u0308!")), qint64(10));
         QCOMPARE(characterCount(QStringLiteral("a\r\nb")), qint64(3));
     }
@@ -72,11 +72,11 @@ private Q_SLOTS:
 
         const QString emoji = QStringLiteral("\U0001F600");
         const QString accented = QStringLiteral("e\u0301");
-        QTest::newRow("at sentence ends") << QStringLiteral("One two. Three four. Five six.") << 20
+        QTest::newRow("at sentence ends") << u"One two. Three four. Five six."_qs << 20
                                           << QStringList{"One two. ", "Three four. ", "Five six."} << 3;
-        QTest::newRow("not after an abbreviation") << QStringLiteral("Hi there. Dr. Smith came.") << 20
-                                                   << QStringList{"Hi there. ", "Dr. Smith came."} << 2;
-        QTest::newRow("long sentence at words") << QStringLiteral("alpha beta gamma delta epsilon") << 12
+        QTest::newRow("not after an abbreviation")
+            << u"Hi there. Dr. Smith came."_qs << 20 << QStringList{"Hi there. ", "Dr. Smith came."} << 2;
+        QTest::newRow("long sentence at words") << u"alpha beta gamma delta epsilon"_qs << 12
                                                 << QStringList{"alpha beta ", "gamma delta ", "epsilon"} << 3;
         QTest::newRow("long word at graphemes") << accented.repeated(5) << 3 << QStringList(5, accented) << 5;
         QTest::newRow("surrogate pairs are one character")

@@ -62,8 +62,7 @@ private Q_SLOTS:
              "<Control><Alt>s"},
             {"toggle", "Quillvox: Play/Pause", "quillvox --toggle", "<Control><Alt>e"}};
         QVERIFY(GnomeKeybindings::write(first));
-        const QString base =
-            QStringLiteral("/org/gnome/settings-daemon/plugins/media-keys/custom-keybindings/");
+        const QString base = u"/org/gnome/settings-daemon/plugins/media-keys/custom-keybindings/"_qs;
         const QStringList expected{QString::fromLatin1(kUserPath),
                                    base + "quillvox-narrate-selection/",
                                    base + "quillvox-toggle/",
@@ -75,7 +74,7 @@ private Q_SLOTS:
 
         // Written again with a new key: updated in place, listed once.
         QList<GnomeKeybindings::Entry> second = first;
-        second[0].binding = QStringLiteral("<Super>n");
+        second[0].binding = u"<Super>n"_qs;
         QVERIFY(GnomeKeybindings::write({second[0]}));
         QCOMPARE(stored(), expected);
         QCOMPARE(GnomeKeybindings::read(), second);
