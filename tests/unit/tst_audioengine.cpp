@@ -95,20 +95,18 @@ public:
         std::iota(out, out + frames, float(m_frames));
         m_frames += frames;
         m_pulls.push_back({frames, deviceDelayFrames});
-        m_count = m_pulls.size();
     }
     Pulls pulls() const
     {
         std::lock_guard lock(m_mutex);
         return m_pulls;
     }
-    std::size_t count() const { return m_count; }
+    std::size_t count() const { return pulls().size(); }
 
 private:
     mutable std::mutex m_mutex;
     Pulls m_pulls;
     std::size_t m_frames = 0;
-    std::atomic<std::size_t> m_count{0};
 };
 
 // An engine on a manual clock, with everything it emits collected.

@@ -78,9 +78,7 @@ private Q_SLOTS:
         const QByteArray valid = speechBody(QString::fromUtf8("Café — naïve “quotes”."));
         const auto with = [&](const QString &member, const QJsonValue &value) {
             QJsonObject body = QJsonDocument::fromJson(valid).object();
-            body.remove(member);
-            if (!value.isUndefined())
-                body.insert(member, value);
+            body.insert(member, value); // an undefined value removes it
             return QJsonDocument(body).toJson(QJsonDocument::Compact);
         };
         const QString &openAI = openAIPath, &service = servicePath;
@@ -194,8 +192,9 @@ private Q_SLOTS:
         }
     }
 
-    // A refresh token works once, and only with the anon key.
-    void refreshTokenIsSpentOnce()
+    // A refresh token works once, and only with the anon key; an exchange code is one the server made, and
+    // is spent on its first use.
+    void tokensAreSpentOnce()
     {
         DevServer server;
         QVERIFY2(server.start(), qPrintable(server.errorString()));
@@ -207,13 +206,7 @@ private Q_SLOTS:
         QVERIFY(!next.isEmpty() && next != token);
         QCOMPARE(refresh(server, token).json().value("error").toString(), "invalid_grant");
         QCOMPARE(refresh(server, next).status, 200);
-    }
 
-    // An exchange code is one the server made, and is spent on its first use.
-    void tokenExchange()
-    {
-        DevServer server;
-        QVERIFY2(server.start(), qPrintable(server.errorString()));
         const HttpResult made = send(server.url("/api/auth/generate-code"), "", credentials(server));
         const auto exchange = [&](const QString &code) {
             return send(server.url("/api/auth/token-exchange?code=" + code + "&next=%2Fpurchase"),

@@ -43,10 +43,6 @@ class TestSpeechManager : public QObject
         f->sink->advance(frames);
         QCoreApplication::processEvents();
     }
-    bool waitForError()
-    {
-        return QTest::qWaitFor([&] { return f->speech->currentError().has_value(); }, 10000);
-    }
     // `text` narrated by an unpaced server (started here if none is) until it plays and has been recorded.
     bool narrated(const QString &text)
     {
@@ -366,7 +362,7 @@ private Q_SLOTS:
         } else if (expect == u"nothing") {
             QVERIFY(!f->speech->currentError() && !f->speech->hasContent());
         } else if (expect != u"request") {
-            QVERIFY(waitForError());
+            QTRY_VERIFY_WITH_TIMEOUT(f->speech->currentError().has_value(), 10000);
             QCOMPARE(f->speech->currentErrorDescription(), expect);
             QVERIFY(!f->speech->isProcessing() && !f->speech->isPlaying());
             QCOMPARE(f->records.sessions.size(), steps.count(QStringLiteral("narrate")));
