@@ -114,8 +114,8 @@ public:
     {
         g_allocations = g_frees = 0;
         QObject::connect(&engine, &AudioEngine::bufferCompleted, [this](quint64 t) { completed.append(t); });
-        QObject::connect(&engine, &AudioEngine::levelMeasured, [this](float level, double ts) {
-            levels.append({level, ts});
+        QObject::connect(&engine, &AudioEngine::levelMeasured, [this](float l, double t) {
+            levels.append({l, t});
         });
         QObject::connect(&engine, &AudioEngine::failed, [this](const QString &r) { failures.append(r); });
     }
