@@ -78,26 +78,41 @@ private Q_SLOTS:
     void init() { f = std::make_unique<SpeechFixture>(); }
     void cleanup() { f.reset(); }
 
-    // Whole, or cut off after 30,000 bytes: what came plays and is recorded, with no error, and the displayed
-    // total never shrinks.
+    // With the own key or the service, whole or cut off after 30,000 bytes: what came plays and is recorded,
+    // with no error, and the displayed total never shrinks. One style besides the default, so that the
+    // style's own instructions are what is sent.
     void narrationRunsThroughItsStates_data()
     {
         QTest::addColumn<QStringList>("cut");
-        QTest::newRow("whole") << QStringList();
-        QTest::newRow("cut off") << QStringList{"--cut-after", "30000"};
+        QTest::addColumn<bool>("service");
+        QTest::addColumn<QString>("style");
+        QTest::newRow("own key") << QStringList() << false << "Standard";
+        QTest::newRow("cut off") << QStringList{"--cut-after", "30000"} << false << "Standard";
+        QTest::newRow("service, Dramatic") << QStringList() << true << "Dramatic";
     }
 
     void narrationRunsThroughItsStates()
     {
         QFETCH(QStringList, cut);
+        QFETCH(bool, service);
+        QFETCH(QString, style);
         QVERIFY(f->startServer(QStringList{"--pace", "0"} + cut));
-        const QString text = sentence(12);
+        if (service) { // with just the minute a narration needs
+            f->account.signedIn = f->keychain.save(QStringLiteral("stored-token"), KeychainKey::accessToken);
+            f->account.token = f->server->signIn().queryItemValue(QStringLiteral("access_token"));
+            f->account.balance = 60;
+        }
+        f->speech->setSelectedVoice(QStringLiteral("cedar"));
+        f->speech->setSelectedVoiceStyleRawValue(style);
+        const QString text = u"  " + sentence(12) + u'\n'; // sent exactly as it is
         qsizetype heldAtStart = -1;
         connect(f->speech.get(), &SpeechManager::isPlayingChanged, this, [&] {
             if (f->speech->isPlaying() && heldAtStart < 0)
                 heldAtStart = f->speech->accumulatedByteCount();
         });
         f->speech->speak(text);
+        if (service) // once a token has come
+            QTRY_VERIFY(f->speech->isProcessing());
         QCOMPARE(state(), std::tuple(true, true, false));
         const double estimate = f->speech->displayedTotalTime();
         QCOMPARE(estimate, f->speech->estimatedDuration(text));
@@ -108,7 +123,24 @@ private Q_SLOTS:
         QVERIFY(f->playToEnd());
         QCOMPARE(state(), std::tuple(false, true, false));
         QCOMPARE(f->speech->currentTime(), f->speech->totalTime());
-        const qsizetype bytes = bytesSent(f->server->waitForRequests(1).first());
+        const qsizetype expected = service ? 2 : 1; // after the sign-in's own request, for the service
+        const QList<QJsonObject> log = f->server->waitForRequests(expected, std::chrono::seconds(10));
+        QCOMPARE(log.size(), expected);
+        const QJsonObject &request = log.last();
+        QCOMPARE(request.value("method").toString(), QStringLiteral("POST"));
+        QCOMPARE(request.value("path").toString(),
+                 service ? QStringLiteral("/api/tts/stream") : QStringLiteral("/v1/audio/speech"));
+        QCOMPARE(DevServer::header(request, u"Authorization"),
+                 service ? QStringLiteral("Bearer ") + *f->account.token : QStringLiteral("Bearer local"));
+        QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
+        // Exactly these members, each a string.
+        QCOMPARE(DevServer::body(request),
+                 (QJsonObject{{"input", text},
+                              {"instructions", VoiceStyle::fromRawValue(style)->instructions()},
+                              {"model", service ? "gpt-4o-mini-tts" : "gpt-4o-mini-tts-2025-12-15"},
+                              {"response_format", "pcm"},
+                              {"voice", "cedar"}}));
+        const qsizetype bytes = bytesSent(request);
         QCOMPARE(bytes, cut.isEmpty() ? bytes : 30000);
         QCOMPARE_GE(f->speech->displayedTotalTime(), estimate);
         QCOMPARE(f->records.sessions.first().bytes, bytes);
@@ -116,11 +148,14 @@ private Q_SLOTS:
         QCOMPARE(f->records.sessions.first().text, text);
         QCOMPARE(f->records.usage, QList<qint64>{text.size()});
         QCOMPARE(f->speech->totalTime(), double(bytes) * 0.5 / 24000.0);
-        QVERIFY(f->account.deducted.isEmpty()); // own-key narrations cost no minutes
-        f->speech->togglePlayPause();           // played to the end: play starts again from the beginning
+        QCOMPARE(f->account.deducted,
+                 service ? QList<double>{f->records.sessions.first().duration} : QList<double>{});
+        f->speech->togglePlayPause(); // played to the end: play starts again from the beginning
         QVERIFY(f->speech->isPlaying());
         QCOMPARE(f->speech->currentTime(), 0.0);
         QVERIFY(f->playToEnd());
+        if (service)
+            return;
         // A narration shorter than what playback waits for is played all the same.
         f->speech->setPlaybackSpeed(2.0f);
         f->speech->speak(QStringLiteral("Hi"));
@@ -234,51 +269,6 @@ private Q_SLOTS:
         f->speech->playFromHistory(QUuid::createUuid()); // its audio file is gone
         QVERIFY(!f->speech->currentPlayingSessionId());
         QVERIFY(!f->speech->hasContent());
-    }
-
-    // One style besides the default, so that the style's own instructions are what is sent.
-    void requestAsTheServerSawIt_data()
-    {
-        QTest::addColumn<bool>("service");
-        QTest::addColumn<QString>("style");
-        QTest::newRow("own key") << false << QStringLiteral("Standard");
-        QTest::newRow("service, Dramatic") << true << QStringLiteral("Dramatic");
-    }
-
-    void requestAsTheServerSawIt()
-    {
-        QFETCH(bool, service);
-        QFETCH(QString, style);
-        QVERIFY(f->startServer({"--pace", "0"}));
-        if (service) { // with just the minute a narration needs
-            f->account.signedIn = f->keychain.save(QStringLiteral("stored-token"), KeychainKey::accessToken);
-            f->account.token = f->server->signIn().queryItemValue(QStringLiteral("access_token"));
-            f->account.balance = 60;
-        }
-        f->speech->setSelectedVoice(QStringLiteral("cedar"));
-        f->speech->setSelectedVoiceStyleRawValue(style);
-        const QString text = QStringLiteral("  Read this, exactly as it is.\n");
-        f->speech->speak(text);
-        const qsizetype expected = service ? 2 : 1; // after the sign-in's own request, for the service
-        const QList<QJsonObject> log = f->server->waitForRequests(expected, std::chrono::seconds(10));
-        QCOMPARE(log.size(), expected);
-        const QJsonObject request = log.last();
-        QCOMPARE(request.value("method").toString(), QStringLiteral("POST"));
-        QCOMPARE(request.value("path").toString(),
-                 service ? QStringLiteral("/api/tts/stream") : QStringLiteral("/v1/audio/speech"));
-        QCOMPARE(DevServer::header(request, u"Authorization"),
-                 service ? QStringLiteral("Bearer ") + *f->account.token : QStringLiteral("Bearer local"));
-        QCOMPARE(DevServer::header(request, u"Content-Type"), QStringLiteral("application/json"));
-        // Exactly these members, each a string.
-        QCOMPARE(DevServer::body(request),
-                 (QJsonObject{{"input", text},
-                              {"instructions", VoiceStyle::fromRawValue(style)->instructions()},
-                              {"model", service ? "gpt-4o-mini-tts" : "gpt-4o-mini-tts-2025-12-15"},
-                              {"response_format", "pcm"},
-                              {"voice", "cedar"}}));
-        QTRY_COMPARE(f->records.sessions.size(), 1);
-        QCOMPARE(f->account.deducted,
-                 service ? QList<double>{f->records.sessions.first().duration} : QList<double>{});
     }
 
     // A row is a script: server arguments (else an unpaced server), then the steps that set the scene,
