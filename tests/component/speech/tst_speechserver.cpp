@@ -37,30 +37,10 @@ class TestSpeechServer : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_dir;
     std::unique_ptr<SpeechFixture> m_f;
     DevServer *m_server = nullptr;
     SpeechManager *m_speech = nullptr;
     const QSslConfiguration m_tls = QSslConfiguration::defaultConfiguration();
-
-    // A CA made for this run and a certificate it signed for 127.0.0.1, in m_dir.
-    bool makeCertificates()
-    {
-        const auto openssl = [this](const QStringList &arguments) {
-            QProcess process;
-            process.setWorkingDirectory(m_dir.path());
-            process.start(QStringLiteral("openssl"),
-                          QStringList{"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-                                      "-nodes", "-days", "1"} +
-                              arguments);
-            return process.waitForFinished() && process.exitCode() == 0;
-        };
-        return openssl({"-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=Quillvox test CA", "-addext",
-                        "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign"}) &&
-               openssl({"-keyout", "server.key", "-out", "server.pem", "-subj", "/CN=127.0.0.1", "-CA",
-                        "ca.pem", "-CAkey", "ca.key", "-addext", "subjectAltName=IP:127.0.0.1", "-addext",
-                        "basicConstraints=CA:FALSE"});
-    }
 
     // A dev server with `arguments`, chosen in the settings as the server; OpenAI's origin is never asked.
     // With `asDeploymentOrigin` the deployment's origin names it instead, which makes it no chosen server.
@@ -245,16 +225,20 @@ private Q_SLOTS:
         QFETCH(QString, error);
         if (setup.startsWith(u"late"))
             OpenAIServer::scaleHeadTimeouts(1.0 / 100); // 600 ms, and 3 s for a local server
-        if (setup.startsWith(u"tls")) {
-            static const bool made = makeCertificates();
-            QVERIFY(made);
-            arguments << "--tls-cert" << m_dir.filePath("server.pem") << "--tls-key"
-                      << m_dir.filePath("server.key");
-        }
-        if (setup == u"tls trusted") {
-            QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-            tls.addCaCertificates(m_dir.filePath(QStringLiteral("ca.pem")));
-            QSslConfiguration::setDefaultConfiguration(tls);
+        if (setup.startsWith(u"tls")) { // a certificate of its own for 127.0.0.1, made for this run
+            const QString key = m_f->dir.filePath("server.key"),
+                          certificate = m_f->dir.filePath("server.pem");
+            QCOMPARE(QProcess::execute("openssl", {"req", "-x509", "-newkey", "ec", "-pkeyopt",
+                                                   "ec_paramgen_curve:P-256", "-nodes", "-days", "1", "-subj",
+                                                   "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                                                   "-keyout", key, "-out", certificate}),
+                     0);
+            arguments << "--tls-cert" << certificate << "--tls-key" << key;
+            if (setup == u"tls trusted") {
+                QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+                tls.addCaCertificates(certificate);
+                QSslConfiguration::setDefaultConfiguration(tls);
+            }
         }
         QVERIFY(startServer(arguments, setup.endsWith(u"deployment")));
         const std::optional<std::vector<float>> heard = narrate(kText);
