@@ -140,6 +140,8 @@ public:
         t_countAllocations = countAllocations;
         const std::span<const float> pulled = sink->advance(frames, deviceDelay);
         t_countAllocations = false;
+        if (!QTest::currentTestFailed()) // the render path allocates nothing, said once
+            QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
         output.insert(output.end(), pulled.begin(), pulled.end());
         engine.deliverPending();
     }
@@ -257,8 +259,6 @@ private Q_SLOTS:
                 QVERIFY2(std::abs(moved - expected) <= 0.02 * expected, qPrintable(QString::number(moved)));
             }
         }
-        h.countAllocations = false;
-        QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
         QCOMPARE(h.completed, tokens);
         QCOMPARE(h.position(), total);
         // The step, and the stretcher's seek window of slack in the tail; a stalled stream waits 0.1 s more.
@@ -312,7 +312,6 @@ private Q_SLOTS:
             h.advance(4800);
             QVERIFY(h.position() > position);
             QVERIFY(rate != 1.0f || h.rampFrom(position, 4800));
-            QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
 
             // Rendered and reported, but not yet delivered when stop() comes.
             const QList<quint64> beforeStop = h.completed;
@@ -368,7 +367,6 @@ private Q_SLOTS:
             h.engine.setRate(lastRate);
             h.engine.markEndOfInput();
             h.playOut(tokens.size(), 10 * kRate);
-            QCOMPARE(std::pair(g_allocations.load(), g_frees.load()), std::pair(0, 0));
             QCOMPARE(h.completed, tokens);
             QCOMPARE(h.position(), audio.size() / 2);
             // No click: no output frame steps from the last by more than a 440 Hz sine at 0.5 can (0.058).
