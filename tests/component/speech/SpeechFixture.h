@@ -152,14 +152,19 @@ public:
         return QTest::qWaitFor([&] { return speech->isPlaying(); }, 10000);
     }
 
+    // Renders `frames` of virtual time and delivers what the engine reported.
+    void advance(int frames)
+    {
+        sink->advance(frames);
+        QCoreApplication::processEvents();
+    }
+
     // Renders virtual time, `frames` a step, until the narration has been heard to its end.
     bool playToEnd(int frames = 2400, int maxSteps = 2000)
     {
         QSignalSpy ended(speech.get(), &SpeechManager::playbackEnded);
-        for (int i = 0; i < maxSteps && ended.isEmpty(); ++i) {
-            sink->advance(frames);
-            QCoreApplication::processEvents();
-        }
+        for (int i = 0; i < maxSteps && ended.isEmpty(); ++i)
+            advance(frames);
         return !ended.isEmpty();
     }
 };

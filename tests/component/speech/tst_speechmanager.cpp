@@ -38,11 +38,6 @@ class TestSpeechManager : public QObject
 
     std::unique_ptr<SpeechFixture> f;
 
-    void advance(int frames)
-    {
-        f->sink->advance(frames);
-        QCoreApplication::processEvents();
-    }
     // `text` narrated by an unpaced server (started here if none is) until it plays and has been recorded.
     bool narrated(const QString &text)
     {
@@ -211,7 +206,7 @@ private Q_SLOTS:
         QTRY_COMPARE(performed.size(), 1);
         QCOMPARE(performed.first().first().toLongLong(), target);
         QVERIFY(f->speech->isPlaying());
-        advance(2400);
+        f->advance(2400);
         QCOMPARE(f->speech->currentPlaybackFrame(), target + 2400);
     }
 
@@ -219,10 +214,10 @@ private Q_SLOTS:
     {
         QVERIFY(narrated(sentence(20)));
         QSignalSpy unwatched(f->speech.get(), &SpeechManager::lastLevelTimestampChanged);
-        advance(4800);
+        f->advance(4800);
         QVERIFY(unwatched.isEmpty());       // nobody shows the levels: none are measured
         f->speech->watchLevels(this, true); // as a waveform on screen does
-        advance(7200);
+        f->advance(7200);
         // Levels measured before the pause but delivered after it leave the smoothed level alone.
         f->sink->advance(4800);
         f->speech->togglePlayPause();
@@ -233,12 +228,12 @@ private Q_SLOTS:
         QVERIFY(!measured.isEmpty());
         QCOMPARE(f->speech->currentAudioLevel(), level);
         const qint64 position = f->speech->currentPlaybackFrame();
-        advance(24000);
+        f->advance(24000);
         QCOMPARE(f->speech->currentPlaybackFrame(), position);
         QSignalSpy performed(f->speech.get(), &SpeechManager::seekPerformed);
         f->speech->seekToFrame(4800);
         QTRY_COMPARE(performed.size(), 1);
-        advance(24000);
+        f->advance(24000);
         QCOMPARE(f->speech->currentPlaybackFrame(), qint64(4800)); // and still paused
         f->speech->togglePlayPause();
         QVERIFY(f->playToEnd());
