@@ -82,10 +82,7 @@ QByteArray encoded(int format, int rateHz)
 {
     QTemporaryDir dir;
     const QByteArray path = QFile::encodeName(dir.filePath(QStringLiteral("tone")));
-    SF_INFO info{};
-    info.samplerate = rateHz;
-    info.channels = 1;
-    info.format = format;
+    SF_INFO info{0, rateHz, 1, format, 0, 0}; // frames, rate, channels, format, sections, seekable
     if (SNDFILE *sf = sf_open(path.constData(), SFM_WRITE, &info)) {
         const std::vector<double> samples = tone(rateHz);
         sf_writef_double(sf, samples.data(), sf_count_t(samples.size()));
