@@ -20,9 +20,9 @@ private:
 
     QString otherService() const { return m_service + ".other"; }
 
-    QList<Item> itemsOf(const QString &account, const QString &service = {}) const
+    QList<Item> itemsOf(const QString &account) const
     {
-        return m_keyring->items({{"service", service.isEmpty() ? m_service : service}, {"account", account}});
+        return m_keyring->items({{"service", m_service}, {"account", account}});
     }
 
     // The secret as secret-tool reads it, or nothing when it finds no item.
@@ -30,9 +30,7 @@ private:
     {
         const KeyringFixture::Run run = m_keyring->secretTool(
             {"lookup", "service", service.isEmpty() ? m_service : service, "account", account});
-        if (!run.finished || run.exitCode != 0)
-            return std::nullopt;
-        return run.out;
+        return run.finished && run.exitCode == 0 ? std::optional(run.out) : std::nullopt;
     }
 
     bool storeWithSecretTool(const QString &account, const QByteArray &secret, const QString &service = {},

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <QByteArray>
-#include <QList>
 #include <QMap>
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -28,8 +23,7 @@ public:
 
     struct Item
     {
-        QString path;
-        QString label;
+        QString path, label;
         bool locked = false;
     };
 
@@ -37,8 +31,7 @@ public:
     {
         bool finished = false; // false when the program did not start or did not end in time
         int exitCode = -1;
-        QByteArray out;
-        QByteArray err;
+        QByteArray out, err;
     };
 
     // `otherUser` may connect to the bus too (a desktop shell the test runs as the rig's unprivileged
@@ -75,9 +68,8 @@ public:
 private:
     class SilentPrompter;
 
-    bool startBus(Mode mode, const QString &otherUser);
-    bool startGnomeKeyring();
-    void stopBus();
+    QString startBus(Mode mode, const QString &otherUser); // the error, if any
+    QString startGnomeKeyring();
 
     QTemporaryDir m_dir;
     QProcess m_bus;
