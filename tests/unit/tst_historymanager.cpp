@@ -169,7 +169,7 @@ struct Periods
 
 struct Week
 {
-    const char *zone, *locale, *first, *second;
+    const char *name, *zone, *locale, *first, *second;
     bool sameWeek;
     const char *secondWeekStart;
 };
@@ -186,11 +186,9 @@ private Q_SLOTS:
     {
         const std::pair<double, const char *> rows[] = {
             {59.9, "59s"}, {60.0, "1m 0s"}, {125.4, "2m 5s"}, {3600.0, "60m 0s"}};
-        for (const auto &[seconds, expected] : rows) {
-            NarrationSession s;
-            s.durationSeconds = seconds;
-            QCOMPARE(s.formattedDuration(), QString::fromLatin1(expected));
-        }
+        for (const auto &[seconds, expected] : rows)
+            QCOMPARE((NarrationSession{{}, {}, {}, {}, seconds}).formattedDuration(),
+                     QString::fromLatin1(expected));
     }
 
     // A script of steps: "+text" adds, "-N" deletes the Nth entry by id, "-x" an id not in the list;
@@ -259,10 +257,9 @@ private Q_SLOTS:
             QStringLiteral("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$"));
         QVERIFY2(uuid.match(id).hasMatch(), qPrintable(id));
         // Exactly these members, each a JSON number or string; the time in seconds since 2001.
-        QCOMPARE(
-            entry,
-            (QJsonObject{
-                {"text", text}, {"voice", "alloy"}, {"timestamp", 760248306.789}, {"durationSeconds", 0.1}}));
+        const QJsonObject expected{
+            {"text", text}, {"voice", "alloy"}, {"timestamp", 760248306.789}, {"durationSeconds", 0.1}};
+        QCOMPARE(entry, expected);
         QFile file(w.file(id + QStringLiteral(".pcm")));
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(file.readAll(), audio);
@@ -427,8 +424,9 @@ private Q_SLOTS:
         corrupt("missing member", w, bytes(R"({"characters":12})"));
         corrupt("valid JSON stored as text", w, QStringLiteral(R"({"characters":12,"narrations":1})"));
         // Stale dates stored as text: were they read as dates, both periods would roll over.
-        corrupt("week start as ISO text", UsageManager::weekStartKey, QStringLiteral("2020-01-06T00:00Z"));
-        corrupt("month start as ISO text", UsageManager::monthStartKey, QStringLiteral("2020-01-01T00:00Z"));
+        corrupt("week start as ISO text", UsageManager::weekStartKey, QStringLiteral("2020-01-06T00:00:00Z"));
+        corrupt("month start as ISO text", UsageManager::monthStartKey,
+                QStringLiteral("2020-01-01T00:00:00Z"));
         // Not corrupt: unknown members are ignored, and the whole 64-bit range is a count.
         corrupt("extra member", a, bytes(R"({"characters":12,"narrations":1,"words":3})"), {12, 1});
         corrupt("largest count", a, bytes(R"({"characters":9223372036854775807,"narrations":0})"),
@@ -488,32 +486,28 @@ private Q_SLOTS:
     void weekBoundaries_data()
     {
         QTest::addColumn<Week>("row");
-        const auto row = [](const char *name, const Week &week) { QTest::newRow(name) << week; };
-        row("Monday weeks: Sunday evening, Monday morning",
-            {"Europe/London", "en_GB", "2024-06-09T21:00+01:00", "2024-06-10T08:00+01:00", false,
-             "2024-06-10T00:00+01:00"});
-        row("Sunday weeks: Sunday evening, Monday morning",
-            {"America/Chicago", "en_US", "2024-06-09T21:00-05:00", "2024-06-10T08:00-05:00", true,
-             "2024-06-09T00:00-05:00"});
-        row("Saturday weeks: Friday, Saturday", {"Africa/Cairo", "ar_EG", "2024-12-13T21:00+02:00",
-                                                 "2024-12-14T08:00+02:00", false, "2024-12-14T00:00+02:00"});
-        // Daylight-saving changes: a week or a day is not a fixed number of hours.
-        row("Berlin spring forward inside a Monday week",
-            {"Europe/Berlin", "de_DE", "2024-03-25T09:00+01:00", "2024-03-31T12:00+02:00", true,
-             "2024-03-25T00:00+01:00"});
-        row("New York, spring forward on the first day of the week",
-            {"America/New_York", "en_US", "2024-03-09T23:30-05:00", "2024-03-10T03:30-04:00", false,
-             "2024-03-10T00:00-05:00"});
-        row("New York, fall back: Sunday 00:30 to Saturday night",
-            {"America/New_York", "en_US", "2024-11-03T00:30-04:00", "2024-11-09T23:59-05:00", true,
-             "2024-11-03T00:00-04:00"});
-        row("New York, fall back: Saturday night, then 25 hours later",
-            {"America/New_York", "en_US", "2024-11-02T23:30-04:00", "2024-11-03T23:30-05:00", false,
-             "2024-11-03T00:00-04:00"});
-        // Chile skips midnight itself: the week begins at 01:00.
-        row("Santiago, no midnight on the first day of the week",
-            {"America/Santiago", "en_US", "2024-09-07T23:30-04:00", "2024-09-08T01:30-03:00", false,
-             "2024-09-08T01:00-03:00"});
+        const Week rows[] = {
+            {"Monday weeks: Sunday evening, Monday morning", "Europe/London", "en_GB",
+             "2024-06-09T21:00+01:00", "2024-06-10T08:00+01:00", false, "2024-06-10T00:00+01:00"},
+            {"Sunday weeks: Sunday evening, Monday morning", "America/Chicago", "en_US",
+             "2024-06-09T21:00-05:00", "2024-06-10T08:00-05:00", true, "2024-06-09T00:00-05:00"},
+            {"Saturday weeks: Friday, Saturday", "Africa/Cairo", "ar_EG", "2024-12-13T21:00+02:00",
+             "2024-12-14T08:00+02:00", false, "2024-12-14T00:00+02:00"},
+            // Daylight-saving changes: a week or a day is not a fixed number of hours.
+            {"Berlin spring forward inside a Monday week", "Europe/Berlin", "de_DE", "2024-03-25T09:00+01:00",
+             "2024-03-31T12:00+02:00", true, "2024-03-25T00:00+01:00"},
+            {"New York, spring forward on the first day of the week", "America/New_York", "en_US",
+             "2024-03-09T23:30-05:00", "2024-03-10T03:30-04:00", false, "2024-03-10T00:00-05:00"},
+            {"New York, fall back: Sunday 00:30 to Saturday night", "America/New_York", "en_US",
+             "2024-11-03T00:30-04:00", "2024-11-09T23:59-05:00", true, "2024-11-03T00:00-04:00"},
+            {"New York, fall back: Saturday night, then 25 hours later", "America/New_York", "en_US",
+             "2024-11-02T23:30-04:00", "2024-11-03T23:30-05:00", false, "2024-11-03T00:00-04:00"},
+            // Chile skips midnight itself: the week begins at 01:00.
+            {"Santiago, no midnight on the first day of the week", "America/Santiago", "en_US",
+             "2024-09-07T23:30-04:00", "2024-09-08T01:30-03:00", false, "2024-09-08T01:00-03:00"},
+        };
+        for (const Week &row : rows)
+            QTest::newRow(row.name) << row;
     }
 
     void weekBoundaries()
