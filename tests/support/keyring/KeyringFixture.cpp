@@ -296,8 +296,3 @@ KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringLis
     result.err = process.readAllStandardError();
     return result;
 }
-
-KeyringFixture::Run KeyringFixture::secretTool(const QStringList &arguments, const QByteArray &input) const
-{
-    return run(QStringLiteral("secret-tool"), arguments, input);
-}

@@ -60,7 +60,10 @@ public:
     // At most 30 s, in `environment` (by default this process's with the private bus).
     Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {},
             const std::optional<QProcessEnvironment> &environment = std::nullopt) const;
-    Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const;
+    Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const
+    {
+        return run(QStringLiteral("secret-tool"), arguments, input);
+    }
 
     // The bus's and gnome-keyring's standard error.
     QString logs() const;
