@@ -38,14 +38,15 @@ class TestKeychainUnavailable : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<KeyringFixture> m_keyring;
+    KeyringFixture m_keyring{kLocked ? KeyringFixture::Mode::GnomeKeyring
+                                     : KeyringFixture::Mode::NoSecretService};
     QString m_service;
 
     void verifyItemSurvived() const
     {
         if (!kLocked)
             return;
-        const auto items = m_keyring->items({{"service", m_service}, {"account", kAccount}});
+        const auto items = m_keyring.items({{"service", m_service}, {"account", kAccount}});
         QVERIFY(items.size() == 1 && items.first().label == "stored before the lock" && items.first().locked);
     }
 
@@ -62,22 +63,18 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        m_keyring = std::make_unique<KeyringFixture>(kLocked ? KeyringFixture::Mode::GnomeKeyring
-                                                             : KeyringFixture::Mode::NoSecretService);
-        QVERIFY2(m_keyring->isReady(), qPrintable(m_keyring->errorString()));
+        QVERIFY2(m_keyring.isReady(), qPrintable(m_keyring.errorString()));
         m_service = qEnvironmentVariable("QUILLVOX_KEYCHAIN_SERVICE");
         QVERIFY(m_service.startsWith(QLatin1String("com.vantor.quillvox.test.")));
         if (kLocked) {
-            const KeyringFixture::Run stored = m_keyring->secretTool(
+            const KeyringFixture::Run stored = m_keyring.secretTool(
                 {"store", "--label=stored before the lock", "service", m_service, "account", kAccount},
                 "sk-before");
             QCOMPARE(stored.exitCode, 0);
-            QVERIFY(m_keyring->lockLoginCollection());
+            QVERIFY(m_keyring.lockLoginCollection());
             verifyItemSurvived();
         }
     }
-
-    void cleanupTestCase() { m_keyring.reset(); }
 
     // Locked, the user may also never answer the unlock prompt: the call then gives up at its own
     // timeout, not gnome-keyring's (25 s), and gnome-keyring survives it.
@@ -102,11 +99,11 @@ private Q_SLOTS:
         QFETCH(bool, promptUnanswered);
         if (!promptUnanswered)
             return verifyFails(call, KeychainHelper::shared());
-        QVERIFY(m_keyring->holdUnlockPrompts());
-        const auto release = qScopeGuard([this] { m_keyring->releaseUnlockPrompts(); });
+        QVERIFY(m_keyring.holdUnlockPrompts());
+        const auto release = qScopeGuard([this] { m_keyring.releaseUnlockPrompts(); });
         KeychainHelper keychain(m_service, std::make_unique<LibsecretStore>(std::chrono::seconds(1)));
         verifyFails(call, keychain);
-        QTRY_VERIFY2(m_keyring->unlockPromptCalls() > 0, qPrintable(m_keyring->logs()));
+        QTRY_VERIFY2(m_keyring.unlockPromptCalls() > 0, qPrintable(m_keyring.logs()));
     }
 
     // "bus": the fixture's, none at all, or one whose keyring never finishes starting.
@@ -135,7 +132,7 @@ private Q_SLOTS:
         QFETCH(QString, bus);
         QFETCH(QString, option);
         QFETCH(QByteArray, input);
-        QProcessEnvironment env = m_keyring->environment();
+        QProcessEnvironment env = m_keyring.environment();
         std::unique_ptr<KeyringFixture> stalled;
         QTemporaryDir empty;
         if (bus == u"stalled") {
@@ -148,7 +145,7 @@ private Q_SLOTS:
         QElapsedTimer timer;
         timer.start();
         const KeyringFixture::Run run =
-            m_keyring->run(QStringLiteral(QUILLVOX_EXECUTABLE), {option}, input, env);
+            m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), {option}, input, env);
         QVERIFY(run.finished);
         QVERIFY2(timer.elapsed() < kDoesNotHangMs, "an unavailable keyring must not hang the command line");
         QCOMPARE(run.exitCode, 1);
