@@ -4,8 +4,6 @@
 #include "account/KeychainHelper.h"
 #include "platform/null/MemorySecretStore.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTest>
 
 namespace {
