@@ -15,9 +15,6 @@
 #include <QMutex>
 #include <QTest>
 
-#include <signal.h>
-#include <sys/types.h>
-
 namespace {
 
 const QString kSecrets = QStringLiteral("org.freedesktop.secrets");
@@ -112,11 +109,6 @@ KeyringFixture::~KeyringFixture()
     if (!m_connectionName.isEmpty())
         QDBusConnection::disconnectFromBus(m_connectionName);
     stopProcess(m_keyring, 3000);
-    // The stalled activation is no child of ours: the bus started it.
-    QFile pidFile(m_dir.filePath(QStringLiteral("stalled.pid")));
-    if (const pid_t pid = pidFile.open(QIODevice::ReadOnly) ? pidFile.readAll().trimmed().toInt() : 0;
-        pid > 0)
-        ::kill(pid, SIGKILL);
     stopProcess(m_bus, 3000);
     if (m_previousAddress)
         qputenv("DBUS_SESSION_BUS_ADDRESS", *m_previousAddress);
@@ -135,12 +127,14 @@ QString KeyringFixture::startBus(Mode mode, const QString &otherUser)
     const bool stalled = mode == Mode::StalledSecretService;
     if (!writeFile(config, busConfig(dir, stalled, otherUser)))
         return QStringLiteral("cannot write the bus configuration");
-    // Starts, but never takes the name: the activation stays pending until the bus gives up. It leaves
-    // its process id for the destructor.
-    if (stalled && (!QDir().mkpath(dir + QStringLiteral("/services")) ||
-                    !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
-                               "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/sh -c 'echo $$ > " +
-                                   dir.toUtf8() + "/stalled.pid; exec sleep 120'\n")))
+    // Starts, but never takes the name: the activation stays pending until the bus gives up. It ends with
+    // the bus.
+    if (stalled &&
+        (!QDir().mkpath(dir + QStringLiteral("/services")) ||
+         !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
+                    "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/usr/bin/dbus-monitor --address "
+                    "unix:path=" +
+                        dir.toUtf8() + "/bus\n")))
         return QStringLiteral("cannot write the stalled service's activation file");
 
     m_bus.setStandardErrorFile(dir + QStringLiteral("/dbus.log"));
