@@ -275,18 +275,11 @@ KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringLis
     QProcess process;
     process.setProcessEnvironment(environment.value_or(this->environment()));
     process.start(program, arguments);
-    Run result;
-    if (!process.waitForStarted(5000))
-        return result;
     process.write(input);
     process.closeWriteChannel();
-    result.finished = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
-    if (!result.finished) {
-        process.kill();
-        process.waitForFinished(3000);
-    }
-    result.exitCode = process.exitCode();
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
+    const bool finished = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
+    if (!finished)
+        stopProcess(process, 0);
+    return {finished, finished ? process.exitCode() : -1, process.readAllStandardOutput(),
+            process.readAllStandardError()};
 }
