@@ -38,8 +38,6 @@ public:
     // user); by default only this process's user can.
     explicit KeyringFixture(Mode mode = Mode::GnomeKeyring, const QString &otherUser = {});
     ~KeyringFixture();
-    KeyringFixture(const KeyringFixture &) = delete;
-    KeyringFixture &operator=(const KeyringFixture &) = delete;
 
     bool isReady() const { return m_error.isEmpty(); }
     QString errorString() const { return m_error; }
