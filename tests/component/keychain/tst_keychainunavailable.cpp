@@ -9,7 +9,6 @@
 
 #include <QDeadlineTimer>
 #include <QScopeGuard>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <functional>
@@ -133,13 +132,12 @@ private Q_SLOTS:
         QFETCH(QByteArray, input);
         QProcessEnvironment env = m_keyring.environment();
         std::unique_ptr<KeyringFixture> stalled;
-        QTemporaryDir empty;
+        if (bus == u"none")
+            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillvox-no-bus-here");
         if (bus == u"stalled") {
             stalled = std::make_unique<KeyringFixture>(KeyringFixture::Mode::StalledSecretService);
             QVERIFY2(stalled->isReady(), qPrintable(stalled->errorString()));
             env = stalled->environment();
-        } else if (bus == u"none") {
-            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + empty.path() + "/no-bus-here");
         }
         const QDeadlineTimer hangs(kDoesNotHangMs);
         const KeyringFixture::Run run =
