@@ -12,68 +12,61 @@ class TestUserDefaults : public QObject
 
 private:
     QTemporaryDir m_dir;
-    QString path(const char *name) const { return m_dir.filePath(QString::fromLatin1(name)); }
-
     int m_files = 0;
 
-    // Writes raw INI text, as another program (or a crash) might have left it. A fresh name each time:
-    // QSettings caches file contents per path and would not notice a rewrite within the same second.
-    QString writeIni(const char *name, const QByteArray &content)
+    // A fresh file each time: QSettings caches file contents per path and would not notice a rewrite
+    // within the same second.
+    QString path() { return m_dir.filePath(QString::number(++m_files) + QStringLiteral(".conf")); }
+    // Raw INI text, as another program (or a crash) might have left it.
+    QString writeIni(const QByteArray &content)
     {
-        const QString p = path(name) + QString::number(++m_files);
-        QFile f(p);
-        if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            qFatal("cannot write %s", qPrintable(p));
-        f.write(content);
-        return p;
+        QFile f(path());
+        if (!f.open(QIODevice::WriteOnly) || f.write(content) != content.size())
+            qFatal("cannot write %s", qPrintable(f.fileName()));
+        return f.fileName();
     }
 
 private Q_SLOTS:
-    // "32|64": what each unsigned reader gives, "-" for nothing.
+    // "32|64": what each unsigned reader gives, "-" for nothing. Bytes are the file's raw text; a value of
+    // another type is set in this process, and keeps its type until the file is read again.
     void unsignedConversion_data()
     {
-        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<QVariant>("stored");
         QTest::addColumn<QString>("expected");
-        const auto row = [](const char *name, const char *stored, const char *expected) {
-            QTest::newRow(name) << QByteArray(stored) << QString::fromLatin1(expected);
+        const auto row = [](const char *name, const QVariant &stored, const char *expected) {
+            QTest::newRow(name) << stored << QString::fromLatin1(expected);
         };
-        row("u32 max", "4294967295", "4294967295|4294967295");
-        row("u32 max + 1", "4294967296", "-|4294967296");
-        row("minus one", "-1", "-|-");
-        row("u64 max", "18446744073709551615", "-|18446744073709551615");
-        row("u64 overflow", "18446744073709551616", "-|-");
-        row("text", "abc", "-|-");
-        row("leading space", "\" 12\"", "-|-");
-        row("bytes", "@ByteArray(12)", "-|-");
+        const auto text = [](const char *s) { return QVariant(QByteArray(s)); };
+        row("u32 max", text("4294967295"), "4294967295|4294967295");
+        row("u32 max + 1", text("4294967296"), "-|4294967296");
+        row("minus one", text("-1"), "-|-");
+        row("u64 max", text("18446744073709551615"), "-|18446744073709551615");
+        row("u64 overflow", text("18446744073709551616"), "-|-");
+        row("text", text("abc"), "-|-");
+        row("leading space", text("\" 12\""), "-|-");
+        row("bytes", text("@ByteArray(12)"), "-|-");
+        row("int -1, set here", QVariant(-1), "-|-");
+        row("double 12.5, set here", QVariant(12.5), "-|-");
+        row("bool true, set here", QVariant(true), "-|-");
     }
 
     void unsignedConversion()
     {
-        QFETCH(QByteArray, stored);
-        UserDefaults d(writeIni("u.conf", "[General]\nvalue=" + stored + "\n"));
+        QFETCH(QVariant, stored);
+        const bool raw = stored.typeId() == QMetaType::QByteArray;
+        const QString p = raw ? writeIni("[General]\nvalue=" + stored.toByteArray() + "\n") : path();
+        if (!raw)
+            QSettings(p, QSettings::IniFormat).setValue(QStringLiteral("value"), stored);
+        const UserDefaults d(p);
         const auto text = [](const auto &v) { return v ? QString::number(*v) : QStringLiteral("-"); };
         QTEST(QString(text(d.unsigned32(QStringLiteral("value"))) + u'|' +
                       text(d.unsigned64(QStringLiteral("value")))),
               "expected");
     }
 
-    // Values set in this process keep their type until the file is read again.
-    void unsignedFromNumericVariants()
-    {
-        const QString p = path("n.conf");
-        for (const QVariant &value : {QVariant(-1), QVariant(12.5), QVariant(true)}) {
-            QFile::remove(p);
-            QSettings(p, QSettings::IniFormat).setValue(QStringLiteral("value"), value);
-            const UserDefaults d(p);
-            QVERIFY2(!d.unsigned32(QStringLiteral("value")) && !d.unsigned64(QStringLiteral("value")),
-                     value.typeName());
-        }
-    }
-
     void roundTripsThroughTheFile()
     {
-        const QString p = path("roundtrip.conf");
-        QFile::remove(p);
+        const QString p = path();
         const QDateTime when(QDate(2026, 3, 29), QTime(1, 30, 15, 250), Qt::UTC);
         const QByteArray bytes("[{\"a\":1}]\n\0\xff", 11);
         {
@@ -117,7 +110,7 @@ private Q_SLOTS:
     void typeChecks()
     {
         QFETCH(QByteArray, stored);
-        UserDefaults d(writeIni("types.conf", "[General]\nkey=" + stored + "\n"));
+        UserDefaults d(writeIni("[General]\nkey=" + stored + "\n"));
         const QString key = QStringLiteral("key");
         const QByteArray readable = QByteArray(d.string(key) ? "s" : "") + (d.boolean(key) ? "b" : "") +
                                     (d.data(key) ? "d" : "") + (d.date(key) ? "t" : "");
@@ -126,10 +119,10 @@ private Q_SLOTS:
 
     void corruptFileReadsAsEmpty()
     {
-        UserDefaults d(writeIni("corrupt.conf", QByteArray("\x00\xff\xfe[[[=\n\x01key", 13)));
+        UserDefaults d(writeIni(QByteArray("\x00\xff\xfe[[[=\n\x01key", 13)));
         QVERIFY(!d.string(QStringLiteral("key")));
         QVERIFY(!d.unsigned32(QStringLiteral("key")));
-        UserDefaults missing(path("does/not/exist.conf"));
+        UserDefaults missing(m_dir.filePath("does/not/exist.conf"));
         QVERIFY(!missing.boolean(QStringLiteral("hasCompletedOnboarding")));
     }
 };

@@ -8,16 +8,9 @@
 #include <QDirIterator>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 #include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
-
-namespace {
-
-const QString kAnonKey = "quillvox-dev-anon-key";
-
-} // namespace
 
 class TestAccountSecurity : public QObject
 {
@@ -35,24 +28,18 @@ class TestAccountSecurity : public QObject
         m_printed += run.out + run.err;
         return run;
     }
-    QJsonObject status()
-    {
-        const KeyringFixture::Run run = quillvox({"--status"});
-        return QJsonDocument::fromJson(run.out).object();
-    }
+    QJsonObject status() { return QJsonDocument::fromJson(quillvox({"--status"}).out).object(); }
 
     // Every bearer token and refresh token the server saw or handed out, found in its request log.
     QSet<QByteArray> tokensSeen() const
     {
         QSet<QByteArray> tokens;
-        static const QRegularExpression refresh("\"refresh_token\"\\s*:\\s*\"([^\"]+)\"");
         for (const QJsonObject &record : m_server.requests()) {
-            const QString bearer = DevServer::header(record, u"Authorization").section(u' ', 1);
-            if (!bearer.isEmpty() && bearer != kAnonKey)
-                tokens << bearer.toUtf8();
-            const QRegularExpressionMatch match = refresh.match(record.value("body").toString());
-            if (match.hasMatch())
-                tokens << match.captured(1).toUtf8();
+            for (const QString &token : {DevServer::header(record, u"Authorization").section(u' ', 1),
+                                         DevServer::body(record).value("refresh_token").toString()}) {
+                if (!token.isEmpty() && token != u"quillvox-dev-anon-key")
+                    tokens << token.toUtf8();
+            }
         }
         return tokens;
     }
@@ -78,13 +65,11 @@ private Q_SLOTS:
         QVERIFY(app.waitForStarted());
         QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("state") == "signedOut", 10000);
 
-        // The browser's part: the authorize page redirects to the service's callback page with the
-        // tokens in the fragment, and that page opens the application's callback URL.
-        const QUrl redirect = DevServer::redirectOf(
-            m_server.url(QStringLiteral("/auth/v1/authorize?provider=google&redirect_to=") +
-                         QUrl::toPercentEncoding(m_server.url("/auth/app-callback").toString())));
-        QVERIFY(redirect.hasFragment());
-        QCOMPARE(quillvox({"quillvox://auth/callback#" + redirect.fragment(QUrl::FullyEncoded)}).exitCode, 0);
+        // The browser's part: the service's callback page opens the application's callback URL with the
+        // tokens in the fragment.
+        const QUrlQuery signIn = m_server.signIn();
+        QVERIFY(signIn.hasQueryItem("refresh_token"));
+        QCOMPARE(quillvox({"quillvox://auth/callback#" + signIn.toString(QUrl::FullyEncoded)}).exitCode, 0);
         QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("email") == "reader@example.com",
                                  10000);
         QTRY_COMPARE_WITH_TIMEOUT(status().value("balanceSeconds").toInteger(), 1200, 10000);

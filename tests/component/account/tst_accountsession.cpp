@@ -87,30 +87,23 @@ struct Session
 };
 
 // Answers every request with the same raw bytes, then closes the connection.
-class CannedHttpServer : public QTcpServer
+std::unique_ptr<QTcpServer> cannedServer(const QByteArray &answer)
 {
-public:
-    explicit CannedHttpServer(QByteArray answer)
-        : m_answer(std::move(answer))
-    {
-        connect(this, &QTcpServer::newConnection, this, [this] {
-            while (QTcpSocket *socket = nextPendingConnection()) {
-                connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
-                    if (!socket->readAll().contains("\r\n\r\n"))
-                        return;
-                    socket->write(m_answer);
+    auto server = std::make_unique<QTcpServer>();
+    QObject::connect(server.get(), &QTcpServer::newConnection, server.get(), [server = server.get(), answer] {
+        while (QTcpSocket *socket = server->nextPendingConnection()) {
+            QObject::connect(socket, &QTcpSocket::readyRead, socket, [socket, answer] {
+                if (socket->readAll().contains("\r\n\r\n")) {
+                    socket->write(answer);
                     socket->disconnectFromHost();
-                });
-                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            }
-        });
-        listen(QHostAddress::LocalHost);
-    }
-    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(serverPort())); }
-
-private:
-    QByteArray m_answer;
-};
+                }
+            });
+            QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
+    });
+    server->listen(QHostAddress::LocalHost);
+    return server;
+}
 
 QByteArray ok(const QByteArray &body, const QByteArray &status = "200 OK")
 {
@@ -119,12 +112,11 @@ QByteArray ok(const QByteArray &body, const QByteArray &status = "200 OK")
            "\r\n\r\n" + body;
 }
 
-int requestsTo(const DevServer &server, const QString &path)
+qsizetype requestsTo(const DevServer &server, const QString &path)
 {
-    int count = 0;
-    for (const QJsonObject &record : server.requests())
-        count += record.value("path").toString() == path;
-    return count;
+    const QList<QJsonObject> requests = server.requests();
+    return std::count_if(requests.cbegin(), requests.cend(),
+                         [&](const QJsonObject &r) { return r["path"] == path; });
 }
 
 } // namespace
@@ -135,20 +127,26 @@ class TestAccountSession : public QObject
 
     std::unique_ptr<DevServer> m_server;
 
-    bool startServer(const QStringList &arguments = {})
-    {
-        m_server = std::make_unique<DevServer>();
-        if (m_server->start(QStringList{"--auto-consent", "--synth", "sine"} + arguments))
-            return true;
-        qWarning() << m_server->errorString();
-        return false;
-    }
     void failNext(const QString &route, int status, int count)
     {
         m_server->control("/dev/fail", {{"route", route}, {"status", status}, {"count", count}});
     }
 
 private Q_SLOTS:
+    // A dev server of its own for each test; some tests want shorter-lived tokens or another balance.
+    void init()
+    {
+        static const QHash<QString, QStringList> extra{
+            {"concurrentCallersShareOneRefresh", {"--token-ttl", "30"}},
+            {"wake", {"--token-ttl", "200"}},
+            {"balanceFollowsTheSession", {"--balance-seconds", "3660"}},
+            {"serviceNarration", {"--balance-seconds", "600"}}};
+        m_server = std::make_unique<DevServer>();
+        QVERIFY2(m_server->start(QStringList{"--auto-consent", "--synth", "sine"} +
+                                 extra.value(QTest::currentTestFunction())),
+                 qPrintable(m_server->errorString()));
+    }
+
     // The browser sign-in stores both tokens, and moves onboarding on from its sign-in step, and only from
     // there. "Continue" on pricing then gives the browser the purchase page through the token exchange,
     // and the button is clickable again.
@@ -162,7 +160,6 @@ private Q_SLOTS:
     void onboardingThroughTheBrowser()
     {
         QFETCH(bool, onSignInStep);
-        QVERIFY(startServer());
         Session s(*m_server, Session::AuthAndBalance);
         OnboardingViewModel::Services services;
         std::tie(services.auth, services.balance, services.clock, services.serviceOrigin, services.openUrl) =
@@ -186,7 +183,6 @@ private Q_SLOTS:
 
     void callbackWhoseUserFetchFails()
     {
-        QVERIFY(startServer());
         Session s(*m_server);
         s.auth->signIn(false);
         const QUrl redirect = DevServer::redirectOf(s.opened.last());
@@ -201,7 +197,6 @@ private Q_SLOTS:
 
     void signInWatchdog()
     {
-        QVERIFY(startServer());
         Session s(*m_server);
         s.auth->signIn(true);
         s.clock.advance(59s);
@@ -227,7 +222,6 @@ private Q_SLOTS:
     {
         QFETCH(int, refusals);
         QFETCH(QString, lineEnd);
-        QVERIFY(startServer());
         Session first(*m_server);
         QVERIFY(first.signIn());
         Session s(*m_server, Session::Nothing);
@@ -254,7 +248,6 @@ private Q_SLOTS:
 
     void concurrentCallersShareOneRefresh()
     {
-        QVERIFY(startServer({"--token-ttl", "30"}));
         Session s(*m_server);
         QVERIFY(s.signIn());
         const QString old = *s.keychain.load(KeychainKey::accessToken);
@@ -292,7 +285,6 @@ private Q_SLOTS:
         QFETCH(bool, signedIn);
         QFETCH(int, refusals);
         QFETCH(QString, lastLine);
-        QVERIFY(startServer({"--token-ttl", "200"}));
         Session s(*m_server);
         if (signedIn)
             QVERIFY(s.signIn());
@@ -309,14 +301,13 @@ private Q_SLOTS:
 
     void balanceFollowsTheSession()
     {
-        QVERIFY(startServer({"--balance-seconds", "3660"}));
         Session s(*m_server, Session::AuthAndBalance);
         QVERIFY(!s.balance->isPolling());
         QVERIFY(s.signIn());
         QVERIFY(s.balance->isPolling());
         QTRY_COMPARE(s.balance->balanceSeconds(), 3660);
         QCOMPARE(s.balance->minutesRemaining(), 61);
-        const int first = requestsTo(*m_server, "/api/credits/balance");
+        const qsizetype first = requestsTo(*m_server, "/api/credits/balance");
         // Throttled: 2 s later nothing leaves; 6 s after the first, one request does.
         s.clock.advance(2s);
         s.balance->refreshBalance();
@@ -365,11 +356,10 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, answer);
         QFETCH(QString, error);
-        QVERIFY(startServer());
-        CannedHttpServer service(answer);
+        const auto service = cannedServer(answer);
         Session s(*m_server);
         QVERIFY(s.signIn());
-        s.origin = service.url();
+        s.origin = QUrl("http://127.0.0.1:" + QString::number(service->serverPort()));
         s.startBalance();
         QTRY_VERIFY(s.balance->lastError());
         QVERIFY2(s.balance->lastError()->startsWith(error) && !s.balance->lastError()->isEmpty(),
@@ -380,7 +370,6 @@ private Q_SLOTS:
 
     void usageAndPurchase()
     {
-        QVERIFY(startServer());
         Session s(*m_server, Session::AuthAndBalance);
         s.balance->openPurchasePage();
         QCOMPARE(s.opened.last(), m_server->url());
@@ -409,21 +398,15 @@ private Q_SLOTS:
     // against the balance here and on the server.
     void serviceNarration()
     {
-        QVERIFY(startServer({"--balance-seconds", "600"}));
         Session s(*m_server, Session::AuthAndBalance);
         QTemporaryDir dir;
         UserDefaults defaults(dir.filePath("defaults.conf"));
         SessionAccount account(*s.auth, *s.balance);
         NoSelection noSelection;
-        SpeechManager speech({&defaults,
-                              &s.keychain,
-                              &account,
-                              nullptr,
-                              &noSelection,
-                              std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime),
-                              nullptr,
-                              m_server->url(),
-                              {}});
+        SpeechManager speech(
+            SpeechManager::Services{&defaults, &s.keychain, &account, nullptr, &noSelection,
+                                    std::make_unique<NullAudioSink>(NullAudioSink::Clock::RealTime), nullptr,
+                                    m_server->url(), QUrl()});
         QVERIFY(s.signIn());
         QTRY_COMPARE(s.balance->balanceSeconds(), 600);
         QSignalSpy ended(&speech, &SpeechManager::playbackEnded);
@@ -437,7 +420,7 @@ private Q_SLOTS:
                      m_server->control("/dev/state").value("balance_seconds").toInteger());
         QVERIFY(s.balance->balanceSeconds() < 600); // the server charged what it streamed
         // Under a minute locally: the request never leaves.
-        const int streams = requestsTo(*m_server, "/api/tts/stream");
+        const qsizetype streams = requestsTo(*m_server, "/api/tts/stream");
         s.balance->deductSeconds(double(s.balance->balanceSeconds() - 59));
         speech.speak("And again.");
         QCOMPARE(speech.currentErrorDescription(), SpeechError::makeInsufficientBalance(0).description());

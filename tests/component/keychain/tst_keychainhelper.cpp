@@ -10,15 +10,8 @@
 using Status = SecretStore::Status;
 using Operation = MemorySecretStore::Operation;
 
-Q_DECLARE_METATYPE(SecretStore::Status)
-Q_DECLARE_METATYPE(MemorySecretStore::Operation)
-
-namespace {
-
 const QString kService = QStringLiteral("com.vantor.quillvox.test.helper");
 const QString kAccount = QStringLiteral("openai-api-key");
-
-} // namespace
 
 class TestKeychainHelper : public QObject
 {

@@ -6,64 +6,55 @@
 #include "account/KeychainHelper.h"
 #include "keyring/KeyringFixture.h"
 
-#include <memory>
-
-using Item = KeyringFixture::Item;
-
 class TestKeychainKeyring : public QObject
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<KeyringFixture> m_keyring;
+    KeyringFixture m_keyring;
     QString m_service;
 
     QString otherService() const { return m_service + ".other"; }
 
-    QList<Item> itemsOf(const QString &account, const QString &service = {}) const
+    QList<KeyringFixture::Item> itemsOf(const QString &account) const
     {
-        return m_keyring->items({{"service", service.isEmpty() ? m_service : service}, {"account", account}});
+        return m_keyring.items({{"service", m_service}, {"account", account}});
     }
 
     // The secret as secret-tool reads it, or nothing when it finds no item.
     std::optional<QByteArray> lookup(const QString &account, const QString &service = {}) const
     {
-        const KeyringFixture::Run run = m_keyring->secretTool(
+        const KeyringFixture::Run run = m_keyring.secretTool(
             {"lookup", "service", service.isEmpty() ? m_service : service, "account", account});
-        if (!run.finished || run.exitCode != 0)
-            return std::nullopt;
-        return run.out;
+        return run.finished && run.exitCode == 0 ? std::optional(run.out) : std::nullopt;
     }
 
     bool storeWithSecretTool(const QString &account, const QByteArray &secret, const QString &service = {},
                              const QString &collection = "login") const
     {
         const KeyringFixture::Run run =
-            m_keyring->secretTool({"store", "--label=stored by another tool", "--collection=" + collection,
-                                   "service", service.isEmpty() ? m_service : service, "account", account},
-                                  secret);
+            m_keyring.secretTool({"store", "--label=stored by another tool", "--collection=" + collection,
+                                  "service", service.isEmpty() ? m_service : service, "account", account},
+                                 secret);
         return run.finished && run.exitCode == 0;
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        m_keyring = std::make_unique<KeyringFixture>();
-        QVERIFY2(m_keyring->isReady(), qPrintable(m_keyring->errorString()));
+        QVERIFY2(m_keyring.isReady(), qPrintable(m_keyring.errorString()));
         m_service = qEnvironmentVariable("QUILLVOX_KEYCHAIN_SERVICE");
         QVERIFY2(m_service.startsWith(QLatin1String("com.vantor.quillvox.test.")),
                  "the tests run under a service of their own");
         QCOMPARE(KeychainHelper::shared().service(), m_service);
     }
 
-    void cleanupTestCase() { m_keyring.reset(); }
-
     // Every test starts with no items of either service, whatever an earlier one left.
     void init()
     {
         for (const QString &service : {m_service, otherService()}) {
-            m_keyring->secretTool({"clear", "service", service});
-            QVERIFY(m_keyring->items({{"service", service}}).isEmpty());
+            m_keyring.secretTool({"clear", "service", service});
+            QVERIFY(m_keyring.items({{"service", service}}).isEmpty());
         }
     }
 
@@ -93,7 +84,7 @@ private Q_SLOTS:
 
         QVERIFY(keychain.save(value, key));
         QCOMPARE(lookup(account), std::optional<QByteArray>(value.toUtf8()));
-        const QList<Item> items = itemsOf(account);
+        const auto items = itemsOf(account);
         QCOMPARE(items.size(), 1);
         QCOMPARE(items.first().label, "Quillvox: " + account);
         QVERIFY2(items.first().path.startsWith(QLatin1String("/org/freedesktop/secrets/collection/login/")),
@@ -173,7 +164,7 @@ private Q_SLOTS:
              {std::pair{"openai-api-key", "sk-before"}, {"access-token", "token stays"}})
             QVERIFY(storeWithSecretTool(account, secret));
 
-        const KeyringFixture::Run run = m_keyring->run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, input);
+        const KeyringFixture::Run run = m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, input);
         QVERIFY(run.finished);
         const bool refused = stored == QByteArray("sk-before");
         QCOMPARE(run.exitCode, refused ? 1 : 0);

@@ -3,62 +3,57 @@
 // locked and an item stored before; as tst_keychainnokeyring, a bus without a Secret Service (and, for the
 // command line, no bus at all or a keyring that never finishes starting). Every call fails within a
 // bounded time, says why, and leaves the stored item in place.
-#include "KeychainTestSupport.h"
-
 #include "account/KeychainHelper.h"
 #include "keyring/KeyringFixture.h"
 #include "platform/secret/LibsecretStore.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QScopeGuard>
-#include <QTemporaryDir>
+#include <QTest>
 
+#include <functional>
 #include <memory>
 
 namespace {
 
 #ifdef KEYCHAIN_LOCKED
-const QString kReason = "The keyring is locked";
-constexpr auto kMode = KeyringFixture::Mode::GnomeKeyring;
+constexpr bool kLocked = true;
 #else
-const QString kReason = "No keyring is available";
-constexpr auto kMode = KeyringFixture::Mode::NoSecretService;
+constexpr bool kLocked = false;
 #endif
+const QString kReason = kLocked ? "The keyring is locked" : "No keyring is available";
 const QString kAccount = "openai-api-key";
 // Generous: without a prompter gnome-keyring dismisses the unlock at once, and a keyring that does not
 // answer is waited for 5 s.
 constexpr qint64 kDoesNotHangMs = 15000;
 
-enum class Bus { Fixture, None, StalledSecretService };
+// One of the helper's calls on the API key; true when it succeeded.
+using KeychainCall = std::function<bool(KeychainHelper &)>;
 
 } // namespace
-
-Q_DECLARE_METATYPE(Bus)
 
 class TestKeychainUnavailable : public QObject
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<KeyringFixture> m_keyring;
+    KeyringFixture m_keyring{kLocked ? KeyringFixture::Mode::GnomeKeyring
+                                     : KeyringFixture::Mode::NoSecretService};
     QString m_service;
 
     void verifyItemSurvived() const
     {
-#ifdef KEYCHAIN_LOCKED
-        const QList<KeyringFixture::Item> items = m_keyring->items({{"service", m_service},
-                                                                    { "account",
-                                                                      kAccount }});
+        if (!kLocked)
+            return;
+        const auto items = m_keyring.items({{"service", m_service}, {"account", kAccount}});
         QVERIFY(items.size() == 1 && items.first().label == "stored before the lock" && items.first().locked);
-#endif
     }
 
     void verifyFails(const KeychainCall &call, KeychainHelper &keychain) const
     {
-        QElapsedTimer timer;
-        timer.start();
+        const QDeadlineTimer hangs(kDoesNotHangMs);
         QVERIFY(!call(keychain));
-        QVERIFY2(timer.elapsed() < kDoesNotHangMs, "an unavailable keyring must not hang the caller");
+        QVERIFY2(!hangs.hasExpired(), "an unavailable keyring must not hang the caller");
         QVERIFY2(keychain.lastFailureReason().startsWith(kReason), qPrintable(keychain.lastFailureReason()));
         verifyItemSurvived();
     }
@@ -66,94 +61,89 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        m_keyring = std::make_unique<KeyringFixture>(kMode);
-        QVERIFY2(m_keyring->isReady(), qPrintable(m_keyring->errorString()));
+        QVERIFY2(m_keyring.isReady(), qPrintable(m_keyring.errorString()));
         m_service = qEnvironmentVariable("QUILLVOX_KEYCHAIN_SERVICE");
         QVERIFY(m_service.startsWith(QLatin1String("com.vantor.quillvox.test.")));
-#ifdef KEYCHAIN_LOCKED
-        const KeyringFixture::Run stored = m_keyring->secretTool(
-            {"store", "--label=stored before the lock", "service", m_service, "account", kAccount},
-            "sk-before");
-        QCOMPARE(stored.exitCode, 0);
-        QVERIFY(m_keyring->lockLoginCollection());
-        verifyItemSurvived();
-#endif
+        if (kLocked) {
+            const KeyringFixture::Run stored = m_keyring.secretTool(
+                {"store", "--label=stored before the lock", "service", m_service, "account", kAccount},
+                "sk-before");
+            QCOMPARE(stored.exitCode, 0);
+            QVERIFY(m_keyring.lockLoginCollection());
+            verifyItemSurvived();
+        }
     }
 
-    void cleanupTestCase()
-    {
-        m_keyring.reset();
-    }
-
+    // Locked, the user may also never answer the unlock prompt: the call then gives up at its own
+    // timeout, not gnome-keyring's (25 s), and gnome-keyring survives it.
     void callsFailWithReason_data()
     {
-        addKeychainCallRows();
+        QTest::addColumn<KeychainCall>("call");
+        QTest::addColumn<bool>("promptUnanswered");
+        const std::pair<const char *, KeychainCall> calls[] = {
+            {"save", [](KeychainHelper &k) { return k.save("sk-new", KeychainKey::openAIAPIKey); }},
+            {"load", [](KeychainHelper &k) { return k.load(KeychainKey::openAIAPIKey).has_value(); }},
+            {"remove", [](KeychainHelper &k) { return k.remove(KeychainKey::openAIAPIKey); }}};
+        for (const bool unanswered : kLocked ? QList{false, true} : QList{false}) {
+            for (const auto &[name, call] : calls)
+                QTest::addRow("%s%s", name, unanswered ? ", unlock prompt unanswered" : "")
+                    << call << unanswered;
+        }
     }
 
     void callsFailWithReason()
     {
         QFETCH(KeychainCall, call);
-        verifyFails(call, KeychainHelper::shared());
-    }
-
-#ifdef KEYCHAIN_LOCKED
-    // The user never answers the unlock prompt: the call gives up at its own timeout, not gnome-keyring's
-    // (25 s), and gnome-keyring survives it.
-    void unansweredUnlockPromptEndsAtTimeout_data()
-    {
-        addKeychainCallRows();
-    }
-
-    void unansweredUnlockPromptEndsAtTimeout()
-    {
-        QFETCH(KeychainCall, call);
-        QVERIFY(m_keyring->holdUnlockPrompts());
-        const auto release = qScopeGuard([this] { m_keyring->releaseUnlockPrompts(); });
+        QFETCH(bool, promptUnanswered);
+        if (!promptUnanswered)
+            return verifyFails(call, KeychainHelper::shared());
+        QVERIFY(m_keyring.holdUnlockPrompts());
+        const auto release = qScopeGuard([this] { m_keyring.releaseUnlockPrompts(); });
         KeychainHelper keychain(m_service, std::make_unique<LibsecretStore>(std::chrono::seconds(1)));
         verifyFails(call, keychain);
-        QTRY_VERIFY2(m_keyring->unlockPromptCalls() > 0, qPrintable(m_keyring->logs()));
+        QTRY_VERIFY2(m_keyring.unlockPromptCalls() > 0, qPrintable(m_keyring.logs()));
     }
-#endif
 
+    // "bus": the fixture's, none at all, or one whose keyring never finishes starting.
     void commandLineFailsWithReason_data()
     {
-        QTest::addColumn<Bus>("bus");
+        QTest::addColumn<QString>("bus");
         QTest::addColumn<QString>("option");
         QTest::addColumn<QByteArray>("input");
-
         const QByteArray key("sk-new\n");
-        QTest::newRow("set") << Bus::Fixture << "--set-api-key" << key;
-        QTest::newRow("clear") << Bus::Fixture << "--clear-api-key" << QByteArray();
-#ifndef KEYCHAIN_LOCKED
-        QTest::newRow("set, no session bus") << Bus::None << "--set-api-key" << key;
-        QTest::newRow("clear, no session bus") << Bus::None << "--clear-api-key" << QByteArray();
-        QTest::newRow("set, keyring never starts") << Bus::StalledSecretService << "--set-api-key" << key;
-#endif
+        QTest::newRow("set") << ""
+                             << "--set-api-key" << key;
+        QTest::newRow("clear") << ""
+                               << "--clear-api-key" << QByteArray();
+        if (kLocked)
+            return;
+        QTest::newRow("set, no session bus") << "none"
+                                             << "--set-api-key" << key;
+        QTest::newRow("clear, no session bus") << "none"
+                                               << "--clear-api-key" << QByteArray();
+        QTest::newRow("set, keyring never starts") << "stalled"
+                                                   << "--set-api-key" << key;
     }
 
     void commandLineFailsWithReason()
     {
-        QFETCH(Bus, bus);
+        QFETCH(QString, bus);
         QFETCH(QString, option);
         QFETCH(QByteArray, input);
-
-        QProcessEnvironment env = m_keyring->environment();
+        QProcessEnvironment env = m_keyring.environment();
         std::unique_ptr<KeyringFixture> stalled;
-        QTemporaryDir empty;
-        if (bus == Bus::StalledSecretService) {
+        if (bus == u"none")
+            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillvox-no-bus-here");
+        if (bus == u"stalled") {
             stalled = std::make_unique<KeyringFixture>(KeyringFixture::Mode::StalledSecretService);
             QVERIFY2(stalled->isReady(), qPrintable(stalled->errorString()));
             env = stalled->environment();
-        } else if (bus == Bus::None) {
-            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + empty.path() + "/no-bus-here");
         }
-
-        QElapsedTimer timer;
-        timer.start();
+        const QDeadlineTimer hangs(kDoesNotHangMs);
         const KeyringFixture::Run run =
-            m_keyring->run(QStringLiteral(QUILLVOX_EXECUTABLE), {option}, input, env);
+            m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), {option}, input, env);
         QVERIFY(run.finished);
-        QVERIFY2(timer.elapsed() < kDoesNotHangMs, "an unavailable keyring must not hang the command line");
+        QVERIFY2(!hangs.hasExpired(), "an unavailable keyring must not hang the command line");
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains(kReason.toUtf8()), run.err.constData());
         QVERIFY(!run.err.contains("sk-new") && !run.out.contains("sk-new"));

@@ -10,17 +10,10 @@
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <QDBusVirtualObject>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QMutex>
-#include <QStandardPaths>
-#include <QThread>
-
-#include <functional>
-
-#include <signal.h>
-#include <sys/types.h>
+#include <QTest>
 
 namespace {
 
@@ -28,17 +21,6 @@ const QString kSecrets = QStringLiteral("org.freedesktop.secrets");
 const QString kServicePath = QStringLiteral("/org/freedesktop/secrets");
 const QString kServiceInterface = QStringLiteral("org.freedesktop.Secret.Service");
 const QString kLoginCollection = QStringLiteral("/org/freedesktop/secrets/collection/login");
-
-bool waitUntil(const std::function<bool()> &condition, int timeoutMs)
-{
-    const QDeadlineTimer deadline(timeoutMs);
-    while (!condition()) {
-        if (deadline.hasExpired())
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
-}
 
 QDBusMessage callSecrets(const QDBusConnection &bus, const QString &path, const QString &interface,
                          const QString &method, const QVariantList &arguments)
@@ -115,14 +97,10 @@ KeyringFixture::KeyringFixture(Mode mode, const QString &otherUser)
     qDBusRegisterMetaType<QMap<QString, QString>>();
     if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
         m_previousAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    if (!m_dir.isValid()) {
-        m_error = QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
-        return;
-    }
-    if (!startBus(mode, otherUser))
-        return;
-    if (mode == Mode::GnomeKeyring)
-        startGnomeKeyring();
+    m_error = m_dir.isValid() ? startBus(mode, otherUser)
+                              : QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
+    if (m_error.isEmpty() && mode == Mode::GnomeKeyring)
+        m_error = startGnomeKeyring();
 }
 
 KeyringFixture::~KeyringFixture()
@@ -131,14 +109,14 @@ KeyringFixture::~KeyringFixture()
     if (!m_connectionName.isEmpty())
         QDBusConnection::disconnectFromBus(m_connectionName);
     stopProcess(m_keyring, 3000);
-    stopBus();
+    stopProcess(m_bus, 3000);
     if (m_previousAddress)
         qputenv("DBUS_SESSION_BUS_ADDRESS", *m_previousAddress);
     else
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
-bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
+QString KeyringFixture::startBus(Mode mode, const QString &otherUser)
 {
     const QString dir = m_dir.path();
     // The other user reaches the socket by its path, and sees nothing else here.
@@ -147,55 +125,36 @@ bool KeyringFixture::startBus(Mode mode, const QString &otherUser)
                                        QFile::ExeOther);
     const QString config = dir + QStringLiteral("/bus.conf");
     const bool stalled = mode == Mode::StalledSecretService;
-    if (!writeFile(config, busConfig(dir, stalled, otherUser))) {
-        m_error = QStringLiteral("cannot write the bus configuration");
-        return false;
-    }
-    if (stalled) {
-        // Starts, but never takes the name: the activation stays pending until the bus gives up. It
-        // leaves its process id for stopBus().
-        QDir().mkpath(dir + QStringLiteral("/services"));
-        const QString sh = QStandardPaths::findExecutable(QStringLiteral("sh"));
-        if (sh.isEmpty() ||
-            !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
-                       "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=" + sh.toUtf8() +
-                           " -c 'echo $$ > " + dir.toUtf8() + "/stalled.pid; exec sleep 120'\n")) {
-            m_error = QStringLiteral("cannot write the stalled service's activation file");
-            return false;
-        }
-    }
+    if (!writeFile(config, busConfig(dir, stalled, otherUser)))
+        return QStringLiteral("cannot write the bus configuration");
+    // Starts, but never takes the name: the activation stays pending until the bus gives up. It ends with
+    // the bus.
+    if (stalled &&
+        (!QDir().mkpath(dir + QStringLiteral("/services")) ||
+         !writeFile(dir + QStringLiteral("/services/org.freedesktop.secrets.service"),
+                    "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/usr/bin/dbus-monitor --address "
+                    "unix:path=" +
+                        dir.toUtf8() + "/bus\n")))
+        return QStringLiteral("cannot write the stalled service's activation file");
 
-    m_bus.setProgram(QStringLiteral("dbus-daemon"));
-    m_bus.setArguments({QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"),
-                        QStringLiteral("--nopidfile"), QStringLiteral("--print-address=1")});
     m_bus.setStandardErrorFile(dir + QStringLiteral("/dbus.log"));
-    m_bus.start(QIODevice::ReadOnly);
-    if (!m_bus.waitForStarted(5000)) {
-        m_error = QStringLiteral("cannot start dbus-daemon: ") + m_bus.errorString();
-        return false;
-    }
-    waitUntil(
-        [&] {
-            return m_bus.canReadLine() ||
-                   (!m_bus.waitForReadyRead(100) && m_bus.state() == QProcess::NotRunning);
-        },
-        10000);
+    m_bus.start(QStringLiteral("dbus-daemon"),
+                {QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"),
+                 QStringLiteral("--nopidfile"), QStringLiteral("--print-address=1")},
+                QIODevice::ReadOnly);
+    if (!m_bus.waitForStarted(5000))
+        return QStringLiteral("cannot start dbus-daemon: ") + m_bus.errorString();
+    if (!QTest::qWaitFor([&] { return m_bus.canReadLine(); }, 10000))
+        return QStringLiteral("dbus-daemon did not report its address") + logs();
     m_address = QString::fromUtf8(m_bus.readLine().trimmed());
-    if (m_address.isEmpty()) {
-        m_error = QStringLiteral("dbus-daemon did not report its address") + logs();
-        return false;
-    }
     qputenv("DBUS_SESSION_BUS_ADDRESS", m_address.toUtf8());
-
     m_connectionName = QStringLiteral("keyring-fixture-%1").arg(reinterpret_cast<quintptr>(this));
-    if (!QDBusConnection::connectToBus(m_address, m_connectionName).isConnected()) {
-        m_error = QStringLiteral("cannot connect to the private bus") + logs();
-        return false;
-    }
-    return true;
+    if (!QDBusConnection::connectToBus(m_address, m_connectionName).isConnected())
+        return QStringLiteral("cannot connect to the private bus") + logs();
+    return {};
 }
 
-bool KeyringFixture::startGnomeKeyring()
+QString KeyringFixture::startGnomeKeyring()
 {
     const QString dir = m_dir.path();
     QProcessEnvironment env = environment();
@@ -209,56 +168,34 @@ bool KeyringFixture::startGnomeKeyring()
     }
     for (const char *variable : {"DISPLAY", "WAYLAND_DISPLAY", "GNOME_KEYRING_CONTROL"})
         env.remove(QLatin1String(variable));
-
     m_keyring.setProcessEnvironment(env);
-    m_keyring.setProgram(QStringLiteral("gnome-keyring-daemon"));
-    m_keyring.setArguments(
-        {QStringLiteral("--foreground"), QStringLiteral("--unlock"), QStringLiteral("--components=secrets")});
     m_keyring.setStandardOutputFile(dir + QStringLiteral("/keyring.out"));
     m_keyring.setStandardErrorFile(dir + QStringLiteral("/keyring.log"));
-    m_keyring.start(QIODevice::WriteOnly);
-    if (!m_keyring.waitForStarted(5000)) {
-        m_error = QStringLiteral("cannot start gnome-keyring-daemon: ") + m_keyring.errorString();
-        return false;
-    }
+    m_keyring.start(
+        QStringLiteral("gnome-keyring-daemon"),
+        {QStringLiteral("--foreground"), QStringLiteral("--unlock"), QStringLiteral("--components=secrets")},
+        QIODevice::WriteOnly);
+    if (!m_keyring.waitForStarted(5000))
+        return QStringLiteral("cannot start gnome-keyring-daemon: ") + m_keyring.errorString();
     // WORKAROUND: gnome-keyring creates and unlocks the login keyring only for a password ending in a
     // newline; an empty standard input leaves it without one, and every store then waits for a prompt.
     m_keyring.write("\n");
     m_keyring.waitForBytesWritten(5000);
     m_keyring.closeWriteChannel();
 
+    // Ask the bus first rather than the service: a call to org.freedesktop.secrets before the daemon owns
+    // the name could race with its start.
     const QDBusConnection bus(m_connectionName);
-    // Ask the bus rather than the service: a call to org.freedesktop.secrets before the daemon owns the
-    // name could race with its start.
-    const bool owned =
-        waitUntil([&] { return bus.interface()->isServiceRegistered(kSecrets).value(); }, 10000);
-    const bool loginIsDefault =
-        owned &&
-        waitUntil(
-            [&] {
-                const QDBusMessage reply = callSecrets(bus, kServicePath, kServiceInterface,
-                                                       QStringLiteral("ReadAlias"), {"default"});
-                return reply.type() == QDBusMessage::ReplyMessage &&
-                       reply.arguments().value(0).value<QDBusObjectPath>().path() == kLoginCollection;
-            },
-            10000);
-    if (!loginIsDefault) {
-        m_error = QStringLiteral("gnome-keyring did not come up with an unlocked login collection") + logs();
-        return false;
-    }
-    return true;
-}
-
-void KeyringFixture::stopBus()
-{
-    QFile pidFile(m_dir.filePath(QStringLiteral("stalled.pid")));
-    if (pidFile.open(QIODevice::ReadOnly)) {
-        const pid_t pid = pidFile.readAll().trimmed().toInt();
-        const QString proc = QStringLiteral("/proc/%1").arg(pid);
-        if (pid > 0 && ::kill(pid, SIGTERM) == 0 && !waitUntil([&] { return !QFile::exists(proc); }, 2000))
-            ::kill(pid, SIGKILL);
-    }
-    stopProcess(m_bus, 3000);
+    const auto loginIsDefault = [&] {
+        const QDBusMessage reply =
+            callSecrets(bus, kServicePath, kServiceInterface, QStringLiteral("ReadAlias"), {"default"});
+        return reply.arguments().value(0).value<QDBusObjectPath>().path() == kLoginCollection;
+    };
+    if (QTest::qWaitFor(
+            [&] { return bus.interface()->isServiceRegistered(kSecrets).value() && loginIsDefault(); },
+            20000))
+        return {};
+    return QStringLiteral("gnome-keyring did not come up with an unlocked login collection") + logs();
 }
 
 QString KeyringFixture::logs() const
@@ -285,9 +222,7 @@ QList<KeyringFixture::Item> KeyringFixture::items(const QMap<QString, QString> &
     const QDBusMessage found = callSecrets(bus, kServicePath, kServiceInterface,
                                            QStringLiteral("SearchItems"), {QVariant::fromValue(attributes)});
     QList<Item> items;
-    if (found.type() != QDBusMessage::ReplyMessage || found.arguments().size() != 2)
-        return items;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2 && found.arguments().size() == 2; ++i) {
         for (const QDBusObjectPath &path : qdbus_cast<QList<QDBusObjectPath>>(found.arguments().at(i))) {
             const QDBusMessage label =
                 callSecrets(bus, path.path(), QStringLiteral("org.freedesktop.DBus.Properties"),
@@ -304,9 +239,8 @@ bool KeyringFixture::lockLoginCollection() const
     const QDBusMessage reply = callSecrets(
         QDBusConnection(m_connectionName), kServicePath, kServiceInterface, QStringLiteral("Lock"),
         {QVariant::fromValue(QList<QDBusObjectPath>{QDBusObjectPath(kLoginCollection)})});
-    return reply.type() == QDBusMessage::ReplyMessage &&
-           qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().value(0))
-               .contains(QDBusObjectPath(kLoginCollection));
+    return qdbus_cast<QList<QDBusObjectPath>>(reply.arguments().value(0))
+        .contains(QDBusObjectPath(kLoginCollection));
 }
 
 bool KeyringFixture::holdUnlockPrompts()
@@ -341,23 +275,11 @@ KeyringFixture::Run KeyringFixture::run(const QString &program, const QStringLis
     QProcess process;
     process.setProcessEnvironment(environment.value_or(this->environment()));
     process.start(program, arguments);
-    Run result;
-    if (!process.waitForStarted(5000))
-        return result;
     process.write(input);
     process.closeWriteChannel();
-    result.finished = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
-    if (!result.finished) {
-        process.kill();
-        process.waitForFinished(3000);
-    }
-    result.exitCode = process.exitCode();
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
-    return result;
-}
-
-KeyringFixture::Run KeyringFixture::secretTool(const QStringList &arguments, const QByteArray &input) const
-{
-    return run(QStringLiteral("secret-tool"), arguments, input);
+    const bool finished = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
+    if (!finished)
+        stopProcess(process, 0);
+    return {finished, finished ? process.exitCode() : -1, process.readAllStandardOutput(),
+            process.readAllStandardError()};
 }

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <QByteArray>
-#include <QList>
 #include <QMap>
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -28,8 +23,7 @@ public:
 
     struct Item
     {
-        QString path;
-        QString label;
+        QString path, label;
         bool locked = false;
     };
 
@@ -37,16 +31,13 @@ public:
     {
         bool finished = false; // false when the program did not start or did not end in time
         int exitCode = -1;
-        QByteArray out;
-        QByteArray err;
+        QByteArray out, err;
     };
 
     // `otherUser` may connect to the bus too (a desktop shell the test runs as the rig's unprivileged
     // user); by default only this process's user can.
     explicit KeyringFixture(Mode mode = Mode::GnomeKeyring, const QString &otherUser = {});
     ~KeyringFixture();
-    KeyringFixture(const KeyringFixture &) = delete;
-    KeyringFixture &operator=(const KeyringFixture &) = delete;
 
     bool isReady() const { return m_error.isEmpty(); }
     QString errorString() const { return m_error; }
@@ -67,7 +58,10 @@ public:
     // At most 30 s, in `environment` (by default this process's with the private bus).
     Run run(const QString &program, const QStringList &arguments, const QByteArray &input = {},
             const std::optional<QProcessEnvironment> &environment = std::nullopt) const;
-    Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const;
+    Run secretTool(const QStringList &arguments, const QByteArray &input = {}) const
+    {
+        return run(QStringLiteral("secret-tool"), arguments, input);
+    }
 
     // The bus's and gnome-keyring's standard error.
     QString logs() const;
@@ -75,9 +69,8 @@ public:
 private:
     class SilentPrompter;
 
-    bool startBus(Mode mode, const QString &otherUser);
-    bool startGnomeKeyring();
-    void stopBus();
+    QString startBus(Mode mode, const QString &otherUser); // the error, if any
+    QString startGnomeKeyring();
 
     QTemporaryDir m_dir;
     QProcess m_bus;
