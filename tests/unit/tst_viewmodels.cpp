@@ -58,7 +58,6 @@
 // Designated initializers leave the services a case does not use empty.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-using PlayState = FloatingWidgetViewModel::PlayState;
 using Verdict = OpenAIServer::Verdict;
 using namespace std::chrono_literals;
 Q_DECLARE_METATYPE(Verdict::Kind)
@@ -747,19 +746,6 @@ private Q_SLOTS:
         QCOMPARE(size.size(), 3);
     }
 
-    // Processing, content, playing: the state the buttons show. Processing wins over everything.
-    void playState()
-    {
-        using P = PlayState;
-        const std::tuple<bool, bool, bool, PlayState> rows[] = {{true, true, true, P::Loading},
-                                                                {true, false, false, P::Loading},
-                                                                {false, false, true, P::Idle},
-                                                                {false, true, true, P::Playing},
-                                                                {false, true, false, P::Paused}};
-        for (const auto &[processing, content, playing, state] : rows)
-            QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
-    }
-
     // Skips and seeks on a real controller playing 10 s of audio; -1: no seek at all.
     void seeking_data()
     {
@@ -850,15 +836,24 @@ private Q_SLOTS:
         QVERIFY(!repaint.isEmpty());
     }
 
-    // Playing, generating, the tallest bar: whether the timeline runs. Bars fall until they reach 0.01.
-    void timelineRunsOnlyWhileSomethingMoves()
+    // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
+    // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
+    void playStateAndTimeline()
     {
-        const std::tuple<bool, bool, float, bool> rows[] = {{false, false, 0.0f, false},
-                                                            {false, false, 0.01f, false},
-                                                            {false, false, 0.02f, true},
-                                                            {true, false, 0.0f, true},
-                                                            {false, true, 0.0f, true}};
-        for (const auto &[playing, processing, tallestBar, runs] : rows)
+        using P = FloatingWidgetViewModel::PlayState;
+        const std::tuple<bool, bool, bool, P> states[] = {{true, true, true, P::Loading},
+                                                          {true, false, false, P::Loading},
+                                                          {false, false, true, P::Idle},
+                                                          {false, true, true, P::Playing},
+                                                          {false, true, false, P::Paused}};
+        for (const auto &[processing, content, playing, state] : states)
+            QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
+        const std::tuple<bool, bool, float, bool> timeline[] = {{false, false, 0.0f, false},
+                                                                {false, false, 0.01f, false},
+                                                                {false, false, 0.02f, true},
+                                                                {true, false, 0.0f, true},
+                                                                {false, true, 0.0f, true}};
+        for (const auto &[playing, processing, tallestBar, runs] : timeline)
             QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
     }
 
