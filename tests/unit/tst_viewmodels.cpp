@@ -101,17 +101,11 @@ class TestViewModels : public QObject
     NoAccount m_account;
     IdleNarrationControls m_controls;
     NullAudioSink *m_sink = nullptr;
+    NullGlobalHotKeys *m_keys = nullptr;
+    std::unique_ptr<HotkeyManager> m_hotkeys; // on m_keys
     std::unique_ptr<SpeechManager> m_speech;
     ManualClock m_clock;
     QList<QUrl> m_opened; // by the browser
-
-    std::unique_ptr<HotkeyManager> makeHotkeys(NullGlobalHotKeys **keys = nullptr)
-    {
-        auto backend = std::make_unique<NullGlobalHotKeys>();
-        if (keys)
-            *keys = backend.get();
-        return std::make_unique<HotkeyManager>(*m_defaults, std::move(backend), m_selection, m_controls);
-    }
 
     // On the null sink driven by hand (m_sink), narrating with the own key at `openAIOrigin`.
     std::unique_ptr<SpeechManager> makeSpeech(const QUrl &openAIOrigin = {})
@@ -170,9 +164,16 @@ private Q_SLOTS:
         m_keychain =
             std::make_unique<KeychainHelper>(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
         m_speech = makeSpeech();
+        auto keys = std::make_unique<NullGlobalHotKeys>();
+        m_keys = keys.get();
+        m_hotkeys = std::make_unique<HotkeyManager>(*m_defaults, std::move(keys), m_selection, m_controls);
     }
 
-    void cleanup() { m_speech.reset(); }
+    void cleanup()
+    {
+        m_hotkeys.reset();
+        m_speech.reset();
+    }
 
     // Every section draws from real managers without a binding or type error; as drawn, About's skipped
     // version with "Forget", and local counts grouped as the server's are.
@@ -186,7 +187,6 @@ private Q_SLOTS:
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
         UsageManager usage(*m_defaults);
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         const auto auth = makeAuth({});
         BalanceManager balance({.auth = auth.get(), .log = [](const QString &) {}});
 
@@ -195,7 +195,7 @@ private Q_SLOTS:
         SettingsWindow settings(std::nullopt, {.speech = m_speech.get(),
                                                .auth = auth.get(),
                                                .balance = &balance,
-                                               .hotkeys = hotkeys.get(),
+                                               .hotkeys = m_hotkeys.get(),
                                                .keychain = m_keychain.get(),
                                                .history = &history,
                                                .usage = &usage,
@@ -238,8 +238,7 @@ private Q_SLOTS:
         shortcuts.setRecordingRow(0);
         QCOMPARE(shortcuts.recordingRow(), -1); // nothing to record without the manager
 
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
-        services.hotkeys = hotkeys.get();
+        services.hotkeys = m_hotkeys.get();
         captureProblem.clear();
         QSignalSpy rows(&shortcuts, &ShortcutSettingsModel::rowsChanged);
         settings.adoptServices(services);
@@ -279,12 +278,11 @@ private Q_SLOTS:
     // history entry moves it to the next entry's Delete.
     void focusStaysOnItsRow()
     {
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
         for (const char *text : {"Older", "Newer"})
             history.addSession(QString::fromLatin1(text), QStringLiteral("cedar"), 1, QByteArray(480, 0));
         SettingsWindow settings(SettingsSection::shortcuts,
-                                {.speech = m_speech.get(), .hotkeys = hotkeys.get(), .history = &history});
+                                {.speech = m_speech.get(), .hotkeys = m_hotkeys.get(), .history = &history});
         settings.present();
         QQuickWindow *window = settings.window();
         QVERIFY(QTest::qWaitForWindowActive(window));
@@ -298,7 +296,7 @@ private Q_SLOTS:
         QTest::keyClick(window, Qt::Key_Tab);
         QVERIFY(window->activeFocusItem()->property("text") == QStringLiteral("Reset"));
         QTest::keyClick(window, Qt::Key_Space);
-        QVERIFY(hotkeys->currentKey() == HotkeyManager::defaultKey);
+        QVERIFY(m_hotkeys->currentKey() == HotkeyManager::defaultKey);
         QCOMPARE(window->activeFocusItem(), recorder);
 
         settings.viewModel()->selectLabel(QStringLiteral("History"));
@@ -457,19 +455,17 @@ private Q_SLOTS:
     {
         QFETCH(int, row);
         QFETCH(QString, keyCodeKey);
-        NullGlobalHotKeys *keys = nullptr;
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys(&keys);
-        ShortcutSettingsModel model(hotkeys.get(), {});
+        ShortcutSettingsModel model(m_hotkeys.get(), {});
         const auto binding = HotkeyManager::Binding(row);
-        const QSet<NativeHotKey> defaultGrabs = keys->grabbed();
+        const QSet<NativeHotKey> defaultGrabs = m_keys->grabbed();
 
         model.record(row, 40, 0x100000); // Command+K
-        QVERIFY(keys->grabbed() != defaultGrabs);
+        QVERIFY(m_keys->grabbed() != defaultGrabs);
         QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
 
         model.reset(row);
-        QCOMPARE(keys->grabbed(), defaultGrabs);
-        QVERIFY(hotkeys->isRegistered(binding));
+        QCOMPARE(m_keys->grabbed(), defaultGrabs);
+        QVERIFY(m_hotkeys->isRegistered(binding));
         const QVariantMap shown = model.rows().at(row).toMap();
         QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
         QCOMPARE(shown.value(QStringLiteral("label")),
@@ -561,9 +557,8 @@ private Q_SLOTS:
             {S::NeedsRestart, false, false, false, false, '-'},
             {S::NotInstalled, false, false, true, true, '-'},
             {S::Failed, false, false, true, true, '-'}};
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         for (const auto &[support, global, canEnable, canAdd, showsLines, help] : rows) {
-            ShortcutSettingsModel model(global ? hotkeys.get() : nullptr, {});
+            ShortcutSettingsModel model(global ? m_hotkeys.get() : nullptr, {});
             QSignalSpy changed(&model, &ShortcutSettingsModel::helpChanged);
             model.setGnomeSupport(support);
             QCOMPARE(model.canEnableGnomeExtension(), canEnable);
@@ -589,10 +584,9 @@ private Q_SLOTS:
         QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
                  QStringLiteral("quillvox --toggle"));
 
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
-        hotkeys->updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
+        m_hotkeys->updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
         const QList<GnomeKeybindings::Entry> entries =
-            ShortcutSettingsModel(hotkeys.get(), {}).gnomeKeybindings();
+            ShortcutSettingsModel(m_hotkeys.get(), {}).gnomeKeybindings();
         QCOMPARE(entries.size(), 6);
         QCOMPARE(entries.first(),
                  (GnomeKeybindings::Entry{"narrate-selection", "Quillvox: Narrate Selection",
