@@ -864,9 +864,8 @@ private Q_SLOTS:
                      qPrintable(QString::number(h)));
         m_speech->stop();
         QVERIFY(!view.isRunning()); // reset on stop: nothing left to fall
-        const QList<qreal> rest(WaveformView::kBarCount, 3.0);
         view.advanceFrame(1000.1, 0.0);
-        QCOMPARE(view.barHeights(), rest);
+        QCOMPARE(view.barHeights(), QList<qreal>(WaveformView::kBarCount, 3.0));
 
         // The timeline's own frames, on the clock the levels are stamped with: loud audio being heard
         // lifts the bars above the idle wave.
@@ -875,7 +874,6 @@ private Q_SLOTS:
         for (qsizetype i = 0; i < loud.size() / 2; ++i)
             samples[i] = (i / 24) % 2 ? 20000 : -20000;
         m_speech->replayStoredAudio(loud);
-        QTRY_VERIFY(m_speech->isPlaying());
         QTRY_VERIFY([&] {
             m_sink->advance(1200);
             const QList<qreal> heights = view.barHeights();
