@@ -123,13 +123,9 @@ private Q_SLOTS:
                 commands.append(command + u'|' + argument);
                 if (instance == u"hang")
                     QThread::sleep(6);
-                if (instance == u"refuse")
-                    return QJsonObject{
-                        {QStringLiteral("ok"), false},
-                        {QStringLiteral("error"), QStringLiteral("No key, and not signed in.")}};
-                return QJsonObject{
-                    {QStringLiteral("ok"), true},
-                    {QStringLiteral("status"), QJsonObject{{QStringLiteral("backend"), "none"}}}};
+                return QJsonObject{{u"ok"_qs, instance != u"refuse"},
+                                   {u"error"_qs, u"No key, and not signed in."_qs}, // read only on a refusal
+                                   {u"status"_qs, QJsonObject{{u"backend"_qs, "none"}}}};
             }));
             connect(running.get(), &SingleInstance::startupIdReceived, this, [&](const QByteArray &id) {
                 commands.append(u"startup-id|"_qs + QString::fromLatin1(id));
