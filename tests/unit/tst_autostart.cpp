@@ -9,8 +9,6 @@
 
 namespace {
 
-const QByteArray kAbsent;
-
 void writeFile(const QString &path, const QByteArray &contents)
 {
     QDir().mkpath(QFileInfo(path).path());
@@ -42,8 +40,8 @@ private Q_SLOTS:
 
         const QByteArray ours =
             "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
-        QTest::newRow("on, no folder yet") << kAbsent << false << true;
-        QTest::newRow("off, no entry") << kAbsent << false << false;
+        QTest::newRow("on, no folder yet") << QByteArray() << false << true;
+        QTest::newRow("off, no entry") << QByteArray() << false << false;
         QTest::newRow("off, entry there") << ours << true << false;
         QTest::newRow("on again, entry there") << ours << true << true;
         QTest::newRow("hidden by the desktop, on") << ours + "Hidden=true\n" << false << true;

@@ -8,27 +8,8 @@ class TestDeploymentConfig : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    // The build's cache variables reach the program as its defaults, and the environment still wins.
-    void builtInDefaults()
-    {
-        const auto valueOf = [](const QProcessEnvironment &env, const QString &name) {
-            const DeploymentConfig c = DeploymentConfig::fromEnvironment(env);
-            return (name == u"QUILLVOX_SERVICE_ORIGIN" ? c.serviceOrigin : c.appcastUrl).toString();
-        };
-        const std::tuple<QString, QString, QString> rows[] = {
-            {"QUILLVOX_SERVICE_ORIGIN", BUILT_IN_SERVICE_ORIGIN, "http://127.0.0.1:8080"},
-            {"QUILLVOX_APPCAST_URL", BUILT_IN_APPCAST_URL, "http://127.0.0.1:8080/appcast.xml"}};
-        for (const auto &[name, builtIn, fromEnvironment] : rows) {
-            QProcessEnvironment env;
-            QCOMPARE(valueOf(env, name), builtIn);
-            env.insert(name, QString());
-            QCOMPARE(valueOf(env, name), builtIn);
-            env.insert(name, fromEnvironment);
-            QCOMPARE(valueOf(env, name), fromEnvironment);
-        }
-    }
-
-    // One variable set: the service origin, the OpenAI origin, the keychain service, the null output.
+    // One variable set: the service origin, the OpenAI origin, the keychain service, the null output, the
+    // update feed. The build's cache variables are the defaults, and a blank variable is none.
     void overrides_data()
     {
         QTest::addColumn<QString>("name");
@@ -36,15 +17,21 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("expected");
 
         const auto row = [](const char *name, const char *variable, const char *value, const char *service,
-                            const char *openAI, const char *keychain, const char *null) {
+                            const char *openAI, const char *keychain, const char *null,
+                            const char *feed = BUILT_IN_APPCAST_URL) {
             QTest::newRow(name) << QString::fromLatin1(variable) << QString::fromLatin1(value)
-                                << QStringList{service, openAI, keychain, null};
+                                << QStringList{service, openAI, keychain, null, feed};
         };
-        const char *svc = "https://quillvox.app", *oai = "https://api.openai.com",
-                   *kc = "com.vantor.quillvox";
+        const char *svc = BUILT_IN_SERVICE_ORIGIN, *oai = "https://api.openai.com",
+                   *kc = "com.vantor.quillvox", *local = "http://127.0.0.1:8080";
         row("trailing slashes dropped", "QUILLVOX_OPENAI_ORIGIN", "http://localhost:9/v//", svc,
             "http://localhost:9/v", kc, "");
+        row("service origin", "QUILLVOX_SERVICE_ORIGIN", local, local, oai, kc, "");
+        row("blank service origin", "QUILLVOX_SERVICE_ORIGIN", "", svc, oai, kc, "");
         row("not a URL falls back", "QUILLVOX_SERVICE_ORIGIN", "not a url", svc, oai, kc, "");
+        row("update feed", "QUILLVOX_APPCAST_URL", "http://127.0.0.1:8080/appcast.xml", svc, oai, kc, "",
+            "http://127.0.0.1:8080/appcast.xml");
+        row("blank update feed", "QUILLVOX_APPCAST_URL", "", svc, oai, kc, "");
         row("keychain service", "QUILLVOX_KEYCHAIN_SERVICE", "demo", svc, oai, "demo", "");
         row("null output", "QUILLVOX_AUDIO_OUTPUT", "null", svc, oai, kc, "null");
         row("unknown output", "QUILLVOX_AUDIO_OUTPUT", "alsa", svc, oai, kc, "");
@@ -58,7 +45,8 @@ private Q_SLOTS:
         env.insert(name, value);
         const DeploymentConfig c = DeploymentConfig::fromEnvironment(env);
         QTEST((QStringList{c.serviceOrigin.toString(), c.openAIOrigin.toString(), c.keychainService,
-                           c.audioOutput == DeploymentConfig::AudioOutput::Null ? "null" : ""}),
+                           c.audioOutput == DeploymentConfig::AudioOutput::Null ? "null" : "",
+                           c.appcastUrl.toString()}),
               "expected");
     }
 

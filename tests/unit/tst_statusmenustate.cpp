@@ -41,16 +41,13 @@ private Q_SLOTS:
                                      flags.contains(u"content"), flags.contains(u"expanded"));
 
         QStringList items;
-        if (menu.narrateOffered)
-            items.append(QStringLiteral("narrate"));
-        if (menu.expandOffered)
-            items.append(QStringLiteral("expand"));
-        if (menu.narrateSeparatorShown)
-            items.append(QStringLiteral("|"));
-        if (menu.pauseEnabled)
-            items.append(QStringLiteral("pause"));
-        if (menu.stopEnabled)
-            items.append(QStringLiteral("stop"));
+        for (const auto &[shown, item] : {std::pair(menu.narrateOffered, "narrate"),
+                                          {menu.expandOffered, "expand"},
+                                          {menu.narrateSeparatorShown, "|"},
+                                          {menu.pauseEnabled, "pause"},
+                                          {menu.stopEnabled, "stop"}})
+            if (shown)
+                items.append(QString::fromLatin1(item));
         QTEST(items.join(u' '), "items");
         QTEST(menu.pauseLabel, "pauseLabel");
     }

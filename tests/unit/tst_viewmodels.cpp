@@ -54,9 +54,10 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUrlQuery>
 
-using PlayState = FloatingWidgetViewModel::PlayState;
+// Designated initializers leave the services a case does not use empty.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 using Verdict = OpenAIServer::Verdict;
 using namespace std::chrono_literals;
 Q_DECLARE_METATYPE(Verdict::Kind)
@@ -87,25 +88,6 @@ QQuickItem *findShown(QQuickItem *item, const QString &text, bool byName = false
     return nullptr;
 }
 
-// Takes the links the views open.
-class UrlCatcher : public QObject
-{
-    Q_OBJECT
-public:
-    explicit UrlCatcher(const char *scheme)
-        : m_scheme(QString::fromLatin1(scheme))
-    {
-        QDesktopServices::setUrlHandler(m_scheme, this, "open");
-    }
-    ~UrlCatcher() override { QDesktopServices::unsetUrlHandler(m_scheme); }
-    QList<QUrl> opened;
-public Q_SLOTS:
-    void open(const QUrl &url) { opened.append(url); }
-
-private:
-    QString m_scheme;
-};
-
 } // namespace
 
 class TestViewModels : public QObject
@@ -119,30 +101,23 @@ class TestViewModels : public QObject
     NoAccount m_account;
     IdleNarrationControls m_controls;
     NullAudioSink *m_sink = nullptr;
+    NullGlobalHotKeys *m_keys = nullptr;
+    std::unique_ptr<HotkeyManager> m_hotkeys; // on m_keys
     std::unique_ptr<SpeechManager> m_speech;
     ManualClock m_clock;
-
-    std::unique_ptr<HotkeyManager> makeHotkeys(NullGlobalHotKeys **keys = nullptr)
-    {
-        auto backend = std::make_unique<NullGlobalHotKeys>();
-        if (keys)
-            *keys = backend.get();
-        return std::make_unique<HotkeyManager>(*m_defaults, std::move(backend), m_selection, m_controls);
-    }
+    QList<QUrl> m_opened; // by the browser
 
     // On the null sink driven by hand (m_sink), narrating with the own key at `openAIOrigin`.
     std::unique_ptr<SpeechManager> makeSpeech(const QUrl &openAIOrigin = {})
     {
         auto sink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
         m_sink = sink.get();
-        SpeechManager::Services services;
-        services.defaults = m_defaults.get();
-        services.keychain = m_keychain.get();
-        services.selection = &m_selection;
-        services.account = &m_account;
-        services.audioSink = std::move(sink);
-        services.openAIOrigin = openAIOrigin;
-        return std::make_unique<SpeechManager>(std::move(services));
+        return std::make_unique<SpeechManager>(SpeechManager::Services{.defaults = m_defaults.get(),
+                                                                       .keychain = m_keychain.get(),
+                                                                       .account = &m_account,
+                                                                       .selection = &m_selection,
+                                                                       .audioSink = std::move(sink),
+                                                                       .openAIOrigin = openAIOrigin});
     }
 
     std::unique_ptr<AuthManager> makeAuth(const QString &origin,
@@ -153,16 +128,13 @@ class TestViewModels : public QObject
                                   .clock = &m_clock,
                                   .authOrigin = QUrl(origin),
                                   .serviceOrigin = QUrl(u"https://svc.test"_qs),
-                                  .anonKey = {},
                                   .openUrl = std::move(openUrl),
                                   .log = [](const QString &) {}});
     }
 
-    std::unique_ptr<OnboardingViewModel> model(std::function<bool()> isTrusted = {})
+    std::unique_ptr<OnboardingViewModel> model(OnboardingViewModel::Services services = {})
     {
-        OnboardingViewModel::Services services;
         services.clock = &m_clock;
-        services.isTrusted = std::move(isTrusted);
         return std::make_unique<OnboardingViewModel>(std::move(services));
     }
 
@@ -175,6 +147,9 @@ class TestViewModels : public QObject
                                 "tutorial", "pricing", "purchaseConfirmation", "completion"};
         vm.goTo(allOnboardingSteps().at(names.indexOf(step)));
     }
+
+public Q_SLOTS:
+    void open(const QUrl &url) { m_opened.append(url); }
 
 private Q_SLOTS:
     void initTestCase()
@@ -189,9 +164,16 @@ private Q_SLOTS:
         m_keychain =
             std::make_unique<KeychainHelper>(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
         m_speech = makeSpeech();
+        auto keys = std::make_unique<NullGlobalHotKeys>();
+        m_keys = keys.get();
+        m_hotkeys = std::make_unique<HotkeyManager>(*m_defaults, std::move(keys), m_selection, m_controls);
     }
 
-    void cleanup() { m_speech.reset(); }
+    void cleanup()
+    {
+        m_hotkeys.reset();
+        m_speech.reset();
+    }
 
     // Every section draws from real managers without a binding or type error; as drawn, About's skipped
     // version with "Forget", and local counts grouped as the server's are.
@@ -205,26 +187,20 @@ private Q_SLOTS:
         history.addSession(QStringLiteral("\n  First line\nsecond"), QStringLiteral("cedar"), 3,
                            QByteArray(480, 0));
         UsageManager usage(*m_defaults);
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         const auto auth = makeAuth({});
-        BalanceManager balance(
-            {.auth = auth.get(), .serviceOrigin = {}, .openUrl = {}, .log = [](const QString &) {}});
+        BalanceManager balance({.auth = auth.get(), .log = [](const QString &) {}});
 
         // QML's own warnings name the file they come from.
         QTest::failOnWarning(QRegularExpression(QStringLiteral("\\.qml")));
         SettingsWindow settings(std::nullopt, {.speech = m_speech.get(),
                                                .auth = auth.get(),
                                                .balance = &balance,
-                                               .hotkeys = hotkeys.get(),
+                                               .hotkeys = m_hotkeys.get(),
                                                .keychain = m_keychain.get(),
                                                .history = &history,
                                                .usage = &usage,
                                                .defaults = m_defaults.get(),
-                                               .openAIOrigin = {},
-                                               .website = {},
-                                               .ownKeyChanged = [] {},
-                                               .chooseExportPath = {},
-                                               .captureProblem = {}});
+                                               .ownKeyChanged = [] {}});
         settings.present();
         QCOMPARE(settings.window()->status(), QQuickView::Ready);
         for (const QString &section : settings.viewModel()->sections()) {
@@ -253,18 +229,16 @@ private Q_SLOTS:
     void settingsFollowTheirSources()
     {
         QString captureProblem = QStringLiteral("No XTEST");
-        SettingsServices services;
-        services.keychain = m_keychain.get();
-        services.defaults = m_defaults.get();
-        services.captureProblem = [&] { return captureProblem; };
+        SettingsServices services{.keychain = m_keychain.get(),
+                                  .defaults = m_defaults.get(),
+                                  .captureProblem = [&] { return captureProblem; }};
         SettingsViewModel settings(SettingsSection::shortcuts, services);
         ShortcutSettingsModel &shortcuts = *settings.shortcuts();
         QVERIFY(shortcuts.rows().isEmpty());
         shortcuts.setRecordingRow(0);
         QCOMPARE(shortcuts.recordingRow(), -1); // nothing to record without the manager
 
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
-        services.hotkeys = hotkeys.get();
+        services.hotkeys = m_hotkeys.get();
         captureProblem.clear();
         QSignalSpy rows(&shortcuts, &ShortcutSettingsModel::rowsChanged);
         settings.adoptServices(services);
@@ -304,15 +278,11 @@ private Q_SLOTS:
     // history entry moves it to the next entry's Delete.
     void focusStaysOnItsRow()
     {
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         HistoryManager history(*m_defaults, m_dir->filePath(QStringLiteral("History")));
         for (const char *text : {"Older", "Newer"})
             history.addSession(QString::fromLatin1(text), QStringLiteral("cedar"), 1, QByteArray(480, 0));
-        SettingsServices services;
-        services.hotkeys = hotkeys.get();
-        services.speech = m_speech.get();
-        services.history = &history;
-        SettingsWindow settings(SettingsSection::shortcuts, std::move(services));
+        SettingsWindow settings(SettingsSection::shortcuts,
+                                {.speech = m_speech.get(), .hotkeys = m_hotkeys.get(), .history = &history});
         settings.present();
         QQuickWindow *window = settings.window();
         QVERIFY(QTest::qWaitForWindowActive(window));
@@ -326,7 +296,7 @@ private Q_SLOTS:
         QTest::keyClick(window, Qt::Key_Tab);
         QVERIFY(window->activeFocusItem()->property("text") == QStringLiteral("Reset"));
         QTest::keyClick(window, Qt::Key_Space);
-        QVERIFY(hotkeys->currentKey() == HotkeyManager::defaultKey);
+        QVERIFY(m_hotkeys->currentKey() == HotkeyManager::defaultKey);
         QCOMPARE(window->activeFocusItem(), recorder);
 
         settings.viewModel()->selectLabel(QStringLiteral("History"));
@@ -416,24 +386,20 @@ private Q_SLOTS:
         QCOMPARE(verdict.origin.toString(), origin);
         QCOMPARE(verdict.message.isEmpty(), kind == Verdict::Encrypted);
 
-        // Stored, an accepted server replaces the deployment's, unless the deployment came from the
-        // environment.
+        // Stored, an accepted server replaces the deployment's (the deployment's own, and one from the
+        // environment winning: tst_speechmanager, tst_apikeysettings).
         const QUrl deployment(QStringLiteral("https://deploy.test"));
-        QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false), deployment);
         m_defaults->setString(OpenAIServer::serverKey, typed);
         QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false).toString(),
                  kind == Verdict::Refused ? deployment.toString() : origin);
-        QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, true), deployment);
     }
 
     // The key goes to the keyring only and is shown masked; a refused server is not stored.
     void apiKeys()
     {
-        UserDefaults &defaults = *m_defaults;
-        KeychainHelper &keychain = *m_keychain;
         int ownKeyChanges = 0;
-        ApiKeySettingsModel model({.keychain = &keychain,
-                                   .defaults = &defaults,
+        ApiKeySettingsModel model({.keychain = m_keychain.get(),
+                                   .defaults = m_defaults.get(),
                                    .openAIOrigin = OpenAIServer::defaultOrigin(),
                                    .ownKeyChanged = [&] { ++ownKeyChanges; }});
         QVERIFY(!model.hasKey());
@@ -445,22 +411,22 @@ private Q_SLOTS:
         model.setDraft(u"  sk-proj-abcdefgh1234 "_qs);
         QVERIFY(model.canSave() && model.saveDraft());
         QVERIFY(model.draft().isEmpty());
-        QCOMPARE(keychain.load(KeychainKey::openAIAPIKey), QStringLiteral("sk-proj-abcdefgh1234"));
+        QCOMPARE(m_keychain->load(KeychainKey::openAIAPIKey), QStringLiteral("sk-proj-abcdefgh1234"));
         QCOMPARE(model.maskedKey(), QStringLiteral("sk-…1234"));
         QCOMPARE(ownKeyChanges, 1);
-        defaults.sync();
-        QFile file(defaults.filePath());
+        m_defaults->sync();
+        QFile file(m_defaults->filePath());
         QVERIFY(!file.open(QIODevice::ReadOnly) || !file.readAll().contains("abcdefgh"));
 
         QVERIFY(!model.setServer(QStringLiteral("http://example.com")));
         QVERIFY(!model.serverError().isEmpty());
-        QVERIFY(!defaults.contains(OpenAIServer::serverKey));
+        QVERIFY(!m_defaults->contains(OpenAIServer::serverKey));
         QVERIFY(model.setServer(QStringLiteral("http://localhost:8880/")));
-        QCOMPARE(defaults.string(OpenAIServer::serverKey), QStringLiteral("http://localhost:8880"));
+        QCOMPARE(m_defaults->string(OpenAIServer::serverKey), QStringLiteral("http://localhost:8880"));
         QCOMPARE(model.serverNote(), QStringLiteral("The key is sent unencrypted."));
 
         QVERIFY(model.removeKey());
-        QVERIFY(!keychain.load(KeychainKey::openAIAPIKey));
+        QVERIFY(!m_keychain->load(KeychainKey::openAIAPIKey));
         QVERIFY(model.maskedKey().isEmpty());
         QCOMPARE(ownKeyChanges, 2);
 
@@ -487,19 +453,17 @@ private Q_SLOTS:
     {
         QFETCH(int, row);
         QFETCH(QString, keyCodeKey);
-        NullGlobalHotKeys *keys = nullptr;
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys(&keys);
-        ShortcutSettingsModel model(hotkeys.get(), {});
+        ShortcutSettingsModel model(m_hotkeys.get(), {});
         const auto binding = HotkeyManager::Binding(row);
-        const QSet<NativeHotKey> defaultGrabs = keys->grabbed();
+        const QSet<NativeHotKey> defaultGrabs = m_keys->grabbed();
 
         model.record(row, 40, 0x100000); // Command+K
-        QVERIFY(keys->grabbed() != defaultGrabs);
+        QVERIFY(m_keys->grabbed() != defaultGrabs);
         QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
 
         model.reset(row);
-        QCOMPARE(keys->grabbed(), defaultGrabs);
-        QVERIFY(hotkeys->isRegistered(binding));
+        QCOMPARE(m_keys->grabbed(), defaultGrabs);
+        QVERIFY(m_hotkeys->isRegistered(binding));
         const QVariantMap shown = model.rows().at(row).toMap();
         QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
         QCOMPARE(shown.value(QStringLiteral("label")),
@@ -549,9 +513,10 @@ private Q_SLOTS:
         Q_EMIT AppEvents::shared().skippedVersionChanged(); // skipped in the update window
         QCOMPARE(changed.size(), 1);
 
-        UrlCatcher browser("https");
+        QDesktopServices::setUrlHandler(u"https"_qs, this, "open");
+        const auto restore = qScopeGuard([] { QDesktopServices::unsetUrlHandler(u"https"_qs); });
         about.openWebsite();
-        QCOMPARE(browser.opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
+        QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
     }
 
     // Every speaking style has its own symbol in the Voice section, drawn in the colour asked for.
@@ -590,9 +555,8 @@ private Q_SLOTS:
             {S::NeedsRestart, false, false, false, false, '-'},
             {S::NotInstalled, false, false, true, true, '-'},
             {S::Failed, false, false, true, true, '-'}};
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
         for (const auto &[support, global, canEnable, canAdd, showsLines, help] : rows) {
-            ShortcutSettingsModel model(global ? hotkeys.get() : nullptr, {});
+            ShortcutSettingsModel model(global ? m_hotkeys.get() : nullptr, {});
             QSignalSpy changed(&model, &ShortcutSettingsModel::helpChanged);
             model.setGnomeSupport(support);
             QCOMPARE(model.canEnableGnomeExtension(), canEnable);
@@ -618,10 +582,9 @@ private Q_SLOTS:
         QCOMPARE(ShortcutSettingsModel::desktopBindings(false).split(u'\n').at(1),
                  QStringLiteral("quillvox --toggle"));
 
-        const std::unique_ptr<HotkeyManager> hotkeys = makeHotkeys();
-        hotkeys->updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
+        m_hotkeys->updateStopHotKey(1, 0x20000 | 0x40000); // Shift + Control (Super) + S
         const QList<GnomeKeybindings::Entry> entries =
-            ShortcutSettingsModel(hotkeys.get(), {}).gnomeKeybindings();
+            ShortcutSettingsModel(m_hotkeys.get(), {}).gnomeKeybindings();
         QCOMPARE(entries.size(), 6);
         QCOMPARE(entries.first(),
                  (GnomeKeybindings::Entry{"narrate-selection", "Quillvox: Narrate Selection",
@@ -734,24 +697,22 @@ private Q_SLOTS:
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
         QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
-        const std::unique_ptr<SpeechManager> owned =
-            makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
-        SpeechManager &speech = *owned;
-        FloatingWidgetViewModel vm(speech, m_clock);
+        m_speech = makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
+        FloatingWidgetViewModel vm(*m_speech, m_clock);
         // What a view bound to the title shows: the value at each announcement.
         QStringList shown{vm.title()};
         connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
         if (state == u"generating") {
-            speech.speak(QStringLiteral("Hello there."));
+            m_speech->speak(QStringLiteral("Hello there."));
         } else if (state == u"playing" || state == u"paused") {
-            speech.replayStoredAudio(silence(5));
-            QTRY_VERIFY(speech.isPlaying());
+            m_speech->replayStoredAudio(silence(5));
+            QTRY_VERIFY(m_speech->isPlaying());
             if (state == u"paused")
-                speech.togglePlayPause();
+                m_speech->togglePlayPause();
         } else if (state == u"permission") {
-            speech.setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+            m_speech->setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
         } else if (state == u"error") {
-            speech.setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+            m_speech->setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
         }
         QFETCH(QString, title);
         QTRY_COMPARE(shown.last(), title);
@@ -775,19 +736,6 @@ private Q_SLOTS:
         vm.setShowFullControls(true);
         QVERIFY(vm.showsExpanded());
         QCOMPARE(size.size(), 3);
-    }
-
-    // Processing, content, playing: the state the buttons show. Processing wins over everything.
-    void playState()
-    {
-        using P = PlayState;
-        const std::tuple<bool, bool, bool, PlayState> rows[] = {{true, true, true, P::Loading},
-                                                                {true, false, false, P::Loading},
-                                                                {false, false, true, P::Idle},
-                                                                {false, true, true, P::Playing},
-                                                                {false, true, false, P::Paused}};
-        for (const auto &[processing, content, playing, state] : rows)
-            QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
     }
 
     // Skips and seeks on a real controller playing 10 s of audio; -1: no seek at all.
@@ -828,13 +776,10 @@ private Q_SLOTS:
             vm.seekToFraction(action.mid(6).toDouble());
         else
             vm.seekToTime(action.mid(5).toDouble());
-        if (frame < 0) {
+        if (frame < 0)
             QTest::qWait(150); // three seek debounces
-            QCOMPARE(seeks.size(), 0);
-            return;
-        }
-        QTRY_COMPARE(seeks.size(), 1);
-        QCOMPARE(seeks.first().first().toLongLong(), frame);
+        QTRY_COMPARE(seeks.size(), frame < 0 ? 0 : 1);
+        QCOMPARE(seeks.isEmpty() ? -1 : seeks.first().first().toLongLong(), frame);
     }
 
     // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
@@ -850,49 +795,54 @@ private Q_SLOTS:
             QCOMPARE(shown, QString::fromUtf8(expected));
     }
 
+    // Each bar's red, green and blue, to two decimals.
     void barColors_data()
     {
         QTest::addColumn<QString>("themeRaw");
-        QTest::addColumn<QList<QColor>>("colors");
-        const auto grey = [](double g) { return QColor::fromRgbF(float(g), float(g), float(g)); };
-        const QList<QColor> defaults{grey(1.0), grey(0.92), grey(0.84), grey(0.76), grey(0.68), grey(0.6)};
+        QTest::addColumn<QStringList>("colors");
+        const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
+                                   "0.76 0.76 0.76", "0.68 0.68 0.68", "0.60 0.60 0.60"};
         QTest::newRow("Default runs from white to grey 0.6") << "Default" << defaults;
         QTest::newRow("an unknown theme falls back to Default") << "Plaid" << defaults;
         QTest::newRow("Sunset blends through its middle colour")
-            << "Sunset"
-            << QList<QColor>{QColor::fromRgbF(1.0f, 0.5f, 0.2f),   QColor::fromRgbF(1.0f, 0.46f, 0.32f),
-                             QColor::fromRgbF(1.0f, 0.42f, 0.44f), QColor::fromRgbF(1.0f, 0.44f, 0.5f),
-                             QColor::fromRgbF(1.0f, 0.52f, 0.5f),  QColor::fromRgbF(1.0f, 0.6f, 0.5f)};
+            << "Sunset" << QStringList{"1.00 0.50 0.20", "1.00 0.46 0.32", "1.00 0.42 0.44",
+                                       "1.00 0.44 0.50", "1.00 0.52 0.50", "1.00 0.60 0.50"};
     }
 
     void barColors()
     {
         QFETCH(QString, themeRaw);
-        QFETCH(QList<QColor>, colors);
         FloatingWidgetViewModel vm(*m_speech, m_clock);
         QSignalSpy repaint(&vm, &FloatingWidgetViewModel::paletteChanged);
         m_speech->setWidgetThemeRawValue(themeRaw);
-        const QList<QColor> actual = vm.palette().barColors;
-        QCOMPARE(actual.size(), colors.size());
-        for (qsizetype i = 0; i < colors.size(); ++i) {
-            const QColor &a = actual[i], &e = colors[i];
-            QVERIFY2(qAbs(a.redF() - e.redF()) < 0.005 && qAbs(a.greenF() - e.greenF()) < 0.005 &&
-                         qAbs(a.blueF() - e.blueF()) < 0.005,
-                     qPrintable(QStringLiteral("bar %1: %2, expected %3").arg(i).arg(a.name(), e.name())));
-        }
+        QStringList shown;
+        for (const QColor &c : vm.palette().barColors)
+            shown << u"%1 %2 %3"_qs.arg(c.redF(), 0, 'f', 2)
+                         .arg(c.greenF(), 0, 'f', 2)
+                         .arg(c.blueF(), 0, 'f', 2);
+        QTEST(shown, "colors");
         m_speech->setWidgetTheme(WidgetTheme::Crimson);
         QVERIFY(!repaint.isEmpty());
     }
 
-    // Playing, generating, the tallest bar: whether the timeline runs. Bars fall until they reach 0.01.
-    void timelineRunsOnlyWhileSomethingMoves()
+    // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
+    // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
+    void playStateAndTimeline()
     {
-        const std::tuple<bool, bool, float, bool> rows[] = {{false, false, 0.0f, false},
-                                                            {false, false, 0.01f, false},
-                                                            {false, false, 0.02f, true},
-                                                            {true, false, 0.0f, true},
-                                                            {false, true, 0.0f, true}};
-        for (const auto &[playing, processing, tallestBar, runs] : rows)
+        using P = FloatingWidgetViewModel::PlayState;
+        const std::tuple<bool, bool, bool, P> states[] = {{true, true, true, P::Loading},
+                                                          {true, false, false, P::Loading},
+                                                          {false, false, true, P::Idle},
+                                                          {false, true, true, P::Playing},
+                                                          {false, true, false, P::Paused}};
+        for (const auto &[processing, content, playing, state] : states)
+            QCOMPARE(FloatingWidgetViewModel::playStateFor(processing, content, playing), state);
+        const std::tuple<bool, bool, float, bool> timeline[] = {{false, false, 0.0f, false},
+                                                                {false, false, 0.01f, false},
+                                                                {false, false, 0.02f, true},
+                                                                {true, false, 0.0f, true},
+                                                                {false, true, 0.0f, true}};
+        for (const auto &[playing, processing, tallestBar, runs] : timeline)
             QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
     }
 
@@ -912,9 +862,8 @@ private Q_SLOTS:
                      qPrintable(QString::number(h)));
         m_speech->stop();
         QVERIFY(!view.isRunning()); // reset on stop: nothing left to fall
-        const QList<qreal> rest(WaveformView::kBarCount, 3.0);
         view.advanceFrame(1000.1, 0.0);
-        QCOMPARE(view.barHeights(), rest);
+        QCOMPARE(view.barHeights(), QList<qreal>(WaveformView::kBarCount, 3.0));
 
         // The timeline's own frames, on the clock the levels are stamped with: loud audio being heard
         // lifts the bars above the idle wave.
@@ -923,7 +872,6 @@ private Q_SLOTS:
         for (qsizetype i = 0; i < loud.size() / 2; ++i)
             samples[i] = (i / 24) % 2 ? 20000 : -20000;
         m_speech->replayStoredAudio(loud);
-        QTRY_VERIFY(m_speech->isPlaying());
         QTRY_VERIFY([&] {
             m_sink->advance(1200);
             const QList<qreal> heights = view.barHeights();
@@ -947,17 +895,14 @@ private Q_SLOTS:
         connect(&users, &QTcpServer::newConnection, &users, [&users] {
             QTcpSocket *socket = users.nextPendingConnection();
             connect(socket, &QTcpSocket::readyRead, socket, [socket] {
-                const QByteArray body = R"({"id":"u1","email":"a@b.test"})";
                 socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n"
-                              "Content-Length: " +
-                              QByteArray::number(body.size()) + "\r\n\r\n" + body);
+                              "Content-Length: 30\r\n\r\n{\"id\":\"u1\",\"email\":\"a@b.test\"}");
                 socket->disconnectFromHost();
             });
         });
-        const auto owned = makeAuth(u"http://127.0.0.1:%1"_qs.arg(users.serverPort()));
-        AuthManager &auth = *owned;
+        const auto auth = makeAuth(u"http://127.0.0.1:%1"_qs.arg(users.serverPort()));
         FloatingWindowController controller({.speech = m_speech.get(),
-                                             .auth = &auth,
+                                             .auth = auth.get(),
                                              .clock = &m_clock,
                                              .hints = std::make_unique<NullPanelHints>(compositing)});
         QVERIFY(!controller.window()); // loaded when first shown
@@ -1003,71 +948,59 @@ private Q_SLOTS:
 
         // Every sign-in brings it back to the top centre.
         controller.subscribeToAuthState();
-        auth.handleCallback(QUrl(u"quillvox://auth/callback#access_token=a&refresh_token=r"_qs));
-        QTRY_VERIFY(auth.isSignedIn());
+        auth->handleCallback(QUrl(u"quillvox://auth/callback#access_token=a&refresh_token=r"_qs));
+        QTRY_VERIFY(auth->isSignedIn());
         QCOMPARE(window->position(), placed.topLeft());
 
         controller.hideWidget();
-        QVERIFY(!controller.isWidgetVisible());
         QVERIFY(!controller.window()); // released with its QML
     }
 
     // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account
     // (none here: pricing as well, the own key being absent); completion completes onboarding.
+    // A row: the step, where its main button leads, where "Back" leads, and "back" where that is shown.
     void steps_data()
     {
-        QTest::addColumn<QString>("from");
-        QTest::addColumn<QString>("afterAdvance");
-        QTest::addColumn<QString>("afterPrevious");
-        QTest::addColumn<bool>("showsBack");
-        const auto row = [](const char *from, const char *afterNext, const char *afterPrevious, bool back) {
-            QTest::newRow(from) << QString::fromLatin1(from) << QString::fromLatin1(afterNext)
-                                << QString::fromLatin1(afterPrevious) << back;
-        };
-        row("welcome", "signIn", "welcome", false);
-        row("signIn", "signIn", "welcome", true);
-        row("freeMinutes", "permissions", "freeMinutes", false);
-        row("permissions", "tutorial", "freeMinutes", true);
-        row("tutorial", "pricing", "tutorial", false);
-        row("pricing", "completion", "pricing", false);
-        row("purchaseConfirmation", "completion", "purchaseConfirmation", false);
-        row("completion", "completion", "completion", false);
+        QTest::addColumn<QStringList>("row");
+        for (const char *row :
+             {"welcome signIn welcome", "signIn signIn welcome back", "freeMinutes permissions freeMinutes",
+              "permissions tutorial freeMinutes back", "tutorial pricing tutorial",
+              "pricing completion pricing", "purchaseConfirmation completion purchaseConfirmation",
+              "completion completion completion"})
+            QTest::newRow(row) << QString::fromLatin1(row).split(u' ');
     }
 
     void steps()
     {
-        QFETCH(QString, from);
+        QFETCH(QStringList, row);
         for (const bool forward : {true, false}) {
             const auto vm = model();
-            reach(*vm, from);
-            QCOMPARE(vm->currentStepName(), from);
-            QTEST(vm->canGoBack(), "showsBack");
+            reach(*vm, row[0]);
+            QCOMPARE(vm->currentStepName(), row[0]);
+            QCOMPARE(vm->canGoBack(), row.size() == 4);
             QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
-            if (forward) {
+            if (forward)
                 vm->advance();
-                QTEST(vm->currentStepName(), "afterAdvance");
-                QCOMPARE(completed.size(), from == u"completion" ? 1 : 0);
-            } else {
+            else
                 vm->previousStep();
-                QTEST(vm->currentStepName(), "afterPrevious");
-            }
+            QCOMPARE(vm->currentStepName(), row[forward ? 1 : 2]);
+            QCOMPARE(completed.size(), forward && row[0] == u"completion" ? 1 : 0);
         }
     }
 
     // What the tutorial's pickers show, decided here rather than in the views.
     void tutorialChoices()
     {
-        const auto owned = model();
-        OnboardingViewModel &vm = *owned;
+        const auto vm = model();
         // The default shortcut, and one whose key has a plus in its name.
-        QCOMPARE(vm.shortcutKeys(), QStringList({"Ctrl", "Alt", "S"}));
+        QCOMPARE(vm->shortcutKeys(), QStringList({"Ctrl", "Alt", "S"}));
         QCOMPARE(HotkeyManager::shortcutKeys(69, HotkeyManager::defaultModifiers),
                  QStringList({"Ctrl", "Alt", "Num +"}));
-        const QVariantMap cedar = vm.voices().at(availableVoices().indexOf(u"cedar"_qs)).toMap();
+        const QVariantMap cedar = vm->voices().at(availableVoices().indexOf(u"cedar"_qs)).toMap();
         QCOMPARE(cedar.value(u"name"_qs), u"Cedar"_qs);
         QCOMPARE(cedar.value(u"id"_qs), u"cedar"_qs);
-        QCOMPARE(vm.appearances().first().toMap().value(u"detail"_qs), u"Best for light backgrounds"_qs);
-        const QVariantMap sunset = vm.themeItems().at(2).toMap();
+        QCOMPARE(vm->appearances().first().toMap().value(u"detail"_qs), u"Best for light backgrounds"_qs);
+        const QVariantMap sunset = vm->themeItems().at(2).toMap();
         QCOMPARE(sunset.value(u"name"_qs), u"Sunset"_qs);
         QCOMPARE(sunset.value(u"colors"_qs).toList().first().value<QColor>(),
                  WidgetPalette::themeColorsOf(WidgetTheme::Sunset).front());
@@ -1105,10 +1038,7 @@ private Q_SLOTS:
         QFETCH(QStringList, shown);
         QList<QUrl> opened;
         const auto auth = makeAuth(u"https://auth.test"_qs, [&](const QUrl &url) { opened << url; });
-        OnboardingViewModel::Services services;
-        services.auth = auth.get();
-        services.clock = &m_clock;
-        OnboardingWindow window(std::move(services));
+        OnboardingWindow window({.auth = auth.get(), .clock = &m_clock});
         QCOMPARE(window.window()->status(), QQuickView::Ready);
         reach(*window.viewModel(), step);
         QQuickItem *root = window.window()->rootObject();
@@ -1138,7 +1068,8 @@ private Q_SLOTS:
             {{false, true, true, false}, 2, false}}; // then lost
         for (const auto &[answers, publications, finally] : rows) {
             qsizetype asked = 0;
-            const auto vm = model([&] { return answers.value(std::min(asked++, answers.size() - 1)); });
+            const auto vm =
+                model({.isTrusted = [&] { return answers.value(std::min(asked++, answers.size() - 1)); }});
             QSignalSpy published(vm.get(), &OnboardingViewModel::hasPermissionsChanged);
             QCoreApplication::processEvents();
             for (qsizetype tick = 1; tick < answers.size(); ++tick) {
@@ -1157,29 +1088,25 @@ private Q_SLOTS:
     // free minutes it never had, and skips pricing unless there is an account as well.
     void ownKeyPath()
     {
-        KeychainHelper keychain(QStringLiteral("test"), std::make_unique<MemorySecretStore>());
-        OnboardingViewModel::Services services;
-        services.clock = &m_clock;
-        services.keychain = &keychain;
-        OnboardingViewModel vm(std::move(services));
+        const auto vm = model({.keychain = m_keychain.get()});
         QSignalSpy settingsOpened(&AppEvents::shared(), &AppEvents::openSettingsWindow);
-        vm.advance();
-        vm.useOwnApiKey();
+        vm->advance();
+        vm->useOwnApiKey();
         QCOMPARE(settingsOpened.count(), 1);
         m_clock.advance(1s);
-        QCOMPARE(vm.currentStepName(), QStringLiteral("signIn"));
+        QCOMPARE(vm->currentStepName(), QStringLiteral("signIn"));
 
-        QVERIFY(keychain.save(QStringLiteral("sk-own"), KeychainKey::openAIAPIKey));
+        QVERIFY(m_keychain->save(QStringLiteral("sk-own"), KeychainKey::openAIAPIKey));
         m_clock.advance(1s);
-        QCOMPARE(vm.currentStepName(), QStringLiteral("permissions"));
-        QVERIFY(!vm.canGoBack());
+        QCOMPARE(vm->currentStepName(), QStringLiteral("permissions"));
+        QVERIFY(!vm->canGoBack());
 
         for (const QString &after : {u"completion"_qs, u"pricing"_qs}) {
             if (after == u"pricing")
-                QVERIFY(keychain.save(QStringLiteral("token"), KeychainKey::accessToken));
-            vm.goTo(OnboardingStep::tutorial);
-            vm.advance();
-            QCOMPARE(vm.currentStepName(), after);
+                QVERIFY(m_keychain->save(QStringLiteral("token"), KeychainKey::accessToken));
+            vm->goTo(OnboardingStep::tutorial);
+            vm->advance();
+            QCOMPARE(vm->currentStepName(), after);
         }
     }
 
@@ -1188,22 +1115,19 @@ private Q_SLOTS:
     void signInButtonsComeBack()
     {
         const auto auth = makeAuth(u"http://127.0.0.1:9"_qs, [](const QUrl &) {});
-        OnboardingViewModel::Services services;
-        services.clock = &m_clock;
-        services.auth = auth.get();
-        OnboardingViewModel vm(std::move(services));
-        vm.advance();
-        QVERIFY(vm.canSignIn());
+        const auto vm = model({.auth = auth.get()});
+        vm->advance();
+        QVERIFY(vm->canSignIn());
         for (const bool google : {true, false}) {
-            vm.signIn(google);
-            QVERIFY(vm.isSigningIn() && !vm.canSignIn());
+            vm->signIn(google);
+            QVERIFY(vm->isSigningIn() && !vm->canSignIn());
             m_clock.advance(9999ms);
-            QVERIFY(!vm.canSignIn());
+            QVERIFY(!vm->canSignIn());
             m_clock.advance(1ms);
-            QVERIFY(vm.canSignIn() && vm.isSigningIn()); // "Signing in..." stays
+            QVERIFY(vm->canSignIn() && vm->isSigningIn()); // "Signing in..." stays
         }
         auth->handleCallback(QUrl(QStringLiteral("quillvox://auth/callback")));
-        QVERIFY(!vm.isSigningIn() && vm.canSignIn());
+        QVERIFY(!vm->isSigningIn() && vm->canSignIn());
     }
 
     // The purchase page is reached through the token exchange; characters outside the query set are
@@ -1212,15 +1136,13 @@ private Q_SLOTS:
     {
         for (const auto &[packageId, escaped] :
              {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
-            const QUrl url = BalanceManager::packagePurchaseUrl(QUrl(QStringLiteral("https://svc.test/")),
-                                                                QStringLiteral("c0de"), packageId);
+            const QUrl url =
+                BalanceManager::packagePurchaseUrl(QUrl(u"https://svc.test/"_qs), u"c0de"_qs, packageId);
             QVERIFY(url.isValid());
             QCOMPARE(
                 url.toString(QUrl::FullyEncoded),
                 u"https://svc.test/api/auth/token-exchange?code=c0de&next=/api/credits/purchase-redirect?package="_qs +
                     escaped);
-            QCOMPARE(QUrlQuery(url).queryItemValue(QStringLiteral("next"), QUrl::FullyDecoded),
-                     QStringLiteral("/api/credits/purchase-redirect?package=") + packageId);
         }
     }
 

@@ -37,7 +37,6 @@ private Q_SLOTS:
     {
         QFETCH(QStringList, serverOptions);
         QFETCH(int, exitCode);
-        QFETCH(QString, firstLine);
         DevServer server;
         QVERIFY2(server.start(serverOptions), qPrintable(server.errorString()));
         QProcess check;
@@ -50,7 +49,7 @@ private Q_SLOTS:
         const QString output =
             QString::fromUtf8(check.readAllStandardOutput() + check.readAllStandardError());
         QCOMPARE(check.exitCode(), exitCode);
-        QCOMPARE(output.section(u'\n', 0, 0), firstLine);
+        QTEST(output.section(u'\n', 0, 0), "firstLine");
     }
 
     // 2.0 is on the feed, 1.0 runs.
