@@ -3,7 +3,7 @@
 
 #include "core/TextMetrics.h"
 
-#include <QRegularExpression>
+#include <QList>
 
 #include <algorithm>
 
@@ -12,11 +12,24 @@ namespace {
 constexpr double kAverageCharsPerWord = 6.0;
 constexpr double kAverageWordsPerMinute = 165.0;
 
-const QRegularExpression &whitespaceRuns()
+// Each run of white space as one space. By hand: a regular expression here would be compiled to machine
+// code at the first narration, which costs more memory than the whole text does.
+QString collapsedSpaces(QStringView text)
 {
-    static const QRegularExpression re(QStringLiteral("\\s+"),
-                                       QRegularExpression::UseUnicodePropertiesOption);
-    return re;
+    QString collapsed;
+    collapsed.reserve(text.size());
+    bool inRun = false;
+    for (const QChar c : text) {
+        if (c.isSpace()) {
+            if (!inRun)
+                collapsed.append(u' ');
+            inRun = true;
+        } else {
+            collapsed.append(c);
+            inRun = false;
+        }
+    }
+    return collapsed;
 }
 
 bool isKept(char32_t c)
@@ -45,9 +58,7 @@ namespace NarrationText {
 
 QString normalizedText(const QString &text)
 {
-    QString s = text.trimmed();
-    s.replace(whitespaceRuns(), QStringLiteral(" "));
-    return s.toLower();
+    return collapsedSpaces(text.trimmed()).toLower();
 }
 
 QString comparableText(const QString &text)
@@ -59,8 +70,7 @@ QString comparableText(const QString &text)
         if (isKept(c))
             kept.append(QStringView(QChar::fromUcs4(c)));
     }
-    kept.replace(whitespaceRuns(), QStringLiteral(" "));
-    return kept;
+    return collapsedSpaces(kept);
 }
 
 qint64 characterCount(const QString &text)

@@ -22,6 +22,7 @@
 #include <QtQml/qqmlextensionplugin.h>
 
 Q_IMPORT_QML_PLUGIN(Quillvox_WidgetPlugin)
+Q_IMPORT_QML_PLUGIN(Quillvox_ControlsPlugin)
 
 namespace {
 

@@ -7,11 +7,13 @@
 #include "platform/null/input/NullGlobalHotKeys.h"
 #include "records/HistoryManager.h"
 #include "records/UsageManager.h"
+#include "settings/ApiKeySettingsModel.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
 #include "shortcuts/HotkeyManager.h"
 #include "shortcuts/NarrationControls.h"
 #include "speech/NarrationServices.h"
+#include "speech/OpenAIServer.h"
 #include "speech/SpeechManager.h"
 
 #include <QGuiApplication>
@@ -110,6 +112,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     HotkeyManager plasmaHotkeys(defaults, std::make_unique<PlasmaShortcuts>(), selection, controls);
     SettingsServices plasmaServices = swayServices;
     plasmaServices.hotkeys = &plasmaHotkeys;
+    SettingsServices serverServices = services;
     SettingsWindow settings(std::nullopt, std::move(services));
     settings.present();
     QQuickView &window = *settings.window();
@@ -158,9 +161,50 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
             if (window.grabWindow().save(path))
                 ++written;
         }
+        // The question before the history is cleared.
+        settings.viewModel()->selectLabel(QStringLiteral("History"));
+        settle(100);
+        if (auto *confirmation = window.rootObject()->findChild<QObject *>(QStringLiteral("clearConfirmation"))) {
+            QMetaObject::invokeMethod(confirmation, "open");
+            settle(300);
+            if (window.grabWindow().save(out.filePath(QStringLiteral("settings-history-confirm-") + appearance +
+                                                      suffix + QStringLiteral(".png"))))
+                ++written;
+            QMetaObject::invokeMethod(confirmation, "close");
+            settle(300);
+        }
         window.rootObject()->forceActiveFocus();
     }
     QGuiApplication::setPalette(light);
+
+    // A chosen server: the models it lists, open, and the request size it takes.
+    const QString server = QStringLiteral("http://localhost:8880");
+    defaults.setString(OpenAIServer::serverKey, server);
+    SettingsWindow chosen(SettingsSection::apiKeys, std::move(serverServices));
+    chosen.present();
+    settle(300);
+    // Listed after the window asked the server (which is not there) for them.
+    defaults.setString(OpenAIServer::listedFromKey, server);
+    defaults.setString(OpenAIServer::listedModelsKey, QStringLiteral("kokoro\ntts-1\ntts-1-hd"));
+    chosen.viewModel()->apiKeys()->setModel(QStringLiteral("kokoro"));
+    for (const auto &[appearance, palette] :
+         {std::pair{QStringLiteral("light"), light}, std::pair{QStringLiteral("dark"), darkPalette()}}) {
+        QGuiApplication::setPalette(palette);
+        settle(300);
+        auto *models = chosen.window()->rootObject()->findChild<QObject *>(QStringLiteral("serverModels"));
+        if (auto *popup = models ? models->property("popup").value<QObject *>() : nullptr) {
+            QMetaObject::invokeMethod(popup, "open");
+            settle(300);
+            if (chosen.window()->grabWindow().save(out.filePath(QStringLiteral("settings-api-keys-server-") +
+                                                                appearance + suffix + QStringLiteral(".png"))))
+                ++written;
+            QMetaObject::invokeMethod(popup, "close");
+        }
+    }
+    QGuiApplication::setPalette(light);
+    for (const QString &key : {OpenAIServer::serverKey, OpenAIServer::listedFromKey, OpenAIServer::listedModelsKey,
+                               OpenAIServer::modelKey})
+        defaults.remove(key);
 
     SettingsWindow plasma(SettingsSection::shortcuts, std::move(plasmaServices));
     plasma.present();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Basic
+import Quillvox.Controls
 import Quillvox.Onboarding
 
 Item {

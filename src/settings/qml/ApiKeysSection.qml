@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
 import QtQuick.Layouts
 import Quillvox.Controls
 import Quillvox.Settings
@@ -142,6 +141,7 @@ SectionPage {
                 visible: root.model.serverModels.length > 0
             }
             ComboBox {
+                objectName: "serverModels"
                 Layout.fillWidth: true
                 visible: root.model.serverModels.length > 0
                 model: root.model.serverModels

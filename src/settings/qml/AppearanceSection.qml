@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
+import QtQuick.Templates as T
 import QtQuick.Layouts
 import Quillvox.Controls
 import Quillvox.Settings
@@ -27,7 +27,7 @@ SectionPage {
             Repeater {
                 model: root.model.appearances
 
-                delegate: AbstractButton {
+                delegate: T.AbstractButton {
                     id: option
 
                     required property var modelData
@@ -115,7 +115,7 @@ SectionPage {
             Repeater {
                 model: root.model.themes
 
-                delegate: AbstractButton {
+                delegate: T.AbstractButton {
                     id: swatch
 
                     required property var modelData

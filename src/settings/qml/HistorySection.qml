@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
+import QtQuick.Templates as T
 import QtQuick.Layouts
 import Quillvox.Controls
 import Quillvox.Settings
@@ -119,9 +119,12 @@ SectionPage {
                         text: entry.expanded ? "▴" : "▾"
                         Accessible.name: entry.expanded ? "Hide full text" : "Show full text"
                         Accessible.description: entry.title
-                        ToolTip.visible: hovered
-                        ToolTip.text: Accessible.name
                         onClicked: entry.expanded = !entry.expanded
+
+                        ToolTip {
+                            shown: parent.hovered
+                            text: parent.Accessible.name
+                        }
                     }
                     PushButton {
                         kind: "link"
@@ -178,12 +181,19 @@ SectionPage {
         Accessible.name: text
     }
 
-    Dialog {
+    T.Dialog {
         id: confirmation
+        objectName: "clearConfirmation"
         parent: root
         anchors.centerIn: parent
         modal: true
         title: "Clear all history?"
+        implicitWidth: Math.max(implicitBackgroundWidth, implicitContentWidth + leftPadding + rightPadding,
+                                implicitHeaderWidth, implicitFooterWidth)
+        implicitHeight: implicitContentHeight + topPadding + bottomPadding + implicitHeaderHeight
+                        + implicitFooterHeight
+        padding: 20
+        topPadding: 8
         // The focus goes into the dialog and comes back to where it was asked for (or past it, once
         // there is nothing left to clear).
         onOpened: cancelButton.forceActiveFocus(Qt.TabFocusReason)
@@ -194,21 +204,46 @@ SectionPage {
                 root.focusEntry(0);
         }
 
+        T.Overlay.modal: Rectangle {
+            color: Qt.rgba(0, 0, 0, Style.dark ? 0.45 : 0.25)
+        }
+        background: Rectangle {
+            radius: 12
+            color: Style.dark ? Style.surface : Style.window
+            border.width: 1
+            border.color: Style.border
+        }
+        header: Label {
+            text: confirmation.title
+            padding: 20
+            bottomPadding: 0
+            font.pixelSize: 15
+            font.bold: true
+        }
+
         Label {
             text: "Every kept narration and its audio will be deleted."
         }
-        footer: DialogButtonBox {
-            PushButton {
-                id: cancelButton
-                text: "Cancel"
-                DialogButtonBox.buttonRole: DialogButtonBox.RejectRole
-                Accessible.name: "Cancel"
+        footer: RowLayout {
+            spacing: 8
+
+            Item {
+                Layout.fillWidth: true
             }
             PushButton {
+                id: cancelButton
+                Layout.bottomMargin: 20
+                text: "Cancel"
+                Accessible.name: "Cancel"
+                onClicked: confirmation.reject()
+            }
+            PushButton {
+                Layout.bottomMargin: 20
+                Layout.rightMargin: 20
                 kind: "destructive"
                 text: "Delete All"
-                DialogButtonBox.buttonRole: DialogButtonBox.AcceptRole
                 Accessible.name: "Delete All"
+                onClicked: confirmation.accept()
             }
         }
         onAccepted: root.model.clearAll()

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
 import QtQuick.Layouts
+import QtQuick.Templates as T
 import QtQuick.Window
+import Quillvox.Controls
 
 // One section's page: its title, then whatever the section puts in it, scrolling when it is taller than
 // the window, and to whatever control of it takes the keyboard focus.
@@ -21,14 +22,13 @@ Item {
             ancestor = ancestor.parent;
         if (!ancestor)
             return;
-        const flickable = scroll.contentItem;
-        const top = item.mapToItem(flickable.contentItem, 0, 0).y;
+        const top = item.mapToItem(scroll.contentItem, 0, 0).y;
         const room = 16;
-        if (top - room < flickable.contentY)
-            flickable.contentY = Math.max(0, top - room);
-        else if (top + item.height + room > flickable.contentY + flickable.height)
-            flickable.contentY = Math.min(flickable.contentHeight - flickable.height,
-                                          top + item.height + room - flickable.height);
+        if (top - room < scroll.contentY)
+            scroll.contentY = Math.max(0, top - room);
+        else if (top + item.height + room > scroll.contentY + scroll.height)
+            scroll.contentY = Math.min(scroll.contentHeight - scroll.height,
+                                          top + item.height + room - scroll.height);
     }
 
     Connections {
@@ -38,15 +38,19 @@ Item {
         }
     }
 
-    ScrollView {
+    Flickable {
         id: scroll
         anchors.fill: parent
-        contentWidth: availableWidth
+        contentWidth: width
+        contentHeight: page.implicitHeight
+        boundsBehavior: Flickable.StopAtBounds
         clip: true
+        T.ScrollBar.vertical: ScrollBar {}
 
         ColumnLayout {
+            id: page
             x: 32
-            width: Math.min(scroll.availableWidth - 64, 640)
+            width: Math.min(scroll.width - 64, 640)
             spacing: 16
 
             Label {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
+import QtQuick.Templates as T
 import Quillvox.Controls
 
 // The list of sections; choosing one only reports it, the view model decides what is shown. One stop on
@@ -47,7 +47,7 @@ Rectangle {
             event.accepted = true;
         }
 
-        delegate: ItemDelegate {
+        delegate: T.ItemDelegate {
             id: row
 
             required property string modelData

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Fusion
 import QtQuick.Layouts
 import Quillvox.Controls
 import Quillvox.Settings
@@ -44,9 +43,12 @@ SectionPage {
                         implicitHeight: 28
                         text: "▶"
                         Accessible.name: "Preview " + modelData.label
-                        ToolTip.visible: hovered
-                        ToolTip.text: "Play a sample"
                         onClicked: root.model.previewVoice(modelData.name)
+
+                        ToolTip {
+                            shown: parent.hovered
+                            text: "Play a sample"
+                        }
                     }
                 }
             }

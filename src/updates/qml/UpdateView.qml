@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls
+import QtQuick.Templates as T
 import QtQuick.Layouts
 import Quillvox.Controls
 import Quillvox.Updates
 
 // "Check for Updates...": one message and the buttons that fit it.
-Pane {
+T.Pane {
     id: root
 
     required property UpdateViewModel viewModel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Basic
 import QtQuick.Templates as T
+import Quillvox.Controls
 import Quillvox.Widget
 
 // Skip, speed and stop; the full set stays while pinned with "Expand controls".
@@ -34,10 +34,12 @@ Item {
             hoverEnabled: true
             Accessible.name: row.viewModel.speedAccessibleName
             Accessible.description: "Tap to cycle through speeds"
-            ToolTip.visible: hovered
-            ToolTip.delay: 700
-            ToolTip.text: "Tap to cycle through speeds"
             onClicked: row.viewModel.cycleSpeed()
+
+            ToolTip {
+                shown: speed.hovered
+                text: "Tap to cycle through speeds"
+            }
 
             background: Rectangle {
                 radius: 8

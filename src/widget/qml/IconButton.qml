@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Basic
 import QtQuick.Templates as T
+import Quillvox.Controls
 
 // A flat symbol button with its name for screen readers and as a tooltip.
 T.AbstractButton {
@@ -19,9 +19,11 @@ T.AbstractButton {
     hoverEnabled: true
     Accessible.name: name
     Accessible.description: help
-    ToolTip.visible: hovered
-    ToolTip.delay: 700
-    ToolTip.text: help
+
+    ToolTip {
+        shown: button.hovered
+        text: button.help
+    }
 
     background: Rectangle {
         radius: 8

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 import QtQuick
-import QtQuick.Controls.Basic
 import QtQuick.Templates as T
+import Quillvox.Controls
 import Quillvox.Widget
 
 // The round play / pause button; spins while speech is being generated.
@@ -18,10 +18,12 @@ T.AbstractButton {
     focusPolicy: Qt.NoFocus
     hoverEnabled: true
     Accessible.name: playing ? "Pause" : "Play"
-    ToolTip.visible: hovered
-    ToolTip.delay: 700
-    ToolTip.text: Accessible.name
     onClicked: viewModel.playPauseAction()
+
+    ToolTip {
+        shown: button.hovered
+        text: button.Accessible.name
+    }
 
     background: Rectangle {
         radius: width / 2
