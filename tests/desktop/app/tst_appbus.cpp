@@ -2,18 +2,11 @@
 // The running app over the rig's session bus, as launchers, media keys and playerctl reach it: callback
 // URLs through org.freedesktop.Application.Open, actions, Activate, MPRIS, and a second profile.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 
 #include "app/SingleInstance.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDir>
-#include <QFile>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 namespace {
 
@@ -65,8 +58,8 @@ class TestAppBus : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (QStandardPaths::findExecutable(QStringLiteral("playerctl")).isEmpty())
-            QSKIP("playerctl is not installed");
+        if (const QString lack = desktopLacks({"playerctl"}); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
                  qPrintable(m_server.errorString()));
         m_app.useServer(m_server);

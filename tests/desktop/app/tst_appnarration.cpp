@@ -2,14 +2,8 @@
 // `quillvox --speak` as a user runs it: the app binary in own-key mode, real HTTP to the dev server and
 // real PulseAudio, each case with a sound server of its own whose null sink is recorded.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "PulseServer.h"
 #include "ToneFrequency.h"
-
-#include <QDir>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <cmath>
 
@@ -33,8 +27,7 @@ class TestAppNarration : public QObject
     {
         auto made = std::make_unique<AppUnderTest>(AppUnderTest::Accessibility::Off);
         made->useServer(server);
-        made->env.insert("PULSE_SERVER", pulse.address());
-        made->env.insert("QUILLVOX_AUDIO_OUTPUT", "pulse");
+        made->usePulse(pulse.address());
         return made;
     }
 

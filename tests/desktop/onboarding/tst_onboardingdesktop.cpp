@@ -4,30 +4,17 @@
 // with the real shortcut, and normal operation afterwards without a restart, with the settings window
 // opened during onboarding.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "TestBrowser.h"
 
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonDocument>
-#include <QRect>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 namespace {
 
 const QString kSample = QStringLiteral("Welcome to Quillvox. You just made this text talk.");
 const QString kEditorLine = QStringLiteral("Read this line from the editor after setup.");
-
-void moveTo(QPoint point)
-{
-    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
-    QTest::qWait(150); // the hover reaches the control before the press
-}
 
 } // namespace
 
@@ -114,9 +101,9 @@ private Q_SLOTS:
         // Select the sample with the pointer, from before its first character to past its last.
         const QRect sample = m_app.waitForControl(kSample);
         QVERIFY(!sample.isEmpty());
-        moveTo(sample.topLeft() + QPoint(1, 2));
+        pointAt(sample.topLeft() + QPoint(1, 2));
         xdotool({"mousedown", "1"});
-        moveTo(sample.bottomRight() - QPoint(1, 2));
+        pointAt(sample.bottomRight() - QPoint(1, 2));
         xdotool({"mouseup", "1"});
         xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream"), QStringList{kSample}, 15000);
@@ -148,12 +135,7 @@ private Q_SLOTS:
         xdotool({"key", "Escape"});
         QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
 
-        const QString text = m_dir.filePath(QStringLiteral("editor.txt"));
-        QFile file(text);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(kEditorLine.toUtf8());
-        file.close();
-        QVERIFY(!openInMousepad(m_editor, text).isEmpty());
+        QVERIFY(!openInMousepad(m_editor, m_dir.filePath("editor.txt"), kEditorLine.toUtf8()).isEmpty());
         // Mousepad may show its window before the file is in it: select until the selection holds the line.
         QTRY_VERIFY_WITH_TIMEOUT(
             (xdotool({"key", "ctrl+a"}),

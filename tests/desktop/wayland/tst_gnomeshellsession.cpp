@@ -6,7 +6,6 @@
 // through the extension reaches its action and no other. GNOME Shell runs nested in the rig's X server:
 // headless, its seat has no keyboard, so no Wayland client could take the selection or a key press.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "StatusNotifierWatcher.h"
 #include "keyring/KeyringFixture.h"
 
@@ -16,13 +15,9 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <memory>
 
@@ -34,13 +29,6 @@ const char kProbeUuid[] = "quillvox-probe@tests.vantor.com";
 // The nested shell's screen; the widget is 340 wide.
 const int kScreenWidth = 1280;
 const int kWidgetX = (kScreenWidth - 340) / 2;
-
-bool writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
 
 } // namespace
 
@@ -166,41 +154,33 @@ private Q_SLOTS:
         QVERIFY2(m_bus->isReady(), qPrintable(m_bus->errorString()));
 
         // Installed as a system extension: GNOME Shell asks the web for updates of per-user ones.
-        const QString extension =
-            rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(GnomeShellExtension::kUuid);
-        QDir().mkpath(extension);
-        QCOMPARE(runProgram(QStringLiteral("cp"), {"-r", QUILLVOX_GNOME_EXTENSION_DIR "/.", extension}),
-                 QByteArray());
-        const QString probeDir =
-            rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(kProbeUuid);
-        QDir().mkpath(probeDir);
-        for (const char *file : {"metadata.json", "extension.js"})
-            QVERIFY(
-                QFile::copy(QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/desktop/wayland/gnome-probe/") + file,
-                            probeDir + u'/' + QLatin1String(file)));
+        for (const auto &[from, uuid] :
+             {std::pair{QUILLVOX_GNOME_EXTENSION_DIR, GnomeShellExtension::kUuid},
+              std::pair{QUILLVOX_SOURCE_DIR "/tests/desktop/wayland/gnome-probe", kProbeUuid}}) {
+            const QString to = rt + u"/share/gnome-shell/extensions/" + QLatin1String(uuid);
+            QVERIFY(QDir().mkpath(to));
+            QCOMPARE(runProgram(QStringLiteral("cp"), {"-r", QLatin1String(from) + u"/.", to}), QByteArray());
+        }
         QVERIFY(writeFile(rt + QStringLiteral("/config/glib-2.0/settings/keyfile"),
                           "[org/gnome/shell]\nenabled-extensions=['" +
                               QByteArray(GnomeShellExtension::kUuid) + "', '" + kProbeUuid + "']\n"));
         QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, rt}), QByteArray());
 
         // GNOME Shell asks logind on the system bus, and stops when there is none to ask.
-        m_systemBus.process.start(QStringLiteral("runuser"),
-                                  {"-u", user, "--", "dbus-daemon", "--session", "--nofork", "--nopidfile",
-                                   "--address=unix:path=" + rt + "/system_bus"});
+        m_systemBus.startAs(user, rt,
+                            {"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                             "--address=unix:path=" + rt + "/system_bus"},
+                            QStringLiteral("system-bus.log"));
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(rt + QStringLiteral("/system_bus")), 10000);
-
-        // Not on our output: a compositor outliving the test would hold ctest's pipe open.
-        m_shell.process.setStandardOutputFile(rt + QStringLiteral("/gnome-shell.log"));
-        m_shell.process.setStandardErrorFile(rt + QStringLiteral("/gnome-shell.log"), QIODevice::Append);
-        m_shell.process.start(QStringLiteral("runuser"),
-                              {"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin", "HOME=" + rt,
-                               "XDG_RUNTIME_DIR=" + rt, "XDG_CONFIG_HOME=" + rt + "/config",
-                               "XDG_DATA_HOME=" + rt + "/data", "XDG_DATA_DIRS=" + rt + "/share:/usr/share",
-                               "GSETTINGS_BACKEND=keyfile", "DISPLAY=" + qEnvironmentVariable("DISPLAY"),
-                               "DBUS_SESSION_BUS_ADDRESS=" + m_bus->busAddress(),
-                               "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus",
-                               "MUTTER_DEBUG_DUMMY_MODE_SPECS=" + QString::number(kScreenWidth) + "x800",
-                               "gnome-shell", "--nested", "--wayland"});
+        m_shell.startAs(user, rt,
+                        {"XDG_CONFIG_HOME=" + rt + "/config", "XDG_DATA_HOME=" + rt + "/data",
+                         "XDG_DATA_DIRS=" + rt + "/share:/usr/share", "GSETTINGS_BACKEND=keyfile",
+                         "DISPLAY=" + qEnvironmentVariable("DISPLAY"),
+                         "DBUS_SESSION_BUS_ADDRESS=" + m_bus->busAddress(),
+                         "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus",
+                         "MUTTER_DEBUG_DUMMY_MODE_SPECS=" + QString::number(kScreenWidth) + "x800",
+                         "gnome-shell", "--nested", "--wayland"},
+                        QStringLiteral("gnome-shell.log"));
         const auto serving = [] {
             return QDBusConnection::sessionBus().interface()->isServiceRegistered(
                 QString::fromLatin1(GnomeShellExtension::kService));
@@ -225,13 +205,8 @@ private Q_SLOTS:
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}, {"showWidgetWithOwnKey", true}});
 
-        // A native Wayland client of GNOME's session, with no X11 to fall back on.
-        m_wayland = m_bus->environment();
-        m_wayland.remove("DISPLAY");
-        m_wayland.insert("WAYLAND_DISPLAY", rt + "/wayland-0");
-        m_wayland.insert("XDG_SESSION_TYPE", "wayland");
+        m_wayland = waylandClient(m_bus->environment(), rt + "/wayland-0");
         m_wayland.insert("XDG_CURRENT_DESKTOP", "GNOME");
-        m_wayland.insert("QT_QPA_PLATFORM", "wayland");
 
         m_trayHost = std::make_unique<StatusNotifierWatcher>();
         QVERIFY2(m_trayHost->start(), qPrintable(m_trayHost->errorString()));
@@ -399,16 +374,11 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         m_app.stop();
-        m_editor.process.terminate();
-        m_editor.process.waitForFinished(5000);
+        m_editor.end(5000);
         // runuser hands SIGTERM on to its program and waits for it; killed, it would leave the program
         // behind.
-        m_shell.process.terminate();
-        // A skipped run never started the shell: nothing to wait for.
-        const bool shellEnded =
-            m_shell.process.state() == QProcess::NotRunning || m_shell.process.waitForFinished(10000);
-        m_systemBus.process.terminate();
-        m_systemBus.process.waitForFinished(5000);
+        const bool shellEnded = m_shell.end();
+        m_systemBus.end(5000);
         QVERIFY(shellEnded);
     }
 };

@@ -2,15 +2,12 @@
 #include "AppUnderTest.h"
 #include "StopProcess.h"
 
-#include "DevServer.h"
 #include "core/UserDefaults.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDebug>
-#include <QFile>
 #include <QJsonDocument>
-#include <QTest>
 
 #include <sys/prctl.h>
 
@@ -60,6 +57,12 @@ AppUnderTest::~AppUnderTest()
 void AppUnderTest::useServer(const DevServer &server)
 {
     env = server.appEnvironment(env);
+}
+
+void AppUnderTest::usePulse(const QString &address)
+{
+    env.insert(QStringLiteral("PULSE_SERVER"), address);
+    env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
 }
 
 QString AppUnderTest::storeKey(const QString &key) const
@@ -190,4 +193,13 @@ bool AppUnderTest::watchDescription(ChildProcess &watcher, const QString &name)
     watcher.process.start(QStringLiteral("/usr/bin/python3"),
                           {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "watch", name});
     return watcher.process.waitForStarted();
+}
+
+QProcessEnvironment waylandClient(QProcessEnvironment env, const QString &socket)
+{
+    env.remove(QStringLiteral("DISPLAY"));
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
+    env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+    return env;
 }
