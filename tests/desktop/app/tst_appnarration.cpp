@@ -7,14 +7,10 @@
 
 #include <cmath>
 
-namespace {
-
 constexpr double kBytesPerSecond = 2.0 * PulseServer::kRateHz;
 
 const QString kSentence = QStringLiteral(
     "The quick brown fox jumps over the lazy dog, and then it runs back across the field to do it again.");
-
-} // namespace
 
 class TestAppNarration : public QObject
 {

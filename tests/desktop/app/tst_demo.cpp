@@ -7,13 +7,9 @@
 #include <csignal>
 #include <unistd.h>
 
-namespace {
-
 constexpr int kWidgetWidth = 340;
 constexpr int kWidgetTop = 40;
 const QString kLine = QStringLiteral("The demo reads this line through its own dev server account.");
-
-} // namespace
 
 class TestDemo : public QObject
 {

@@ -9,14 +9,10 @@
 
 #include <optional>
 
-namespace {
-
 const QString kSentence =
     QStringLiteral("The tray menu reads this sentence aloud from the editor, one word after another.");
 const QString kIdleIcon = QStringLiteral("com.vantor.Quillvox-symbolic");
 const QString kPlayingIcon = QStringLiteral("com.vantor.Quillvox-playing-symbolic");
-
-} // namespace
 
 class TestTray : public QObject
 {

@@ -11,12 +11,8 @@
 
 #include <QJsonDocument>
 
-namespace {
-
 const QString kSample = QStringLiteral("Welcome to Quillvox. You just made this text talk.");
 const QString kEditorLine = QStringLiteral("Read this line from the editor after setup.");
-
-} // namespace
 
 class TestOnboardingDesktop : public QObject
 {

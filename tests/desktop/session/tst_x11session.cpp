@@ -9,8 +9,6 @@
 
 #include <memory>
 
-namespace {
-
 // About 9 s of tone: long enough to pause, resume and stop it while it plays.
 const QString kLine = QStringLiteral("Narrate only this line: the quick brown fox jumps over the lazy dog, "
                                      "then runs back across the wide green field and does it all again.");
@@ -19,8 +17,6 @@ const ClipboardContent kClipboard{{"text/plain", "before: plain\n"},
 
 // Long enough for a capture (0.1 s copy wait) and a request to the local server to have happened.
 constexpr int kNothingHappensMs = 1500;
-
-} // namespace
 
 class TestX11Session : public QObject
 {

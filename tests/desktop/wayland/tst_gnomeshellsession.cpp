@@ -21,16 +21,12 @@
 
 #include <memory>
 
-namespace {
-
 const QString kKey = QStringLiteral("sk-gnome-1357");
 const QString kEditorText = QStringLiteral("The editor's text");
 const char kProbeUuid[] = "quillvox-probe@tests.vantor.com";
 // The nested shell's screen; the widget is 340 wide.
 const int kScreenWidth = 1280;
 const int kWidgetX = (kScreenWidth - 340) / 2;
-
-} // namespace
 
 class TestGnomeShellSession : public QObject
 {
@@ -58,14 +54,14 @@ class TestGnomeShellSession : public QObject
         const QJsonDocument json = QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8());
         return json.isObject() ? QJsonArray{json.object()} : json.array();
     }
-    static QJsonObject window(const char *title)
+    // The first of `list` whose `key` is `value`.
+    static QJsonObject withField(const QJsonArray &list, QStringView key, const QString &value)
     {
-        for (const QJsonValue &w : probe("Windows")) {
-            if (w[u"title"].toString() == QLatin1String(title))
-                return w.toObject();
-        }
-        return {};
+        const auto found =
+            std::find_if(list.begin(), list.end(), [&](const QJsonValue &v) { return v[key] == value; });
+        return found == list.end() ? QJsonObject() : found->toObject();
     }
+    static QJsonObject window(const char *title) { return withField(probe("Windows"), u"title", title); }
     static QByteArray windows() { return QJsonDocument(probe("Windows")).toJson(QJsonDocument::Compact); }
     static QJsonObject indicator() { return probe("Indicators").first().toObject(); }
     static QString menuLabels()
@@ -86,12 +82,8 @@ class TestGnomeShellSession : public QObject
     // Opens the indicator's menu and clicks the item labelled `label` once the menu has stopped sliding in.
     bool chooseFromMenu(const QString &label)
     {
-        const auto itemRect = [&label] {
-            for (const QJsonValue &item : indicator()[u"items"].toArray()) {
-                if (item[u"label"].toString() == label)
-                    return item[u"rect"].toObject();
-            }
-            return QJsonObject();
+        const auto itemRect = [&] {
+            return withField(indicator()[u"items"].toArray(), u"label", label)[u"rect"].toObject();
         };
         QJsonObject rect;
         const bool settled = QTest::qWaitFor(
@@ -226,9 +218,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
         QTest::newRow("highlighted") << "command" << text << text;
-        QTest::newRow("nothing highlighted") << "command"
-                                             << ""
-                                             << "Copied before.";
+        QTest::newRow("nothing highlighted") << u"command"_qs << QString() << u"Copied before."_qs;
         // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
         // pressed on the compositor's keyboard.
         const QString shortcut = QStringLiteral("Narrated by its shortcut on GNOME.");
@@ -329,12 +319,9 @@ private Q_SLOTS:
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
         QTRY_VERIFY(!indicator()[u"open"].toBool());
 
-        QCOMPARE(m_app
-                     .run({"--speak",
-                           QStringLiteral("A narration long enough to look at the menu while it plays. ")
-                               .repeated(6)})
-                     .exitCode,
-                 0);
+        const QString narration =
+            QStringLiteral("A narration long enough to look at the menu while it plays. ");
+        QCOMPARE(m_app.run({"--speak", narration.repeated(6)}).exitCode, 0);
         QTRY_COMPARE_WITH_TIMEOUT(indicator()[u"icon"].toString(),
                                   QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
         QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"

@@ -6,11 +6,7 @@
 
 #include "account/KeychainHelper.h"
 
-namespace {
-
 const QString kKey = QStringLiteral("sk-sway-2468");
-
-} // namespace
 
 class TestSwaySession : public QObject
 {
