@@ -118,8 +118,7 @@ private Q_SLOTS:
     void hoverShowsTheControlsAndLeavingHidesThem()
     {
         QVERIFY(m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty());
-        const QRect widget = widgetGeometry();
-        xdotool({"mousemove", QString::number(widget.center().x()), QString::number(widget.center().y())});
+        pointAt(widgetGeometry().center());
         QTRY_VERIFY_WITH_TIMEOUT(!m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
         QVERIFY(!m_app.control(QStringLiteral("Expand controls")).isEmpty());
         xdotool({"mousemove", "200", "600"});
@@ -194,8 +193,7 @@ private Q_SLOTS:
         QCOMPARE(m_app.storeKey(), QString());
         AppUnderTest::setSettings({{"showWidgetWithOwnKey", true}});
         QVERIFY(startApp());
-        const QPoint centre = widgetGeometry().center();
-        xdotool({"mousemove", QString::number(centre.x()), QString::number(centre.y())});
+        pointAt(widgetGeometry().center());
         QVERIFY(m_app.click(QStringLiteral("Expand controls")));
         QVERIFY(m_app.shows(QStringLiteral("Collapse controls")));
         const QRect withoutText = widgetGeometry();
@@ -224,10 +222,8 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i]), 15000);
             const double at = position();
             qInfo() << "sentence" << i + 1 << "starts" << start << "shown at" << at;
-            QVERIFY2(
-                at >= start - 0.05 && at <= start + 0.5,
-                qPrintable(
-                    QStringLiteral("sentence %1 starts at %2, shown at %3").arg(i + 1).arg(start).arg(at)));
+            QCOMPARE_GE(at, start - 0.05);
+            QCOMPARE_LE(at, start + 0.5);
         };
         shownInTime(0, 0.0);
         if (QTest::currentTestFailed())

@@ -4,7 +4,6 @@
 
 #include "core/UserDefaults.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDebug>
 #include <QJsonDocument>

@@ -3,8 +3,6 @@
 #include "StopProcess.h"
 
 #include <QDir>
-#include <QFile>
-#include <QProcessEnvironment>
 #include <QTest>
 
 #include <sys/prctl.h>
