@@ -77,11 +77,9 @@ private Q_SLOTS:
         QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
         m_app.useServer(m_server);
         const QUrlQuery session = m_server.signIn();
-        KeychainHelper &keychain = KeychainHelper::shared();
-        QVERIFY(
-            keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
-        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")),
-                              KeychainKey::refreshToken));
+        for (const auto &[item, key] : {std::pair{"access_token", KeychainKey::accessToken},
+                                        std::pair{"refresh_token", KeychainKey::refreshToken}})
+            QVERIFY(KeychainHelper::shared().save(session.queryItemValue(QLatin1String(item)), key));
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
         m_editorWindow = openInMousepad(
@@ -187,9 +185,8 @@ private Q_SLOTS:
     void followAlongShowsTheSentenceBeingHeard()
     {
         stopApp();
-        KeychainHelper &keychain = KeychainHelper::shared();
-        keychain.remove(KeychainKey::accessToken);
-        keychain.remove(KeychainKey::refreshToken);
+        for (const KeychainKey key : {KeychainKey::accessToken, KeychainKey::refreshToken})
+            KeychainHelper::shared().remove(key);
         QCOMPARE(m_app.storeKey(), QString());
         AppUnderTest::setSettings({{"showWidgetWithOwnKey", true}});
         QVERIFY(startApp());
