@@ -85,8 +85,7 @@ private Q_SLOTS:
         m_browserLog = installTestBrowser(m_app.env);
         QVERIFY(!m_browserLog.isEmpty());
         QVERIFY(m_app.start());
-        QVERIFY(m_app.click(QStringLiteral("Open Settings")));
-        QVERIFY(m_app.shows(QStringLiteral("API Keys")));
+        QVERIFY(m_app.walk({"Open Settings", "=API Keys"}));
     }
 
     // The sections no later case visits, each row named after its section.
@@ -107,8 +106,7 @@ private Q_SLOTS:
     // The key lands in the keyring and in no file of the profile.
     void keyGoesToTheKeyringOnly()
     {
-        QVERIFY(m_app.click(QStringLiteral("API Keys")));
-        QVERIFY(m_app.click(QStringLiteral("OpenAI API key")));
+        QVERIFY(m_app.walk({"API Keys", "OpenAI API key"}));
         typeOver(kKey);
         QTRY_COMPARE_WITH_TIMEOUT(KeychainHelper::shared().load(KeychainKey::openAIAPIKey), kKey, 10000);
         for (const auto location :
@@ -148,20 +146,16 @@ private Q_SLOTS:
     // when the focus moves on; with nothing typed, Escape closes the window.
     void escapeInTheKeyField()
     {
-        QVERIFY(m_app.click(QStringLiteral("API Keys")));
-        QVERIFY(m_app.click(QStringLiteral("OpenAI API key")));
+        QVERIFY(m_app.walk({"API Keys", "OpenAI API key"}));
         xdotool({"type", "--delay", "10", "sk-half"});
         xdotool({"key", "Escape"});
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
-        QVERIFY(m_app.shows(QStringLiteral("Narrate Selection shortcut")));
+        QVERIFY(m_app.walk({"Shortcuts", "=Narrate Selection shortcut"}));
         QCOMPARE(KeychainHelper::shared().load(KeychainKey::openAIAPIKey), kKey);
 
-        QVERIFY(m_app.click(QStringLiteral("API Keys")));
-        QVERIFY(m_app.click(QStringLiteral("OpenAI API key")));
+        QVERIFY(m_app.walk({"API Keys", "OpenAI API key"}));
         xdotool({"key", "Escape"});
         QTRY_VERIFY(m_app.control(QStringLiteral("API Keys")).isEmpty());
-        QVERIFY(m_app.click(QStringLiteral("Open Settings")));
-        QVERIFY(m_app.shows(QStringLiteral("API Keys")));
+        QVERIFY(m_app.walk({"Open Settings", "=API Keys"}));
     }
 
     // Tab goes from the section list through the Voice section in reading order.
@@ -208,8 +202,7 @@ private Q_SLOTS:
         const DevServer &server = refusing ? refuser : m_second;
         const qsizetype before = m_server.narratedTexts().size();
 
-        QVERIFY(m_app.click(QStringLiteral("API Keys")));
-        QVERIFY(m_app.click(QStringLiteral("Server")));
+        QVERIFY(m_app.walk({"API Keys", "Server"}));
         typeOver(server.url().toString());
         QVERIFY(m_app.click(QStringLiteral("Test")));
         QVERIFY2(m_app.shows(result), qPrintable(result));
@@ -224,22 +217,15 @@ private Q_SLOTS:
     }
 
     // A combination another client holds is named as such, not left silently dead.
-    void contestedCombination()
-    {
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
-        QVERIFY(m_app.shows(QStringLiteral("Used by another application")));
-    }
+    void contestedCombination() { QVERIFY(m_app.walk({"Shortcuts", "=Used by another application"})); }
 
     // A recorder left for another section stops recording: coming back, a combination typed is not
     // taken, until the row is asked to record again.
     void sectionChangeEndsRecording()
     {
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
-        QVERIFY(m_app.click(QStringLiteral("Play/Pause shortcut")));
+        QVERIFY(m_app.walk({"Shortcuts", "Play/Pause shortcut"}));
         QTest::qWait(200);
-        QVERIFY(m_app.click(QStringLiteral("Voice")));
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
-        QVERIFY(m_app.shows(QStringLiteral("Play/Pause shortcut")));
+        QVERIFY(m_app.walk({"Voice", "Shortcuts", "=Play/Pause shortcut"}));
         xdotool({"key", "ctrl+alt+p"});
         QTest::qWait(500);
         QCOMPARE(m_app.status()[u"shortcuts"][1][u"label"].toString(), QStringLiteral("Ctrl+Alt+E"));
@@ -248,8 +234,7 @@ private Q_SLOTS:
     // A combination recorded in the window narrates the selection in mousepad straight away.
     void reboundNarrationWorksAtOnce()
     {
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
-        QVERIFY(m_app.click(QStringLiteral("Narrate Selection shortcut")));
+        QVERIFY(m_app.walk({"Shortcuts", "Narrate Selection shortcut"}));
         QTest::qWait(200); // the recorder takes the focus a turn later
         QTRY_COMPARE(m_tray.items().size(), 1);
         const TrayItemReader tray(m_tray.items().first());
@@ -307,9 +292,7 @@ private Q_SLOTS:
         QVERIFY2(decoded.size() > 8000, qPrintable(QString::number(decoded.size())));
 
         QVERIFY(!QDir(HistoryManager::standardHistoryDirectory()).isEmpty(QDir::Files));
-        QVERIFY(m_app.click(QStringLiteral("Clear All")));
-        QVERIFY(m_app.click(QStringLiteral("Delete All")));
-        QVERIFY(m_app.shows(QStringLiteral("No narrations yet")));
+        QVERIFY(m_app.walk({"Clear All", "Delete All", "=No narrations yet"}));
         QVERIFY(QDir(HistoryManager::standardHistoryDirectory()).isEmpty(QDir::Files));
     }
 
@@ -317,9 +300,7 @@ private Q_SLOTS:
     // the account, and "Sign Out" takes it away again.
     void accountSignsInAndOut()
     {
-        QVERIFY(m_app.click(QStringLiteral("Account")));
-        QVERIFY(m_app.click(QStringLiteral("Continue with Google")));
-        QVERIFY(m_app.shows(QStringLiteral("reader@example.com")));
+        QVERIFY(m_app.walk({"Account", "Continue with Google", "=reader@example.com"}));
         QFile opened(m_browserLog);
         QVERIFY(opened.open(QIODevice::ReadOnly));
         QVERIFY(opened.readAll().startsWith(
@@ -327,8 +308,7 @@ private Q_SLOTS:
         QVERIFY(KeychainHelper::shared().load(KeychainKey::accessToken));
         QCOMPARE(m_app.status()[u"backend"].toString(), QStringLiteral("service"));
 
-        QVERIFY(m_app.click(QStringLiteral("Sign Out")));
-        QVERIFY(m_app.shows(QStringLiteral("Continue with Google")));
+        QVERIFY(m_app.walk({"Sign Out", "=Continue with Google"}));
         QVERIFY(!KeychainHelper::shared().load(KeychainKey::accessToken));
         QCOMPARE(m_app.status()[u"backend"].toString(), QStringLiteral("ownKey"));
     }

@@ -10,6 +10,7 @@
 
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <csignal>
 
 namespace {
@@ -180,6 +181,13 @@ bool AppUnderTest::click(const QString &name, int index)
     }
     xdotool({"click", "1"});
     return true;
+}
+
+bool AppUnderTest::walk(const QStringList &steps)
+{
+    return std::all_of(steps.begin(), steps.end(), [](const QString &step) {
+        return step.startsWith(u'=') ? shows(step.mid(1)) : click(step);
+    });
 }
 
 QString AppUnderTest::focusedName()

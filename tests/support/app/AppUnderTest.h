@@ -59,6 +59,9 @@ public:
     // Clicks the control's centre. Hovering can move controls (the widget expands), so the pointer
     // follows until the control stays put; false when the control never showed.
     static bool click(const QString &name, int index = 0);
+    // A way through the windows as a user goes it: clicks each control named in `steps` in turn, and for
+    // a step "=name" waits until that control shows; false at the first step that found no control.
+    static bool walk(const QStringList &steps);
     static QString focusedName();
     // Starts `watcher` writing the description of the showing control called `name` to its standard
     // output, a line each time it changes (an empty one while no such control shows).
