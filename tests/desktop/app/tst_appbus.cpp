@@ -138,8 +138,7 @@ private Q_SLOTS:
         QCOMPARE(playerctl({"metadata", "xesam:title"}), other.toUtf8());
         const QByteArray track = playerctl({"metadata", "mpris:trackid"});
         QVERIFY(activateAction(QStringLiteral("settings")));
-        QVERIFY(m_app.click(QStringLiteral("History")));
-        QVERIFY(m_app.click(u"Play " + kSentence));
+        QVERIFY(m_app.walk({"History", u"Play " + kSentence}));
         QTRY_COMPARE(playerctl({"metadata", "xesam:title"}), kTitle);
         QVERIFY(playerctl({"metadata", "mpris:trackid"}) != track);
         playerctl({"stop"});
@@ -183,9 +182,8 @@ private Q_SLOTS:
     {
         QVERIFY(
             !m_server.control(QStringLiteral("/dev/balance"), {{QStringLiteral("seconds"), 5400}}).isEmpty());
-        QVERIFY(m_app.click(QStringLiteral("Voice"))); // away from the Account section
-        QVERIFY(m_app.shows(QStringLiteral("Cedar")));
-        QTest::qWait(5100); // past the refresh throttle of the earlier activations
+        QVERIFY(m_app.walk({"Voice", "=Cedar"})); // away from the Account section
+        QTest::qWait(5100);                       // past the refresh throttle of the earlier activations
         QVERIFY(applicationCall(QStringLiteral("Open"), {QStringList{"quillvox://purchase/success"}}));
         QVERIFY(m_app.shows(QStringLiteral("Balance 1h 30m")));
         QTRY_VERIFY(m_app.control(QStringLiteral("Cedar")).isEmpty());

@@ -99,8 +99,7 @@ private Q_SLOTS:
     void eachSectionByName()
     {
         QFETCH(QString, control);
-        QVERIFY(m_app.click(QString::fromLatin1(QTest::currentDataTag())));
-        QVERIFY2(m_app.shows(control), qPrintable(control));
+        QVERIFY(m_app.walk({QString::fromLatin1(QTest::currentDataTag()), u'=' + control}));
     }
 
     // The key lands in the keyring and in no file of the profile.
@@ -204,8 +203,7 @@ private Q_SLOTS:
 
         QVERIFY(m_app.walk({"API Keys", "Server"}));
         typeOver(server.url().toString());
-        QVERIFY(m_app.click(QStringLiteral("Test")));
-        QVERIFY2(m_app.shows(result), qPrintable(result));
+        QVERIFY(m_app.walk({"Test", u'=' + result}));
         QTRY_COMPARE(server.narratedTexts(), QStringList{QStringLiteral("This is a test.")});
 
         m_app.run({"--speak", spoken});
@@ -264,8 +262,7 @@ private Q_SLOTS:
         QVERIFY(m_app.click(QStringLiteral("History")));
         QTRY_VERIFY_WITH_TIMEOUT(!m_app.status()[u"isPlaying"].toBool(), 15000);
         const qsizetype asked = m_second.requests().size();
-        QVERIFY(m_app.click(u"Play " + kSpoken));
-        QVERIFY(m_app.shows(u"Pause " + kSpoken));
+        QVERIFY(m_app.walk({u"Play " + kSpoken, u"=Pause " + kSpoken}));
         QCOMPARE(m_second.requests().size(), asked);
         // Paused, the same button resumes where it stopped.
         QTRY_VERIFY(m_app.status()[u"currentTime"].toDouble() > 0.5);
