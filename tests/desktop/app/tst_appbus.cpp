@@ -2,23 +2,17 @@
 // The running app over the rig's session bus, as launchers, media keys and playerctl reach it: callback
 // URLs through org.freedesktop.Application.Open, actions, Activate, MPRIS, and a second profile.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 
 #include "app/SingleInstance.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDir>
-#include <QFile>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 namespace {
 
 const QString kSentence =
     QStringLiteral("Media keys drive this narration while it plays its tone to the end.");
+const QByteArray kTitle = "Media keys drive this narration while it plays its tone to t"; // cut at 60
 
 // Every command line on the machine that holds `secret`.
 QStringList commandLinesHolding(const QByteArray &secret)
@@ -65,10 +59,9 @@ class TestAppBus : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (QStandardPaths::findExecutable(QStringLiteral("playerctl")).isEmpty())
-            QSKIP("playerctl is not installed");
-        QVERIFY2(m_server.start({QStringLiteral("--synth"), QStringLiteral("sine")}),
-                 qPrintable(m_server.errorString()));
+        if (const QString lack = desktopLacks({"playerctl"}); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
+        QVERIFY2(m_server.start({"--synth", "sine"}), qPrintable(m_server.errorString()));
         m_app.useServer(m_server);
         m_app.env.remove(QStringLiteral("QUILLVOX_AUDIO_OUTPUT")); // the rig's sound server
         // Normal operation, not the first run.
@@ -100,15 +93,13 @@ private Q_SLOTS:
     // generated, Paused, Stopped at the end and after Stop, and a track of its own for a history replay.
     void actionsAndMediaControlsFollowANarration()
     {
-        QCOMPARE(playerctl({"status"}), QByteArray("Stopped"));
         QProcess follow;
         follow.start(QStringLiteral("playerctl"), {"-p", "quillvox", "--follow", "status"});
         QVERIFY(follow.waitForStarted());
         QTRY_VERIFY(follow.canReadLine()); // its first line: the status now
         QCOMPARE(m_app.run({"--speak", kSentence}).exitCode, 0);
         QTRY_COMPARE_WITH_TIMEOUT(playerctl({"status"}), QByteArray("Playing"), 15000);
-        QCOMPARE(playerctl({"metadata", "xesam:title"}),
-                 QByteArray("Media keys drive this narration while it plays its tone to t"));
+        QCOMPARE(playerctl({"metadata", "xesam:title"}), kTitle);
         QCOMPARE(playerctl({"metadata", "xesam:artist"}), QByteArray("marin"));
         QTRY_VERIFY_WITH_TIMEOUT(playerctl({"position"}).toDouble() > 0.5, 10000);
 
@@ -147,10 +138,8 @@ private Q_SLOTS:
         QCOMPARE(playerctl({"metadata", "xesam:title"}), other.toUtf8());
         const QByteArray track = playerctl({"metadata", "mpris:trackid"});
         QVERIFY(activateAction(QStringLiteral("settings")));
-        QVERIFY(m_app.click(QStringLiteral("History")));
-        QVERIFY(m_app.click(u"Play " + kSentence));
-        QTRY_COMPARE(playerctl({"metadata", "xesam:title"}),
-                     QByteArray("Media keys drive this narration while it plays its tone to t"));
+        QVERIFY(m_app.walk({"History", u"Play " + kSentence}));
+        QTRY_COMPARE(playerctl({"metadata", "xesam:title"}), kTitle);
         QVERIFY(playerctl({"metadata", "mpris:trackid"}) != track);
         playerctl({"stop"});
         QTRY_COMPARE(playerctl({"status"}), QByteArray("Stopped"));
@@ -193,9 +182,8 @@ private Q_SLOTS:
     {
         QVERIFY(
             !m_server.control(QStringLiteral("/dev/balance"), {{QStringLiteral("seconds"), 5400}}).isEmpty());
-        QVERIFY(m_app.click(QStringLiteral("Voice"))); // away from the Account section
-        QVERIFY(m_app.shows(QStringLiteral("Cedar")));
-        QTest::qWait(5100); // past the refresh throttle of the earlier activations
+        QVERIFY(m_app.walk({"Voice", "=Cedar"})); // away from the Account section
+        QTest::qWait(5100);                       // past the refresh throttle of the earlier activations
         QVERIFY(applicationCall(QStringLiteral("Open"), {QStringList{"quillvox://purchase/success"}}));
         QVERIFY(m_app.shows(QStringLiteral("Balance 1h 30m")));
         QTRY_VERIFY(m_app.control(QStringLiteral("Cedar")).isEmpty());

@@ -2,25 +2,15 @@
 // `quillvox --speak` as a user runs it: the app binary in own-key mode, real HTTP to the dev server and
 // real PulseAudio, each case with a sound server of its own whose null sink is recorded.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "PulseServer.h"
 #include "ToneFrequency.h"
 
-#include <QDir>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-
 #include <cmath>
-
-namespace {
 
 constexpr double kBytesPerSecond = 2.0 * PulseServer::kRateHz;
 
 const QString kSentence = QStringLiteral(
     "The quick brown fox jumps over the lazy dog, and then it runs back across the field to do it again.");
-
-} // namespace
 
 class TestAppNarration : public QObject
 {
@@ -33,8 +23,7 @@ class TestAppNarration : public QObject
     {
         auto made = std::make_unique<AppUnderTest>(AppUnderTest::Accessibility::Off);
         made->useServer(server);
-        made->env.insert("PULSE_SERVER", pulse.address());
-        made->env.insert("QUILLVOX_AUDIO_OUTPUT", "pulse");
+        made->usePulse(pulse.address());
         return made;
     }
 

@@ -3,32 +3,13 @@
 // building again) signs in to its dev server, narrates the welcome and starts Quillvox; the widget then
 // sits at the top centre, and text selected in mousepad is narrated with Ctrl+Alt+S.
 #include "AppUnderTest.h"
-#include "DevServer.h"
-
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <csignal>
 #include <unistd.h>
 
-namespace {
-
 constexpr int kWidgetWidth = 340;
 constexpr int kWidgetTop = 40;
 const QString kLine = QStringLiteral("The demo reads this line through its own dev server account.");
-
-QStringList outputLines(QProcess &process)
-{
-    QStringList lines;
-    while (process.canReadLine())
-        lines.append(QString::fromUtf8(process.readLine()).trimmed());
-    return lines;
-}
-
-} // namespace
 
 class TestDemo : public QObject
 {
@@ -73,7 +54,8 @@ private Q_SLOTS:
         // The welcome is heard before Quillvox starts.
         QVERIFY(QTest::qWaitFor(
             [this] {
-                m_printed += outputLines(m_demo);
+                while (m_demo.canReadLine())
+                    m_printed.append(QString::fromUtf8(m_demo.readLine()).trimmed());
                 return m_printed.contains(u"Quillvox is running (Ctrl+C quits). Select text anywhere and "
                                           u"press Ctrl+Alt+S; or from another"_qs) ||
                        m_demo.state() == QProcess::NotRunning;
@@ -111,12 +93,7 @@ private Q_SLOTS:
         QCOMPARE(windowGeometry(widget).topLeft(),
                  QPoint((screenSize().width() - kWidgetWidth) / 2, kWidgetTop));
 
-        const QString file = m_profile.filePath(QStringLiteral("note.txt"));
-        QFile note(file);
-        QVERIFY(note.open(QIODevice::WriteOnly));
-        note.write(kLine.toUtf8());
-        note.close();
-        QVERIFY(!openInMousepad(m_editor, file).isEmpty());
+        QVERIFY(!openInMousepad(m_editor, m_profile.filePath("note.txt"), kLine.toUtf8()).isEmpty());
         xdotool({"key", "ctrl+a"});
         xdotool({"key", "ctrl+alt+s"});
         QTRY_VERIFY_WITH_TIMEOUT(m_quillvox.status()[u"isPlaying"].toBool(), 15000);

@@ -3,26 +3,16 @@
 // the app starts, the item read over org.kde.StatusNotifierItem and its menu read and clicked over
 // com.canonical.dbusmenu, mousepad holding the selection that "Narrate Selection" reads aloud.
 #include "AppUnderTest.h"
-#include "DevServer.h"
-#include "StatusNotifierWatcher.h"
 #include "TrayItemReader.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <optional>
-
-namespace {
 
 const QString kSentence =
     QStringLiteral("The tray menu reads this sentence aloud from the editor, one word after another.");
 const QString kIdleIcon = QStringLiteral("com.vantor.Quillvox-symbolic");
 const QString kPlayingIcon = QStringLiteral("com.vantor.Quillvox-playing-symbolic");
-
-} // namespace
 
 class TestTray : public QObject
 {
@@ -39,8 +29,8 @@ class TestTray : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (qEnvironmentVariableIsEmpty("DISPLAY"))
-            QSKIP("needs the rig's X server");
+        if (const QString lack = desktopLacks(); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
         // The host is there before the app asks for one; the app asks only once.
         QVERIFY2(m_watcher.start(), qPrintable(m_watcher.errorString()));
@@ -52,11 +42,7 @@ private Q_SLOTS:
         QCOMPARE(m_app.storeKey(), QString());
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
-        QFile file(m_dir.filePath(QStringLiteral("tray.txt")));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(kSentence.toUtf8());
-        file.close();
-        m_editorWindow = openInMousepad(m_editor, file.fileName());
+        m_editorWindow = openInMousepad(m_editor, m_dir.filePath("tray.txt"), kSentence.toUtf8());
         QVERIFY(!m_editorWindow.isEmpty());
         xdotool({"key", "ctrl+a"});
 

@@ -8,10 +8,7 @@
 #include "ShortcutDoubles.h"
 #include "X11Desktop.h"
 
-#include <QFile>
 #include <QGuiApplication>
-#include <QTemporaryDir>
-#include <QTest>
 
 Q_DECLARE_METATYPE(ClipboardContent)
 
@@ -98,15 +95,10 @@ private Q_SLOTS:
         QVERIFY(ownClipboard(owner, QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), before, m_dir.path()));
         QCOMPARE(clipboardBytes(before.first().first), before.first().second);
 
-        const QString file = m_dir.filePath(QStringLiteral("narrate%1.txt").arg(++m_files));
         const QByteArray text = "Narrate this line.\nAnd  this one, with spaces.  ";
-        {
-            QFile f(file);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write(text);
-        }
         ChildProcess editor;
-        QVERIFY2(!openInMousepad(editor, file).isEmpty(), "mousepad did not show a window");
+        QVERIFY(!openInMousepad(editor, m_dir.filePath(QStringLiteral("narrate%1.txt").arg(++m_files)), text)
+                     .isEmpty());
         xdotool({"key", "ctrl+a"});
 
         const auto defaults = freshDefaults();

@@ -4,32 +4,15 @@
 // with the real shortcut, and normal operation afterwards without a restart, with the settings window
 // opened during onboarding.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "TestBrowser.h"
 
 #include "account/KeychainHelper.h"
 #include "core/UserDefaults.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonDocument>
-#include <QRect>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-
-namespace {
 
 const QString kSample = QStringLiteral("Welcome to Quillvox. You just made this text talk.");
 const QString kEditorLine = QStringLiteral("Read this line from the editor after setup.");
-
-void moveTo(QPoint point)
-{
-    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
-    QTest::qWait(150); // the hover reaches the control before the press
-}
-
-} // namespace
 
 class TestOnboardingDesktop : public QObject
 {
@@ -95,43 +78,30 @@ private Q_SLOTS:
 
         QVERIFY(m_app.click(QStringLiteral("Continue")));
         // The settings window opened on the way (and closed with Escape) is the one used later.
-        QVERIFY(m_app.click(QStringLiteral("Use my own API key")));
-        QVERIFY(m_app.shows(QStringLiteral("OpenAI API key")));
+        QVERIFY(m_app.walk({"Use my own API key", "=OpenAI API key"}));
         QTRY_COMPARE(visibleWindows(QStringLiteral("Settings")).size(), 1);
         xdotool({"key", "Escape"});
         QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
-        QVERIFY(m_app.click(QStringLiteral("Continue with Google")));
-        QVERIFY(m_app.shows(QStringLiteral("You're all set!")));
+        QVERIFY(m_app.walk({"Continue with Google", "=You're all set!"}));
         QVERIFY2(browserLog().startsWith(
                      m_server.url(QStringLiteral("/auth/v1/authorize?provider=google")).toString()),
                  qPrintable(browserLog()));
 
-        QVERIFY(m_app.click(QStringLiteral("Continue")));
-        QVERIFY(m_app.shows(QStringLiteral("Permission granted")));
-        QVERIFY(m_app.click(QStringLiteral("Continue")));
-        QVERIFY(m_app.click(QStringLiteral("Let's try it")));
+        QVERIFY(m_app.walk({"Continue", "=Permission granted", "Continue", "Let's try it"}));
 
         // Select the sample with the pointer, from before its first character to past its last.
         const QRect sample = m_app.waitForControl(kSample);
         QVERIFY(!sample.isEmpty());
-        moveTo(sample.topLeft() + QPoint(1, 2));
+        pointAt(sample.topLeft() + QPoint(1, 2));
         xdotool({"mousedown", "1"});
-        moveTo(sample.bottomRight() - QPoint(1, 2));
+        pointAt(sample.bottomRight() - QPoint(1, 2));
         xdotool({"mouseup", "1"});
         xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(u"/api/tts/stream"), QStringList{kSample}, 15000);
         QVERIFY(m_app.shows(QStringLiteral("Great! You did it!")));
 
-        QVERIFY(m_app.click(QStringLiteral("Next")));
-        QVERIFY(m_app.shows(QStringLiteral("Choose your voice")));
-        QVERIFY(m_app.click(QStringLiteral("Next")));
-        QVERIFY(m_app.shows(QStringLiteral("Skip")));
-        QVERIFY(m_app.click(QStringLiteral("Next")));
-        QVERIFY(m_app.shows(QStringLiteral("Your shortcut")));
-        QVERIFY(m_app.shows(QStringLiteral("Ctrl+Alt+S")));
-        QVERIFY(m_app.click(QStringLiteral("Finish Setup")));
-        QVERIFY(m_app.click(QStringLiteral("Start with free minutes")));
-        QVERIFY(m_app.click(QStringLiteral("Get Started")));
+        QVERIFY(m_app.walk({"Next", "=Choose your voice", "Next", "=Skip", "Next", "=Your shortcut",
+                            "=Ctrl+Alt+S", "Finish Setup", "Start with free minutes", "Get Started"}));
         QTRY_VERIFY_WITH_TIMEOUT(!visibleWindows(QStringLiteral("Quillvox")).contains(onboarding), 10000);
         QCOMPARE(UserDefaults(UserDefaults::standardFilePath())
                      .boolean(QStringLiteral("hasCompletedOnboarding"))
@@ -140,20 +110,14 @@ private Q_SLOTS:
 
         // Normal operation in the same process: the settings window lists every shortcut, and the shortcut
         // narrates what is selected elsewhere.
-        QVERIFY(m_app.click(QStringLiteral("Open Settings")));
-        QVERIFY(m_app.click(QStringLiteral("Shortcuts")));
+        QVERIFY(m_app.walk({"Open Settings", "Shortcuts"}));
         for (const char *row : {"Narrate Selection", "Play/Pause", "Stop", "Skip Back 5 Seconds",
                                 "Skip Forward 5 Seconds", "Cycle Speed"})
             QVERIFY2(m_app.shows(QLatin1String(row) + u" shortcut"), row);
         xdotool({"key", "Escape"});
         QTRY_VERIFY(visibleWindows(QStringLiteral("Settings")).isEmpty());
 
-        const QString text = m_dir.filePath(QStringLiteral("editor.txt"));
-        QFile file(text);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(kEditorLine.toUtf8());
-        file.close();
-        QVERIFY(!openInMousepad(m_editor, text).isEmpty());
+        QVERIFY(!openInMousepad(m_editor, m_dir.filePath("editor.txt"), kEditorLine.toUtf8()).isEmpty());
         // Mousepad may show its window before the file is in it: select until the selection holds the line.
         QTRY_VERIFY_WITH_TIMEOUT(
             (xdotool({"key", "ctrl+a"}),

@@ -3,10 +3,6 @@
 // window from /usr/bin (so what only the running program loads, QML modules and plugins, must be there),
 // and gone without a trace after apt-get remove.
 #include "AppUnderTest.h"
-#include "DevServer.h"
-
-#include <QFileInfo>
-#include <QTest>
 
 #include <unistd.h>
 

@@ -3,18 +3,11 @@
 // global shortcuts pressed with xdotool, speech from the dev server in own-key mode and sound through a
 // PulseAudio daemon of the test's own whose null sink is recorded.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "PulseServer.h"
 
-#include <QDir>
-#include <QFile>
 #include <QJsonArray>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <memory>
-
-namespace {
 
 // About 9 s of tone: long enough to pause, resume and stop it while it plays.
 const QString kLine = QStringLiteral("Narrate only this line: the quick brown fox jumps over the lazy dog, "
@@ -24,13 +17,6 @@ const ClipboardContent kClipboard{{"text/plain", "before: plain\n"},
 
 // Long enough for a capture (0.1 s copy wait) and a request to the local server to have happened.
 constexpr int kNothingHappensMs = 1500;
-
-void press(const QString &combination)
-{
-    xdotool({"key", combination});
-}
-
-} // namespace
 
 class TestX11Session : public QObject
 {
@@ -69,8 +55,6 @@ class TestX11Session : public QObject
         return recordedSamples() - from > PulseServer::kRateHz / 2 && !heard(from);
     }
 
-    static void selectTheLastLine() { xdotool({"key", "ctrl+End", "shift+Home"}); }
-
 private Q_SLOTS:
     void initTestCase()
     {
@@ -88,12 +72,9 @@ private Q_SLOTS:
         // The whole body at once: its log line lands as soon as it is asked for.
         QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
 
-        const QString file = m_dir.filePath(QStringLiteral("text.txt"));
-        QFile f(file);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("A first line, which is not narrated.\n" + kLine.toUtf8());
-        f.close();
-        QVERIFY2(!openInMousepad(m_editor, file).isEmpty(), "mousepad did not show a window");
+        QVERIFY(!openInMousepad(m_editor, m_dir.filePath("text.txt"),
+                                "A first line, which is not narrated.\n" + kLine.toUtf8())
+                     .isEmpty());
     }
 
     // The default shortcuts, one after the other, on one narration.
@@ -101,8 +82,7 @@ private Q_SLOTS:
     {
         AppUnderTest app(AppUnderTest::Accessibility::Off);
         app.useServer(m_server);
-        app.env.insert(QStringLiteral("PULSE_SERVER"), m_pulse->address());
-        app.env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
+        app.usePulse(m_pulse->address());
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}}, true);
         // It answers once its shortcuts are grabbed.
         QVERIFY(app.start());
@@ -113,34 +93,34 @@ private Q_SLOTS:
 
         ChildProcess owner;
         QVERIFY(ownClipboard(owner, QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), kClipboard, m_dir.path()));
-        selectTheLastLine();
+        xdotool({"key", "ctrl+End", "shift+Home"});
         const qint64 start = recordedSamples();
-        press("ctrl+alt+s");
+        xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(), QStringList{kLine}, 10000);
         QTRY_VERIFY_WITH_TIMEOUT(heard(start), 10000);
         for (const auto &[target, bytes] : kClipboard)
             QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
 
         QTRY_VERIFY(app.status()[u"isPlaying"].toBool());
-        press("ctrl+alt+e");
+        xdotool({"key", "ctrl+alt+e"});
         QTRY_VERIFY(!app.status()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding while paused");
         const qint64 resumed = recordedSamples();
-        press("ctrl+alt+e");
+        xdotool({"key", "ctrl+alt+e"});
         QTRY_VERIFY_WITH_TIMEOUT(heard(resumed), 5000);
 
-        press("ctrl+alt+t");
+        xdotool({"key", "ctrl+alt+t"});
         QTRY_COMPARE(app.status()[u"playbackSpeed"].toDouble(), 1.25);
 
         QVERIFY(app.status()[u"isPlaying"].toBool());
-        press("ctrl+alt+q");
+        xdotool({"key", "ctrl+alt+q"});
         QTRY_VERIFY(!app.status()[u"hasContent"].toBool());
         QVERIFY(!app.status()[u"isPlaying"].toBool());
         QVERIFY2(staysSilent(), "still sounding after stop");
 
         // The caret alone, no selection: nothing to narrate.
         xdotool({"key", "ctrl+End"});
-        press("ctrl+alt+s");
+        xdotool({"key", "ctrl+alt+s"});
         QTest::qWait(kNothingHappensMs);
         QCOMPARE(m_server.narratedTexts().size(), 1);
 

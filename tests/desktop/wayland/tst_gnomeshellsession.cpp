@@ -6,7 +6,6 @@
 // through the extension reaches its action and no other. GNOME Shell runs nested in the rig's X server:
 // headless, its seat has no keyboard, so no Wayland client could take the selection or a key press.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 #include "StatusNotifierWatcher.h"
 #include "keyring/KeyringFixture.h"
 
@@ -16,17 +15,11 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <memory>
-
-namespace {
 
 const QString kKey = QStringLiteral("sk-gnome-1357");
 const QString kEditorText = QStringLiteral("The editor's text");
@@ -34,15 +27,6 @@ const char kProbeUuid[] = "quillvox-probe@tests.vantor.com";
 // The nested shell's screen; the widget is 340 wide.
 const int kScreenWidth = 1280;
 const int kWidgetX = (kScreenWidth - 340) / 2;
-
-bool writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-
-} // namespace
 
 class TestGnomeShellSession : public QObject
 {
@@ -70,14 +54,14 @@ class TestGnomeShellSession : public QObject
         const QJsonDocument json = QJsonDocument::fromJson(reply.arguments().value(0).toString().toUtf8());
         return json.isObject() ? QJsonArray{json.object()} : json.array();
     }
-    static QJsonObject window(const char *title)
+    // The first of `list` whose `key` is `value`.
+    static QJsonObject withField(const QJsonArray &list, QStringView key, const QString &value)
     {
-        for (const QJsonValue &w : probe("Windows")) {
-            if (w[u"title"].toString() == QLatin1String(title))
-                return w.toObject();
-        }
-        return {};
+        const auto found =
+            std::find_if(list.begin(), list.end(), [&](const QJsonValue &v) { return v[key] == value; });
+        return found == list.end() ? QJsonObject() : found->toObject();
     }
+    static QJsonObject window(const char *title) { return withField(probe("Windows"), u"title", title); }
     static QByteArray windows() { return QJsonDocument(probe("Windows")).toJson(QJsonDocument::Compact); }
     static QJsonObject indicator() { return probe("Indicators").first().toObject(); }
     static QString menuLabels()
@@ -98,12 +82,8 @@ class TestGnomeShellSession : public QObject
     // Opens the indicator's menu and clicks the item labelled `label` once the menu has stopped sliding in.
     bool chooseFromMenu(const QString &label)
     {
-        const auto itemRect = [&label] {
-            for (const QJsonValue &item : indicator()[u"items"].toArray()) {
-                if (item[u"label"].toString() == label)
-                    return item[u"rect"].toObject();
-            }
-            return QJsonObject();
+        const auto itemRect = [&] {
+            return withField(indicator()[u"items"].toArray(), u"label", label)[u"rect"].toObject();
         };
         QJsonObject rect;
         const bool settled = QTest::qWaitFor(
@@ -166,41 +146,33 @@ private Q_SLOTS:
         QVERIFY2(m_bus->isReady(), qPrintable(m_bus->errorString()));
 
         // Installed as a system extension: GNOME Shell asks the web for updates of per-user ones.
-        const QString extension =
-            rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(GnomeShellExtension::kUuid);
-        QDir().mkpath(extension);
-        QCOMPARE(runProgram(QStringLiteral("cp"), {"-r", QUILLVOX_GNOME_EXTENSION_DIR "/.", extension}),
-                 QByteArray());
-        const QString probeDir =
-            rt + QStringLiteral("/share/gnome-shell/extensions/") + QLatin1String(kProbeUuid);
-        QDir().mkpath(probeDir);
-        for (const char *file : {"metadata.json", "extension.js"})
-            QVERIFY(
-                QFile::copy(QStringLiteral(QUILLVOX_SOURCE_DIR "/tests/desktop/wayland/gnome-probe/") + file,
-                            probeDir + u'/' + QLatin1String(file)));
+        for (const auto &[from, uuid] :
+             {std::pair{QUILLVOX_GNOME_EXTENSION_DIR, GnomeShellExtension::kUuid},
+              std::pair{QUILLVOX_SOURCE_DIR "/tests/desktop/wayland/gnome-probe", kProbeUuid}}) {
+            const QString to = rt + u"/share/gnome-shell/extensions/" + QLatin1String(uuid);
+            QVERIFY(QDir().mkpath(to));
+            QCOMPARE(runProgram(QStringLiteral("cp"), {"-r", QLatin1String(from) + u"/.", to}), QByteArray());
+        }
         QVERIFY(writeFile(rt + QStringLiteral("/config/glib-2.0/settings/keyfile"),
                           "[org/gnome/shell]\nenabled-extensions=['" +
                               QByteArray(GnomeShellExtension::kUuid) + "', '" + kProbeUuid + "']\n"));
         QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, rt}), QByteArray());
 
         // GNOME Shell asks logind on the system bus, and stops when there is none to ask.
-        m_systemBus.process.start(QStringLiteral("runuser"),
-                                  {"-u", user, "--", "dbus-daemon", "--session", "--nofork", "--nopidfile",
-                                   "--address=unix:path=" + rt + "/system_bus"});
+        m_systemBus.startAs(user, rt,
+                            {"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                             "--address=unix:path=" + rt + "/system_bus"},
+                            QStringLiteral("system-bus.log"));
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(rt + QStringLiteral("/system_bus")), 10000);
-
-        // Not on our output: a compositor outliving the test would hold ctest's pipe open.
-        m_shell.process.setStandardOutputFile(rt + QStringLiteral("/gnome-shell.log"));
-        m_shell.process.setStandardErrorFile(rt + QStringLiteral("/gnome-shell.log"), QIODevice::Append);
-        m_shell.process.start(QStringLiteral("runuser"),
-                              {"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin", "HOME=" + rt,
-                               "XDG_RUNTIME_DIR=" + rt, "XDG_CONFIG_HOME=" + rt + "/config",
-                               "XDG_DATA_HOME=" + rt + "/data", "XDG_DATA_DIRS=" + rt + "/share:/usr/share",
-                               "GSETTINGS_BACKEND=keyfile", "DISPLAY=" + qEnvironmentVariable("DISPLAY"),
-                               "DBUS_SESSION_BUS_ADDRESS=" + m_bus->busAddress(),
-                               "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus",
-                               "MUTTER_DEBUG_DUMMY_MODE_SPECS=" + QString::number(kScreenWidth) + "x800",
-                               "gnome-shell", "--nested", "--wayland"});
+        m_shell.startAs(user, rt,
+                        {"XDG_CONFIG_HOME=" + rt + "/config", "XDG_DATA_HOME=" + rt + "/data",
+                         "XDG_DATA_DIRS=" + rt + "/share:/usr/share", "GSETTINGS_BACKEND=keyfile",
+                         "DISPLAY=" + qEnvironmentVariable("DISPLAY"),
+                         "DBUS_SESSION_BUS_ADDRESS=" + m_bus->busAddress(),
+                         "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + rt + "/system_bus",
+                         "MUTTER_DEBUG_DUMMY_MODE_SPECS=" + QString::number(kScreenWidth) + "x800",
+                         "gnome-shell", "--nested", "--wayland"},
+                        QStringLiteral("gnome-shell.log"));
         const auto serving = [] {
             return QDBusConnection::sessionBus().interface()->isServiceRegistered(
                 QString::fromLatin1(GnomeShellExtension::kService));
@@ -225,13 +197,8 @@ private Q_SLOTS:
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}, {"showWidgetWithOwnKey", true}});
 
-        // A native Wayland client of GNOME's session, with no X11 to fall back on.
-        m_wayland = m_bus->environment();
-        m_wayland.remove("DISPLAY");
-        m_wayland.insert("WAYLAND_DISPLAY", rt + "/wayland-0");
-        m_wayland.insert("XDG_SESSION_TYPE", "wayland");
+        m_wayland = waylandClient(m_bus->environment(), rt + "/wayland-0");
         m_wayland.insert("XDG_CURRENT_DESKTOP", "GNOME");
-        m_wayland.insert("QT_QPA_PLATFORM", "wayland");
 
         m_trayHost = std::make_unique<StatusNotifierWatcher>();
         QVERIFY2(m_trayHost->start(), qPrintable(m_trayHost->errorString()));
@@ -251,9 +218,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
         QTest::newRow("highlighted") << "command" << text << text;
-        QTest::newRow("nothing highlighted") << "command"
-                                             << ""
-                                             << "Copied before.";
+        QTest::newRow("nothing highlighted") << u"command"_qs << QString() << u"Copied before."_qs;
         // The app's own narration shortcut (Ctrl+Alt+S by default), which it bound through the extension,
         // pressed on the compositor's keyboard.
         const QString shortcut = QStringLiteral("Narrated by its shortcut on GNOME.");
@@ -354,12 +319,9 @@ private Q_SLOTS:
         xdotool({"windowfocus", "--sync", m_shellWindow, "key", "Escape"});
         QTRY_VERIFY(!indicator()[u"open"].toBool());
 
-        QCOMPARE(m_app
-                     .run({"--speak",
-                           QStringLiteral("A narration long enough to look at the menu while it plays. ")
-                               .repeated(6)})
-                     .exitCode,
-                 0);
+        const QString narration =
+            QStringLiteral("A narration long enough to look at the menu while it plays. ");
+        QCOMPARE(m_app.run({"--speak", narration.repeated(6)}).exitCode, 0);
         QTRY_COMPARE_WITH_TIMEOUT(indicator()[u"icon"].toString(),
                                   QStringLiteral("quillvox-playing-symbolic.svg"), 10000);
         QCOMPARE(menuLabels(), QStringLiteral("Pause Narration|Stop Narration|-|Check for Updates...|"
@@ -399,16 +361,11 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         m_app.stop();
-        m_editor.process.terminate();
-        m_editor.process.waitForFinished(5000);
+        m_editor.end(5000);
         // runuser hands SIGTERM on to its program and waits for it; killed, it would leave the program
         // behind.
-        m_shell.process.terminate();
-        // A skipped run never started the shell: nothing to wait for.
-        const bool shellEnded =
-            m_shell.process.state() == QProcess::NotRunning || m_shell.process.waitForFinished(10000);
-        m_systemBus.process.terminate();
-        m_systemBus.process.waitForFinished(5000);
+        const bool shellEnded = m_shell.end();
+        m_systemBus.end(5000);
         QVERIFY(shellEnded);
     }
 };

@@ -3,20 +3,10 @@
 // reaches the speech server through `quillvox --narrate-selection`, which is what a sway user binds, and
 // the clipboard stays as it was.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 
 #include "account/KeychainHelper.h"
 
-#include <QDir>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-
-namespace {
-
 const QString kKey = QStringLiteral("sk-sway-2468");
-
-} // namespace
 
 class TestSwaySession : public QObject
 {
@@ -46,25 +36,16 @@ private Q_SLOTS:
         const QString user = qEnvironmentVariable("RIG_WAYLAND_USER");
         if (user.isEmpty())
             QSKIP("needs the rig's unprivileged user for sway (RIG_WAYLAND_USER)");
-        for (const char *program : {"sway", "wl-copy", "wl-paste"}) {
-            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
-                QSKIP("sway and wl-clipboard are not installed");
-        }
+        if (const QString lack = desktopLacks({"sway", "wl-copy", "wl-paste"}); !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         QVERIFY(m_runtime.isValid());
-        QFile config(m_runtime.filePath(QStringLiteral("sway.conf")));
-        QVERIFY(config.open(QIODevice::WriteOnly) &&
-                config.write("output HEADLESS-1 resolution 1280x800\n") > 0);
-        config.close();
+        const QString config = m_runtime.filePath(QStringLiteral("sway.conf"));
+        QVERIFY(writeFile(config, "output HEADLESS-1 resolution 1280x800\n"));
         QCOMPARE(runProgram(QStringLiteral("chown"), {"-R", user, m_runtime.path()}), QByteArray());
-
-        // Not on our output: a compositor outliving the test would hold ctest's pipe open.
-        m_sway.process.setStandardOutputFile(m_runtime.filePath("sway.log"));
-        m_sway.process.setStandardErrorFile(m_runtime.filePath("sway.log"), QIODevice::Append);
-        m_sway.process.start(QStringLiteral("runuser"),
-                             {"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin", "HOME=" + m_runtime.path(),
-                              "XDG_RUNTIME_DIR=" + m_runtime.path(), "WLR_BACKENDS=headless",
-                              "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1", "sway", "-c",
-                              config.fileName()});
+        m_sway.startAs(user, m_runtime.path(),
+                       {"WLR_BACKENDS=headless", "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1", "sway",
+                        "-c", config},
+                       QStringLiteral("sway.log"));
         QString socket;
         QTRY_VERIFY_WITH_TIMEOUT(
             [&] {
@@ -79,12 +60,8 @@ private Q_SLOTS:
         QVERIFY(KeychainHelper::shared().save(kKey, KeychainKey::openAIAPIKey));
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
-        // The app is a native Wayland client of that session, with no X11 to fall back on.
         m_app.useServer(m_server);
-        m_app.env.remove("DISPLAY");
-        m_app.env.insert("WAYLAND_DISPLAY", socket);
-        m_app.env.insert("XDG_SESSION_TYPE", "wayland");
-        m_app.env.insert("QT_QPA_PLATFORM", "wayland");
+        m_app.env = waylandClient(m_app.env, socket);
         QVERIFY(m_app.start());
         QCOMPARE(wl(QStringLiteral("wl-copy"), {"The user's clipboard."}), 0);
     }
@@ -122,9 +99,8 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         m_app.stop();
-        // runuser hands SIGTERM on to sway and waits for it. A skipped run never started it.
-        m_sway.process.terminate();
-        QVERIFY(m_sway.process.state() == QProcess::NotRunning || m_sway.process.waitForFinished(10000));
+        // runuser hands SIGTERM on to sway and waits for it.
+        QVERIFY(m_sway.end());
     }
 };
 

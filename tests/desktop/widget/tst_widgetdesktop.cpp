@@ -3,44 +3,33 @@
 // under openbox with xcompmgr compositing, the controls found by their accessible names and clicked with
 // the pointer.
 #include "AppUnderTest.h"
-#include "DevServer.h"
 
 #include "account/KeychainHelper.h"
 
-#include <QDir>
-#include <QFile>
 #include <QImage>
-#include <QTemporaryDir>
-#include <QTest>
 
 namespace {
 
 constexpr int kWidth = 340;
 constexpr int kHeight = 140;
 
-QString program(const char *name)
-{
-    return QString::fromLatin1(name);
-}
-
 void clickAt(QPoint point)
 {
-    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
-    QTest::qWait(150); // the hover reaches the control before the press
+    pointAt(point);
     xdotool({"click", "1"});
 }
 
 QByteArray activeWindow()
 {
-    return runProgram(program("xdotool"), {"getactivewindow"}).trimmed();
+    return xdotool({"getactivewindow"}).trimmed();
 }
 
 // The pixel's colour on the screen.
 QColor screenPixel(QPoint point)
 {
-    const QByteArray png =
-        runProgram(program("import"), {"-window", "root", "-crop",
-                                       QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()), "png:-"});
+    const QByteArray png = runProgram(
+        QStringLiteral("import"),
+        {"-window", "root", "-crop", QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()), "png:-"});
     return QImage::fromData(png, "PNG").pixelColor(0, 0);
 }
 
@@ -82,28 +71,22 @@ private Q_SLOTS:
         if (const QString lack = desktopLacks(); !lack.isEmpty())
             QSKIP(qPrintable(lack));
         QVERIFY(m_dir.isValid());
-        m_compositor.process.start(program("xcompmgr"), QStringList());
+        m_compositor.process.start(QStringLiteral("xcompmgr"), QStringList());
         QVERIFY(m_compositor.process.waitForStarted());
 
         QVERIFY2(m_server.start({"--synth", "sine", "--pace", "0"}), qPrintable(m_server.errorString()));
         m_app.useServer(m_server);
         const QUrlQuery session = m_server.signIn();
-        KeychainHelper &keychain = KeychainHelper::shared();
-        QVERIFY(
-            keychain.save(session.queryItemValue(QStringLiteral("access_token")), KeychainKey::accessToken));
-        QVERIFY(keychain.save(session.queryItemValue(QStringLiteral("refresh_token")),
-                              KeychainKey::refreshToken));
+        for (const auto &[item, key] : {std::pair{"access_token", KeychainKey::accessToken},
+                                        std::pair{"refresh_token", KeychainKey::refreshToken}})
+            QVERIFY(KeychainHelper::shared().save(session.queryItemValue(QLatin1String(item)), key));
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
-        const QString text = m_dir.filePath(QStringLiteral("article.txt"));
-        QFile file(text);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(
+        m_editorWindow = openInMousepad(
+            m_editor, m_dir.filePath("article.txt"),
             QByteArray("The widget floats above this editor while it reads these words aloud, and the editor "
                        "stays the window that has the keyboard the whole time. ")
                 .repeated(6));
-        file.close();
-        m_editorWindow = openInMousepad(m_editor, text);
         QVERIFY(!m_editorWindow.isEmpty());
         xdotool({"windowstate", "--add", "MAXIMIZED_VERT,MAXIMIZED_HORZ", m_editorWindow});
         xdotool({"mousemove", "200", "600"}); // away from where the widget will be
@@ -115,13 +98,14 @@ private Q_SLOTS:
         QCOMPARE(widgetGeometry(), QRect((screenSize().width() - kWidth) / 2, 40, kWidth, kHeight));
 
         const QByteArray states =
-            runProgram(program("xprop"), {"-id", m_widgetWindow, "_NET_WM_STATE", "_NET_WM_DESKTOP"});
+            runProgram(QStringLiteral("xprop"), {"-id", m_widgetWindow, "_NET_WM_STATE", "_NET_WM_DESKTOP"});
         for (const char *state :
              {"_NET_WM_STATE_ABOVE", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
               "_NET_WM_DESKTOP(CARDINAL) = 4294967295"}) // every workspace
             QVERIFY2(states.contains(state), states.constData());
         // Later in the stacking list is higher on the screen.
-        const QByteArray stacking = runProgram(program("xprop"), {"-root", "_NET_CLIENT_LIST_STACKING"});
+        const QByteArray stacking =
+            runProgram(QStringLiteral("xprop"), {"-root", "_NET_CLIENT_LIST_STACKING"});
         const auto position = [&](const QByteArray &window) {
             return stacking.indexOf(QByteArray::number(window.toULongLong(), 16));
         };
@@ -132,8 +116,7 @@ private Q_SLOTS:
     void hoverShowsTheControlsAndLeavingHidesThem()
     {
         QVERIFY(m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty());
-        const QRect widget = widgetGeometry();
-        xdotool({"mousemove", QString::number(widget.center().x()), QString::number(widget.center().y())});
+        pointAt(widgetGeometry().center());
         QTRY_VERIFY_WITH_TIMEOUT(!m_app.control(QStringLiteral("Skip back 5 seconds")).isEmpty(), 5000);
         QVERIFY(!m_app.control(QStringLiteral("Expand controls")).isEmpty());
         xdotool({"mousemove", "200", "600"});
@@ -186,19 +169,13 @@ private Q_SLOTS:
         for (const auto &[bar, expected] : {std::pair{0, firstBar}, std::pair{5, lastBar}}) {
             const QPoint pixel(int(firstBarLeft + bar * 5 + 1), play.center().y());
             QColor actual;
+            const auto near = [&] {
+                actual = screenPixel(pixel);
+                return std::max({qAbs(actual.red() - expected.red()), qAbs(actual.green() - expected.green()),
+                                 qAbs(actual.blue() - expected.blue())}) <= 12;
+            };
             QTRY_VERIFY2_WITH_TIMEOUT(
-                [&] {
-                    actual = screenPixel(pixel);
-                    return qAbs(actual.red() - expected.red()) <= 12 &&
-                           qAbs(actual.green() - expected.green()) <= 12 &&
-                           qAbs(actual.blue() - expected.blue()) <= 12;
-                }(),
-                qPrintable(QStringLiteral("bar %1 at %2,%3 is %4, expected %5")
-                               .arg(bar)
-                               .arg(pixel.x())
-                               .arg(pixel.y())
-                               .arg(actual.name(), expected.name())),
-                5000);
+                near(), qPrintable(u"bar " + QString::number(bar) + u" is " + actual.name()), 5000);
         }
     }
 
@@ -208,16 +185,13 @@ private Q_SLOTS:
     void followAlongShowsTheSentenceBeingHeard()
     {
         stopApp();
-        KeychainHelper &keychain = KeychainHelper::shared();
-        keychain.remove(KeychainKey::accessToken);
-        keychain.remove(KeychainKey::refreshToken);
+        for (const KeychainKey key : {KeychainKey::accessToken, KeychainKey::refreshToken})
+            KeychainHelper::shared().remove(key);
         QCOMPARE(m_app.storeKey(), QString());
         AppUnderTest::setSettings({{"showWidgetWithOwnKey", true}});
         QVERIFY(startApp());
-        const QPoint centre = widgetGeometry().center();
-        xdotool({"mousemove", QString::number(centre.x()), QString::number(centre.y())});
-        QVERIFY(m_app.click(QStringLiteral("Expand controls")));
-        QVERIFY(m_app.shows(QStringLiteral("Collapse controls")));
+        pointAt(widgetGeometry().center());
+        QVERIFY(m_app.walk({"Expand controls", "=Collapse controls"}));
         const QRect withoutText = widgetGeometry();
         QCOMPARE(withoutText.size(), QSize(kWidth, kHeight));
 
@@ -237,17 +211,15 @@ private Q_SLOTS:
             return shown == sentence;
         };
         const auto position = [] {
-            return runProgram(program("playerctl"), {"-p", "quillvox", "position"}).toDouble();
+            return runProgram(QStringLiteral("playerctl"), {"-p", "quillvox", "position"}).toDouble();
         };
         m_app.run({"--speak", sentences.join(u' ')});
         const auto shownInTime = [&](qsizetype i, double start) {
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i]), 15000);
             const double at = position();
             qInfo() << "sentence" << i + 1 << "starts" << start << "shown at" << at;
-            QVERIFY2(
-                at >= start - 0.05 && at <= start + 0.5,
-                qPrintable(
-                    QStringLiteral("sentence %1 starts at %2, shown at %3").arg(i + 1).arg(start).arg(at)));
+            QCOMPARE_GE(at, start - 0.05);
+            QCOMPARE_LE(at, start + 0.5);
         };
         shownInTime(0, 0.0);
         if (QTest::currentTestFailed())
@@ -256,9 +228,8 @@ private Q_SLOTS:
         // Where each piece's audio starts, from what the server sent for each.
         const auto speechRequests = [this] {
             QList<QJsonObject> requests = m_server.requests();
-            requests.removeIf([](const QJsonObject &r) {
-                return r.value(QStringLiteral("path")).toString() != u"/v1/audio/speech";
-            });
+            requests.removeIf(
+                [](const QJsonObject &r) { return r[u"path"].toString() != u"/v1/audio/speech"; });
             return requests;
         };
         QList<QJsonObject> pieces;
@@ -272,7 +243,7 @@ private Q_SLOTS:
                           double(piece.value(QStringLiteral("bodyBytesSent")).toInteger()) / 48000.0;
 
         for (qsizetype i = 1; i < 3; ++i) {
-            runProgram(program("playerctl"),
+            runProgram(QStringLiteral("playerctl"),
                        {"-p", "quillvox", "position", QString::number(starts[i] - 1.5)});
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i - 1]), 5000);
             shownInTime(i, starts[i]);
@@ -280,7 +251,7 @@ private Q_SLOTS:
                 return;
             QCOMPARE(widgetGeometry(), withoutText.adjusted(0, 0, 0, 44)); // grown downwards
         }
-        QVERIFY(runProgram(program("playerctl"), {"-p", "quillvox", "metadata", "xesam:comment"})
+        QVERIFY(runProgram(QStringLiteral("playerctl"), {"-p", "quillvox", "metadata", "xesam:comment"})
                     .startsWith("This is the third sentence"));
 
         QTRY_VERIFY_WITH_TIMEOUT(position() > starts[2] + 1.0, 5000);

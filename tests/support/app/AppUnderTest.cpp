@@ -2,18 +2,15 @@
 #include "AppUnderTest.h"
 #include "StopProcess.h"
 
-#include "DevServer.h"
 #include "core/UserDefaults.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDebug>
-#include <QFile>
 #include <QJsonDocument>
-#include <QTest>
 
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <csignal>
 
 namespace {
@@ -60,6 +57,12 @@ AppUnderTest::~AppUnderTest()
 void AppUnderTest::useServer(const DevServer &server)
 {
     env = server.appEnvironment(env);
+}
+
+void AppUnderTest::usePulse(const QString &address)
+{
+    env.insert(QStringLiteral("PULSE_SERVER"), address);
+    env.insert(QStringLiteral("QUILLVOX_AUDIO_OUTPUT"), QStringLiteral("pulse"));
 }
 
 QString AppUnderTest::storeKey(const QString &key) const
@@ -180,6 +183,13 @@ bool AppUnderTest::click(const QString &name, int index)
     return true;
 }
 
+bool AppUnderTest::walk(const QStringList &steps)
+{
+    return std::all_of(steps.begin(), steps.end(), [](const QString &step) {
+        return step.startsWith(u'=') ? shows(step.mid(1)) : click(step);
+    });
+}
+
 QString AppUnderTest::focusedName()
 {
     return QString::fromUtf8(atspiQuery({"focused"}));
@@ -190,4 +200,13 @@ bool AppUnderTest::watchDescription(ChildProcess &watcher, const QString &name)
     watcher.process.start(QStringLiteral("/usr/bin/python3"),
                           {QStringLiteral(QUILLVOX_ATSPI_QUERY), "Quillvox", "watch", name});
     return watcher.process.waitForStarted();
+}
+
+QProcessEnvironment waylandClient(QProcessEnvironment env, const QString &socket)
+{
+    env.remove(QStringLiteral("DISPLAY"));
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket);
+    env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+    return env;
 }

@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include "DevServer.h"
 #include "X11Desktop.h"
 
-#include <QJsonObject>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QRect>
-#include <QTemporaryDir>
 #include <QVariantMap>
-
-class DevServer;
 
 // Quillvox as a desktop test runs it: this build's binary (or an installed one) in the test's profile,
 // its traffic at a dev server, its controls found on the accessibility bus as a screen reader finds them.
@@ -37,6 +31,8 @@ public:
     // accessibility bridge on when asked for.
     QProcessEnvironment env;
     void useServer(const DevServer &server);
+    // Its sound to the PulseAudio server at `address` rather than nowhere.
+    void usePulse(const QString &address);
     // Stores an own key as a user does, `--set-api-key` with the key typed; empty when that worked.
     QString storeKey(const QString &key = QStringLiteral("local")) const;
     // Writes settings into the profile's settings file; `fresh` empties it first.
@@ -63,6 +59,9 @@ public:
     // Clicks the control's centre. Hovering can move controls (the widget expands), so the pointer
     // follows until the control stays put; false when the control never showed.
     static bool click(const QString &name, int index = 0);
+    // A way through the windows as a user goes it: clicks each control named in `steps` in turn, and for
+    // a step "=name" waits until that control shows; false at the first step that found no control.
+    static bool walk(const QStringList &steps);
     static QString focusedName();
     // Starts `watcher` writing the description of the showing control called `name` to its standard
     // output, a line each time it changes (an empty one while no such control shows).
@@ -75,3 +74,6 @@ private:
     ChildProcess m_accessibilityBus;
     bool m_accessible;
 };
+
+// `env` for a native Wayland client of the compositor at `socket`, with no X11 to fall back on.
+QProcessEnvironment waylandClient(QProcessEnvironment env, const QString &socket);

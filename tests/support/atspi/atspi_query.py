@@ -3,7 +3,6 @@
 # What a screen reader sees of one application, for the desktop tests:
 #   atspi_query.py APP find NAME [N] -> "x y width height" (screen pixels) of the first (or N-th,
 #                                     from 0) showing accessible called NAME, exit 1 when there is none
-#   atspi_query.py APP list        -> "role<TAB>name<TAB>description<TAB>showing" of every accessible
 #   atspi_query.py APP focused     -> the name of the accessible that has the keyboard focus, exit 1 when
 #                                     none has
 #   atspi_query.py APP watch NAME  -> the description of the showing accessible called NAME, a line
@@ -36,10 +35,12 @@ def showing(node):
     return node.getState().contains(pyatspi.STATE_SHOWING)
 
 
-def find(app, wanted):
+def find(app, wanted, skip=0):
     for node in walk(app):
         if node.name == wanted and showing(node):
-            return node
+            if skip == 0:
+                return node
+            skip -= 1
     return None
 
 
@@ -67,10 +68,6 @@ def main():
         return 2
     if command == "watch":
         return watch(app, sys.argv[3])
-    if command == "list":
-        for node in walk(app):
-            print(f"{node.getRoleName()}\t{node.name}\t{node.description}\t{int(showing(node))}")
-        return 0
     if command == "focused":
         # Focus scopes around the control count as focused too: the deepest is the control.
         focused = [node for node in walk(app)
@@ -79,17 +76,12 @@ def main():
             return 1
         print(focused[-1].name)
         return 0
-    wanted = sys.argv[3]
-    skip = int(sys.argv[4]) if len(sys.argv) > 4 else 0
-    for node in walk(app):
-        if node.name == wanted and showing(node):
-            if skip > 0:
-                skip -= 1
-                continue
-            extents = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
-            print(extents.x, extents.y, extents.width, extents.height)
-            return 0
-    return 1
+    node = find(app, sys.argv[3], int(sys.argv[4]) if len(sys.argv) > 4 else 0)
+    if node is None:
+        return 1
+    extents = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
+    print(extents.x, extents.y, extents.width, extents.height)
+    return 0
 
 
 if __name__ == "__main__":

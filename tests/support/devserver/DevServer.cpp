@@ -102,10 +102,8 @@ QList<QJsonObject> DevServer::requests(const QString &logPath)
 
 QList<QJsonObject> DevServer::waitForRequests(qsizetype count, std::chrono::milliseconds timeout) const
 {
-    const QDeadlineTimer deadline(timeout);
     QList<QJsonObject> records;
-    while ((records = requests()).size() < count && !deadline.hasExpired())
-        QTest::qWait(10);
+    (void)QTest::qWaitFor([&] { return (records = requests()).size() >= count; }, int(timeout.count()));
     return records;
 }
 

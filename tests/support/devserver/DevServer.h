@@ -2,10 +2,7 @@
 #pragma once
 
 #include <QJsonObject>
-#include <QList>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 #include <QUrl>
 #include <QUrlQuery>

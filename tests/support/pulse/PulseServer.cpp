@@ -3,8 +3,6 @@
 #include "StopProcess.h"
 
 #include <QDir>
-#include <QFile>
-#include <QProcessEnvironment>
 #include <QTest>
 
 #include <sys/prctl.h>
@@ -51,24 +49,17 @@ bool PulseServer::start()
     m_daemon.setStandardOutputFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
     m_daemon.setStandardErrorFile(m_dir + QStringLiteral("/daemon.log"), QIODevice::Append);
     m_daemon.start(QStringLiteral("pulseaudio"),
-                   {QStringLiteral("--daemonize=no"), QStringLiteral("-n"),
-                    QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--use-pid-file=no"),
-                    QStringLiteral("--log-target=stderr"),
-                    QStringLiteral("--load=module-null-sink sink_name=t rate=24000 channels=1 "
-                                   "format=float32le sink_properties=device.description=t"),
-                    QStringLiteral("--load=module-native-protocol-unix auth-anonymous=1 socket=%1/pulse.sock")
-                        .arg(m_dir)});
-    if (!m_daemon.waitForStarted(5000))
-        return false;
-    for (int i = 0; i < 100; ++i) {
+                   {"--daemonize=no", "-n", "--exit-idle-time=-1", "--use-pid-file=no", "--log-target=stderr",
+                    "--load=module-null-sink sink_name=t rate=24000 channels=1 format=float32le "
+                    "sink_properties=device.description=t",
+                    "--load=module-native-protocol-unix auth-anonymous=1 socket=" + m_dir + "/pulse.sock"});
+    const auto answers = [this] {
         QProcess pactl;
-        pactl.start(QStringLiteral("pactl"), {QStringLiteral("-s"), address(), QStringLiteral("info")});
-        if (pactl.waitForFinished(2000) && pactl.exitStatus() == QProcess::NormalExit &&
-            pactl.exitCode() == 0)
-            return true;
-        QTest::qWait(100);
-    }
-    return false;
+        pactl.start(QStringLiteral("pactl"), {"-s", address(), "info"});
+        return pactl.waitForFinished(2000) && pactl.exitStatus() == QProcess::NormalExit &&
+               pactl.exitCode() == 0;
+    };
+    return m_daemon.waitForStarted(5000) && QTest::qWaitFor(answers, 20000);
 }
 
 void PulseServer::kill()
@@ -96,10 +87,8 @@ bool PulseServer::startRecorder()
     m_recorder.setStandardOutputFile(m_recording);
     m_recorder.setStandardErrorFile(m_dir + QStringLiteral("/parec.log"));
     m_recorder.start(QStringLiteral("parec"),
-                     {QStringLiteral("-s"), address(), QStringLiteral("-d"), QStringLiteral("t.monitor"),
-                      QStringLiteral("--rate=24000"), QStringLiteral("--channels=1"),
-                      QStringLiteral("--format=float32le"), QStringLiteral("--latency-msec=10"),
-                      QStringLiteral("--raw")});
+                     {"-s", address(), "-d", "t.monitor", "--rate=24000", "--channels=1",
+                      "--format=float32le", "--latency-msec=10", "--raw"});
     if (!m_recorder.waitForStarted(5000))
         return false;
     QTest::qWait(2200);

@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <QByteArray>
 #include <QProcess>
-#include <QString>
-#include <QtGlobal>
 
 #include <vector>
 

@@ -4,10 +4,6 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusServiceWatcher>
-#include <QList>
-#include <QObject>
-#include <QString>
-#include <QStringList>
 
 // The watcher and host that a desktop panel runs, on one bus. Applications look for a registered host
 // once, when they start: start this first, and their tray item comes to it over D-Bus instead of an

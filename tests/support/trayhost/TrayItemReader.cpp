@@ -2,8 +2,6 @@
 #include "TrayItemReader.h"
 
 #include <QDBusArgument>
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <QDateTime>
@@ -17,18 +15,12 @@ const QString kMenuInterface = QStringLiteral("com.canonical.dbusmenu");
 // "Control+Alt+S" from the dbusmenu form [["Control", "Alt", "S"]].
 QString shortcutText(const QVariant &value)
 {
-    if (!value.isValid())
-        return {};
     QStringList chords;
-    const QDBusArgument argument = value.value<QDBusArgument>();
-    argument.beginArray();
-    while (!argument.atEnd()) {
-        QStringList keys;
-        argument >> keys;
-        chords.append(keys.join(QLatin1Char('+')));
+    if (value.isValid()) {
+        for (const QStringList &keys : qdbus_cast<QList<QStringList>>(value.value<QDBusArgument>()))
+            chords.append(keys.join(u'+'));
     }
-    argument.endArray();
-    return chords.join(QLatin1Char(' '));
+    return chords.join(u' ');
 }
 
 // An a(iiay) of pictures; a size whose bytes do not match is no picture a host can draw.
@@ -100,25 +92,21 @@ QList<TrayItemReader::Entry> TrayItemReader::menu() const
         qWarning() << "GetLayout:" << reply.errorMessage();
         return {};
     }
-    // (ia{sv}av); our menu has no submenus.
-    const QDBusArgument node = reply.arguments().at(1).value<QDBusArgument>();
-    QList<Entry> entries;
-    Entry root;
-    node.beginStructure();
-    node >> root.id >> root.properties;
-    node.beginArray();
-    while (!node.atEnd()) {
-        QDBusVariant child;
-        node >> child;
-        const QDBusArgument childNode = child.variant().value<QDBusArgument>();
+    // (ia{sv}av), each child the same; our menu has no submenus.
+    const auto read = [](const QDBusArgument &node, QVariantList *children = nullptr) {
         Entry entry;
-        childNode.beginStructure();
-        childNode >> entry.id >> entry.properties;
-        childNode.endStructure();
-        entries.append(entry);
-    }
-    node.endArray();
-    node.endStructure();
+        node.beginStructure();
+        node >> entry.id >> entry.properties;
+        if (children)
+            node >> *children;
+        node.endStructure();
+        return entry;
+    };
+    QVariantList children;
+    read(reply.arguments().at(1).value<QDBusArgument>(), &children);
+    QList<Entry> entries;
+    for (const QVariant &child : std::as_const(children))
+        entries.append(read(child.value<QDBusArgument>()));
     return entries;
 }
 

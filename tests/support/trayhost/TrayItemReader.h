@@ -3,10 +3,7 @@
 
 #include "StatusNotifierWatcher.h"
 
-#include <QList>
 #include <QSize>
-#include <QString>
-#include <QStringList>
 #include <QVariant>
 
 #include <optional>

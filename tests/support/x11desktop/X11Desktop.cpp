@@ -2,10 +2,7 @@
 #include "X11Desktop.h"
 
 #include <QDebug>
-#include <QFile>
 #include <QMap>
-#include <QStandardPaths>
-#include <QTest>
 
 QByteArray runProgram(const QString &program, const QStringList &arguments, int timeoutMs)
 {
@@ -23,6 +20,19 @@ QByteArray runProgram(const QString &program, const QStringList &arguments, int 
 QByteArray xdotool(const QStringList &arguments, int timeoutMs)
 {
     return runProgram(QStringLiteral("xdotool"), arguments, timeoutMs);
+}
+
+void pointAt(QPoint point)
+{
+    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y())});
+    QTest::qWait(150);
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
 QByteArray clipboardBytes(const QString &target)
@@ -51,14 +61,29 @@ ChildProcess::~ChildProcess()
     }
 }
 
+bool ChildProcess::end(int timeoutMs)
+{
+    process.terminate();
+    return process.state() == QProcess::NotRunning || process.waitForFinished(timeoutMs);
+}
+
+void ChildProcess::startAs(const QString &user, const QString &runtime, const QStringList &command,
+                           const QString &log)
+{
+    process.setStandardOutputFile(runtime + u'/' + log);
+    process.setStandardErrorFile(runtime + u'/' + log, QIODevice::Append);
+    process.start(QStringLiteral("runuser"), QStringList{"-u", user, "--", "env", "-i", "PATH=/usr/bin:/bin",
+                                                         "HOME=" + runtime, "XDG_RUNTIME_DIR=" + runtime} +
+                                                 command);
+}
+
 bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardContent &content,
                   const QString &dir)
 {
     QStringList arguments;
     for (const auto &[target, bytes] : content) {
         const QString path = dir + u"/clipboard-" + QString::number(arguments.size());
-        QFile f(path);
-        if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size())
+        if (!writeFile(path, bytes))
             return false;
         arguments.append(target + u"=@" + path);
     }
@@ -66,8 +91,10 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
     return owner.process.waitForReadyRead(5000) && owner.process.readLine().trimmed() == "ready";
 }
 
-QByteArray openInMousepad(ChildProcess &editor, const QString &file)
+QByteArray openInMousepad(ChildProcess &editor, const QString &file, const QByteArray &text)
 {
+    if (!text.isEmpty() && !writeFile(file, text))
+        return {};
     editor.process.start(QStringLiteral("mousepad"), {file});
     const QByteArray window =
         xdotool({"search", "--sync", "--onlyvisible", "--class", "mousepad"}, 20000).split('\n').value(0);
