@@ -94,16 +94,10 @@ private Q_SLOTS:
         QTest::addColumn<double>("toleranceSeconds");
 
         QTest::newRow("pcm 24000") << QStringList() << 0.01;
-        QTest::newRow("pcm 22050") << QStringList{"--audio-rate", "22050"} << 0.05;
         QTest::newRow("pcm 16000 as L16")
             << QStringList{"--audio-rate", "16000", "--content-type", "audio/L16;rate=16000"} << 0.05;
-        QTest::newRow("wav streamed 22050")
-            << QStringList{"--audio-format", "wav", "--audio-rate", "22050", "--wav-unknown-sizes"} << 0.05;
-        QTest::newRow("wav 48000") << QStringList{"--audio-format", "wav", "--audio-rate", "48000"} << 0.05;
         QTest::newRow("mp3 as L16") << QStringList{"--audio-format", "mp3", "--content-type", "audio/L16"}
                                     << 0.1;
-        QTest::newRow("ogg") << QStringList{"--audio-format", "ogg"} << 0.1;
-        QTest::newRow("flac") << QStringList{"--audio-format", "flac", "--audio-rate", "16000"} << 0.05;
     }
 
     void formatsPlayAtTheirPitchAndLength()
