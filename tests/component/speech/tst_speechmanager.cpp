@@ -697,12 +697,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("error");
         const auto row = [](const char *name, const QStringList &arguments, const char *error,
                             const char *setup = "") { QTest::newRow(name) << arguments << setup << error; };
-        row("200 without a body", {"--no-audio"}, "The server sent no audio.");
         row("dropped after the head", {"--cut-after", "0"}, "The server sent no audio.");
         row("refused", {"--fail-status", "400"},
             "API error (400): Failure injected by quillvox-devserver --fail-status 400.");
-        row("refused voice", {"--voices", "af_heart"},
-            "API error (400): Voice 'marin' not found. Available voices: af_heart");
         row("late head, chosen local server", {"--ttfb-ms", "1200"}, "", "late");
         row("late head, deployment's origin", {"--ttfb-ms", "1200"}, "Received invalid response from server",
             "late deployment");
