@@ -341,8 +341,6 @@ private Q_SLOTS:
         row("no key", "narrate|no key|speak", noKey, 1);
         row("empty key", "narrate|empty key|speak", noKey, 1);
         row("token, signed out", "narrate|token|signed out|speak", "Please sign in to use narration.", 1);
-        row("59 s", "narrate|token|59 s|speak",
-            "Low balance (0 min remaining). Add more minutes to continue.", 1);
         row("no valid token", "narrate|token|no valid token|speak", "Please sign in to use narration.", 1);
         row("blank text", "narrate|speak: \n\t ", "playing", 1); // returns before stopping what plays
         row("not trusted", "untrusted|trigger:text", "id:accessibilityPermissionMissing", 0);
@@ -372,7 +370,6 @@ private Q_SLOTS:
             {"token",
              [&] { ok = f->account.signedIn = f->keychain.save("stored-token", KeychainKey::accessToken); }},
             {"signed out", [&] { f->account.signedIn = false; }},
-            {"59 s", [&] { std::tie(f->account.balance, f->account.minutes) = std::pair(59, 0); }},
             {"7 min", [&] { f->account.minutes = 7; }},
             {"no valid token", [&] { f->account.token.reset(); }},
             {"untrusted", [&] { f->selection.trusted = false; }}};
