@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "speech/ResponseAudio.h"
 #include "speech/ServerAudioFormat.h"
+#include "speech/ServerCatalog.h"
+#include "speech/ServerErrorBody.h"
 
 #include "ToneFrequency.h"
 
@@ -95,7 +97,8 @@ QByteArray encoded(int format, int rateHz)
 } // namespace
 
 // A chosen server's answer, whatever it holds, comes out as the speech format at the right pitch and
-// length, or fails with words that name what was wrong.
+// length, or fails with words that name what was wrong; what it says besides audio, its reasons for
+// refusing and its voices and models, is read as it means it.
 class TestServerAudio : public QObject
 {
     Q_OBJECT
@@ -115,8 +118,6 @@ private Q_SLOTS:
                             int rateHz = 24000, bool ended = false) {
             QTest::newRow(name) << QByteArray(type) << first << ended << int(kind) << rateHz;
         };
-        row("L16 rate", "audio/L16; rate=16000; channels=1", silence, F::Pcm, 16000);
-        row("x-wav", "audio/x-wav", wav({}).left(44), F::Wav);
         row("mp3 short, ended", "audio/pcm", mp3.left(20), F::Mp3, 24000, true);
         row("mpeg labelled", "audio/mpeg", mp3.left(12), F::Mp3);
         row("id3", "audio/pcm", QByteArray("ID3\x04\0\0\0\0\0\x10", 10) + silence, F::Mp3);
@@ -157,8 +158,7 @@ private Q_SLOTS:
         row("speech format", "audio/pcm", pcm(24000) + '\x7f', 0); // an odd byte too
         row("speech format unlabelled", "", pcm(24000) + '\x7f', 0);
         row("pcm 22050", "audio/pcm;rate=22050", pcm(22050));
-        row("pcm 16000", "audio/L16;rate=16000", pcm(16000));
-        row("wav 16-bit", "audio/wav", wav({}));
+        row("pcm 16000", "audio/L16; rate=16000; channels=1", pcm(16000));
         row("wav streamed", "audio/wav", wav({.sizes = 0xFFFFFFFF}));
         row("wav sizes 0", "audio/pcm", wav({.rateHz = 22050, .sizes = 0}));
         row("wav 8-bit", "audio/wav", wav({.bits = 8}));
@@ -223,6 +223,102 @@ private Q_SLOTS:
             }
             QVERIFY(head <= kToneAmplitude * 1.1 && peak >= kToneAmplitude * 0.9);
         }
+    }
+
+    void errorMessages_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QString>("message"); // null: none, the reason phrase stays
+
+        const auto row = [](const char *name, const QByteArray &body, const QString &message) {
+            QTest::newRow(name) << body << message;
+        };
+        row("openai", R"({"error":{"message":"Voice 'marin' not found.","type":"x"}})",
+            "Voice 'marin' not found.");
+        row("error text", R"({"error":"Model is not installed locally."})",
+            "Model is not installed locally.");
+        row("detail text", R"({"detail":"Voice 'marin' not found. Available voices: af_heart"})",
+            "Voice 'marin' not found. Available voices: af_heart");
+        row("detail message", R"({"detail":{"error":"validation_error","message":"Input too long"}})",
+            "Input too long");
+        row("detail error message", R"({"detail":{"error":{"message":"Text exceeds 3000 characters"}}})",
+            "Text exceeds 3000 characters");
+        row("detail list",
+            R"({"detail":[{"loc":["body","input"],"msg":"String should have at most 3000 characters"},{"msg":"Field required"}]})",
+            "String should have at most 3000 characters; Field required");
+        row("message", R"({"message":"  Synthesis\n failed  "})", "Synthesis failed");
+        row("html", "<html><body><h1>502 Bad Gateway</h1></body></html>", {});
+        row("empty", {}, {});
+        row("no known member", R"({"status":"error"})", {});
+        row("long", R"({"detail":")" + QByteArray(300, 'x') + R"("})", QString(199, u'x') + u'…');
+        row("huge", R"({"detail":")" + QByteArray(70000, 'x') + R"("})", {});
+    }
+
+    void errorMessages()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(QString, message);
+        QCOMPARE(ServerErrorBody::message(body).value_or(QString()), message);
+    }
+
+    void requestSize_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<bool>("halves");
+
+        QTest::newRow("413") << 413 << QString() << true;
+        QTest::newRow("422 pydantic") << 422 << "String should have at most 3000 characters" << true;
+        QTest::newRow("422 too long") << 422 << "Text too long, max 1000" << true;
+        QTest::newRow("422 other") << 422 << "Field required" << false;
+        QTest::newRow("400 length") << 400 << "Input too long" << false;
+    }
+
+    void requestSize()
+    {
+        QFETCH(int, status);
+        QFETCH(QString, message);
+        QFETCH(bool, halves);
+        QCOMPARE(ServerErrorBody::refusesInputLength(status, message), halves);
+        QCOMPARE(ServerErrorBody::halvedLimit(4096), 2048);
+        QCOMPARE(ServerErrorBody::halvedLimit(300), ServerErrorBody::kMinInputChars);
+    }
+
+    // The voices and models a list holds, and the model chosen from them when none is set.
+    void lists_data()
+    {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<QStringList>("voices");
+        QTest::addColumn<QStringList>("models");
+        QTest::addColumn<QString>("defaultModel");
+        const auto row = [](const char *name, const QByteArray &json, const QStringList &voices,
+                            const QStringList &models, const char *defaultModel = "tts-1") {
+            QTest::newRow(name) << json << voices << models << QString::fromUtf8(defaultModel);
+        };
+        row("names", R"({"voices":["af_heart","am_adam","af_heart"]})", {"af_heart", "am_adam"}, {});
+        row("objects", R"({"voices":[{"name":"tara","gender":"f"},{"id":"leo"}]})", {"tara", "leo"}, {});
+        const QStringList listed{"whisper-1", "kokoro", "tts-1-hd"};
+        row("openai list, first speech model",
+            R"({"object":"list","data":[{"id":"whisper-1"},{"id":"kokoro"},{"id":"tts-1-hd"}]})", listed,
+            listed, "kokoro");
+        row("bare array", R"(["alloy",{"voice_id":"en-US-AvaNeural"}])", {"alloy", "en-US-AvaNeural"},
+            {"alloy"});
+        row("models member", R"({"models":[{"model":"piper"}]})", {}, {"piper"}, "piper");
+        row("no speech model", R"({"data":[{"id":"whisper-1"},{"id":"llama3"}]})", {"whisper-1", "llama3"},
+            {"whisper-1", "llama3"});
+        row("dated name skipped", R"({"data":[{"id":"gpt-4o-mini-tts-2025-12-15"},{"id":"tts-1-hd"}]})",
+            {"gpt-4o-mini-tts-2025-12-15", "tts-1-hd"}, {"gpt-4o-mini-tts-2025-12-15", "tts-1-hd"},
+            "tts-1-hd");
+        row("not json", "Not Found", {}, {});
+    }
+
+    void lists()
+    {
+        QFETCH(QByteArray, json);
+        QFETCH(QStringList, models);
+        QTEST(ServerCatalog::voices(json), "voices");
+        QCOMPARE(ServerCatalog::models(json), models);
+        QTEST(ServerCatalog::defaultModel(models), "defaultModel");
     }
 };
 

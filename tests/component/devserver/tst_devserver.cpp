@@ -131,7 +131,7 @@ private Q_SLOTS:
 
         const QList<QJsonObject> log = server.waitForRequests(logged + 1);
         QCOMPARE(log.size(), logged + 1);
-        // Method, path, body and the Authorization header as tst_speechmanager reads them; here, the rest.
+        // Path, body and the Authorization header as the speech tests read them; here, the rest.
         const QJsonObject &record = log.last();
         QCOMPARE(record.value("query").toString(), server.url(c.target).query(QUrl::FullyEncoded));
         QCOMPARE(record.value("status").toInt(), c.status);
