@@ -183,9 +183,11 @@ class TestHistoryManager : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    // "32|64": what each unsigned reader gives, "-" for nothing. Bytes are the file's raw text; a value of
-    // another type is set in this process, and keeps its type until the file is read again.
-    void unsignedConversion_data()
+    // What each typed reader gives: a letter for a string, Boolean, data or date that reads, then the
+    // unsigned 32- and 64-bit values ("-": nothing). A value of the wrong stored type reads as nothing,
+    // however convertible QVariant finds it. Bytes are the file's raw text; a value of another type is set
+    // in this process, and keeps its type until the file is read again.
+    void typedReads_data()
     {
         QTest::addColumn<QVariant>("stored");
         QTest::addColumn<QString>("expected");
@@ -193,31 +195,38 @@ private Q_SLOTS:
             QTest::newRow(name) << stored << QString::fromLatin1(expected);
         };
         const auto text = [](const char *s) { return QVariant(QByteArray(s)); };
-        row("u32 max", text("4294967295"), "4294967295|4294967295");
-        row("u32 max + 1", text("4294967296"), "-|4294967296");
-        row("minus one", text("-1"), "-|-");
-        row("u64 max", text("18446744073709551615"), "-|18446744073709551615");
-        row("u64 overflow", text("18446744073709551616"), "-|-");
-        row("text", text("abc"), "-|-");
-        row("leading space", text("\" 12\""), "-|-");
-        row("bytes", text("@ByteArray(12)"), "-|-");
-        row("int -1, set here", QVariant(-1), "-|-");
-        row("double 12.5, set here", QVariant(12.5), "-|-");
-        row("bool true, set here", QVariant(true), "-|-");
+        row("u32 max", text("4294967295"), "s|4294967295|4294967295");
+        row("u32 max + 1", text("4294967296"), "s|-|4294967296");
+        row("minus one", text("-1"), "s|-|-");
+        row("u64 max", text("18446744073709551615"), "s|-|18446744073709551615");
+        row("u64 overflow", text("18446744073709551616"), "s|-|-");
+        row("plain text", text("hello"), "s|-|-");
+        row("leading space", text("\" 12\""), "s|-|-");
+        row("ISO date as text", text("2026-11-21T10:00:00Z"), "s|-|-");
+        row("true", text("true"), "sb|-|-");
+        row("bytes", text("@ByteArray(12)"), "d|-|-");
+        row("date", text("@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8c\\x9a\\0\\x1bw@\\x1)"), "t|-|-");
+        row("broken variant", text("@Variant(\\0\\0\\0\\x7f)"), "|-|-");
+        row("list", text("a, b"), "|-|-");
+        row("int -1, set here", QVariant(-1), "|-|-");
+        row("double 12.5, set here", QVariant(12.5), "|-|-");
+        row("bool true, set here", QVariant(true), "b|-|-");
     }
 
-    void unsignedConversion()
+    void typedReads()
     {
         QFETCH(QVariant, stored);
         World w;
+        const QString key = QStringLiteral("key");
         if (stored.typeId() == QMetaType::QByteArray)
-            QVERIFY(writeFile(w.confPath, "[General]\nvalue=" + stored.toByteArray() + "\n"));
+            QVERIFY(writeFile(w.confPath, "[General]\nkey=" + stored.toByteArray() + "\n"));
         else
-            w.storeRaw(QStringLiteral("value"), stored);
+            w.storeRaw(key, stored);
         const UserDefaults &d = w.openDefaults();
-        const auto text = [](const auto &v) { return v ? QString::number(*v) : QStringLiteral("-"); };
-        QTEST(QString(text(d.unsigned32(QStringLiteral("value"))) + u'|' +
-                      text(d.unsigned64(QStringLiteral("value")))),
+        const auto number = [](const auto &v) { return v ? QString::number(*v) : QStringLiteral("-"); };
+        const QString readable = QString::fromLatin1(d.string(key) ? "s" : "") + (d.boolean(key) ? "b" : "") +
+                                 (d.data(key) ? "d" : "") + (d.date(key) ? "t" : "");
+        QTEST(QString(readable + u'|' + number(d.unsigned32(key)) + u'|' + number(d.unsigned64(key))),
               "expected");
     }
 
@@ -238,35 +247,6 @@ private Q_SLOTS:
         d.remove(QStringLiteral("selectedVoice"));
         QVERIFY(!d.contains(QStringLiteral("selectedVoice")));
         QVERIFY(!d.string(QStringLiteral("selectedVoice")));
-    }
-
-    // A value of the wrong stored type reads as nothing, however convertible QVariant finds it. "readable"
-    // holds a letter for each reader that gives a value: string, boolean, data, date.
-    void typeChecks_data()
-    {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<QString>("readable");
-        QTest::newRow("plain text") << QByteArray("hello") << "s";
-        QTest::newRow("ISO date as text") << QByteArray("2026-11-21T10:00:00Z") << "s";
-        QTest::newRow("true") << QByteArray("true") << "sb";
-        QTest::newRow("bytes") << QByteArray("@ByteArray([1])") << "d";
-        QTest::newRow("date") << QByteArray(
-                                     "@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8c\\x9a\\0\\x1bw@\\x1)")
-                              << "t";
-        QTest::newRow("broken variant") << QByteArray("@Variant(\\0\\0\\0\\x7f)") << "";
-        QTest::newRow("list") << QByteArray("a, b") << "";
-    }
-
-    void typeChecks()
-    {
-        QFETCH(QByteArray, stored);
-        World w;
-        QVERIFY(writeFile(w.confPath, "[General]\nkey=" + stored + "\n"));
-        const UserDefaults &d = w.openDefaults();
-        const QString key = QStringLiteral("key");
-        const QByteArray readable = QByteArray(d.string(key) ? "s" : "") + (d.boolean(key) ? "b" : "") +
-                                    (d.data(key) ? "d" : "") + (d.date(key) ? "t" : "");
-        QTEST(QString::fromLatin1(readable), "readable");
     }
 
     void corruptFileReadsAsEmpty()
