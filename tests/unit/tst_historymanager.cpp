@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
+// The settings file and the records kept in it: the history list with its audio folder, and the usage
+// counts.
 #include "core/UserDefaults.h"
 #include "records/HistoryManager.h"
 #include "records/UsageManager.h"
@@ -181,6 +183,82 @@ class TestHistoryManager : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // What each typed reader gives: a letter for a string, Boolean, data or date that reads, then the
+    // unsigned 32- and 64-bit values ("-": nothing). A value of the wrong stored type reads as nothing,
+    // however convertible QVariant finds it. Bytes are the file's raw text; a value of another type is set
+    // in this process, and keeps its type until the file is read again.
+    void typedReads_data()
+    {
+        QTest::addColumn<QVariant>("stored");
+        QTest::addColumn<QString>("expected");
+        const auto row = [](const char *name, const QVariant &stored, const char *expected) {
+            QTest::newRow(name) << stored << QString::fromLatin1(expected);
+        };
+        const auto text = [](const char *s) { return QVariant(QByteArray(s)); };
+        row("u32 max", text("4294967295"), "s|4294967295|4294967295");
+        row("u32 max + 1", text("4294967296"), "s|-|4294967296");
+        row("minus one", text("-1"), "s|-|-");
+        row("u64 max", text("18446744073709551615"), "s|-|18446744073709551615");
+        row("u64 overflow", text("18446744073709551616"), "s|-|-");
+        row("plain text", text("hello"), "s|-|-");
+        row("leading space", text("\" 12\""), "s|-|-");
+        row("ISO date as text", text("2026-11-21T10:00:00Z"), "s|-|-");
+        row("true", text("true"), "sb|-|-");
+        row("bytes", text("@ByteArray(12)"), "d|-|-");
+        row("date", text("@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\0%\\x8c\\x9a\\0\\x1bw@\\x1)"), "t|-|-");
+        row("broken variant", text("@Variant(\\0\\0\\0\\x7f)"), "|-|-");
+        row("list", text("a, b"), "|-|-");
+        row("int -1, set here", QVariant(-1), "|-|-");
+        row("double 12.5, set here", QVariant(12.5), "|-|-");
+        row("bool true, set here", QVariant(true), "b|-|-");
+    }
+
+    void typedReads()
+    {
+        QFETCH(QVariant, stored);
+        World w;
+        const QString key = QStringLiteral("key");
+        if (stored.typeId() == QMetaType::QByteArray)
+            QVERIFY(writeFile(w.confPath, "[General]\nkey=" + stored.toByteArray() + "\n"));
+        else
+            w.storeRaw(key, stored);
+        const UserDefaults &d = w.openDefaults();
+        const auto number = [](const auto &v) { return v ? QString::number(*v) : QStringLiteral("-"); };
+        const QString readable = QString::fromLatin1(d.string(key) ? "s" : "") + (d.boolean(key) ? "b" : "") +
+                                 (d.data(key) ? "d" : "") + (d.date(key) ? "t" : "");
+        QTEST(QString(readable + u'|' + number(d.unsigned32(key)) + u'|' + number(d.unsigned64(key))),
+              "expected");
+    }
+
+    // Data and dates go through the file in the records' cases below, Booleans in tst_appdelegate's.
+    void roundTripsThroughTheFile()
+    {
+        World w;
+        {
+            UserDefaults d(w.confPath);
+            d.setString(QStringLiteral("selectedVoice"), QStringLiteral("cedar, or \"alloy\""));
+            d.setUnsigned32(QStringLiteral("hotkeyKeyCode"), 4294967295u);
+            d.setUnsigned64(QStringLiteral("hotkeyModifiers"), 0x180000);
+        }
+        UserDefaults &d = w.openDefaults();
+        QCOMPARE(d.string(QStringLiteral("selectedVoice")), QStringLiteral("cedar, or \"alloy\""));
+        QCOMPARE(d.unsigned32(QStringLiteral("hotkeyKeyCode")), 4294967295u);
+        QCOMPARE(d.unsigned64(QStringLiteral("hotkeyModifiers")), quint64(0x180000));
+        d.remove(QStringLiteral("selectedVoice"));
+        QVERIFY(!d.contains(QStringLiteral("selectedVoice")));
+        QVERIFY(!d.string(QStringLiteral("selectedVoice")));
+    }
+
+    void corruptFileReadsAsEmpty()
+    {
+        World w;
+        QVERIFY(writeFile(w.confPath, QByteArray("\x00\xff\xfe[[[=\n\x01key", 13)));
+        QVERIFY(!w.openDefaults().string(QStringLiteral("key")));
+        QVERIFY(!w.defaults->unsigned32(QStringLiteral("key")));
+        UserDefaults missing(w.dir.filePath("does/not/exist.conf"));
+        QVERIFY(!missing.boolean(QStringLiteral("hasCompletedOnboarding")));
+    }
+
     // Whole seconds, truncated; an hour stays in minutes.
     void formattedDuration()
     {

@@ -1,10 +1,35 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The shared KeychainHelper and `quillvox --set-api-key` / `--clear-api-key` against gnome-keyring on a
-// private bus, checked from outside with secret-tool and the Secret Service's own item list.
-#include "KeychainTestSupport.h"
-
+// KeychainHelper's own logic over the in-memory store: strict UTF-8, the delete-then-add save, and what
+// a failing keyring leaves behind and reports. The shared KeychainHelper and `quillvox --set-api-key` /
+// `--clear-api-key` against gnome-keyring on a private bus, checked from outside with secret-tool and
+// the Secret Service's own item list. A whole account session through the real application, after which
+// no token may appear in anything it wrote or printed. Each call's failure on a real keyring is
+// tst_keychainunavailable's.
+#include "DevServer.h"
 #include "account/KeychainHelper.h"
 #include "keyring/KeyringFixture.h"
+#include "platform/null/MemorySecretStore.h"
+
+#include <QDirIterator>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <optional>
+
+// Readable failure messages for the helper's optional results (found by argument-dependent lookup).
+template<typename T> char *toString(const std::optional<T> &value)
+{
+    return value ? QTest::toString(*value) : qstrdup("nothing");
+}
+
+using Status = SecretStore::Status;
+using Operation = MemorySecretStore::Operation;
+
+const QString kService = QStringLiteral("com.vantor.quillvox.test.helper");
+const QString kAccount = QStringLiteral("openai-api-key");
 
 class TestKeychainKeyring : public QObject
 {
@@ -13,6 +38,12 @@ class TestKeychainKeyring : public QObject
 private:
     KeyringFixture m_keyring;
     QString m_service;
+    MemorySecretStore *m_store = nullptr;
+    std::unique_ptr<KeychainHelper> m_helper;
+    DevServer m_server;
+    QTemporaryDir m_home;
+    QProcessEnvironment m_env;
+    QByteArray m_printed;
 
     QString otherService() const { return m_service + ".other"; }
 
@@ -39,6 +70,28 @@ private:
         return run.finished && run.exitCode == 0;
     }
 
+    KeyringFixture::Run quillvox(const QStringList &arguments)
+    {
+        KeyringFixture::Run run = m_keyring.run(QStringLiteral(QUILLVOX_EXECUTABLE), arguments, {}, m_env);
+        m_printed += run.out + run.err;
+        return run;
+    }
+    QJsonObject status() { return QJsonDocument::fromJson(quillvox({"--status"}).out).object(); }
+
+    // Every bearer token and refresh token the server saw or handed out, found in its request log.
+    QSet<QByteArray> tokensSeen() const
+    {
+        QSet<QByteArray> tokens;
+        for (const QJsonObject &record : m_server.requests()) {
+            for (const QString &token : {DevServer::header(record, u"Authorization").section(u' ', 1),
+                                         DevServer::body(record).value("refresh_token").toString()}) {
+                if (!token.isEmpty() && token != u"quillvox-dev-anon-key")
+                    tokens << token.toUtf8();
+            }
+        }
+        return tokens;
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -49,13 +102,18 @@ private Q_SLOTS:
         QCOMPARE(KeychainHelper::shared().service(), m_service);
     }
 
-    // Every test starts with no items of either service, whatever an earlier one left.
+    // Every test starts with no items of either service, whatever an earlier one left, and an in-memory
+    // store holding an old key.
     void init()
     {
         for (const QString &service : {m_service, otherService()}) {
             m_keyring.secretTool({"clear", "service", service});
             QVERIFY(m_keyring.items({{"service", service}}).isEmpty());
         }
+        auto store = std::make_unique<MemorySecretStore>();
+        m_store = store.get();
+        m_helper = std::make_unique<KeychainHelper>(kService, std::move(store));
+        m_store->insert(kService, kAccount, "old");
     }
 
     // Stored under the service and the key's account, in the login collection, as UTF-8, and read back.
@@ -141,7 +199,6 @@ private Q_SLOTS:
                             const std::optional<QByteArray> &stored) {
             QTest::newRow(name) << arguments << input << stored;
         };
-        row("LF", set, "sk-lf\n", "sk-lf");
         row("CRLF", set, "sk-crlf\r\n", "sk-crlf");
         row("no line end", set, "sk-bare", "sk-bare");
         row("first line only", set, "sk-first\nsecond\n", "sk-first");
@@ -174,6 +231,135 @@ private Q_SLOTS:
         QCOMPARE(lookup("openai-api-key"), stored);
         QCOMPARE(itemsOf("openai-api-key").size(), stored ? 1 : 0);
         QCOMPARE(lookup("access-token"), std::optional<QByteArray>("token stays"));
+    }
+
+    // Strict UTF-8 both ways: a stored value that does not decode loads as nothing, and a value that does
+    // not encode is not saved, the stored one staying. A null "saved": the row loads "stored".
+    void strictUtf8_data()
+    {
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<QString>("saved");
+        QTest::addColumn<std::optional<QString>>("loaded");
+        const std::optional<QString> nothing;
+        QTest::newRow("leading BOM kept")
+            << QByteArray("\xef\xbb\xbfk") << QString() << std::optional<QString>(QStringLiteral("\uFEFFk"));
+        QTest::newRow("invalid byte") << QByteArray("ab\xff") << QString() << nothing;
+        QTest::newRow("truncated sequence") << QByteArray("ab\xc3") << QString() << nothing;
+        QTest::newRow("save lone low surrogate")
+            << QByteArray("old") << QStringLiteral("a") + QChar(0xDC00) << nothing;
+        QTest::newRow("save high surrogate at the end")
+            << QByteArray("old") << QStringLiteral("sk-") + QChar(0xD83D) << nothing;
+    }
+
+    void strictUtf8()
+    {
+        QFETCH(QByteArray, stored);
+        QFETCH(QString, saved);
+        QFETCH(std::optional<QString>, loaded);
+        m_store->insert(kService, kAccount, stored);
+        if (saved.isNull())
+            QCOMPARE(m_helper->load(KeychainKey::openAIAPIKey), loaded);
+        else
+            QVERIFY(!m_helper->save(saved, KeychainKey::openAIAPIKey));
+        QCOMPARE(m_store->secret(kService, kAccount), std::optional(stored));
+        QCOMPARE(m_helper->lastFailureReason().isEmpty(), loaded.has_value());
+    }
+
+    // A save deletes, then adds. A failed add comes after the delete, so the old value is gone as well. A
+    // refused delete does not decide the save; no keyring, or one that stayed locked, will not take the
+    // add either, and the old item is untouched.
+    void saveWithAFailingStep_data()
+    {
+        QTest::addColumn<Operation>("step");
+        QTest::addColumn<Status>("failure");
+        QTest::addColumn<std::optional<QByteArray>>("left");
+
+        const std::optional<QByteArray> nothing, old("old"), saved("new");
+        QTest::newRow("add refused") << Operation::Store << Status::Failed << nothing;
+        QTest::newRow("add locked") << Operation::Store << Status::Locked << nothing;
+        QTest::newRow("add without keyring") << Operation::Store << Status::Unavailable << nothing;
+        QTest::newRow("delete refused") << Operation::Remove << Status::Failed << saved;
+        QTest::newRow("delete locked") << Operation::Remove << Status::Locked << old;
+        QTest::newRow("delete without keyring") << Operation::Remove << Status::Unavailable << old;
+    }
+
+    void saveWithAFailingStep()
+    {
+        QFETCH(Operation, step);
+        QFETCH(Status, failure);
+        QFETCH(std::optional<QByteArray>, left);
+        m_store->setFailure(step, failure);
+
+        const bool saved = left == QByteArray("new");
+        QCOMPARE(m_helper->save(QStringLiteral("new"), KeychainKey::openAIAPIKey), saved);
+        QCOMPARE(m_store->secret(kService, kAccount), left);
+        QCOMPARE(m_helper->lastFailureReason().isEmpty(), saved);
+        const QString reason = failure == Status::Unavailable ? "No keyring is available"
+                               : failure == Status::Locked    ? "The keyring is locked"
+                                                              : "The keyring refused the request";
+        if (!saved)
+            QVERIFY2(m_helper->lastFailureReason().startsWith(reason),
+                     qPrintable(m_helper->lastFailureReason()));
+        // The reason belongs to the last call: it goes once a call succeeds.
+        m_store->setFailure(Status::Ok);
+        QVERIFY(m_helper->remove(KeychainKey::openAIAPIKey));
+        QVERIFY(m_helper->lastFailureReason().isEmpty());
+    }
+
+    // Sign-in through the callback URL, token refreshes and a service narration in the real application.
+    void noTokenIsWrittenOrPrinted()
+    {
+        // Tokens live 30 s, inside the one-minute margin: every service request refreshes first.
+        QVERIFY2(m_server.start({"--auto-consent", "--token-ttl", "30", "--synth", "sine"}),
+                 qPrintable(m_server.errorString()));
+        m_env = m_server.appEnvironment(m_keyring.environment());
+        for (const char *dir :
+             {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
+            m_env.insert(QString::fromLatin1(dir), m_home.filePath(QString::fromLatin1(dir)));
+        QDir(m_home.path()).mkpath("XDG_RUNTIME_DIR");
+        m_env.insert("QUILLVOX_KEYCHAIN_SERVICE", "com.vantor.quillvox.test.security");
+
+        QProcess app;
+        app.setProcessEnvironment(m_env);
+        app.setProcessChannelMode(QProcess::MergedChannels);
+        app.start(QStringLiteral(QUILLVOX_EXECUTABLE), {});
+        QVERIFY(app.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("state") == "signedOut", 10000);
+
+        // The browser's part: the service's callback page opens the application's callback URL with the
+        // tokens in the fragment.
+        const QUrlQuery signIn = m_server.signIn();
+        QVERIFY(signIn.hasQueryItem("refresh_token"));
+        QCOMPARE(quillvox({"quillvox://auth/callback#" + signIn.toString(QUrl::FullyEncoded)}).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("auth").toObject().value("email") == "reader@example.com",
+                                 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(status().value("balanceSeconds").toInteger(), 1200, 10000);
+
+        QCOMPARE(quillvox({"--speak", "Hello there."}).exitCode, 0);
+        // Charged here for the seconds heard, and on the server for what it streamed.
+        QTRY_VERIFY_WITH_TIMEOUT(status().value("balanceSeconds").toInteger() < 1200, 20000);
+        QVERIFY(status().value("balanceSeconds").toInteger() >= 1195);
+        QTRY_VERIFY(m_server.control("/dev/state").value("balance_seconds").toInteger() < 1200);
+        app.terminate();
+        QVERIFY(app.waitForFinished(5000));
+        m_printed += app.readAll();
+
+        const QSet<QByteArray> tokens = tokensSeen();
+        // Sign-in, then at least one refresh: two generations of access and refresh tokens.
+        QVERIFY2(tokens.size() >= 4, qPrintable(QString::number(tokens.size())));
+        QStringList written;
+        QDirIterator files(m_home.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            QFile file(files.next());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            const QByteArray content = file.readAll();
+            written << file.fileName();
+            for (const QByteArray &token : tokens)
+                QVERIFY2(!content.contains(token), qPrintable(file.fileName()));
+        }
+        QVERIFY2(written.filter(".pcm").size() == 1, qPrintable(written.join(u'\n')));
+        for (const QByteArray &token : tokens)
+            QVERIFY2(!m_printed.contains(token), m_printed.constData());
     }
 };
 

@@ -111,18 +111,16 @@ private Q_SLOTS:
         QTest::addColumn<QString>("option");
         QTest::addColumn<QByteArray>("input");
         const QByteArray key("sk-new\n");
-        QTest::newRow("set") << ""
-                             << "--set-api-key" << key;
-        QTest::newRow("clear") << ""
-                               << "--clear-api-key" << QByteArray();
+        const auto row = [](const char *name, const char *bus, const char *option, const QByteArray &input) {
+            QTest::newRow(name) << QString::fromLatin1(bus) << QString::fromLatin1(option) << input;
+        };
+        row("set", "", "--set-api-key", key);
+        row("clear", "", "--clear-api-key", {});
         if (kLocked)
             return;
-        QTest::newRow("set, no session bus") << "none"
-                                             << "--set-api-key" << key;
-        QTest::newRow("clear, no session bus") << "none"
-                                               << "--clear-api-key" << QByteArray();
-        QTest::newRow("set, keyring never starts") << "stalled"
-                                                   << "--set-api-key" << key;
+        row("set, no session bus", "none", "--set-api-key", key);
+        row("clear, no session bus", "none", "--clear-api-key", {});
+        row("set, keyring never starts", "stalled", "--set-api-key", key);
     }
 
     void commandLineFailsWithReason()
