@@ -6,6 +6,7 @@
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
 #include "core/AppEvents.h"
+#include "core/Autostart.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingPackage.h"
 #include "onboarding/OnboardingViewModel.h"
@@ -44,7 +45,9 @@
 
 #include <QAccessible>
 #include <QDesktopServices>
+#include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QRegularExpression>
@@ -83,6 +86,14 @@ QQuickItem *findShown(QQuickItem *item, const QString &text)
             return found;
     }
     return nullptr;
+}
+
+void writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(contents);
 }
 
 } // namespace
@@ -384,14 +395,15 @@ private Q_SLOTS:
         QCOMPARE(verdict.message.isEmpty(), kind == Verdict::Encrypted);
 
         // Stored, an accepted server replaces the deployment's (the deployment's own, and one from the
-        // environment winning: tst_speechmanager, tst_apikeysettings).
+        // environment winning: tst_speechmanager, tst_settingsservers).
         const QUrl deployment(QStringLiteral("https://deploy.test"));
         m_defaults->setString(OpenAIServer::serverKey, typed);
         QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false).toString(),
                  kind == Verdict::Refused ? deployment.toString() : origin);
     }
 
-    // The key goes to the keyring only and is shown masked; a refused server is not stored.
+    // The key goes to the keyring (only, and shown masked: tst_settingsdesktop); a refused server is not
+    // stored.
     void apiKeys()
     {
         int ownKeyChanges = 0;
@@ -410,9 +422,6 @@ private Q_SLOTS:
         QVERIFY(model.draft().isEmpty());
         QCOMPARE(m_keychain->load(KeychainKey::openAIAPIKey), QStringLiteral("sk-proj-abcdefgh1234"));
         QCOMPARE(ownKeyChanges, 1);
-        m_defaults->sync();
-        QFile file(m_defaults->filePath());
-        QVERIFY(!file.open(QIODevice::ReadOnly) || !file.readAll().contains("abcdefgh"));
 
         QVERIFY(!model.setServer(QStringLiteral("http://example.com")));
         QVERIFY(!model.serverError().isEmpty());
@@ -513,6 +522,71 @@ private Q_SLOTS:
         const auto restore = qScopeGuard([] { QDesktopServices::unsetUrlHandler(u"https"_qs); });
         about.openWebsite();
         QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
+    }
+
+    // The entry the About switch writes, on its own.
+    void autostartDefaultFolder()
+    {
+        QVERIFY(!qEnvironmentVariableIsEmpty("XDG_CONFIG_HOME"));
+        const QString expected =
+            qEnvironmentVariable("XDG_CONFIG_HOME") + u"/autostart/com.vantor.Quillvox.desktop";
+        QCOMPARE(Autostart().entryPath(), expected);
+    }
+
+    void autostartSwitching_data()
+    {
+        QTest::addColumn<QByteArray>("existing");
+        QTest::addColumn<bool>("wasEnabled");
+        QTest::addColumn<bool>("enable");
+
+        const QByteArray ours =
+            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
+        QTest::newRow("on, no folder yet") << QByteArray() << false << true;
+        QTest::newRow("off, no entry") << QByteArray() << false << false;
+        QTest::newRow("off, entry there") << ours << true << false;
+        QTest::newRow("on again, entry there") << ours << true << true;
+        QTest::newRow("hidden by the desktop, on") << ours + "Hidden=true\n" << false << true;
+        QTest::newRow("GNOME switched it off, on") << ours + "X-GNOME-Autostart-enabled=false\n"
+                                                   << false << true;
+        QTest::newRow("Hidden of an action does not count")
+            << ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n"
+            << true << false;
+    }
+
+    void autostartSwitching()
+    {
+        QFETCH(QByteArray, existing);
+        QFETCH(bool, enable);
+
+        Autostart autostart(m_dir->path());
+        if (!existing.isNull())
+            writeFile(autostart.entryPath(), existing);
+        QTEST(autostart.isEnabled(), "wasEnabled");
+
+        QVERIFY(autostart.setEnabled(enable));
+        QCOMPARE(autostart.isEnabled(), enable);
+        QCOMPARE(Autostart(m_dir->path()).isEnabled(), enable);
+        QCOMPARE(QFile::exists(autostart.entryPath()), enable);
+        if (!enable)
+            return;
+        // What the session will run, in a file the desktop's own tools accept.
+        QProcess validate;
+        validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
+        QVERIFY(validate.waitForFinished());
+        QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
+        QCOMPARE(validate.exitCode(), 0);
+        QFile entry(autostart.entryPath());
+        QVERIFY(entry.open(QIODevice::ReadOnly));
+        QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
+    }
+
+    void autostartUnwritableFolder()
+    {
+        writeFile(m_dir->filePath(QStringLiteral("autostart")), "not a folder");
+        Autostart autostart(m_dir->path());
+        QVERIFY(!autostart.setEnabled(true));
+        QVERIFY(autostart.lastError().contains(QStringLiteral("autostart")));
+        QVERIFY(!autostart.isEnabled());
     }
 
     // Every speaking style has its own symbol in the Voice section, drawn in the colour asked for.
