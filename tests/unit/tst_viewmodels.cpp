@@ -929,20 +929,18 @@ private Q_SLOTS:
         QVERIFY2(window->status() == QQuickView::Ready, qPrintable(window->errors().value(0).toString()));
         QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool |
                                           Qt::FramelessWindowHint));
-        const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
-        QCOMPARE(window->geometry(), QRect(area.x() + (area.width() - 340) / 2, area.y() + 40, 340, 140));
         QCOMPARE(window->mask().isEmpty(), compositing);
         if (!compositing) {
             QVERIFY(!window->mask().contains(QPoint(0, 0)));
             QVERIFY(window->mask().contains(QPoint(170, 70)));
         }
 
-        // The sentence being heard grows the full controls downwards, until Settings switches it off.
+        // The sentence being heard grows the full controls downwards, until Settings switches it off. Where
+        // it is placed and by how much it grows: tst_widgetdesktop.
         const QRect placed = window->geometry();
         m_speech->followAlong()->startComplete(QStringLiteral("One. Two."), 24000);
         controller.viewModel()->toggleFullControls();
         QCOMPARE(controller.viewModel()->followAlongText(), QStringLiteral("One."));
-        QCOMPARE(window->geometry(), placed.adjusted(0, 0, 0, 44));
         QCOMPARE(window->mask().contains(QPoint(170, 170)), !compositing);
         AppearanceSettingsModel appearance(*m_speech, *m_defaults, {});
         appearance.setShowFollowAlong(false);
