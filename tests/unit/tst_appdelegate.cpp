@@ -2,15 +2,18 @@
 #include "account/KeychainHelper.h"
 #include "app/AppDelegate.h"
 #include "app/DesktopNotification.h"
+#include "app/MprisPlayer.h"
 #include "app/RemoteControl.h"
 #include "app/SingleInstance.h"
 #include "app/StatusMenu.h"
+#include "app/StatusMenuState.h"
 #include "app/WindowingPlatform.h"
 #include "core/AppEvents.h"
 #include "core/UserDefaults.h"
 #include "platform/null/MemorySecretStore.h"
 #include "platform/null/NullAudioSink.h"
 #include "platform/null/NullPanelHints.h"
+#include "records/HistoryManager.h"
 #include "settings/SettingsViewModel.h"
 #include "settings/SettingsWindow.h"
 #include "speech/NarrationServices.h"
@@ -19,11 +22,14 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusObjectPath>
 #include <QMenu>
-#include <QQuickWindow>
+#include <QProcess>
+#include <QQuickView>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
 #include <future>
 
@@ -56,6 +62,41 @@ public Q_SLOTS:
     }
 };
 
+struct Outcome
+{
+    int exitCode = -1;
+    QString firstErrorLine;
+    QByteArray output;
+};
+
+// Waits in the event loop, so that an instance in this process can answer the child.
+Outcome run(const QStringList &arguments, const QByteArray &input = {})
+{
+    QProcess process;
+    QSignalSpy finished(&process, &QProcess::finished);
+    process.start(QStringLiteral(QUILLVOX_EXECUTABLE), arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!finished.wait(30000))
+        return {};
+    return {process.exitCode(), QString::fromUtf8(process.readAllStandardError()).section(u'\n', 0, 0),
+            process.readAllStandardOutput()};
+}
+
+class HistoryRecords final : public NarrationRecords
+{
+public:
+    explicit HistoryRecords(HistoryManager &history)
+        : m_history(history)
+    {}
+    void addSession(const QString &, const QString &, double, const QByteArray &) override {}
+    QString audioFile(const QUuid &id) const override { return m_history.audioFile(id); }
+    void recordUsage(qint64) override {}
+
+private:
+    HistoryManager &m_history;
+};
+
 } // namespace
 
 class TestAppDelegate : public QObject
@@ -65,10 +106,29 @@ class TestAppDelegate : public QObject
     QTemporaryDir m_dir;
     int m_files = 0;
 
+    NoSelection m_selection;
+    NoAccount m_account;
+
     std::unique_ptr<UserDefaults> freshDefaults()
     {
         return std::make_unique<UserDefaults>(
             m_dir.filePath(QStringLiteral("defaults%1.conf").arg(++m_files)));
+    }
+
+    // On the null sink, with no account; the own key's server (port 9 here) refuses.
+    std::unique_ptr<SpeechManager> speech(UserDefaults &defaults, KeychainHelper &keychain,
+                                          NarrationRecords *records = nullptr)
+    {
+        return std::make_unique<SpeechManager>(
+            SpeechManager::Services{.defaults = &defaults,
+                                    .keychain = &keychain,
+                                    .account = &m_account,
+                                    .records = records,
+                                    .selection = &m_selection,
+                                    .audioSink = std::make_unique<NullAudioSink>(),
+                                    .serviceOrigin = {},
+                                    .openAIOrigin = QUrl("http://127.0.0.1:9"),
+                                    .openAIOriginFromEnvironment = true});
     }
 
 private Q_SLOTS:
@@ -144,14 +204,17 @@ private Q_SLOTS:
     }
 
     // Each step posts its notifications in one go ("+" between them) and then lets the event loop run;
-    // "navigate:<label>" posts navigateToSettingsSection as a view would. Then the section shown and the
-    // navigations posted.
+    // "navigate:<label>" posts navigateToSettingsSection as a view would, "close" closes the window. Then
+    // the section shown and the navigations posted.
     void observers()
     {
         const std::tuple<const char *, SettingsSection, const char *> rows[] = {
             {"openAboutSection openSettingsWindow", SettingsSection::about, ""}, // a second open keeps it
             {"openSettingsWindow openAboutSection", SettingsSection::about, "About"},
             {"openSettingsWindow+navigate:Shortcuts", SettingsSection::shortcuts, "Shortcuts"},
+            {"openAboutSection navigate:Nowhere", SettingsSection::about, "Nowhere"},
+            {"openSettingsWindow+navigate:History close openSettingsWindow", SettingsSection::history,
+             "History"},
             {"navigate:Usage openSettingsWindow", SettingsSection::account, "Usage"}}; // not kept for later
         for (const auto &[steps, shown, navigated] : rows) {
             const auto defaults = freshDefaults();
@@ -167,6 +230,8 @@ private Q_SLOTS:
                         Q_EMIT events.openSettingsWindow();
                     else if (name == u"openAboutSection")
                         Q_EMIT events.openAboutSection();
+                    else if (name == u"close")
+                        window->window()->close();
                     else
                         Q_EMIT events.navigateToSettingsSection(name.section(u':', 1));
                 }
@@ -175,6 +240,8 @@ private Q_SLOTS:
                 QTest::qWait(20);
                 QVERIFY(!window || delegate.settingsWindow() == window); // one window for the process's life
                 window = delegate.settingsWindow();
+                if (step == u"close")
+                    QTRY_VERIFY(!window->window()); // released with its QML
             }
             QVERIFY(window);
             QCOMPARE(window->viewModel()->currentSection(), shown);
@@ -228,23 +295,20 @@ private Q_SLOTS:
             heard.append(c + u'|' + a);
             return QJsonObject{{u"ok"_qs, true}};
         }));
-        // The command, its argument, what the handler hears ("": nothing), the reply's ok. Activation,
-        // speaking, the status and refusals: tst_commandline, from a process of their own.
-        QList<std::tuple<QString, QString, QString, bool>> rows = {
-            {u"open-url"_qs, u"quillvox://auth/callback#access_token=t"_qs,
-             u"open-url|quillvox://auth/callback#access_token=t"_qs, true},
-            {u"quit"_qs, {}, {}, false}}; // an unknown action
+        // Each action, and an unknown one: what the handler hears, the reply's ok. A callback URL:
+        // tst_accountsecurity; activation, speaking, the status and refusals: commands, from a process of
+        // their own.
+        QList<std::pair<QString, bool>> rows = {{u"quit"_qs, false}};
         for (const QString &action : SingleInstance::actionNames())
-            rows.append({action, {}, action + u'|', true});
-        for (const auto &[command, sent, expected, ok] : std::as_const(rows)) {
+            rows.append({action, true});
+        for (const auto &[command, ok] : std::as_const(rows)) {
             heard.clear();
-            std::future<std::optional<QJsonObject>> call =
-                std::async(std::launch::async,
-                           [c = command, a = sent] { return SingleInstance::send(c, a, 5000, clientBus()); });
+            std::future<std::optional<QJsonObject>> call = std::async(
+                std::launch::async, [c = command] { return SingleInstance::send(c, {}, 5000, clientBus()); });
             QTRY_VERIFY(call.wait_for(0s) == std::future_status::ready);
             const std::optional<QJsonObject> reply = call.get();
             QVERIFY(reply.has_value());
-            QCOMPARE(heard, QStringList(expected).filter(u"|"_qs));
+            QCOMPARE(heard, ok ? QStringList{command + u'|'} : QStringList());
             QCOMPARE(reply->value(u"ok"_qs).toBool(), ok);
         }
         SingleInstance second(clientBus());
@@ -258,18 +322,11 @@ private Q_SLOTS:
     void statusMenu()
     {
         const std::unique_ptr<UserDefaults> defaults = freshDefaults();
-        NoSelection selection;
-        NoAccount account;
         KeychainHelper keychain(u"test"_qs, std::make_unique<MemorySecretStore>());
-        SpeechManager::Services services;
-        services.defaults = defaults.get();
-        services.keychain = &keychain;
-        services.selection = &selection;
-        services.account = &account;
-        services.audioSink = std::make_unique<NullAudioSink>(NullAudioSink::Clock::Manual);
-        SpeechManager speech(std::move(services));
-        FloatingWindowController widget({.speech = &speech, .hints = std::make_unique<NullPanelHints>(true)});
-        StatusMenu menu(speech, selection, &widget);
+        const auto speech = this->speech(*defaults, keychain);
+        FloatingWindowController widget(
+            {.speech = speech.get(), .hints = std::make_unique<NullPanelHints>(true)});
+        StatusMenu menu(*speech, m_selection, &widget);
         const auto action = [&menu](const char *text) {
             const QList<QAction *> all = menu.menu()->actions();
             return all.value(
@@ -284,6 +341,223 @@ private Q_SLOTS:
         QSignalSpy settings(&AppEvents::shared(), &AppEvents::openSettingsWindow);
         action("About Quillvox")->trigger();
         QCOMPARE(std::pair(about.size(), settings.size()), (std::pair<qsizetype, qsizetype>(1, 0)));
+    }
+
+    // state: which of playing, processing, content, expanded are true. items: "narrate" and "expand"
+    // where offered, "|" for the separator after them where shown, "pause" and "stop" where enabled.
+    // A fresh start and playing with the widget collapsed: the menus tst_tray reads.
+    void statusMenuItems_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("items");
+        QTest::addColumn<QString>("pauseLabel");
+
+        const auto row = [](const char *name, const char *state, const char *items, const char *pauseLabel) {
+            QTest::newRow(name) << QString::fromLatin1(state) << QString::fromLatin1(items)
+                                << QString::fromLatin1(pauseLabel);
+        };
+        row("fresh, widget expanded", "expanded", "narrate |", "Pause Narration");
+        row("generating", "processing", "stop", "Generating...");
+        row("generating over old audio", "processing content", "stop", "Generating...");
+        row("generating, expanded", "processing expanded", "stop", "Generating...");
+        row("playing, expanded", "playing content expanded", "pause stop", "Pause Narration");
+        row("paused", "content", "narrate expand | pause stop", "Pause Narration");
+        row("paused, expanded", "content expanded", "narrate | pause stop", "Pause Narration");
+    }
+
+    void statusMenuItems()
+    {
+        QFETCH(QString, state);
+
+        const QStringList flags = state.split(u' ', Qt::SkipEmptyParts);
+        const StatusMenuState menu =
+            StatusMenuState::compute(flags.contains(u"playing"), flags.contains(u"processing"),
+                                     flags.contains(u"content"), flags.contains(u"expanded"));
+
+        QStringList items;
+        for (const auto &[shown, item] : {std::pair(menu.narrateOffered, "narrate"),
+                                          {menu.expandOffered, "expand"},
+                                          {menu.narrateSeparatorShown, "|"},
+                                          {menu.pauseEnabled, "pause"},
+                                          {menu.stopEnabled, "stop"}})
+            if (shown)
+                items.append(QString::fromLatin1(item));
+        QTEST(items.join(u' '), "items");
+        QTEST(menu.pauseLabel, "pauseLabel");
+    }
+
+    // Processing, playing, content, at the end: the status media controls show.
+    void mprisPlaybackStatus()
+    {
+        const std::tuple<bool, bool, bool, bool, const char *> rows[] = {
+            {false, false, false, false, "Stopped"}, // nothing loaded
+            {true, false, true, false, "Playing"},   // generating
+            {true, false, false, false, "Playing"},  // generating, asking the service
+            {false, true, true, false, "Playing"},   {false, false, true, false, "Paused"},
+            {false, false, true, true, "Stopped"}}; // played to the end
+        for (const auto &[processing, playing, content, atEnd, status] : rows)
+            QCOMPARE(MprisPlayer::playbackStatus(processing, playing, content, atEnd),
+                     QString::fromLatin1(status));
+    }
+
+    // Each narration, replay and voice sample is a track of its own, named by its text and by the voice
+    // that speaks it, whatever is selected now; with nothing loaded there is no track and no seeking.
+    void mprisTrackPerNarrationReplayAndSample()
+    {
+        QTemporaryDir dir;
+        UserDefaults defaults(dir.filePath("q.conf"));
+        HistoryManager history(defaults, dir.filePath("History"));
+        const QString kept = QStringLiteral("A narration kept in the history, replayed later from there.");
+        history.addSession(kept, QStringLiteral("cedar"), 1, QByteArray(48000, 0));
+        HistoryRecords records(history);
+        KeychainHelper keychain("test", std::make_unique<MemorySecretStore>());
+        QVERIFY(keychain.save("sk-test\n", KeychainKey::openAIAPIKey));
+        const std::unique_ptr<SpeechManager> made = this->speech(defaults, keychain, &records);
+        SpeechManager &speech = *made;
+        MprisPlayer player(speech, &history, QDBusConnection(QStringLiteral("no bus")));
+        const auto metadata = [&] { return player.playerProperties().value("Metadata").toMap(); };
+        const auto trackId = [&] {
+            return metadata().value("mpris:trackid").value<QDBusObjectPath>().path();
+        };
+        const auto title = [&] { return metadata().value("xesam:title").toString(); };
+        const auto artist = [&] { return metadata().value("xesam:artist").toStringList().join(u','); };
+        const QString noTrack = QStringLiteral("/org/mpris/MediaPlayer2/TrackList/NoTrack");
+        QCOMPARE(trackId(), noTrack);
+        QCOMPARE(player.playerProperties().value("CanSeek").toBool(), false);
+
+        const QString text = QStringLiteral(
+            "This narration is longer than a title,   and only its first sixty characters name it.");
+        speech.setSelectedVoice(QStringLiteral("marin"));
+        speech.speak(text);
+        QVERIFY(speech.isProcessing());
+        speech.setSelectedVoice(QStringLiteral("echo"));
+        QTRY_COMPARE(title(), QStringLiteral("This narration is longer than a title, and only its first si"));
+        QCOMPARE(artist(), "marin");
+        const QString narration = trackId();
+        QVERIFY(narration != noTrack);
+
+        speech.playFromHistory(history.sessions().constFirst().id);
+        QTRY_COMPARE(title(), kept.left(60));
+        QCOMPARE(artist(), "cedar");
+        QCOMPARE(metadata().value("mpris:length").toLongLong(), 1000000);
+        const QString replay = trackId();
+        QVERIFY(replay != narration && replay != noTrack);
+
+        speech.playVoicePreview(QStringLiteral("alloy"));
+        QTRY_COMPARE(artist(), "alloy");
+        QVERIFY(trackId() != replay && trackId() != narration && trackId() != noTrack);
+
+        speech.stop();
+        QCOMPARE(trackId(), noTrack);
+        QSignalSpy seeks(&speech, &SpeechManager::seekPerformed);
+        player.seekTo(0.5);
+        QTest::qWait(150); // past the seek's debounce
+        QCOMPARE(seeks.count(), 0);
+    }
+
+    // The executable run as a user runs it, with no instance or with one owning this profile's bus name.
+    // What reaches the running instance and what the user is told: help and version win over anything,
+    // Qt's options are Qt's, "-" is standard input, and a refusal is one line with the instance's reason.
+    void commands_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("input");
+        QTest::addColumn<QString>("instance"); // none, ok, refuse, hang
+        QTest::addColumn<int>("exitCode");
+        // The first line of standard error, else of standard output; a start's own are not looked at ("*").
+        QTest::addColumn<QString>("printed");
+        QTest::addColumn<QStringList>("heard");
+
+        const auto row = [](const char *name, const QStringList &arguments, const QByteArray &input,
+                            const char *instance, int exitCode, const char *printed,
+                            const QStringList &heard) {
+            QTest::newRow(name) << arguments << input << QString::fromLatin1(instance) << exitCode
+                                << QString::fromUtf8(printed) << heard;
+        };
+        // Wrong arguments: the same refusal whether an instance runs or not, and it hears nothing.
+        for (const char *instance : {"none", "ok"}) {
+            const auto wrong = [&](const char *name, const QStringList &arguments, const char *error) {
+                row(qPrintable(u"%1, %2"_qs.arg(QLatin1String(name), QLatin1String(instance))), arguments, {},
+                    instance, 1, error, {});
+            };
+            wrong("unknown option", {"--bogus"}, "quillvox: Unknown option 'bogus'.");
+            wrong("bare word", {"hello"}, "quillvox: Unexpected argument 'hello'.");
+            wrong("empty text", {"--speak", " "}, "quillvox: Nothing to narrate: the text is empty.");
+            wrong("speed without speak", {"--speed", "3"}, "quillvox: --speed goes with --speak.");
+            wrong("unsupported speed", {"--speak", "hi", "--speed", "3"},
+                  "quillvox: Unsupported speed \"3\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0");
+            wrong("unknown voice", {"--speak", "hi", "--voice", "nosuch"},
+                  "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, onyx, "
+                  "shimmer");
+            wrong("two actions", {"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time.");
+            wrong("URL with an action", {"--toggle", "quillvox://auth/callback"},
+                  "quillvox: Unexpected argument 'quillvox://auth/callback'.");
+            wrong("wait without speak", {"--wait", "--toggle"}, "quillvox: --wait goes with --speak.");
+        }
+        const QString version = QStringLiteral("Quillvox " QUILLVOX_VERSION);
+        row("help beside speak", {"--speak", "x", "--help"}, {}, "ok", 0, "Usage: quillvox [options] [url]",
+            {});
+        row("help beside two actions", {"--toggle", "--stop", "-h"}, {}, "ok", 0,
+            "Usage: quillvox [options] [url]", {});
+        row("version beside a wrong option", {"--bogus", "--version"}, {}, "none", 0, qPrintable(version),
+            {});
+        row("Qt's options", {"-platform", "offscreen", "-style=fusion", "--display", ":9", "--toggle"}, {},
+            "ok", 0, "", {"toggle|"});
+        row("none running", {"-platform", "offscreen", "--status"}, {}, "none", 2, "Quillvox is not running.",
+            {});
+        row("text from standard input", {"--speak", "-"}, "Read from a pipe.\n", "ok", 0, "",
+            {"speak|Read from a pipe.\n"});
+        row("blank standard input", {"--speak", "-"}, " \n", "ok", 1,
+            "quillvox: Nothing to narrate: the text is empty.", {});
+        row("standard input not UTF-8", {"--speak", "-"}, "\xff\xfe", "ok", 1,
+            "quillvox: The text on standard input is not UTF-8.", {});
+        row("speak refused", {"--speak", "Hello."}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
+            {"speak|Hello."});
+        row("control refused", {"--narrate-selection"}, {}, "refuse", 1,
+            "quillvox: No key, and not signed in.", {"narrate-selection|"});
+        row("status", {"--status"}, {}, "ok", 0, R"({"backend":"none"})", {"status|"});
+        row("status refused", {"--status"}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
+            {"status|"});
+        row("not answering", {"--toggle"}, {}, "hang", 1, "quillvox: Quillvox is running but not answering.",
+            {"toggle|"});
+        // A plain start asks for the window and passes on the launcher's leave to bring one forward; a
+        // login start leaves the running one alone.
+        row("plain start", {}, {}, "ok", 0, "*", {"startup-id|launcher-42_TIME1234", "activate|"});
+        row("start at login", {"--autostart"}, {}, "ok", 0, "*", {"status|"});
+    }
+
+    void commands()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, input);
+        QFETCH(QString, instance);
+        QFETCH(QString, printed);
+
+        std::unique_ptr<SingleInstance> running;
+        QStringList commands;
+        if (instance != u"none") {
+            running = std::make_unique<SingleInstance>();
+            QVERIFY(running->listen([&](const QString &command, const QString &argument) {
+                commands.append(command + u'|' + argument);
+                if (instance == u"hang")
+                    QThread::sleep(6);
+                return QJsonObject{{u"ok"_qs, instance != u"refuse"},
+                                   {u"error"_qs, u"No key, and not signed in."_qs}, // read only on a refusal
+                                   {u"status"_qs, QJsonObject{{u"backend"_qs, "none"}}}};
+            }));
+            connect(running.get(), &SingleInstance::startupIdReceived, this, [&](const QByteArray &id) {
+                commands.append(u"startup-id|"_qs + QString::fromLatin1(id));
+            });
+        }
+        qputenv("DESKTOP_STARTUP_ID", "launcher-42_TIME1234");
+        const Outcome outcome = run(arguments, input);
+        qunsetenv("DESKTOP_STARTUP_ID");
+        QTEST(outcome.exitCode, "exitCode");
+        if (printed != u"*")
+            QCOMPARE(outcome.firstErrorLine.isEmpty() ? QString::fromUtf8(outcome.output).section(u'\n', 0, 0)
+                                                      : outcome.firstErrorLine,
+                     printed);
+        QTEST(commands, "heard");
     }
 };
 

@@ -9,32 +9,27 @@ class TestDeploymentConfig : public QObject
 
 private Q_SLOTS:
     // One variable set: the service origin, the OpenAI origin, the keychain service, the null output, the
-    // update feed. The build's cache variables are the defaults, and a blank variable is none.
+    // update feed. The build's cache variables are the defaults, and a blank variable is none. Each
+    // variable taken at all: tokenOrigins, tst_accountsecurity, tst_settingsservers, tst_keychainkeyring.
     void overrides_data()
     {
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("value");
         QTest::addColumn<QStringList>("expected");
 
-        const auto row = [](const char *name, const char *variable, const char *value, const char *service,
-                            const char *openAI, const char *keychain, const char *null,
-                            const char *feed = BUILT_IN_APPCAST_URL) {
+        const auto row = [](const char *name, const char *variable, const char *value,
+                            const char *openAI = "https://api.openai.com", const char *null = "") {
             QTest::newRow(name) << QString::fromLatin1(variable) << QString::fromLatin1(value)
-                                << QStringList{service, openAI, keychain, null, feed};
+                                << QStringList{BUILT_IN_SERVICE_ORIGIN, openAI, "com.vantor.quillvox", null,
+                                               BUILT_IN_APPCAST_URL};
         };
-        const char *svc = BUILT_IN_SERVICE_ORIGIN, *oai = "https://api.openai.com",
-                   *kc = "com.vantor.quillvox", *local = "http://127.0.0.1:8080";
-        row("trailing slashes dropped", "QUILLVOX_OPENAI_ORIGIN", "http://localhost:9/v//", svc,
-            "http://localhost:9/v", kc, "");
-        row("service origin", "QUILLVOX_SERVICE_ORIGIN", local, local, oai, kc, "");
-        row("blank service origin", "QUILLVOX_SERVICE_ORIGIN", "", svc, oai, kc, "");
-        row("not a URL falls back", "QUILLVOX_SERVICE_ORIGIN", "not a url", svc, oai, kc, "");
-        row("update feed", "QUILLVOX_APPCAST_URL", "http://127.0.0.1:8080/appcast.xml", svc, oai, kc, "",
-            "http://127.0.0.1:8080/appcast.xml");
-        row("blank update feed", "QUILLVOX_APPCAST_URL", "", svc, oai, kc, "");
-        row("keychain service", "QUILLVOX_KEYCHAIN_SERVICE", "demo", svc, oai, "demo", "");
-        row("null output", "QUILLVOX_AUDIO_OUTPUT", "null", svc, oai, kc, "null");
-        row("unknown output", "QUILLVOX_AUDIO_OUTPUT", "alsa", svc, oai, kc, "");
+        row("trailing slashes dropped", "QUILLVOX_OPENAI_ORIGIN", "http://localhost:9/v//",
+            "http://localhost:9/v");
+        row("blank service origin", "QUILLVOX_SERVICE_ORIGIN", "");
+        row("not a URL falls back", "QUILLVOX_SERVICE_ORIGIN", "not a url");
+        row("blank update feed", "QUILLVOX_APPCAST_URL", "");
+        row("null output", "QUILLVOX_AUDIO_OUTPUT", "null", "https://api.openai.com", "null");
+        row("unknown output", "QUILLVOX_AUDIO_OUTPUT", "alsa");
     }
 
     void overrides()

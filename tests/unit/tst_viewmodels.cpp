@@ -6,6 +6,7 @@
 #include "account/BalanceManager.h"
 #include "account/KeychainHelper.h"
 #include "core/AppEvents.h"
+#include "core/Autostart.h"
 #include "core/UserDefaults.h"
 #include "onboarding/OnboardingPackage.h"
 #include "onboarding/OnboardingViewModel.h"
@@ -44,7 +45,9 @@
 
 #include <QAccessible>
 #include <QDesktopServices>
+#include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QRegularExpression>
@@ -61,8 +64,6 @@
 using Verdict = OpenAIServer::Verdict;
 using namespace std::chrono_literals;
 Q_DECLARE_METATYPE(Verdict::Kind)
-Q_DECLARE_METATYPE(SettingsSection)
-Q_DECLARE_METATYPE(std::optional<SettingsSection>)
 
 namespace {
 
@@ -72,20 +73,27 @@ QByteArray silence(double seconds)
 }
 
 // By the visual tree (delegates have no QObject parent): a shown item that reads `text` by its accessible
-// name or its text, or with `byName` any item of that object name.
-QQuickItem *findShown(QQuickItem *item, const QString &text, bool byName = false)
+// name or its text.
+QQuickItem *findShown(QQuickItem *item, const QString &text)
 {
-    if (byName ? item->objectName() == text : !item->isVisible())
-        return byName ? item : nullptr;
+    if (!item->isVisible())
+        return nullptr;
     const QAccessibleInterface *accessible = QAccessible::queryAccessibleInterface(item);
-    if (!byName &&
-        ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text))
+    if ((accessible && accessible->text(QAccessible::Name) == text) || item->property("text") == text)
         return item;
     for (QQuickItem *child : item->childItems()) {
-        if (QQuickItem *found = findShown(child, text, byName))
+        if (QQuickItem *found = findShown(child, text))
             return found;
     }
     return nullptr;
+}
+
+void writeFile(const QString &path, const QByteArray &contents)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(contents);
 }
 
 } // namespace
@@ -387,14 +395,15 @@ private Q_SLOTS:
         QCOMPARE(verdict.message.isEmpty(), kind == Verdict::Encrypted);
 
         // Stored, an accepted server replaces the deployment's (the deployment's own, and one from the
-        // environment winning: tst_speechmanager, tst_apikeysettings).
+        // environment winning: tst_speechmanager, tst_settingsservers).
         const QUrl deployment(QStringLiteral("https://deploy.test"));
         m_defaults->setString(OpenAIServer::serverKey, typed);
         QCOMPARE(OpenAIServer::effectiveOrigin(*m_defaults, deployment, false).toString(),
                  kind == Verdict::Refused ? deployment.toString() : origin);
     }
 
-    // The key goes to the keyring only and is shown masked; a refused server is not stored.
+    // The key goes to the keyring (only, and shown masked: tst_settingsdesktop); a refused server is not
+    // stored.
     void apiKeys()
     {
         int ownKeyChanges = 0;
@@ -412,11 +421,7 @@ private Q_SLOTS:
         QVERIFY(model.canSave() && model.saveDraft());
         QVERIFY(model.draft().isEmpty());
         QCOMPARE(m_keychain->load(KeychainKey::openAIAPIKey), QStringLiteral("sk-proj-abcdefgh1234"));
-        QCOMPARE(model.maskedKey(), QStringLiteral("sk-…1234"));
         QCOMPARE(ownKeyChanges, 1);
-        m_defaults->sync();
-        QFile file(m_defaults->filePath());
-        QVERIFY(!file.open(QIODevice::ReadOnly) || !file.readAll().contains("abcdefgh"));
 
         QVERIFY(!model.setServer(QStringLiteral("http://example.com")));
         QVERIFY(!model.serverError().isEmpty());
@@ -519,6 +524,71 @@ private Q_SLOTS:
         QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
     }
 
+    // The entry the About switch writes, on its own.
+    void autostartDefaultFolder()
+    {
+        QVERIFY(!qEnvironmentVariableIsEmpty("XDG_CONFIG_HOME"));
+        const QString expected =
+            qEnvironmentVariable("XDG_CONFIG_HOME") + u"/autostart/com.vantor.Quillvox.desktop";
+        QCOMPARE(Autostart().entryPath(), expected);
+    }
+
+    void autostartSwitching_data()
+    {
+        QTest::addColumn<QByteArray>("existing");
+        QTest::addColumn<bool>("wasEnabled");
+        QTest::addColumn<bool>("enable");
+
+        const QByteArray ours =
+            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
+        QTest::newRow("on, no folder yet") << QByteArray() << false << true;
+        QTest::newRow("off, no entry") << QByteArray() << false << false;
+        QTest::newRow("off, entry there") << ours << true << false;
+        QTest::newRow("on again, entry there") << ours << true << true;
+        QTest::newRow("hidden by the desktop, on") << ours + "Hidden=true\n" << false << true;
+        QTest::newRow("GNOME switched it off, on") << ours + "X-GNOME-Autostart-enabled=false\n"
+                                                   << false << true;
+        QTest::newRow("Hidden of an action does not count")
+            << ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n"
+            << true << false;
+    }
+
+    void autostartSwitching()
+    {
+        QFETCH(QByteArray, existing);
+        QFETCH(bool, enable);
+
+        Autostart autostart(m_dir->path());
+        if (!existing.isNull())
+            writeFile(autostart.entryPath(), existing);
+        QTEST(autostart.isEnabled(), "wasEnabled");
+
+        QVERIFY(autostart.setEnabled(enable));
+        QCOMPARE(autostart.isEnabled(), enable);
+        QCOMPARE(Autostart(m_dir->path()).isEnabled(), enable);
+        QCOMPARE(QFile::exists(autostart.entryPath()), enable);
+        if (!enable)
+            return;
+        // What the session will run, in a file the desktop's own tools accept.
+        QProcess validate;
+        validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
+        QVERIFY(validate.waitForFinished());
+        QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
+        QCOMPARE(validate.exitCode(), 0);
+        QFile entry(autostart.entryPath());
+        QVERIFY(entry.open(QIODevice::ReadOnly));
+        QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
+    }
+
+    void autostartUnwritableFolder()
+    {
+        writeFile(m_dir->filePath(QStringLiteral("autostart")), "not a folder");
+        Autostart autostart(m_dir->path());
+        QVERIFY(!autostart.setEnabled(true));
+        QVERIFY(autostart.lastError().contains(QStringLiteral("autostart")));
+        QVERIFY(!autostart.isEnabled());
+    }
+
     // Every speaking style has its own symbol in the Voice section, drawn in the colour asked for.
     void styleIcons()
     {
@@ -593,58 +663,6 @@ private Q_SLOTS:
         QCOMPARE(entries.at(2).command, QStringLiteral("quillvox --stop"));
         QCOMPARE(ShortcutSettingsModel(nullptr, {}).gnomeKeybindings().at(5).binding,
                  QStringLiteral("<Control><Alt>t"));
-    }
-
-    // Steps: "click:<label>" clicks the sidebar row, "navigate:<label>" posts navigateToSettingsSection,
-    // "reopen" closes the window and presents it again.
-    void navigation_data()
-    {
-        QTest::addColumn<std::optional<SettingsSection>>("initial");
-        QTest::addColumn<QStringList>("steps");
-        QTest::addColumn<SettingsSection>("shown");
-        using S = SettingsSection;
-        const std::optional<S> none;
-        for (const auto &[row, initial, steps, shown] :
-             {std::tuple{"default", none, "", S::account},
-              {"asked for", std::optional(S::about), "", S::about},
-              {"sidebar click", none, "click:API Keys", S::apiKeys},
-              {"navigation", none, "navigate:Shortcuts", S::shortcuts},
-              {"unknown navigation ignored", std::optional(S::voice), "navigate:Nowhere", S::voice},
-              {"kept after closing", none, "click:History,reopen", S::history}})
-            QTest::newRow(row) << initial << QString::fromLatin1(steps).split(u',', Qt::SkipEmptyParts)
-                               << shown;
-    }
-
-    void navigation()
-    {
-        QFETCH(std::optional<SettingsSection>, initial);
-        QFETCH(QStringList, steps);
-        QFETCH(SettingsSection, shown);
-
-        SettingsWindow settings(initial);
-        settings.present();
-        QVERIFY(QTest::qWaitForWindowExposed(settings.window()));
-        for (const QString &step : std::as_const(steps)) {
-            const QString label = step.section(u':', 1);
-            if (step.startsWith(u"click:")) {
-                QQuickItem *row =
-                    findShown(settings.window()->rootObject(), QStringLiteral("section:") + label, true);
-                QVERIFY2(row, qPrintable(label));
-                const QPointF centre = row->mapToScene(QPointF(row->width() / 2, row->height() / 2));
-                QTest::mouseClick(settings.window(), Qt::LeftButton, {}, centre.toPoint());
-            } else if (step.startsWith(u"navigate:")) {
-                Q_EMIT AppEvents::shared().navigateToSettingsSection(label);
-            } else {
-                settings.window()->close();
-                QTRY_VERIFY(!settings.window()); // released with its QML
-                settings.present();
-                QVERIFY(QTest::qWaitForWindowExposed(settings.window()));
-            }
-        }
-        QCOMPARE(settings.viewModel()->currentSection(), shown);
-        const QQuickItem *pages =
-            findShown(settings.window()->rootObject(), QStringLiteral("sectionPages"), true);
-        QCOMPARE(pages->property("currentIndex").toInt(), int(allSettingsSections().indexOf(shown)));
     }
 
     // Steps: "in"/"out" hover events, "force"/"unforce" the pin, "toggle" the expand button, "+N" lets N ms
@@ -911,20 +929,18 @@ private Q_SLOTS:
         QVERIFY2(window->status() == QQuickView::Ready, qPrintable(window->errors().value(0).toString()));
         QVERIFY(window->flags().testFlags(Qt::WindowDoesNotAcceptFocus | Qt::WindowStaysOnTopHint | Qt::Tool |
                                           Qt::FramelessWindowHint));
-        const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
-        QCOMPARE(window->geometry(), QRect(area.x() + (area.width() - 340) / 2, area.y() + 40, 340, 140));
         QCOMPARE(window->mask().isEmpty(), compositing);
         if (!compositing) {
             QVERIFY(!window->mask().contains(QPoint(0, 0)));
             QVERIFY(window->mask().contains(QPoint(170, 70)));
         }
 
-        // The sentence being heard grows the full controls downwards, until Settings switches it off.
+        // The sentence being heard grows the full controls downwards, until Settings switches it off. Where
+        // it is placed and by how much it grows: tst_widgetdesktop.
         const QRect placed = window->geometry();
         m_speech->followAlong()->startComplete(QStringLiteral("One. Two."), 24000);
         controller.viewModel()->toggleFullControls();
         QCOMPARE(controller.viewModel()->followAlongText(), QStringLiteral("One."));
-        QCOMPARE(window->geometry(), placed.adjusted(0, 0, 0, 44));
         QCOMPARE(window->mask().contains(QPoint(170, 170)), !compositing);
         AppearanceSettingsModel appearance(*m_speech, *m_defaults, {});
         appearance.setShowFollowAlong(false);
