@@ -413,11 +413,11 @@ private Q_SLOTS:
     void keyRepeat()
     {
         // Events of the narration combination's key (+t press at time t, -t release at time t), the
-        // modifiers of the releases, and the presses that count.
+        // modifiers of the releases, and the presses that count. A hold repeated as release-press pairs:
+        // tst_x11capture.
         const std::tuple<QList<int>, quint32, int> rows[] = {
             {{+10, -60}, kCtrlAlt, 1},
             {{+10, +510, +540, +570, -590}, kCtrlAlt, 1},               // held, detectable auto-repeat
-            {{+10, -510, +510, -540, +540, -600}, kCtrlAlt, 1},         // held, release-press pairs
             {{+10, -60, +200, -260}, kCtrlAlt, 2},                      // two taps
             {{+10, -510, +510, -600, +900, +1400, -1500}, kCtrlAlt, 2}, // two holds
             {{+10, +20}, kCtrlAlt, 1},                                  // a press while held is a repeat
@@ -636,7 +636,6 @@ private Q_SLOTS:
         QVERIFY(!m_portal->boundValues("description").contains(QString()));
         QCOMPARE(m_manager->assignedTrigger(HotkeyManager::Narration), u"ctrl+alt+s"_qs);
         QVERIFY(m_manager->playPauseRegistered() && !m_manager->stopRegistered());
-        QVERIFY(m_manager->assignedTrigger(HotkeyManager::Stop).isEmpty());
         QVERIFY(!m_manager->registrationProblem(HotkeyManager::Stop).isEmpty());
 
         // The second change comes while the first is still being answered and goes out after it.
@@ -676,7 +675,6 @@ private Q_SLOTS:
         const QString first = m_portal->session;
         m_portal->present(false);
         QTRY_VERIFY(!m_manager->hotkeyRegistered());
-        QVERIFY(m_manager->assignedTrigger(HotkeyManager::Narration).isEmpty());
         m_portal->bound.clear();
         m_portal->present(true);
         QTRY_VERIFY(m_manager->hotkeyRegistered());
