@@ -127,9 +127,10 @@ private Q_SLOTS:
         }
     }
 
-    // The shell takes the keys it can; presses reach us by id; a new set replaces the old one; and a key
-    // another program holds, or that no longer is ours, runs nothing. Switched off, the extension's keys
-    // are gone and we say so; switched on again, it gets our keys back without being asked.
+    // The shell takes the keys it can; presses reach us by id (each its own: tst_gnomeshellsession); a new
+    // set replaces the old one; and a key another program holds, or that no longer is ours, runs nothing.
+    // Switched off, the extension's keys are gone and we say so; switched on again, it gets our keys back
+    // without being asked.
     void bindsPressesAndRebinds()
     {
         GnomeShellShortcuts shortcuts;
@@ -146,8 +147,6 @@ private Q_SLOTS:
         QCOMPARE(assignments.last(), (ActionShortcuts::Assignments{{"narrate-selection", "Ctrl+Alt+S"},
                                                                    {"toggle", "Ctrl+Alt+E"}}));
         QCOMPARE(grabs(), (QStringList{"<Control><Alt>e", "<Control><Alt>s"}));
-        QVERIFY(press("<Control><Alt>s") && press("<Control><Alt>e"));
-        QTRY_COMPARE(pressed, (QStringList{"narrate-selection", "toggle"}));
 
         const ActionShortcuts::Assignments rebound{{"narrate-selection", "Ctrl+Alt+D"}};
         shortcuts.bind({{"narrate-selection", "Narrate Selection", "CTRL+ALT+d"}});
@@ -155,8 +154,7 @@ private Q_SLOTS:
         QCOMPARE(assignments.last(), rebound);
         QCOMPARE(grabs(), QStringList{"<Control><Alt>d"});
         QVERIFY(!press("<Control><Alt>s") && press("<Control><Alt>d"));
-        QTRY_COMPARE(pressed.size(), 3);
-        QCOMPARE(pressed.last(), u"narrate-selection"_qs);
+        QTRY_COMPARE(pressed, QStringList{"narrate-selection"});
 
         QVERIFY(m_fake->call(u"SetEnabled"_qs, false).errorName().isEmpty());
         QTRY_COMPARE(assignments.size(), 3);
