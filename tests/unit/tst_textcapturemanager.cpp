@@ -199,7 +199,7 @@ private Q_SLOTS:
         row("several kinds come back, meta and private targets left out", rich, picked, u"picked"_qs,
             richKept);
         row("a clipboard nobody owned ends unowned", {}, picked, u"picked"_qs, {});
-        row("nothing selected: nothing read, clipboard as before", kept, {}, std::nullopt, kept);
+        // Nothing selected (no old clipboard read as the selection): tst_x11session.
         row("only non-text copied", kept, content({{"image/png", "PNG"}}), std::nullopt, kept);
         row("spaces are text", {}, textContent("   "), u"   "_qs, {});
         row("empty text is text", {}, textContent(""), QString(), {});
