@@ -214,7 +214,8 @@ private Q_SLOTS:
     }
 
     // The sentence follows the position wherever it jumps, announcing only changes; a sentence that is
-    // placed later once a piece's length is known is left as soon as the position is before it.
+    // placed later once a piece's length is known is left as soon as the position is before it. Switched
+    // off, no sentence shows: tst_viewmodels' widget.
     void followsThePosition()
     {
         FollowAlong follow;
@@ -236,8 +237,6 @@ private Q_SLOTS:
             QCOMPARE(follow.sentence(), QString::fromUtf8(sentence));
             QCOMPARE(changes.size(), count);
         }
-        follow.setEnabled(false);
-        QCOMPARE(follow.sentence(), QString());
         follow.clear();
         QCOMPARE(follow.currentIndex(), -1);
     }
