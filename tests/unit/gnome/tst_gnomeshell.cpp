@@ -87,7 +87,6 @@ private Q_SLOTS:
     void triggers()
     {
         const std::tuple<QString, QString, QString> rows[] = {
-            {"CTRL+ALT+s", "<Control><Alt>s", "Ctrl+Alt+S"},
             {"LOGO+SHIFT+CTRL+ALT+F1", "<Super><Shift><Control><Alt>F1", "Super+Shift+Ctrl+Alt+F1"},
             {"ALT+space", "<Alt>space", "Alt+Space"},
             {"CTRL+ALT+", "", "Ctrl+Alt+"}, // no key
