@@ -328,16 +328,16 @@ private Q_SLOTS:
     }
 
     // GNOME on Wayland: what its Shell says of our extension. States as org.gnome.Shell.Extensions
-    // reports them (-1: it knows no such extension).
+    // reports them (-1: it knows no such extension). Serving, it is used: tst_gnomeshellsession.
     void gnomeSupport()
     {
         using G = GnomeSupport;
+        // The last: enabled, yet silent.
         const std::tuple<bool, bool, int, bool, GnomeSupport> rows[] = {
-            {false, false, -1, true, G::NotGnome},     {true, true, 1, true, G::Available},
-            {true, false, -1, false, G::NotInstalled}, {true, false, -1, true, G::NeedsRestart},
-            {true, false, 2, true, G::NotEnabled},     {true, false, 6, true, G::NotEnabled},
-            {true, false, 3, true, G::Failed},         {true, false, 4, true, G::Failed},
-            {true, false, 1, true, G::Failed}}; // enabled, yet silent
+            {false, false, -1, true, G::NotGnome},    {true, false, -1, false, G::NotInstalled},
+            {true, false, -1, true, G::NeedsRestart}, {true, false, 2, true, G::NotEnabled},
+            {true, false, 6, true, G::NotEnabled},    {true, false, 3, true, G::Failed},
+            {true, false, 4, true, G::Failed},        {true, false, 1, true, G::Failed}};
         for (const auto &[gnomeWayland, serving, state, installed, expected] : rows) {
             GnomeShellExtension::ShellFacts facts{gnomeWayland, serving, std::nullopt, installed};
             if (state >= 0)
