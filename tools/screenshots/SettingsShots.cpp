@@ -164,11 +164,12 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
         // The question before the history is cleared.
         settings.viewModel()->selectLabel(QStringLiteral("History"));
         settle(100);
-        if (auto *confirmation = window.rootObject()->findChild<QObject *>(QStringLiteral("clearConfirmation"))) {
+        if (auto *confirmation =
+                window.rootObject()->findChild<QObject *>(QStringLiteral("clearConfirmation"))) {
             QMetaObject::invokeMethod(confirmation, "open");
             settle(300);
-            if (window.grabWindow().save(out.filePath(QStringLiteral("settings-history-confirm-") + appearance +
-                                                      suffix + QStringLiteral(".png"))))
+            if (window.grabWindow().save(out.filePath(QStringLiteral("settings-history-confirm-") +
+                                                      appearance + suffix + QStringLiteral(".png"))))
                 ++written;
             QMetaObject::invokeMethod(confirmation, "close");
             settle(300);
@@ -196,14 +197,15 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
             QMetaObject::invokeMethod(popup, "open");
             settle(300);
             if (chosen.window()->grabWindow().save(out.filePath(QStringLiteral("settings-api-keys-server-") +
-                                                                appearance + suffix + QStringLiteral(".png"))))
+                                                                appearance + suffix +
+                                                                QStringLiteral(".png"))))
                 ++written;
             QMetaObject::invokeMethod(popup, "close");
         }
     }
     QGuiApplication::setPalette(light);
-    for (const QString &key : {OpenAIServer::serverKey, OpenAIServer::listedFromKey, OpenAIServer::listedModelsKey,
-                               OpenAIServer::modelKey})
+    for (const QString &key : {OpenAIServer::serverKey, OpenAIServer::listedFromKey,
+                               OpenAIServer::listedModelsKey, OpenAIServer::modelKey})
         defaults.remove(key);
 
     SettingsWindow plasma(SettingsSection::shortcuts, std::move(plasmaServices));
