@@ -70,7 +70,7 @@ if(QUILLVOX_PACKAGING)
     # wl-paste, which reads the highlighted text on Wayland.
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     string(CONCAT CPACK_DEBIAN_PACKAGE_DEPENDS
-        "qml6-module-qtquick, qml6-module-qtquick-controls, qml6-module-qtquick-layouts, "
+        "qml6-module-qtquick, qml6-module-qtquick-layouts, "
         "qml6-module-qtquick-templates, qml6-module-qtquick-window, qml6-module-qtqml-workerscript, "
         "libqt6svg6, qt6-wayland, wl-clipboard")
     # Secrets need a Secret Service provider; any one of these is one.
