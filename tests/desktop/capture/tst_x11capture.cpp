@@ -12,17 +12,6 @@
 
 Q_DECLARE_METATYPE(ClipboardContent)
 
-namespace {
-
-class NoCapture final : public SelectionSource
-{
-public:
-    bool isProcessTrusted(bool) override { return true; }
-    std::optional<QString> captureSelectedText() override { return std::nullopt; }
-};
-
-} // namespace
-
 class TestX11Capture : public QObject
 {
     Q_OBJECT
@@ -49,7 +38,7 @@ private Q_SLOTS:
     {
         const auto defaults = freshDefaults();
         RecordingControls controls;
-        NoCapture selection;
+        ScriptedSelection selection;
         HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), selection, controls);
         QVERIFY(manager.playPauseRegistered());
 

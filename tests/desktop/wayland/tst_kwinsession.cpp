@@ -5,13 +5,9 @@
 // `quillvox --narrate-selection` copies with keys pressed through the remote-desktop portal: the
 // editor's selection reaches the speech server exactly, and the user's clipboard is back afterwards.
 #include "DevServer.h"
+#include "X11Desktop.h"
 
-#include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
 
 class TestKWinSession : public QObject
 {
@@ -20,10 +16,10 @@ class TestKWinSession : public QObject
 private Q_SLOTS:
     void copiesThroughThePortal()
     {
-        for (const char *program : {"kwin_wayland", "wl-copy", "dbus-run-session", "gnome-keyring-daemon"}) {
-            if (QStandardPaths::findExecutable(QString::fromLatin1(program)).isEmpty())
-                QSKIP("KWin, wl-clipboard, D-Bus or gnome-keyring is not installed");
-        }
+        if (const QString lack =
+                desktopLacks({"kwin_wayland", "wl-copy", "dbus-run-session", "gnome-keyring-daemon"});
+            !lack.isEmpty())
+            QSKIP(qPrintable(lack));
         if (!QFile::exists(QStringLiteral("/usr/share/xdg-desktop-portal/portals/kde.portal")))
             QSKIP("xdg-desktop-portal-kde is not installed");
 

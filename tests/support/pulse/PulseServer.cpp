@@ -113,21 +113,6 @@ std::vector<float> PulseServer::recorded() const
     return samples;
 }
 
-PulseServerEnvironment::PulseServerEnvironment(const QString &address)
-    : m_had(qEnvironmentVariableIsSet("PULSE_SERVER"))
-    , m_old(qgetenv("PULSE_SERVER"))
-{
-    qputenv("PULSE_SERVER", address.toLocal8Bit());
-}
-
-PulseServerEnvironment::~PulseServerEnvironment()
-{
-    if (m_had)
-        qputenv("PULSE_SERVER", m_old);
-    else
-        qunsetenv("PULSE_SERVER");
-}
-
 Sound findSound(const std::vector<float> &samples, float threshold)
 {
     Sound sound;
