@@ -42,14 +42,9 @@ private Q_SLOTS:
         QVERIFY(session.waitForFinished(90000));
         const QString output = QString::fromUtf8(session.readAllStandardOutput());
         const auto logs = [&] {
-            QString all = QString::fromUtf8(session.readAllStandardError());
-            for (const char *name : {"app.log", "editor.log"}) {
-                QFile log(work.filePath(QString::fromLatin1(name)));
-                if (log.open(QIODevice::ReadOnly))
-                    all += QStringLiteral("\n--- %1\n").arg(QLatin1String(name)) +
-                           QString::fromUtf8(log.readAll());
-            }
-            return all;
+            return QString::fromUtf8(
+                session.readAllStandardError() +
+                runProgram("tail", {"-n+1", work.filePath("app.log"), work.filePath("editor.log")}));
         };
         QVERIFY2(session.exitCode() == 0, qPrintable(logs()));
 

@@ -53,9 +53,7 @@ bool DevServer::start(const QStringList &arguments)
 
 int DevServer::stop(std::chrono::milliseconds timeout)
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return -1;
-    return stopProcess(m_process, int(timeout.count()));
+    return stopProcess(m_process, int(timeout.count())); // -1 when it was not running
 }
 
 QString DevServer::standardError() const

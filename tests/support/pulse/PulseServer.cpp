@@ -97,8 +97,6 @@ bool PulseServer::startRecorder()
 
 void PulseServer::stopRecorder()
 {
-    if (m_recorder.state() == QProcess::NotRunning)
-        return;
     stopProcess(m_recorder, 5000);
 }
 
