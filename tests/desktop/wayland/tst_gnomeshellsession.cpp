@@ -208,7 +208,7 @@ private Q_SLOTS:
     // The highlight is narrated exactly as it stands; with nothing highlighted, the clipboard.
     void narratesTheHighlight_data()
     {
-        QTest::addColumn<QString>("trigger"); // `quillvox --narrate-selection`, the shortcut or the top bar
+        QTest::addColumn<QString>("trigger"); // `quillvox --narrate-selection` or the shortcut
         QTest::addColumn<QString>("highlighted");
         QTest::addColumn<QString>("expected");
         const QString text = QStringLiteral("Highlighted in a GNOME window, \u00e9t\u00e9 \u2014 ok.");
@@ -218,8 +218,6 @@ private Q_SLOTS:
         // pressed on the compositor's keyboard.
         const QString shortcut = QStringLiteral("Narrated by its shortcut on GNOME.");
         QTest::newRow("by the shortcut") << "shortcut" << shortcut << shortcut;
-        const QString menu = QStringLiteral("Narrated from GNOME's top bar.");
-        QTest::newRow("from the menu") << "menu" << menu << menu;
     }
     void narratesTheHighlight()
     {
@@ -231,14 +229,10 @@ private Q_SLOTS:
                                               : QStringList{"--primary", highlighted}),
                  0);
         const qsizetype before = m_server.requests().size();
-        if (trigger == u"shortcut") {
+        if (trigger == u"shortcut")
             xdotool({"windowfocus", "--sync", m_shellWindow, "key", "--clearmodifiers", "ctrl+alt+s"});
-        } else if (trigger == u"menu") {
-            QCOMPARE(m_app.run({"--stop"}).exitCode, 0); // the menu offers narration only while idle
-            QVERIFY(chooseFromMenu("Narrate Selection"));
-        } else {
+        else
             QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
-        }
         const QList<QJsonObject> log = m_server.waitForRequests(before + 1, std::chrono::seconds(10));
         QCOMPARE(log.size(), before + 1);
         QCOMPARE(DevServer::input(log.last()), expected);
