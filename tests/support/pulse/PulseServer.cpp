@@ -71,14 +71,9 @@ void PulseServer::kill()
     m_daemon.waitForFinished(5000);
 }
 
-void PulseServer::suspend()
+void PulseServer::signal(int number)
 {
-    ::kill(pid_t(m_daemon.processId()), SIGSTOP);
-}
-
-void PulseServer::resume()
-{
-    ::kill(pid_t(m_daemon.processId()), SIGCONT);
+    ::kill(pid_t(m_daemon.processId()), number);
 }
 
 bool PulseServer::startRecorder()

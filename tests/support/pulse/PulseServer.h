@@ -29,8 +29,8 @@ public:
     bool start();
     // SIGKILL, as a crashing sound server.
     void kill();
-    void suspend();
-    void resume();
+    // SIGSTOP holds it, SIGCONT lets it go on.
+    void signal(int number);
 
     // Records t.monitor into a file. The null sink keeps its long idle blocks for up to 2 s before a
     // recorder's latency applies, so this waits that long before it returns.
