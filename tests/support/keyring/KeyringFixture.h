@@ -77,7 +77,10 @@ private:
     QProcess m_keyring;
     QString m_address;
     QString m_connectionName;
-    std::optional<QByteArray> m_previousAddress; // none: it was not set
+    const std::optional<QByteArray> m_previousAddress = // none: it was not set
+        qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS")
+            ? std::optional(qgetenv("DBUS_SESSION_BUS_ADDRESS"))
+            : std::nullopt;
     QString m_error;
     std::unique_ptr<SilentPrompter> m_prompter;
 };
