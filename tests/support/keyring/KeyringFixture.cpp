@@ -95,6 +95,8 @@ KeyringFixture::KeyringFixture(Mode mode, const QString &otherUser)
     : m_dir(QDir::tempPath() + QStringLiteral("/quillvox-keyring-XXXXXX"))
 {
     qDBusRegisterMetaType<QMap<QString, QString>>();
+    if (qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"))
+        m_previousAddress = qgetenv("DBUS_SESSION_BUS_ADDRESS");
     m_error = m_dir.isValid() ? startBus(mode, otherUser)
                               : QStringLiteral("cannot create a temporary folder: ") + m_dir.errorString();
     if (m_error.isEmpty() && mode == Mode::GnomeKeyring)

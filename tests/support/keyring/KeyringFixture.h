@@ -77,10 +77,7 @@ private:
     QProcess m_keyring;
     QString m_address;
     QString m_connectionName;
-    const std::optional<QByteArray> m_previousAddress = // none: it was not set
-        qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS")
-            ? std::optional(qgetenv("DBUS_SESSION_BUS_ADDRESS"))
-            : std::nullopt;
+    std::optional<QByteArray> m_previousAddress; // none: it was not set
     QString m_error;
     std::unique_ptr<SilentPrompter> m_prompter;
 };
