@@ -12,6 +12,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
 class TestPulseAudioSink : public QObject
 {
     Q_OBJECT
@@ -29,7 +31,7 @@ private Q_SLOTS:
         PulseServer server(dir.path());
         QVERIFY(server.start());
         PulseServerEnvironment env(server.address());
-        server.suspend();
+        server.signal(SIGSTOP);
 
         AudioEngine engine(std::make_unique<PulseAudioSink>(1000));
         QString error;
@@ -38,7 +40,7 @@ private Q_SLOTS:
         QVERIFY2(error.contains(QStringLiteral("did not answer")), qPrintable(error));
         QVERIFY(!engine.isRunning());
 
-        server.resume();
+        server.signal(SIGCONT);
         QVERIFY2(engine.start(&error), qPrintable(error));
     }
 };

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 // Another application's clipboard for the desktop tests: owns CLIPBOARD with the targets and bytes given
-// as target=text or target=@file arguments, says "ready" on standard output and serves until standard
-// input closes.
+// as target=file arguments, says "ready" on standard output and serves until standard input closes.
 #include "platform/x11/X11Connection.h"
 #include "platform/x11/X11SelectionOwner.h"
 
@@ -18,14 +17,10 @@ int main(int argc, char **argv)
         const qsizetype equals = argument.indexOf('=');
         if (equals <= 0)
             return 2;
-        QByteArray bytes = argument.mid(equals + 1);
-        if (bytes.startsWith('@')) {
-            QFile file(QString::fromLocal8Bit(bytes.mid(1)));
-            if (!file.open(QIODevice::ReadOnly))
-                return 2;
-            bytes = file.readAll();
-        }
-        content.append({QString::fromLatin1(argument.left(equals)), bytes});
+        QFile file(QString::fromLocal8Bit(argument.mid(equals + 1)));
+        if (!file.open(QIODevice::ReadOnly))
+            return 2;
+        content.append({QString::fromLatin1(argument.left(equals)), file.readAll()});
     }
     X11Connection clock;
     X11SelectionOwner owner;

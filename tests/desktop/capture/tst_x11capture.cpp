@@ -12,17 +12,6 @@
 
 Q_DECLARE_METATYPE(ClipboardContent)
 
-namespace {
-
-class NoCapture final : public SelectionSource
-{
-public:
-    bool isProcessTrusted(bool) override { return true; }
-    std::optional<QString> captureSelectedText() override { return std::nullopt; }
-};
-
-} // namespace
-
 class TestX11Capture : public QObject
 {
     Q_OBJECT
@@ -49,7 +38,7 @@ private Q_SLOTS:
     {
         const auto defaults = freshDefaults();
         RecordingControls controls;
-        NoCapture selection;
+        ScriptedSelection selection;
         HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), selection, controls);
         QVERIFY(manager.playPauseRegistered());
 
@@ -93,7 +82,6 @@ private Q_SLOTS:
 
         ChildProcess owner;
         QVERIFY(ownClipboard(owner, QStringLiteral(QUILLVOX_CLIPBOARD_OWNER), before, m_dir.path()));
-        QCOMPARE(clipboardBytes(before.first().first), before.first().second);
 
         const QByteArray text = "Narrate this line.\nAnd  this one, with spaces.  ";
         ChildProcess editor;
@@ -104,9 +92,7 @@ private Q_SLOTS:
         const auto defaults = freshDefaults();
         RecordingControls controls;
         TextCaptureManager &capture = TextCaptureManager::shared();
-        QVERIFY(capture.isProcessTrusted(false));
         HotkeyManager manager(*defaults, std::make_unique<X11GlobalHotKeys>(), capture, controls);
-        QVERIFY(manager.hotkeyRegistered());
 
         // Held down while the capture runs, as a user's fingers are.
         xdotool({"keydown", "ctrl+alt+s"});

@@ -27,15 +27,6 @@ class TestX11Session : public QObject
     DevServer m_server;
     ChildProcess m_editor;
 
-    static QJsonObject shortcut(const QJsonObject &status, QStringView action)
-    {
-        for (const QJsonValue &row : status.value(QStringLiteral("shortcuts")).toArray()) {
-            if (row[QStringLiteral("action")].toString() == action)
-                return row.toObject();
-        }
-        return {};
-    }
-
     qint64 recordedSamples() const { return qint64(m_pulse->recorded().size()); }
 
     // Whether anything was heard from sample `from` on (to `to`, or to the end of the recording).
@@ -87,8 +78,10 @@ private Q_SLOTS:
         // It answers once its shortcuts are grabbed.
         QVERIFY(app.start());
         const QJsonObject before = app.status();
-        for (const char *action : {"narrate", "playPause", "stop", "skipBack", "skipForward", "cycleSpeed"})
-            QVERIFY2(shortcut(before, QString::fromLatin1(action))[u"registered"].toBool(), action);
+        const QJsonArray shortcuts = before[u"shortcuts"].toArray();
+        QCOMPARE(shortcuts.size(), 6);
+        for (const QJsonValue &row : shortcuts)
+            QVERIFY2(row[u"registered"].toBool(), qPrintable(row[u"action"].toString()));
         QCOMPARE(before[u"playbackSpeed"].toDouble(), 1.0);
 
         ChildProcess owner;
@@ -98,8 +91,6 @@ private Q_SLOTS:
         xdotool({"key", "ctrl+alt+s"});
         QTRY_COMPARE_WITH_TIMEOUT(m_server.narratedTexts(), QStringList{kLine}, 10000);
         QTRY_VERIFY_WITH_TIMEOUT(heard(start), 10000);
-        for (const auto &[target, bytes] : kClipboard)
-            QVERIFY2(clipboardBytes(target) == bytes, qPrintable(target));
 
         QTRY_VERIFY(app.status()[u"isPlaying"].toBool());
         xdotool({"key", "ctrl+alt+e"});

@@ -17,19 +17,6 @@ class TestSwaySession : public QObject
     ChildProcess m_sway;
     AppUnderTest m_app{AppUnderTest::Accessibility::Off};
 
-    // A wl-clipboard command on the sway session; its exit code.
-    int wl(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
-    {
-        QProcess process;
-        process.setProcessEnvironment(m_app.env);
-        process.start(program, arguments);
-        if (!process.waitForFinished(10000))
-            return -1;
-        if (output)
-            *output = process.readAllStandardOutput();
-        return process.exitCode();
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
@@ -46,14 +33,10 @@ private Q_SLOTS:
                        {"WLR_BACKENDS=headless", "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1", "sway",
                         "-c", config},
                        QStringLiteral("sway.log"));
-        QString socket;
+        QStringList sockets;
         QTRY_VERIFY_WITH_TIMEOUT(
-            [&] {
-                const QStringList sockets =
-                    QDir(m_runtime.path()).entryList({QStringLiteral("wayland-?")}, QDir::System);
-                socket = sockets.isEmpty() ? QString() : m_runtime.filePath(sockets.first());
-                return !socket.isEmpty();
-            }(),
+            !(sockets = QDir(m_runtime.path()).entryList({QStringLiteral("wayland-?")}, QDir::System))
+                 .isEmpty(),
             15000);
 
         QVERIFY2(m_server.start({"--pace", "0", "--openai-key", kKey}), qPrintable(m_server.errorString()));
@@ -61,9 +44,10 @@ private Q_SLOTS:
         AppUnderTest::setSettings({{"hasCompletedOnboarding", true}});
 
         m_app.useServer(m_server);
-        m_app.env = waylandClient(m_app.env, socket);
+        m_app.env = waylandClient(m_app.env, m_runtime.filePath(sockets.first()));
         QVERIFY(m_app.start());
-        QCOMPARE(wl(QStringLiteral("wl-copy"), {"The user's clipboard."}), 0);
+        qputenv("WAYLAND_DISPLAY", m_app.env.value("WAYLAND_DISPLAY").toUtf8()); // for wl-copy and wl-paste
+        runProgram(QStringLiteral("wl-copy"), {"The user's clipboard."});
     }
 
     // Highlighted text is narrated as it stands; nothing highlighted sends nothing. The clipboard never
@@ -79,8 +63,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, highlighted);
         const qsizetype before = m_server.requests().size();
-        QCOMPARE(
-            wl(QStringLiteral("wl-copy"), {"--primary", highlighted.isEmpty() ? "--clear" : highlighted}), 0);
+        runProgram(QStringLiteral("wl-copy"), {"--primary", highlighted.isEmpty() ? "--clear" : highlighted});
 
         QCOMPARE(m_app.run({"--narrate-selection"}).exitCode, 0);
         if (highlighted.isEmpty()) {
@@ -91,9 +74,8 @@ private Q_SLOTS:
             QCOMPARE(log.size(), before + 1);
             QCOMPARE(DevServer::input(log.last()), highlighted);
         }
-        QByteArray clipboard;
-        QCOMPARE(wl(QStringLiteral("wl-paste"), {"--no-newline"}, &clipboard), 0);
-        QCOMPARE(clipboard, QByteArray("The user's clipboard."));
+        QCOMPARE(runProgram(QStringLiteral("wl-paste"), {"--no-newline"}),
+                 QByteArray("The user's clipboard."));
     }
 
     void cleanupTestCase()

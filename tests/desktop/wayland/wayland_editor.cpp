@@ -42,11 +42,7 @@ protected:
     }
 
 private:
-    static void announce(const char *what)
-    {
-        std::printf("%s\n", what);
-        std::fflush(stdout);
-    }
+    static void announce(const char *what) { std::puts(what); }
 
     QString m_selection;
 };
@@ -56,6 +52,7 @@ private:
 int main(int argc, char **argv)
 {
     QGuiApplication app(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // each line reaches the test as it is written
     Editor editor(app.arguments().value(1));
     if (app.arguments().value(2) == u"maximized")
         editor.showMaximized();

@@ -2,7 +2,6 @@
 #include "DevServer.h"
 #include "StopProcess.h"
 
-#include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
@@ -35,9 +34,8 @@ bool DevServer::start(const QStringList &arguments)
     m_process.setStandardErrorFile(m_dir.filePath(QStringLiteral("stderr.txt")));
     m_process.start(program, QStringList{"--port", "0", "--log", logPath()} + arguments);
 
-    const QDeadlineTimer deadline(std::chrono::seconds(10));
-    while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning && !deadline.hasExpired())
-        m_process.waitForReadyRead(static_cast<int>(std::max<qint64>(deadline.remainingTime(), 1)));
+    (void)QTest::qWaitFor(
+        [&] { return m_process.canReadLine() || m_process.state() == QProcess::NotRunning; }, 10000);
     const QString line = QString::fromUtf8(m_process.readLine()).trimmed();
     static const QRegularExpression listening(
         QStringLiteral("^listening on (https?)://127\\.0\\.0\\.1:(\\d+)$"));
@@ -55,9 +53,7 @@ bool DevServer::start(const QStringList &arguments)
 
 int DevServer::stop(std::chrono::milliseconds timeout)
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return -1;
-    return stopProcess(m_process, int(timeout.count()));
+    return stopProcess(m_process, int(timeout.count())); // -1 when it was not running
 }
 
 QString DevServer::standardError() const
@@ -87,14 +83,10 @@ QList<QJsonObject> DevServer::requests(const QString &logPath)
     QFile file(logPath);
     if (!file.open(QIODevice::ReadOnly))
         return records;
-    while (!file.atEnd()) {
-        const QByteArray line = file.readLine().trimmed();
-        if (line.isEmpty())
-            continue;
-        const QJsonDocument document = QJsonDocument::fromJson(line);
-        if (document.isObject())
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        if (const QJsonDocument document = QJsonDocument::fromJson(line); document.isObject())
             records.append(document.object());
-        else
+        else if (!line.isEmpty())
             qWarning("DevServer: unreadable log line: %s", line.constData());
     }
     return records;

@@ -200,13 +200,9 @@ QString KeyringFixture::startGnomeKeyring()
 
 QString KeyringFixture::logs() const
 {
-    QString text;
-    for (const char *name : {"dbus.log", "keyring.log"}) {
-        QFile file(m_dir.filePath(QLatin1String(name)));
-        if (file.open(QIODevice::ReadOnly))
-            text += u'\n' + QLatin1String(name) + QStringLiteral(": ") + QString::fromUtf8(file.readAll());
-    }
-    return text;
+    // tail heads each file with its name.
+    return u'\n' + QString::fromUtf8(
+                       run("tail", {"-n+1", m_dir.filePath("dbus.log"), m_dir.filePath("keyring.log")}).out);
 }
 
 QProcessEnvironment KeyringFixture::environment() const

@@ -71,14 +71,9 @@ void PulseServer::kill()
     m_daemon.waitForFinished(5000);
 }
 
-void PulseServer::suspend()
+void PulseServer::signal(int number)
 {
-    ::kill(pid_t(m_daemon.processId()), SIGSTOP);
-}
-
-void PulseServer::resume()
-{
-    ::kill(pid_t(m_daemon.processId()), SIGCONT);
+    ::kill(pid_t(m_daemon.processId()), number);
 }
 
 bool PulseServer::startRecorder()
@@ -97,8 +92,6 @@ bool PulseServer::startRecorder()
 
 void PulseServer::stopRecorder()
 {
-    if (m_recorder.state() == QProcess::NotRunning)
-        return;
     stopProcess(m_recorder, 5000);
 }
 
@@ -111,21 +104,6 @@ std::vector<float> PulseServer::recorded() const
     std::vector<float> samples(std::size_t(bytes.size()) / sizeof(float));
     std::memcpy(samples.data(), bytes.constData(), samples.size() * sizeof(float));
     return samples;
-}
-
-PulseServerEnvironment::PulseServerEnvironment(const QString &address)
-    : m_had(qEnvironmentVariableIsSet("PULSE_SERVER"))
-    , m_old(qgetenv("PULSE_SERVER"))
-{
-    qputenv("PULSE_SERVER", address.toLocal8Bit());
-}
-
-PulseServerEnvironment::~PulseServerEnvironment()
-{
-    if (m_had)
-        qputenv("PULSE_SERVER", m_old);
-    else
-        qunsetenv("PULSE_SERVER");
 }
 
 Sound findSound(const std::vector<float> &samples, float threshold)

@@ -3,6 +3,7 @@
 
 #include <QProcess>
 
+#include <optional>
 #include <vector>
 
 // Makes a child process die with this one, so that a crashed test leaves no daemons behind. Call it
@@ -28,8 +29,8 @@ public:
     bool start();
     // SIGKILL, as a crashing sound server.
     void kill();
-    void suspend();
-    void resume();
+    // SIGSTOP holds it, SIGCONT lets it go on.
+    void signal(int number);
 
     // Records t.monitor into a file. The null sink keeps its long idle blocks for up to 2 s before a
     // recorder's latency applies, so this waits that long before it returns.
@@ -48,14 +49,17 @@ private:
 class PulseServerEnvironment
 {
 public:
-    explicit PulseServerEnvironment(const QString &address);
-    ~PulseServerEnvironment();
+    explicit PulseServerEnvironment(const QString &address)
+    {
+        qputenv("PULSE_SERVER", address.toLocal8Bit());
+    }
+    ~PulseServerEnvironment() { m_old ? qputenv("PULSE_SERVER", *m_old) : qunsetenv("PULSE_SERVER"); }
     PulseServerEnvironment(const PulseServerEnvironment &) = delete;
     PulseServerEnvironment &operator=(const PulseServerEnvironment &) = delete;
 
 private:
-    bool m_had;
-    QByteArray m_old;
+    const std::optional<QByteArray> m_old =
+        qEnvironmentVariableIsSet("PULSE_SERVER") ? std::optional(qgetenv("PULSE_SERVER")) : std::nullopt;
 };
 
 // From the first to the last sample louder than the threshold; start is -1 when there is none.

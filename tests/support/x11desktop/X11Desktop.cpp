@@ -85,7 +85,7 @@ bool ownClipboard(ChildProcess &owner, const QString &program, const ClipboardCo
         const QString path = dir + u"/clipboard-" + QString::number(arguments.size());
         if (!writeFile(path, bytes))
             return false;
-        arguments.append(target + u"=@" + path);
+        arguments.append(target + u'=' + path);
     }
     owner.process.start(program, arguments);
     return owner.process.waitForReadyRead(5000) && owner.process.readLine().trimmed() == "ready";
