@@ -54,11 +54,6 @@ AppUnderTest::~AppUnderTest()
         qInfo().noquote() << "app output:\n" << output();
 }
 
-void AppUnderTest::useServer(const DevServer &server)
-{
-    env = server.appEnvironment(env);
-}
-
 void AppUnderTest::usePulse(const QString &address)
 {
     env.insert(QStringLiteral("PULSE_SERVER"), address);
@@ -113,9 +108,7 @@ void AppUnderTest::launch(const QStringList &arguments)
 
 bool AppUnderTest::stop()
 {
-    if (!isRunning())
-        return true;
-    return stopProcess(m_process, 10000) == 0;
+    return !isRunning() || stopProcess(m_process, 10000) == 0;
 }
 
 QString AppUnderTest::output() const
