@@ -196,18 +196,6 @@ private Q_SLOTS:
     // A combination another client holds is named as such, not left silently dead.
     void contestedCombination() { QVERIFY(m_app.walk({"Shortcuts", "=Used by another application"})); }
 
-    // A recorder left for another section stops recording: coming back, a combination typed is not
-    // taken, until the row is asked to record again.
-    void sectionChangeEndsRecording()
-    {
-        QVERIFY(m_app.walk({"Shortcuts", "Play/Pause shortcut"}));
-        QTest::qWait(200);
-        QVERIFY(m_app.walk({"Voice", "Shortcuts", "=Play/Pause shortcut"}));
-        xdotool({"key", "ctrl+alt+p"});
-        QTest::qWait(500);
-        QCOMPARE(m_app.status()[u"shortcuts"][1][u"label"].toString(), QStringLiteral("Ctrl+Alt+E"));
-    }
-
     // A combination recorded in the window narrates the selection in mousepad straight away.
     void reboundNarrationWorksAtOnce()
     {
