@@ -178,12 +178,10 @@ private Q_SLOTS:
         QCOMPARE(withoutText.size(), QSize(kWidth, kHeight));
 
         QStringList sentences;
-        for (const char *ordinal : {"first", "second", "third"}) {
-            QString sentence = QStringLiteral("This is the %1 sentence").arg(QLatin1String(ordinal));
-            while (sentence.size() < 2100)
-                sentence += QStringLiteral(", and it goes on a little further");
-            sentences << sentence + u'.';
-        }
+        for (const char *ordinal : {"first", "second", "third"})
+            sentences << QStringLiteral("This is the %1 sentence%2.")
+                             .arg(QLatin1String(ordinal),
+                                  QStringLiteral(", and it goes on a little further").repeated(64));
         ChildProcess watcher;
         QVERIFY(m_app.watchDescription(watcher, QStringLiteral("Now reading")));
         QString shown;
