@@ -177,57 +177,24 @@ private Q_SLOTS:
         QCOMPARE(walked, expected);
     }
 
-    // "Test" and the next narration both go to the server just entered, and a refusal reads the same
-    // in both. The second server stays chosen for what follows.
-    void serverChoice_data()
-    {
-        QTest::addColumn<bool>("refusing");
-        QTest::addColumn<QString>("spoken");
-        QTest::addColumn<QString>("result");
-        // A chosen server's own words, in the test as in the narration.
-        QTest::newRow("refusing with 401")
-            << true << u"Refused, this one."_qs
-            << u"API error (401): Failure injected by quillvox-devserver --fail-status 401."_qs;
-        QTest::newRow("second server") << false << kSpoken << "Works";
-    }
+    // "Test" and the next narration both go to the server just entered, which stays chosen for what
+    // follows.
     void serverChoice()
     {
-        QFETCH(bool, refusing);
-        QFETCH(QString, spoken);
-        QFETCH(QString, result);
-        DevServer refuser;
-        if (refusing)
-            QVERIFY2(refuser.start({"--fail-status", "401"}), qPrintable(refuser.errorString()));
-        const DevServer &server = refusing ? refuser : m_second;
         const qsizetype before = m_server.narratedTexts().size();
-
         QVERIFY(m_app.walk({"API Keys", "Server"}));
-        typeOver(server.url().toString());
-        QVERIFY(m_app.walk({"Test", u'=' + result}));
-        QTRY_COMPARE(server.narratedTexts(), QStringList{QStringLiteral("This is a test.")});
+        typeOver(m_second.url().toString());
+        QVERIFY(m_app.walk({"Test", "=Works"}));
+        QTRY_COMPARE(m_second.narratedTexts(), QStringList{QStringLiteral("This is a test.")});
 
-        m_app.run({"--speak", spoken});
-        QTRY_COMPARE_WITH_TIMEOUT(server.narratedTexts(),
-                                  (QStringList{QStringLiteral("This is a test."), spoken}), 10000);
-        QTRY_COMPARE(m_app.status()[u"currentError"][u"description"].toString(),
-                     refusing ? result : QString());
+        m_app.run({"--speak", kSpoken});
+        QTRY_COMPARE_WITH_TIMEOUT(m_second.narratedTexts(),
+                                  (QStringList{QStringLiteral("This is a test."), kSpoken}), 10000);
         QCOMPARE(m_server.narratedTexts().size(), before);
     }
 
     // A combination another client holds is named as such, not left silently dead.
     void contestedCombination() { QVERIFY(m_app.walk({"Shortcuts", "=Used by another application"})); }
-
-    // A recorder left for another section stops recording: coming back, a combination typed is not
-    // taken, until the row is asked to record again.
-    void sectionChangeEndsRecording()
-    {
-        QVERIFY(m_app.walk({"Shortcuts", "Play/Pause shortcut"}));
-        QTest::qWait(200);
-        QVERIFY(m_app.walk({"Voice", "Shortcuts", "=Play/Pause shortcut"}));
-        xdotool({"key", "ctrl+alt+p"});
-        QTest::qWait(500);
-        QCOMPARE(m_app.status()[u"shortcuts"][1][u"label"].toString(), QStringLiteral("Ctrl+Alt+E"));
-    }
 
     // A combination recorded in the window narrates the selection in mousepad straight away.
     void reboundNarrationWorksAtOnce()
@@ -238,13 +205,11 @@ private Q_SLOTS:
         const TrayItemReader tray(m_tray.items().first());
         // The server test's word may still play, which hides the entry.
         QTRY_VERIFY_WITH_TIMEOUT(!m_app.status()[u"isPlaying"].toBool(), 15000);
-        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
-                 QStringLiteral("Narrate Selection\tControl+Alt+S"));
+        QCOMPARE(tray.shownMenu().value(0), QStringLiteral("Narrate Selection\tControl+Alt+S"));
         xdotool({"key", "ctrl+alt+n"});
         QTRY_COMPARE(m_app.status()[u"shortcuts"][0][u"label"].toString(), QStringLiteral("Ctrl+Alt+N"));
         QVERIFY(m_app.status()[u"shortcuts"][0][u"registered"].toBool());
-        QCOMPARE(tray.entryText(QStringLiteral("Narrate Selection")),
-                 QStringLiteral("Narrate Selection\tControl+Alt+N"));
+        QCOMPARE(tray.shownMenu().value(0), QStringLiteral("Narrate Selection\tControl+Alt+N"));
 
         ChildProcess editor;
         QVERIFY(!openInMousepad(editor, m_dir.filePath("text.txt"),

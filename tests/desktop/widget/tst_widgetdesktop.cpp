@@ -13,26 +13,6 @@ namespace {
 constexpr int kWidth = 340;
 constexpr int kHeight = 140;
 
-void clickAt(QPoint point)
-{
-    pointAt(point);
-    xdotool({"click", "1"});
-}
-
-QByteArray activeWindow()
-{
-    return xdotool({"getactivewindow"}).trimmed();
-}
-
-// The pixel's colour on the screen.
-QColor screenPixel(QPoint point)
-{
-    const QByteArray png = runProgram(
-        QStringLiteral("import"),
-        {"-window", "root", "-crop", QStringLiteral("1x1+%1+%2").arg(point.x()).arg(point.y()), "png:-"});
-    return QImage::fromData(png, "PNG").pixelColor(0, 0);
-}
-
 } // namespace
 
 class TestWidgetDesktop : public QObject
@@ -127,29 +107,27 @@ private Q_SLOTS:
     {
         xdotool({"windowactivate", "--sync", m_editorWindow});
         xdotool({"key", "--clearmodifiers", "ctrl+a"});
-        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+        const auto editorActive = [this] {
+            return xdotool({"getactivewindow"}).trimmed() == QByteArray::number(m_editorWindow.toULongLong());
+        };
+        QVERIFY(editorActive());
 
-        clickAt(m_app.control(QStringLiteral("Play")).center());
+        QVERIFY(m_app.click(QStringLiteral("Play")));
         QTRY_VERIFY_WITH_TIMEOUT(m_app.status().value(QStringLiteral("isPlaying")).toBool(), 15000);
-        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+        QVERIFY(editorActive());
 
-        clickAt(m_app.control(QStringLiteral("Pause")).center());
+        QVERIFY(m_app.click(QStringLiteral("Pause")));
         QTRY_VERIFY(!m_app.status().value(QStringLiteral("isPlaying")).toBool());
-        QTRY_VERIFY(!m_app.control(QStringLiteral("Play")).isEmpty());
-
-        clickAt(m_app.control(QStringLiteral("Expand controls")).center());
-        QTRY_VERIFY(!m_app.control(QStringLiteral("Stop narration")).isEmpty());
-        clickAt(m_app.control(QStringLiteral("Stop narration")).center());
+        QVERIFY(m_app.walk({"=Play", "Expand controls", "Stop narration"}));
         QTRY_VERIFY(!m_app.status().value(QStringLiteral("hasContent")).toBool());
-        QCOMPARE(activeWindow(), QByteArray::number(m_editorWindow.toULongLong()));
+        QVERIFY(editorActive());
         // What was narrated is the editor's selection (its exchange is logged once the stop ended it).
         const auto narrated = [this] { return m_server.narratedTexts(u"/api/tts/stream").join(u'|'); };
         QTRY_VERIFY2(narrated().contains(QStringLiteral("floats above this editor")), qPrintable(narrated()));
         // Pinned: the controls stay when the pointer leaves.
         xdotool({"mousemove", "200", "600"});
         QTest::qWait(500);
-        QVERIFY(!m_app.control(QStringLiteral("Collapse controls")).isEmpty());
-        clickAt(m_app.control(QStringLiteral("Collapse controls")).center());
+        QVERIFY(m_app.click(QStringLiteral("Collapse controls")));
         xdotool({"mousemove", "200", "600"});
     }
 
@@ -167,10 +145,14 @@ private Q_SLOTS:
         const QRect play = m_app.control(QStringLiteral("Play"));
         const qreal firstBarLeft = play.right() + 1 + 12 + (44 - (6 * 2.5 + 5 * 2.5)) / 2;
         for (const auto &[bar, expected] : {std::pair{0, firstBar}, std::pair{5, lastBar}}) {
-            const QPoint pixel(int(firstBarLeft + bar * 5 + 1), play.center().y());
+            const QString pixel =
+                QStringLiteral("1x1+%1+%2").arg(int(firstBarLeft + bar * 5 + 1)).arg(play.center().y());
             QColor actual;
             const auto near = [&] {
-                actual = screenPixel(pixel);
+                actual = QImage::fromData(runProgram(QStringLiteral("import"),
+                                                     {"-window", "root", "-crop", pixel, "png:-"}),
+                                          "PNG")
+                             .pixelColor(0, 0);
                 return std::max({qAbs(actual.red() - expected.red()), qAbs(actual.green() - expected.green()),
                                  qAbs(actual.blue() - expected.blue())}) <= 12;
             };
@@ -196,12 +178,10 @@ private Q_SLOTS:
         QCOMPARE(withoutText.size(), QSize(kWidth, kHeight));
 
         QStringList sentences;
-        for (const char *ordinal : {"first", "second", "third"}) {
-            QString sentence = QStringLiteral("This is the %1 sentence").arg(QLatin1String(ordinal));
-            while (sentence.size() < 2100)
-                sentence += QStringLiteral(", and it goes on a little further");
-            sentences << sentence + u'.';
-        }
+        for (const char *ordinal : {"first", "second", "third"})
+            sentences << QStringLiteral("This is the %1 sentence%2.")
+                             .arg(QLatin1String(ordinal),
+                                  QStringLiteral(", and it goes on a little further").repeated(64));
         ChildProcess watcher;
         QVERIFY(m_app.watchDescription(watcher, QStringLiteral("Now reading")));
         QString shown;
@@ -210,9 +190,10 @@ private Q_SLOTS:
                 shown = QString::fromUtf8(watcher.process.readLine()).chopped(1);
             return shown == sentence;
         };
-        const auto position = [] {
-            return runProgram(QStringLiteral("playerctl"), {"-p", "quillvox", "position"}).toDouble();
+        const auto playerctl = [](const QStringList &arguments) {
+            return runProgram(QStringLiteral("playerctl"), QStringList{"-p", "quillvox"} + arguments);
         };
+        const auto position = [&] { return playerctl({"position"}).toDouble(); };
         m_app.run({"--speak", sentences.join(u' ')});
         const auto shownInTime = [&](qsizetype i, double start) {
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i]), 15000);
@@ -243,16 +224,14 @@ private Q_SLOTS:
                           double(piece.value(QStringLiteral("bodyBytesSent")).toInteger()) / 48000.0;
 
         for (qsizetype i = 1; i < 3; ++i) {
-            runProgram(QStringLiteral("playerctl"),
-                       {"-p", "quillvox", "position", QString::number(starts[i] - 1.5)});
+            playerctl({"position", QString::number(starts[i] - 1.5)});
             QTRY_VERIFY_WITH_TIMEOUT(shows(sentences[i - 1]), 5000);
             shownInTime(i, starts[i]);
             if (QTest::currentTestFailed())
                 return;
             QCOMPARE(widgetGeometry(), withoutText.adjusted(0, 0, 0, 44)); // grown downwards
         }
-        QVERIFY(runProgram(QStringLiteral("playerctl"), {"-p", "quillvox", "metadata", "xesam:comment"})
-                    .startsWith("This is the third sentence"));
+        QVERIFY(playerctl({"metadata", "xesam:comment"}).startsWith("This is the third sentence"));
 
         QTRY_VERIFY_WITH_TIMEOUT(position() > starts[2] + 1.0, 5000);
         QVERIFY(m_app.click(QStringLiteral("Now reading")));

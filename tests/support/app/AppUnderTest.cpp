@@ -54,11 +54,6 @@ AppUnderTest::~AppUnderTest()
         qInfo().noquote() << "app output:\n" << output();
 }
 
-void AppUnderTest::useServer(const DevServer &server)
-{
-    env = server.appEnvironment(env);
-}
-
 void AppUnderTest::usePulse(const QString &address)
 {
     env.insert(QStringLiteral("PULSE_SERVER"), address);
@@ -113,9 +108,7 @@ void AppUnderTest::launch(const QStringList &arguments)
 
 bool AppUnderTest::stop()
 {
-    if (!isRunning())
-        return true;
-    return stopProcess(m_process, 10000) == 0;
+    return !isRunning() || stopProcess(m_process, 10000) == 0;
 }
 
 QString AppUnderTest::output() const
@@ -165,19 +158,16 @@ QRect AppUnderTest::waitForControl(const QString &name, int index, int timeoutMs
 
 bool AppUnderTest::click(const QString &name, int index)
 {
-    // "x:608 y:373 screen:0 window:..."
-    const QList<QByteArray> fields = xdotool({"getmouselocation"}).split(' ');
-    QPoint at = fields.size() < 2 ? QPoint() : QPoint(fields[0].mid(2).toInt(), fields[1].mid(2).toInt());
+    QRect at;
     for (int look = 0; look < 3; ++look) {
         const QRect rect = waitForControl(name, index);
         if (rect.isEmpty())
             return false;
-        if (rect.center() == at)
+        if (rect == at)
             break;
-        at = rect.center();
-        // --sync waits for a movement, so the pointer is only sent where it is not.
-        xdotool({"mousemove", "--sync", QString::number(at.x()), QString::number(at.y())});
-        QTest::qWait(300);
+        at = rect;
+        pointAt(at.center());
+        QTest::qWait(150);
     }
     xdotool({"click", "1"});
     return true;

@@ -30,7 +30,7 @@ public:
     // What the app and run()'s commands get: this process's environment, no sound output, and the
     // accessibility bridge on when asked for.
     QProcessEnvironment env;
-    void useServer(const DevServer &server);
+    void useServer(const DevServer &server) { env = server.appEnvironment(env); }
     // Its sound to the PulseAudio server at `address` rather than nowhere.
     void usePulse(const QString &address);
     // Stores an own key as a user does, `--set-api-key` with the key typed; empty when that worked.

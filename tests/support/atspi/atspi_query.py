@@ -8,27 +8,25 @@
 #   atspi_query.py APP watch NAME  -> the description of the showing accessible called NAME, a line
 #                                     each time it changes (empty while there is none), until its
 #                                     standard input closes
+import itertools
 import select
 import sys
 
 import pyatspi
 
 
+def children(node):
+    return (c for c in map(node.getChildAtIndex, range(node.childCount)) if c is not None)
+
+
 def application(name):
-    desktop = pyatspi.Registry.getDesktop(0)
-    for i in range(desktop.childCount):
-        app = desktop.getChildAtIndex(i)
-        if app is not None and app.name == name:
-            return app
-    return None
+    return next((app for app in children(pyatspi.Registry.getDesktop(0)) if app.name == name), None)
 
 
 def walk(node):
     yield node
-    for i in range(node.childCount):
-        child = node.getChildAtIndex(i)
-        if child is not None:
-            yield from walk(child)
+    for child in children(node):
+        yield from walk(child)
 
 
 def showing(node):
@@ -36,12 +34,8 @@ def showing(node):
 
 
 def find(app, wanted, skip=0):
-    for node in walk(app):
-        if node.name == wanted and showing(node):
-            if skip == 0:
-                return node
-            skip -= 1
-    return None
+    matches = (node for node in walk(app) if node.name == wanted and showing(node))
+    return next(itertools.islice(matches, skip, None), None)
 
 
 def watch(app, wanted):

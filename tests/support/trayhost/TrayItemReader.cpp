@@ -7,6 +7,8 @@
 #include <QDateTime>
 #include <QDebug>
 
+#include <algorithm>
+
 namespace {
 
 const QString kItemInterface = QStringLiteral("org.kde.StatusNotifierItem");
@@ -132,16 +134,13 @@ QStringList TrayItemReader::shownMenu() const
     return shown;
 }
 
-QString TrayItemReader::entryText(const QString &label) const
-{
-    const std::optional<Entry> entry = find(label);
-    return entry ? text(*entry) : QString();
-}
-
 bool TrayItemReader::click(const QString &label) const
 {
-    const std::optional<Entry> entry = find(label);
-    if (!entry) {
+    const QList<Entry> entries = menu();
+    const auto entry = std::ranges::find_if(entries, [&](const Entry &e) {
+        return e.properties.value(QStringLiteral("label")).toString() == label;
+    });
+    if (entry == entries.end()) {
         qWarning() << "no menu entry" << label;
         return false;
     }
@@ -151,12 +150,4 @@ bool TrayItemReader::click(const QString &label) const
           << uint(QDateTime::currentSecsSinceEpoch());
     // "Quit" may end the app before it answers.
     return QDBusConnection::sessionBus().send(event);
-}
-
-std::optional<TrayItemReader::Entry> TrayItemReader::find(const QString &label) const
-{
-    for (const Entry &entry : menu())
-        if (entry.properties.value(QStringLiteral("label")).toString() == label)
-            return entry;
-    return std::nullopt;
 }

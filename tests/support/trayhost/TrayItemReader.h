@@ -6,8 +6,6 @@
 #include <QSize>
 #include <QVariant>
 
-#include <optional>
-
 // A tray item as a panel reads it: its properties over org.kde.StatusNotifierItem and its menu over
 // com.canonical.dbusmenu, on the session bus.
 class TrayItemReader
@@ -28,8 +26,6 @@ public:
     // What a person sees: the shown entries, "-" for a separator, a disabled one in brackets, the key
     // hint after a tab ("Narrate Selection\tControl+Alt+S").
     QStringList shownMenu() const;
-    // The entry labelled `label` as shownMenu() writes it, also while it is hidden.
-    QString entryText(const QString &label) const;
     // Clicks the entry labelled `label` as a panel does when the user picks it.
     bool click(const QString &label) const;
 
@@ -42,7 +38,6 @@ private:
     static QString text(const Entry &entry);
     QString menuPath() const;
     QList<Entry> menu() const;
-    std::optional<Entry> find(const QString &label) const;
 
     StatusNotifierWatcher::Item m_item;
 };
