@@ -343,47 +343,35 @@ private Q_SLOTS:
         QCOMPARE(std::pair(about.size(), settings.size()), (std::pair<qsizetype, qsizetype>(1, 0)));
     }
 
-    // state: which of playing, processing, content, expanded are true. items: "narrate" and "expand"
-    // where offered, "|" for the separator after them where shown, "pause" and "stop" where enabled.
-    // A fresh start and playing with the widget collapsed: the menus tst_tray reads.
-    void statusMenuItems_data()
-    {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("items");
-        QTest::addColumn<QString>("pauseLabel");
-
-        const auto row = [](const char *name, const char *state, const char *items, const char *pauseLabel) {
-            QTest::newRow(name) << QString::fromLatin1(state) << QString::fromLatin1(items)
-                                << QString::fromLatin1(pauseLabel);
-        };
-        row("fresh, widget expanded", "expanded", "narrate |", "Pause Narration");
-        row("generating", "processing", "stop", "Generating...");
-        row("generating over old audio", "processing content", "stop", "Generating...");
-        row("generating, expanded", "processing expanded", "stop", "Generating...");
-        row("playing, expanded", "playing content expanded", "pause stop", "Pause Narration");
-        row("paused", "content", "narrate expand | pause stop", "Pause Narration");
-        row("paused, expanded", "content expanded", "narrate | pause stop", "Pause Narration");
-    }
-
+    // State: which of playing, processing, content, expanded are true. Items: "narrate" and "expand" where
+    // offered, "|" for the separator after them where shown, "pause" and "stop" where enabled. A fresh start
+    // and playing with the widget collapsed: the menus tst_tray reads.
     void statusMenuItems()
     {
-        QFETCH(QString, state);
-
-        const QStringList flags = state.split(u' ', Qt::SkipEmptyParts);
-        const StatusMenuState menu =
-            StatusMenuState::compute(flags.contains(u"playing"), flags.contains(u"processing"),
-                                     flags.contains(u"content"), flags.contains(u"expanded"));
-
-        QStringList items;
-        for (const auto &[shown, item] : {std::pair(menu.narrateOffered, "narrate"),
-                                          {menu.expandOffered, "expand"},
-                                          {menu.narrateSeparatorShown, "|"},
-                                          {menu.pauseEnabled, "pause"},
-                                          {menu.stopEnabled, "stop"}})
-            if (shown)
-                items.append(QString::fromLatin1(item));
-        QTEST(items.join(u' '), "items");
-        QTEST(menu.pauseLabel, "pauseLabel");
+        const char *const generating = "Generating...", *const pause = "Pause Narration";
+        for (const auto &[state, items, pauseLabel] :
+             {std::tuple("expanded", "narrate |", pause), // fresh
+              {"processing", "stop", generating},
+              {"processing content", "stop", generating}, // over old audio
+              {"processing expanded", "stop", generating},
+              {"playing content expanded", "pause stop", pause},
+              {"content", "narrate expand | pause stop", pause}, // paused
+              {"content expanded", "narrate | pause stop", pause}}) {
+            const QString flags = QString::fromLatin1(state);
+            const StatusMenuState menu =
+                StatusMenuState::compute(flags.contains(u"playing"), flags.contains(u"processing"),
+                                         flags.contains(u"content"), flags.contains(u"expanded"));
+            QStringList shown;
+            for (const auto &[offered, item] : {std::pair(menu.narrateOffered, "narrate"),
+                                                {menu.expandOffered, "expand"},
+                                                {menu.narrateSeparatorShown, "|"},
+                                                {menu.pauseEnabled, "pause"},
+                                                {menu.stopEnabled, "stop"}})
+                if (offered)
+                    shown.append(QString::fromLatin1(item));
+            QCOMPARE(shown.join(u' '), QString::fromLatin1(items));
+            QCOMPARE(menu.pauseLabel, QString::fromLatin1(pauseLabel));
+        }
     }
 
     // Processing, playing, content, at the end: the status media controls show.
