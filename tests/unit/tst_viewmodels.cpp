@@ -444,37 +444,29 @@ private Q_SLOTS:
                  u"✓ Works"_qs);
     }
 
-    void rowReset_data()
-    {
-        QTest::addColumn<int>("row");
-        QTest::addColumn<QString>("keyCodeKey");
-        const QStringList keys{"hotkeyKeyCode",   "playPauseKeyCode",   "stopKeyCode",
-                               "skipBackKeyCode", "skipForwardKeyCode", "cycleSpeedKeyCode"};
-        for (int row = 0; row < HotkeyManager::kBindingCount; ++row)
-            QTest::newRow(qPrintable(ShortcutSettingsModel::rowTitle(row))) << row << keys.at(row);
-    }
     // A reset writes the row's default back and registers it again.
     void rowReset()
     {
-        QFETCH(int, row);
-        QFETCH(QString, keyCodeKey);
+        const QStringList keys{"hotkeyKeyCode",   "playPauseKeyCode",   "stopKeyCode",
+                               "skipBackKeyCode", "skipForwardKeyCode", "cycleSpeedKeyCode"};
         ShortcutSettingsModel model(m_hotkeys.get(), {});
-        const auto binding = HotkeyManager::Binding(row);
         const QSet<NativeHotKey> defaultGrabs = m_keys->grabbed();
+        for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
+            const auto binding = HotkeyManager::Binding(row);
+            model.record(row, 40, 0x100000); // Command+K
+            QVERIFY(m_keys->grabbed() != defaultGrabs);
+            QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
 
-        model.record(row, 40, 0x100000); // Command+K
-        QVERIFY(m_keys->grabbed() != defaultGrabs);
-        QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
-
-        model.reset(row);
-        QCOMPARE(m_keys->grabbed(), defaultGrabs);
-        QVERIFY(m_hotkeys->isRegistered(binding));
-        const QVariantMap shown = model.rows().at(row).toMap();
-        QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
-        QCOMPARE(shown.value(QStringLiteral("label")),
-                 HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
-                                              HotkeyManager::defaultModifiersFor(binding)));
-        QCOMPARE(m_defaults->unsigned32(keyCodeKey), HotkeyManager::defaultKeyFor(binding));
+            model.reset(row);
+            QCOMPARE(m_keys->grabbed(), defaultGrabs);
+            QVERIFY(m_hotkeys->isRegistered(binding));
+            const QVariantMap shown = model.rows().at(row).toMap();
+            QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
+            QCOMPARE(shown.value(QStringLiteral("label")),
+                     HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
+                                                  HotkeyManager::defaultModifiersFor(binding)));
+            QCOMPARE(m_defaults->unsigned32(keys.at(row)), HotkeyManager::defaultKeyFor(binding));
+        }
     }
 
     // Each period in picker order: its label, its name for the server, and the counts shown on picking
@@ -524,15 +516,6 @@ private Q_SLOTS:
         QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
     }
 
-    // The entry the About switch writes, on its own.
-    void autostartDefaultFolder()
-    {
-        QVERIFY(!qEnvironmentVariableIsEmpty("XDG_CONFIG_HOME"));
-        const QString expected =
-            qEnvironmentVariable("XDG_CONFIG_HOME") + u"/autostart/com.vantor.Quillvox.desktop";
-        QCOMPARE(Autostart().entryPath(), expected);
-    }
-
     void autostartSwitching_data()
     {
         QTest::addColumn<QByteArray>("existing");
@@ -580,8 +563,13 @@ private Q_SLOTS:
         QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
     }
 
-    void autostartUnwritableFolder()
+    // The entry the About switch writes, on its own; and a folder that cannot be made.
+    void autostartFolders()
     {
+        QVERIFY(!qEnvironmentVariableIsEmpty("XDG_CONFIG_HOME"));
+        const QString expected =
+            qEnvironmentVariable("XDG_CONFIG_HOME") + u"/autostart/com.vantor.Quillvox.desktop";
+        QCOMPARE(Autostart().entryPath(), expected);
         writeFile(m_dir->filePath(QStringLiteral("autostart")), "not a folder");
         Autostart autostart(m_dir->path());
         QVERIFY(!autostart.setEnabled(true));
@@ -696,44 +684,37 @@ private Q_SLOTS:
 
     // The widget's title for each state of the narration, on a controller whose speech server takes the
     // request and never answers.
-    void titles_data()
-    {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("title");
-        for (const auto &[row, state, title] : {std::tuple{"nothing loaded", "", "Ready"},
-                                                {"waiting for the server", "generating", "Generating..."},
-                                                {"playing", "playing", "Reading aloud"},
-                                                {"paused", "paused", "Paused"},
-                                                {"no permission", "permission", "Permission required"},
-                                                {"another error", "error", "Something went wrong."}})
-            QTest::newRow(row) << QString::fromLatin1(state) << QString::fromLatin1(title);
-    }
-
     void titles()
     {
-        QFETCH(QString, state);
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
         QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
-        m_speech = makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
-        FloatingWidgetViewModel vm(*m_speech, m_clock);
-        // What a view bound to the title shows: the value at each announcement.
-        QStringList shown{vm.title()};
-        connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
-        if (state == u"generating") {
-            m_speech->speak(QStringLiteral("Hello there."));
-        } else if (state == u"playing" || state == u"paused") {
-            m_speech->replayStoredAudio(silence(5));
-            QTRY_VERIFY(m_speech->isPlaying());
-            if (state == u"paused")
-                m_speech->togglePlayPause();
-        } else if (state == u"permission") {
-            m_speech->setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
-        } else if (state == u"error") {
-            m_speech->setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+        for (const auto &[state, title] : {std::pair{"", "Ready"},
+                                           {"generating", "Generating..."},
+                                           {"playing", "Reading aloud"},
+                                           {"paused", "Paused"},
+                                           {"permission", "Permission required"},
+                                           {"error", "Something went wrong."}}) {
+            m_speech = makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
+            FloatingWidgetViewModel vm(*m_speech, m_clock);
+            // What a view bound to the title shows: the value at each announcement.
+            QStringList shown{vm.title()};
+            connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
+            const QString s = QString::fromLatin1(state);
+            if (s == u"generating") {
+                m_speech->speak(QStringLiteral("Hello there."));
+            } else if (s == u"playing" || s == u"paused") {
+                m_speech->replayStoredAudio(silence(5));
+                QTRY_VERIFY(m_speech->isPlaying());
+                if (s == u"paused")
+                    m_speech->togglePlayPause();
+            } else if (s == u"permission") {
+                m_speech->setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+            } else if (s == u"error") {
+                m_speech->setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+            }
+            QTRY_COMPARE(shown.last(), QString::fromLatin1(title));
         }
-        QFETCH(QString, title);
-        QTRY_COMPARE(shown.last(), title);
     }
 
     // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
