@@ -318,26 +318,12 @@ private Q_SLOTS:
     }
 
     // The history's rows change in place: only the rows that changed are touched, none is rebuilt.
-    void historyRowsInPlace_data()
-    {
-        QTest::addColumn<QString>("before");
-        QTest::addColumn<QString>("after");
-        QTest::addColumn<QString>("removedInsertedChanged");
-        for (const auto &[row, before, after, counts] :
-             {std::tuple{"added at the front", "bc", "abc", "0 1 0"},
-              {"eleventh pushes the last out", "bcd", "abc", "1 1 0"},
-              {"one deleted", "abc", "ac", "1 0 0"},
-              {"cleared", "abc", "", "3 0 0"},
-              {"one starts playing", "abc", "aBc", "0 0 1"}})
-            QTest::newRow(row) << QString::fromLatin1(before) << QString::fromLatin1(after)
-                               << QString::fromLatin1(counts);
-    }
     void historyRowsInPlace()
     {
         // A letter per row; upper case is playing.
-        const auto rows = [](const QString &letters) {
+        const auto rows = [](const char *letters) {
             QList<HistoryListModel::Row> list;
-            for (const QChar letter : letters) {
+            for (const QChar letter : QString::fromLatin1(letters)) {
                 HistoryListModel::Row row;
                 row.id = row.title = letter.toLower();
                 row.playing = letter.isUpper();
@@ -345,19 +331,24 @@ private Q_SLOTS:
             }
             return list;
         };
-        QFETCH(QString, before);
-        QFETCH(QString, after);
-        HistoryListModel model;
-        model.setRows(rows(before));
-        QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
-        QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
-        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
-        QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
-        model.setRows(rows(after));
-        QCOMPARE(model.rows(), rows(after));
-        QTEST(u"%1 %2 %3"_qs.arg(removed.size()).arg(inserted.size()).arg(changed.size()),
-              "removedInsertedChanged");
-        QCOMPARE(reset.size(), 0);
+        // Added at the front, an eleventh pushing the last out, one deleted, cleared, one starting to play.
+        for (const auto &[before, after, removedInsertedChanged] : {std::tuple{"bc", "abc", "0 1 0"},
+                                                                    {"bcd", "abc", "1 1 0"},
+                                                                    {"abc", "ac", "1 0 0"},
+                                                                    {"abc", "", "3 0 0"},
+                                                                    {"abc", "aBc", "0 0 1"}}) {
+            HistoryListModel model;
+            model.setRows(rows(before));
+            QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
+            QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
+            QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+            QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
+            model.setRows(rows(after));
+            QCOMPARE(model.rows(), rows(after));
+            QCOMPARE(u"%1 %2 %3"_qs.arg(removed.size()).arg(inserted.size()).arg(changed.size()),
+                     QLatin1String(removedInsertedChanged));
+            QCOMPARE(reset.size(), 0);
+        }
     }
 
     // What a typed server address is taken as, and where narrations then go.
@@ -794,32 +785,28 @@ private Q_SLOTS:
             QCOMPARE(shown, QString::fromUtf8(expected));
     }
 
-    // Each bar's red, green and blue, to two decimals.
-    void barColors_data()
-    {
-        QTest::addColumn<QString>("themeRaw");
-        QTest::addColumn<QStringList>("colors");
-        const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
-                                   "0.76 0.76 0.76", "0.68 0.68 0.68", "0.60 0.60 0.60"};
-        QTest::newRow("Default runs from white to grey 0.6") << "Default" << defaults;
-        QTest::newRow("an unknown theme falls back to Default") << "Plaid" << defaults;
-        QTest::newRow("Sunset blends through its middle colour")
-            << "Sunset" << QStringList{"1.00 0.50 0.20", "1.00 0.46 0.32", "1.00 0.42 0.44",
-                                       "1.00 0.44 0.50", "1.00 0.52 0.50", "1.00 0.60 0.50"};
-    }
-
+    // Each bar's red, green and blue, to two decimals: Default runs from white to grey 0.6, an unknown theme
+    // falls back to Default, Sunset blends through its middle colour.
     void barColors()
     {
-        QFETCH(QString, themeRaw);
+        const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
+                                   "0.76 0.76 0.76", "0.68 0.68 0.68", "0.60 0.60 0.60"};
         FloatingWidgetViewModel vm(*m_speech, m_clock);
         QSignalSpy repaint(&vm, &FloatingWidgetViewModel::paletteChanged);
-        m_speech->setWidgetThemeRawValue(themeRaw);
-        QStringList shown;
-        for (const QColor &c : vm.palette().barColors)
-            shown << u"%1 %2 %3"_qs.arg(c.redF(), 0, 'f', 2)
-                         .arg(c.greenF(), 0, 'f', 2)
-                         .arg(c.blueF(), 0, 'f', 2);
-        QTEST(shown, "colors");
+        for (const auto &[themeRaw, colors] :
+             {std::pair(u"Default"_qs, defaults),
+              {u"Plaid"_qs, defaults},
+              {u"Sunset"_qs, QStringList{"1.00 0.50 0.20", "1.00 0.46 0.32", "1.00 0.42 0.44",
+                                         "1.00 0.44 0.50", "1.00 0.52 0.50", "1.00 0.60 0.50"}}}) {
+            m_speech->setWidgetThemeRawValue(themeRaw);
+            QStringList shown;
+            for (const QColor &c : vm.palette().barColors)
+                shown << u"%1 %2 %3"_qs.arg(c.redF(), 0, 'f', 2)
+                             .arg(c.greenF(), 0, 'f', 2)
+                             .arg(c.blueF(), 0, 'f', 2);
+            QCOMPARE(shown, colors);
+        }
+        repaint.clear();
         m_speech->setWidgetTheme(WidgetTheme::Crimson);
         QVERIFY(!repaint.isEmpty());
     }
@@ -956,32 +943,27 @@ private Q_SLOTS:
     // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account
     // (none here: pricing as well, the own key being absent); completion completes onboarding.
     // A row: the step, where its main button leads, where "Back" leads, and "back" where that is shown.
-    void steps_data()
+    void steps()
     {
-        QTest::addColumn<QStringList>("row");
-        for (const char *row :
+        for (const char *steps :
              {"welcome signIn welcome", "signIn signIn welcome back", "freeMinutes permissions freeMinutes",
               "permissions tutorial freeMinutes back", "tutorial pricing tutorial",
               "pricing completion pricing", "purchaseConfirmation completion purchaseConfirmation",
-              "completion completion completion"})
-            QTest::newRow(row) << QString::fromLatin1(row).split(u' ');
-    }
-
-    void steps()
-    {
-        QFETCH(QStringList, row);
-        for (const bool forward : {true, false}) {
-            const auto vm = model();
-            reach(*vm, row[0]);
-            QCOMPARE(vm->currentStepName(), row[0]);
-            QCOMPARE(vm->canGoBack(), row.size() == 4);
-            QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
-            if (forward)
-                vm->advance();
-            else
-                vm->previousStep();
-            QCOMPARE(vm->currentStepName(), row[forward ? 1 : 2]);
-            QCOMPARE(completed.size(), forward && row[0] == u"completion" ? 1 : 0);
+              "completion completion completion"}) {
+            const QStringList row = QString::fromLatin1(steps).split(u' ');
+            for (const bool forward : {true, false}) {
+                const auto vm = model();
+                reach(*vm, row[0]);
+                QCOMPARE(vm->currentStepName(), row[0]);
+                QCOMPARE(vm->canGoBack(), row.size() == 4);
+                QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
+                if (forward)
+                    vm->advance();
+                else
+                    vm->previousStep();
+                QCOMPARE(vm->currentStepName(), row[forward ? 1 : 2]);
+                QCOMPARE(completed.size(), forward && row[0] == u"completion" ? 1 : 0);
+            }
         }
     }
 
