@@ -507,51 +507,41 @@ private Q_SLOTS:
         QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
     }
 
-    void autostartSwitching_data()
-    {
-        QTest::addColumn<QByteArray>("existing");
-        QTest::addColumn<bool>("wasEnabled");
-        QTest::addColumn<bool>("enable");
-
-        const QByteArray ours =
-            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
-        QTest::newRow("on, no folder yet") << QByteArray() << false << true;
-        QTest::newRow("off, no entry") << QByteArray() << false << false;
-        QTest::newRow("off, entry there") << ours << true << false;
-        QTest::newRow("on again, entry there") << ours << true << true;
-        QTest::newRow("hidden by the desktop, on") << ours + "Hidden=true\n" << false << true;
-        QTest::newRow("GNOME switched it off, on") << ours + "X-GNOME-Autostart-enabled=false\n"
-                                                   << false << true;
-        QTest::newRow("Hidden of an action does not count")
-            << ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n"
-            << true << false;
-    }
-
+    // The entry there before, whether that counts as on, and the switch.
     void autostartSwitching()
     {
-        QFETCH(QByteArray, existing);
-        QFETCH(bool, enable);
+        const QByteArray ours =
+            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
+        for (const auto &[existing, wasEnabled, enable] :
+             {std::tuple(QByteArray(), false, true), // no folder yet
+              {QByteArray(), false, false},
+              {ours, true, false},
+              {ours, true, true},
+              {ours + "Hidden=true\n", false, true}, // hidden by the desktop
+              {ours + "X-GNOME-Autostart-enabled=false\n", false, true},
+              {ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n", true, false}}) {
+            QTemporaryDir dir;
+            Autostart autostart(dir.path());
+            if (!existing.isNull())
+                writeFile(autostart.entryPath(), existing);
+            QCOMPARE(autostart.isEnabled(), wasEnabled);
 
-        Autostart autostart(m_dir->path());
-        if (!existing.isNull())
-            writeFile(autostart.entryPath(), existing);
-        QTEST(autostart.isEnabled(), "wasEnabled");
-
-        QVERIFY(autostart.setEnabled(enable));
-        QCOMPARE(autostart.isEnabled(), enable);
-        QCOMPARE(Autostart(m_dir->path()).isEnabled(), enable);
-        QCOMPARE(QFile::exists(autostart.entryPath()), enable);
-        if (!enable)
-            return;
-        // What the session will run, in a file the desktop's own tools accept.
-        QProcess validate;
-        validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
-        QVERIFY(validate.waitForFinished());
-        QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
-        QCOMPARE(validate.exitCode(), 0);
-        QFile entry(autostart.entryPath());
-        QVERIFY(entry.open(QIODevice::ReadOnly));
-        QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
+            QVERIFY(autostart.setEnabled(enable));
+            QCOMPARE(autostart.isEnabled(), enable);
+            QCOMPARE(Autostart(dir.path()).isEnabled(), enable);
+            QCOMPARE(QFile::exists(autostart.entryPath()), enable);
+            if (!enable)
+                continue;
+            // What the session will run, in a file the desktop's own tools accept.
+            QProcess validate;
+            validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
+            QVERIFY(validate.waitForFinished());
+            QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
+            QCOMPARE(validate.exitCode(), 0);
+            QFile entry(autostart.entryPath());
+            QVERIFY(entry.open(QIODevice::ReadOnly));
+            QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
+        }
     }
 
     // The entry the About switch writes, on its own; and a folder that cannot be made.
@@ -728,48 +718,43 @@ private Q_SLOTS:
         QCOMPARE(size.size(), 3);
     }
 
-    // Skips and seeks on a real controller playing 10 s of audio; -1: no seek at all.
-    void seeking_data()
-    {
-        QTest::addColumn<double>("heardSeconds");
-        QTest::addColumn<QString>("action");
-        QTest::addColumn<qint64>("frame");
-        QTest::newRow("skip back at 3 s clamps to 0") << 3.0 << "back" << qint64(0);
-        QTest::newRow("skip back at 7 s") << 7.0 << "back" << qint64(48000);
-        QTest::newRow("skip forward at 2 s") << 2.0 << "forward" << qint64(168000);
-        QTest::newRow("seek to 4 s") << 0.0 << "seek 4" << qint64(96000);
-        QTest::newRow("seek past the end goes to the end") << 0.0 << "seek 60" << qint64(240000);
-        QTest::newRow("seek without audio does nothing") << 0.0 << "seek 4" << qint64(-1);
-        QTest::newRow("a click at 40 % of the track") << 0.0 << "track 0.4" << qint64(96000);
-        QTest::newRow("a drag past the track's end") << 0.0 << "track 1.5" << qint64(240000);
-        QTest::newRow("a drag before its start") << 5.0 << "track -0.2" << qint64(0);
-    }
-
+    // Skips and seeks on a real controller playing 10 s of audio, after this many seconds heard; -1: no
+    // audio, and no seek at all.
     void seeking()
     {
-        QFETCH(double, heardSeconds);
-        QFETCH(QString, action);
-        QFETCH(qint64, frame);
-        FloatingWidgetViewModel vm(*m_speech, m_clock);
-        if (frame >= 0) { // 10 s of audio; none for the row that expects no seek
-            m_speech->replayStoredAudio(silence(10));
-            QTRY_VERIFY(m_speech->isPlaying());
-            for (int i = 0; i < int(heardSeconds * 10); ++i)
-                m_sink->advance(2400);
+        for (const auto &[heardSeconds, action, frame] :
+             {std::tuple(3.0, "back", qint64(0)), // clamped to 0
+              {7.0, "back", 48000},
+              {2.0, "forward", 168000},
+              {0.0, "seek 4", 96000},
+              {0.0, "seek 60", 240000}, // past the end goes to the end
+              {0.0, "seek 4", -1},
+              {0.0, "track 0.4", 96000},  // a click at 40 % of the track
+              {0.0, "track 1.5", 240000}, // a drag past the track's end
+              {5.0, "track -0.2", 0}}) {  // and before its start
+            m_speech = makeSpeech();
+            FloatingWidgetViewModel vm(*m_speech, m_clock);
+            if (frame >= 0) {
+                m_speech->replayStoredAudio(silence(10));
+                QTRY_VERIFY(m_speech->isPlaying());
+                for (int i = 0; i < int(heardSeconds * 10); ++i)
+                    m_sink->advance(2400);
+            }
+            QSignalSpy seeks(m_speech.get(), &SpeechManager::seekPerformed);
+            const QString step = QString::fromLatin1(action);
+            if (step == u"back")
+                vm.skipBack();
+            else if (step == u"forward")
+                vm.skipForward();
+            else if (step.startsWith(u"track"))
+                vm.seekToFraction(step.mid(6).toDouble());
+            else
+                vm.seekToTime(step.mid(5).toDouble());
+            if (frame < 0)
+                QTest::qWait(150); // three seek debounces
+            QTRY_COMPARE(seeks.size(), frame < 0 ? 0 : 1);
+            QCOMPARE(seeks.isEmpty() ? -1 : seeks.first().first().toLongLong(), frame);
         }
-        QSignalSpy seeks(m_speech.get(), &SpeechManager::seekPerformed);
-        if (action == u"back")
-            vm.skipBack();
-        else if (action == u"forward")
-            vm.skipForward();
-        else if (action.startsWith(u"track"))
-            vm.seekToFraction(action.mid(6).toDouble());
-        else
-            vm.seekToTime(action.mid(5).toDouble());
-        if (frame < 0)
-            QTest::qWait(150); // three seek debounces
-        QTRY_COMPARE(seeks.size(), frame < 0 ? 0 : 1);
-        QCOMPARE(seeks.isEmpty() ? -1 : seeks.first().first().toLongLong(), frame);
     }
 
     // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
