@@ -257,55 +257,40 @@ private Q_SLOTS:
         stopPortal();
     }
 
-    // Every binding is written back at load, as loaded; a bad stored value falls back to the default.
-    void loading_data()
-    {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<QStringList>("parts");
-        QTest::addColumn<QStringList>("written"); // the stored row's key code key, then what it and the
-                                                  // modifiers hold afterwards
-        const auto row = [](const char *name, const char *stored, int changed, const char *parts,
-                            const char *written) {
-            QStringList all = {"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"};
-            if (changed >= 0) // -1: every binding shows its default
-                all[changed] = QString::fromUtf8(parts);
-            QTest::newRow(name) << QByteArray(stored) << all << QString::fromLatin1(written).split(u' ');
-        };
-        row("nothing stored", "", -1, "", "skipBackKeyCode 13 1572864");
-        row("narration key without modifiers is ignored", "hotkeyKeyCode=12\n", -1, "",
-            "hotkeyKeyCode 1 1572864");
-        row("narration key and modifiers", "hotkeyKeyCode=12\nhotkeyModifiers=1048576\n", 0, "⌘Q",
-            "hotkeyKeyCode 12 1048576");
-        row("narration code naming no key becomes S with the stored modifiers",
-            "hotkeyKeyCode=52\nhotkeyModifiers=262144\n", 0, "⌃S", "hotkeyKeyCode 1 262144");
-        row("narration key -1: both default", "hotkeyKeyCode=-1\nhotkeyModifiers=262144\n", -1, "",
-            "hotkeyKeyCode 1 1572864");
-        row("stop code naming no key keeps its own modifiers", "stopKeyCode=52\nstopModifiers=262144\n", 2,
-            "⌃Q", "stopKeyCode 12 262144");
-        row("stop key -1 falls back alone", "stopKeyCode=-1\nstopModifiers=131072\n", 2, "⇧Q",
-            "stopKeyCode 12 131072");
-        row("play/pause key without modifiers keeps the key", "playPauseKeyCode=0\n", 1, "⌥⌘A",
-            "playPauseKeyCode 0 1572864");
-        row("cycle speed modifiers with foreign bits kept", "cycleSpeedModifiers=1900544\n", 5, "⌃⌥⌘T",
-            "cycleSpeedKeyCode 17 1900544");
-    }
-
+    // Every binding is written back at load, as loaded; a bad stored value falls back to the default. A row:
+    // the raw lines, the changed row (-1: every binding shows its default) and what it shows, then the stored
+    // row's key code key and what it and the modifiers hold afterwards.
     void loading()
     {
-        QFETCH(QByteArray, stored);
-        QFETCH(QStringList, written);
-        restart(stored);
-        QTEST(allParts(*m_manager), "parts");
-        for (int b = 0; b < HotkeyManager::kBindingCount; ++b)
-            QVERIFY(m_manager->isRegistered(HotkeyManager::Binding(b)));
-        QCOMPARE(m_backend->grabbed().size(), 6);
-        m_defaults->sync();
-        QSettings raw(m_path, QSettings::IniFormat);
-        QCOMPARE(raw.allKeys().size(), 12);
-        const QString modifiersKey = QString(written[0]).replace(u"KeyCode"_qs, u"Modifiers"_qs);
-        QCOMPARE(
-            (QStringList{written[0], raw.value(written[0]).toString(), raw.value(modifiersKey).toString()}),
-            written);
+        for (const auto &[stored, changed, parts, written] :
+             {std::tuple("", -1, "", "skipBackKeyCode 13 1572864"),
+              {"hotkeyKeyCode=12\n", -1, "", "hotkeyKeyCode 1 1572864"}, // key without modifiers: ignored
+              {"hotkeyKeyCode=12\nhotkeyModifiers=1048576\n", 0, "⌘Q", "hotkeyKeyCode 12 1048576"},
+              // A code naming no key becomes S with the stored modifiers.
+              {"hotkeyKeyCode=52\nhotkeyModifiers=262144\n", 0, "⌃S", "hotkeyKeyCode 1 262144"},
+              {"hotkeyKeyCode=-1\nhotkeyModifiers=262144\n", -1, "", "hotkeyKeyCode 1 1572864"}, // both
+              // Stop's code naming no key keeps its own modifiers; its key -1 falls back alone.
+              {"stopKeyCode=52\nstopModifiers=262144\n", 2, "⌃Q", "stopKeyCode 12 262144"},
+              {"stopKeyCode=-1\nstopModifiers=131072\n", 2, "⇧Q", "stopKeyCode 12 131072"},
+              {"playPauseKeyCode=0\n", 1, "⌥⌘A", "playPauseKeyCode 0 1572864"}, // keeps the key
+              {"cycleSpeedModifiers=1900544\n", 5, "⌃⌥⌘T", "cycleSpeedKeyCode 17 1900544"}}) { // foreign bits
+            restart(stored);
+            QStringList all = {"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"};
+            if (changed >= 0)
+                all[changed] = QString::fromUtf8(parts);
+            QCOMPARE(allParts(*m_manager), all);
+            for (int b = 0; b < HotkeyManager::kBindingCount; ++b)
+                QVERIFY(m_manager->isRegistered(HotkeyManager::Binding(b)));
+            QCOMPARE(m_backend->grabbed().size(), 6);
+            m_defaults->sync();
+            QSettings raw(m_path, QSettings::IniFormat);
+            QCOMPARE(raw.allKeys().size(), 12);
+            const QStringList expected = QString::fromLatin1(written).split(u' ');
+            const QString modifiersKey = QString(expected[0]).replace(u"KeyCode"_qs, u"Modifiers"_qs);
+            QCOMPARE((QStringList{expected[0], raw.value(expected[0]).toString(),
+                                  raw.value(modifiersKey).toString()}),
+                     expected);
+        }
     }
 
     void shortcutParts()
