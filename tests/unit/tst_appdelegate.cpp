@@ -252,9 +252,8 @@ private Q_SLOTS:
         }
     }
 
-    // The running instance's channel: which callback URLs are routed, the profile's bus name, and requests
-    // crossing a real (private) session bus from a connection of their own to the instance's handler.
-    void urlRoute()
+    // The running instance's channel: which callback URLs are routed, and the profile's bus name.
+    void urlRouteAndBusName()
     {
         const std::pair<Route, QStringList> rows[] = {
             {Route::AuthCallback, // the scheme is not checked
@@ -268,16 +267,12 @@ private Q_SLOTS:
             for (const QString &url : urls)
                 QCOMPARE(RemoteControl::urlRoute(url), route);
         }
-    }
-
-    // The default profile has the plain name; any other configuration folder one of its own.
-    void busName()
-    {
-        const std::pair<const char *, QString> rows[] = {{"/home/ann/.config", QString()},
-                                                         {"/home/ann/.config/", QString()},
-                                                         {"/tmp/profile/config", u"Profile_4722d43b96"_qs},
-                                                         {"/tmp/prófile", u"Profile_6fb65a684f"_qs}};
-        for (const auto &[folder, profile] : rows) {
+        // The default profile has the plain name; any other configuration folder one of its own.
+        const std::pair<const char *, QString> folders[] = {{"/home/ann/.config", QString()},
+                                                            {"/home/ann/.config/", QString()},
+                                                            {"/tmp/profile/config", u"Profile_4722d43b96"_qs},
+                                                            {"/tmp/prófile", u"Profile_6fb65a684f"_qs}};
+        for (const auto &[folder, profile] : folders) {
             const QString name = SingleInstance::busNameFor(QString::fromUtf8(folder), u"/home/ann"_qs);
             QCOMPARE(name, u"com.vantor.Quillvox"_qs + (profile.isEmpty() ? QString() : u'.' + profile));
             QCOMPARE(SingleInstance::objectPathFor(name),

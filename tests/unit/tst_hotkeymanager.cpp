@@ -303,7 +303,7 @@ private Q_SLOTS:
             {76, 0x100000, {"⌘", "?"}, "Ctrl+Num Enter"},
             {36, 0x80000, {"⌥", "↩"}, "Alt+Enter"},
             {48, 0, {"⇥"}, "Tab"},
-            {63, 0, {"?"}, "Fn"}}; // Function has a name of its own (namedKeys())
+            {63, 0, {"?"}, "Fn"}}; // Function has a name of its own (keyTable())
         for (const auto &[key, modifiers, parts, label] : rows) {
             QCOMPARE(HotkeyManager::shortcutParts(key, modifiers), parts);
             QCOMPARE(HotkeyManager::shortcutLabel(key, modifiers), QString::fromUtf8(label));
@@ -453,10 +453,10 @@ private Q_SLOTS:
                  std::tuple(u"⌥⌘S"_qs, QStringList{"⌥", "⌘", "S"}, u"Ctrl+Alt+S"_qs));
     }
 
-    // Every named key has its names, and each one with a PC counterpart comes back from its X keycode:
-    // no two keys share a position. Every letter and digit shows as itself; everything else outside the
-    // short list shows as "?".
-    void namedKeys()
+    // The table of keys. Every named key has its names, and each one with a PC counterpart comes back from
+    // its X keycode: no two keys share a position. Every letter and digit shows as itself; everything else
+    // outside the short list shows as "?".
+    void keyTable()
     {
         const QList<quint32> gaps = {52, 66, 68, 70, 77, 93, 94, 95, 102, 104, 108, 110, 112};
         const QString allowed = QStringLiteral("⇥↩↑→↓←⎋⌫?");
@@ -485,32 +485,24 @@ private Q_SLOTS:
         // Below the evdev offset, and a media key no binding can name.
         for (const quint32 xKeyCode : {8u, quint32(KEY_PLAYPAUSE + 8)})
             QCOMPARE(KeyTable::virtualKeyCodeForXKeyCode(xKeyCode), std::nullopt);
-    }
-
-    // The X keycode is the evdev code + 8 (and leads back to the same key: namedKeys()). Command is Ctrl,
-    // Option is Alt, Control is Super; digit 5 sits before 6 in codes, after in place; Function (63) has no
-    // PC key.
-    void positionalMapping()
-    {
+        // The X keycode is the evdev code + 8 (and leads back to the same key: above). Command is Ctrl,
+        // Option is Alt, Control is Super; digit 5 sits before 6 in codes, after in place; Function (63) has
+        // no PC key.
         const std::optional<quint32> none;
-        const std::pair<quint32, std::optional<quint32>> rows[] = {
+        const std::pair<quint32, std::optional<quint32>> positions[] = {
             {0, KEY_A},        {8, KEY_C},         {12, KEY_Q},    {23, KEY_5}, {55, KEY_LEFTCTRL},
             {58, KEY_LEFTALT}, {59, KEY_LEFTMETA}, {105, KEY_F13}, {63, none},  {127, none}};
-        for (const auto &[virtualKeyCode, evdev] : rows) {
+        for (const auto &[virtualKeyCode, evdev] : positions) {
             QCOMPARE(KeyTable::evdevCode(virtualKeyCode), evdev);
             QCOMPARE(KeyTable::xKeyCode(virtualKeyCode), evdev ? std::optional(*evdev + 8) : none);
         }
-    }
-
-    // Flags, their X modifiers, and the flags those give back.
-    void modifierMapping()
-    {
-        const std::tuple<quint64, quint32, quint64> rows[] = {
+        // Flags, their X modifiers, and the flags those give back.
+        const std::tuple<quint64, quint32, quint64> modifiers[] = {
             {0x40000, 0x40, 0x40000},    // Control is Super (Mod4)
             {0x100000, 0x04, 0x100000},  // Command is Ctrl
             {0x1E0000, 0x4d, 0x1E0000},  // all four
             {0x910000, 0x04, 0x100000}}; // Caps Lock and Function bits have no grab
-        for (const auto &[flags, xModifiers, flagsBack] : rows) {
+        for (const auto &[flags, xModifiers, flagsBack] : modifiers) {
             QCOMPARE(KeyTable::xModifiers(flags), xModifiers);
             QCOMPARE(KeyTable::modifierFlagsForXModifiers(xModifiers), flagsBack);
         }

@@ -771,8 +771,8 @@ private Q_SLOTS:
     }
 
     // Each bar's red, green and blue, to two decimals: Default runs from white to grey 0.6, an unknown theme
-    // falls back to Default, Sunset blends through its middle colour.
-    void barColors()
+    // falls back to Default, Sunset blends through its middle colour. Then the buttons' state.
+    void barColorsAndPlayState()
     {
         const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
                                    "0.76 0.76 0.76", "0.68 0.68 0.68", "0.60 0.60 0.60"};
@@ -794,12 +794,8 @@ private Q_SLOTS:
         repaint.clear();
         m_speech->setWidgetTheme(WidgetTheme::Crimson);
         QVERIFY(!repaint.isEmpty());
-    }
-
-    // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
-    // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
-    void playStateAndTimeline()
-    {
+        // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
+        // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
         using P = FloatingWidgetViewModel::PlayState;
         const std::tuple<bool, bool, bool, P> states[] = {{true, true, true, P::Loading},
                                                           {true, false, false, P::Loading},
