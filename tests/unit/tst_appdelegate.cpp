@@ -341,7 +341,7 @@ private Q_SLOTS:
     // State: which of playing, processing, content, expanded are true. Items: "narrate" and "expand" where
     // offered, "|" for the separator after them where shown, "pause" and "stop" where enabled. A fresh start
     // and playing with the widget collapsed: the menus tst_tray reads.
-    void statusMenuItems()
+    void statusMenuAndMediaStatus()
     {
         const char *const generating = "Generating...", *const pause = "Pause Narration";
         for (const auto &[state, items, pauseLabel] :
@@ -367,11 +367,7 @@ private Q_SLOTS:
             QCOMPARE(shown.join(u' '), QString::fromLatin1(items));
             QCOMPARE(menu.pauseLabel, QString::fromLatin1(pauseLabel));
         }
-    }
-
-    // Processing, playing, content, at the end: the status media controls show.
-    void mprisPlaybackStatus()
-    {
+        // Processing, playing, content, at the end: the status media controls show.
         const std::tuple<bool, bool, bool, bool, const char *> rows[] = {
             {false, false, false, false, "Stopped"}, // nothing loaded
             {true, false, true, false, "Playing"},   // generating

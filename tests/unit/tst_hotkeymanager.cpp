@@ -395,6 +395,12 @@ private Q_SLOTS:
         QCOMPARE(std::tuple(m_manager->hotkeyRegistered(), status.count(),
                             m_manager->registrationProblem(HotkeyManager::Narration)),
                  std::tuple(true, qsizetype(1), QString()));
+        // Without a display nothing registers.
+        restart({}, std::make_unique<NullGlobalHotKeys>(false));
+        QVERIFY(!m_manager->hotkeyRegistered() && !m_manager->cycleSpeedRegistered());
+        // The narration shortcut is still the one the menu and the settings show.
+        QCOMPARE(std::tuple(m_manager->displayString(), m_manager->displayParts(), m_manager->displayLabel()),
+                 std::tuple(u"⌥⌘S"_qs, QStringList{"⌥", "⌘", "S"}, u"Ctrl+Alt+S"_qs));
     }
 
     void keyRepeat()
@@ -442,15 +448,6 @@ private Q_SLOTS:
             QCoreApplication::processEvents();
             QCOMPARE(m_controls.calls, calls);
         }
-    }
-
-    void withoutDisplayNothingRegisters()
-    {
-        restart({}, std::make_unique<NullGlobalHotKeys>(false));
-        QVERIFY(!m_manager->hotkeyRegistered() && !m_manager->cycleSpeedRegistered());
-        // The narration shortcut is still the one the menu and the settings show.
-        QCOMPARE(std::tuple(m_manager->displayString(), m_manager->displayParts(), m_manager->displayLabel()),
-                 std::tuple(u"⌥⌘S"_qs, QStringList{"⌥", "⌘", "S"}, u"Ctrl+Alt+S"_qs));
     }
 
     // The table of keys. Every named key has its names, and each one with a PC counterpart comes back from

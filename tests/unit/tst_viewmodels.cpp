@@ -608,12 +608,8 @@ private Q_SLOTS:
                      : help == 'd' ? model.desktopBindingsIntro()
                                    : QString());
         }
-    }
-
-    // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or
-    // GNOME's custom shortcuts with the current combinations, modifiers in PC names.
-    void desktopBindings()
-    {
+        // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or
+        // GNOME's custom shortcuts with the current combinations, modifiers in PC names.
         const QStringList sway = ShortcutSettingsModel::desktopBindings(true).split(u'\n');
         QCOMPARE(sway.size(), 6);
         QCOMPARE(sway.first(), QStringLiteral("bindsym Ctrl+Alt+s exec quillvox --narrate-selection"));
@@ -665,7 +661,7 @@ private Q_SLOTS:
 
     // The widget's title for each state of the narration, on a controller whose speech server takes the
     // request and never answers.
-    void titles()
+    void titlesSubtitleAndSize()
     {
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
@@ -696,11 +692,7 @@ private Q_SLOTS:
             }
             QTRY_COMPARE(shown.last(), QString::fromLatin1(title));
         }
-    }
-
-    // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
-    void subtitleAndSize()
-    {
+        // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
         FloatingWidgetViewModel vm(*m_speech, m_clock);
         QSignalSpy subtitles(&vm, &FloatingWidgetViewModel::subtitleChanged);
         m_speech->setSelectedVoice(QStringLiteral("cedar"));
@@ -1092,7 +1084,7 @@ private Q_SLOTS:
 
     // The purchase page is reached through the token exchange; characters outside the query set are
     // escaped.
-    void tokenExchangeUrl()
+    void purchase()
     {
         for (const auto &[packageId, escaped] :
              {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
@@ -1104,10 +1096,6 @@ private Q_SLOTS:
                 u"https://svc.test/api/auth/token-exchange?code=c0de&next=/api/credits/purchase-redirect?package="_qs +
                     escaped);
         }
-    }
-
-    void purchaseSuccessConfirmsTheSelectedPackage()
-    {
         const auto vm = model();
         vm->goTo(OnboardingStep::pricing);
         vm->purchase(QStringLiteral("pro")); // no session: fails, but the package stays selected
