@@ -749,21 +749,8 @@ private Q_SLOTS:
         }
     }
 
-    // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
-    void labels()
-    {
-        const std::pair<QString, const char *> rows[] = {
-            {WidgetFormat::timeLabel(65.4), "1:05"},           {WidgetFormat::timeLabel(-3), "0:03"},
-            {WidgetFormat::timeLabel(59.5), "1:00"},           {WidgetFormat::timeLabel(3600), "60:00"},
-            {WidgetFormat::speedLabel(2.0), "2.0x"},           {OnboardingPackage::hoursText(1.0), "1 hour"},
-            {OnboardingPackage::hoursText(3.33), "3.3 hours"}, {OnboardingPackage::priceText(1999), "$19.99"},
-            {OnboardingPackage::priceText(5), "$0.05"}};
-        for (const auto &[shown, expected] : rows)
-            QCOMPARE(shown, QString::fromUtf8(expected));
-    }
-
     // Each bar's red, green and blue, to two decimals: Default runs from white to grey 0.6, an unknown theme
-    // falls back to Default, Sunset blends through its middle colour. Then the buttons' state.
+    // falls back to Default, Sunset blends through its middle colour. Then the buttons' state and the labels.
     void barColorsAndPlayState()
     {
         const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
@@ -803,6 +790,15 @@ private Q_SLOTS:
                                                                 {false, true, 0.0f, true}};
         for (const auto &[playing, processing, tallestBar, runs] : timeline)
             QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
+        // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
+        const std::pair<QString, const char *> rows[] = {
+            {WidgetFormat::timeLabel(65.4), "1:05"},           {WidgetFormat::timeLabel(-3), "0:03"},
+            {WidgetFormat::timeLabel(59.5), "1:00"},           {WidgetFormat::timeLabel(3600), "60:00"},
+            {WidgetFormat::speedLabel(2.0), "2.0x"},           {OnboardingPackage::hoursText(1.0), "1 hour"},
+            {OnboardingPackage::hoursText(3.33), "3.3 hours"}, {OnboardingPackage::priceText(1999), "$19.99"},
+            {OnboardingPackage::priceText(5), "$0.05"}};
+        for (const auto &[shown, expected] : rows)
+            QCOMPARE(shown, QString::fromUtf8(expected));
     }
 
     void waveformFollowsPlayback()
