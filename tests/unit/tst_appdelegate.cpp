@@ -252,9 +252,8 @@ private Q_SLOTS:
         }
     }
 
-    // The running instance's channel: which callback URLs are routed, the profile's bus name, and requests
-    // crossing a real (private) session bus from a connection of their own to the instance's handler.
-    void urlRoute()
+    // The running instance's channel: which callback URLs are routed, and the profile's bus name.
+    void urlRouteAndBusName()
     {
         const std::pair<Route, QStringList> rows[] = {
             {Route::AuthCallback, // the scheme is not checked
@@ -268,16 +267,12 @@ private Q_SLOTS:
             for (const QString &url : urls)
                 QCOMPARE(RemoteControl::urlRoute(url), route);
         }
-    }
-
-    // The default profile has the plain name; any other configuration folder one of its own.
-    void busName()
-    {
-        const std::pair<const char *, QString> rows[] = {{"/home/ann/.config", QString()},
-                                                         {"/home/ann/.config/", QString()},
-                                                         {"/tmp/profile/config", u"Profile_4722d43b96"_qs},
-                                                         {"/tmp/prófile", u"Profile_6fb65a684f"_qs}};
-        for (const auto &[folder, profile] : rows) {
+        // The default profile has the plain name; any other configuration folder one of its own.
+        const std::pair<const char *, QString> folders[] = {{"/home/ann/.config", QString()},
+                                                            {"/home/ann/.config/", QString()},
+                                                            {"/tmp/profile/config", u"Profile_4722d43b96"_qs},
+                                                            {"/tmp/prófile", u"Profile_6fb65a684f"_qs}};
+        for (const auto &[folder, profile] : folders) {
             const QString name = SingleInstance::busNameFor(QString::fromUtf8(folder), u"/home/ann"_qs);
             QCOMPARE(name, u"com.vantor.Quillvox"_qs + (profile.isEmpty() ? QString() : u'.' + profile));
             QCOMPARE(SingleInstance::objectPathFor(name),
@@ -343,52 +338,36 @@ private Q_SLOTS:
         QCOMPARE(std::pair(about.size(), settings.size()), (std::pair<qsizetype, qsizetype>(1, 0)));
     }
 
-    // state: which of playing, processing, content, expanded are true. items: "narrate" and "expand"
-    // where offered, "|" for the separator after them where shown, "pause" and "stop" where enabled.
-    // A fresh start and playing with the widget collapsed: the menus tst_tray reads.
-    void statusMenuItems_data()
+    // State: which of playing, processing, content, expanded are true. Items: "narrate" and "expand" where
+    // offered, "|" for the separator after them where shown, "pause" and "stop" where enabled. A fresh start
+    // and playing with the widget collapsed: the menus tst_tray reads.
+    void statusMenuAndMediaStatus()
     {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("items");
-        QTest::addColumn<QString>("pauseLabel");
-
-        const auto row = [](const char *name, const char *state, const char *items, const char *pauseLabel) {
-            QTest::newRow(name) << QString::fromLatin1(state) << QString::fromLatin1(items)
-                                << QString::fromLatin1(pauseLabel);
-        };
-        row("fresh, widget expanded", "expanded", "narrate |", "Pause Narration");
-        row("generating", "processing", "stop", "Generating...");
-        row("generating over old audio", "processing content", "stop", "Generating...");
-        row("generating, expanded", "processing expanded", "stop", "Generating...");
-        row("playing, expanded", "playing content expanded", "pause stop", "Pause Narration");
-        row("paused", "content", "narrate expand | pause stop", "Pause Narration");
-        row("paused, expanded", "content expanded", "narrate | pause stop", "Pause Narration");
-    }
-
-    void statusMenuItems()
-    {
-        QFETCH(QString, state);
-
-        const QStringList flags = state.split(u' ', Qt::SkipEmptyParts);
-        const StatusMenuState menu =
-            StatusMenuState::compute(flags.contains(u"playing"), flags.contains(u"processing"),
-                                     flags.contains(u"content"), flags.contains(u"expanded"));
-
-        QStringList items;
-        for (const auto &[shown, item] : {std::pair(menu.narrateOffered, "narrate"),
-                                          {menu.expandOffered, "expand"},
-                                          {menu.narrateSeparatorShown, "|"},
-                                          {menu.pauseEnabled, "pause"},
-                                          {menu.stopEnabled, "stop"}})
-            if (shown)
-                items.append(QString::fromLatin1(item));
-        QTEST(items.join(u' '), "items");
-        QTEST(menu.pauseLabel, "pauseLabel");
-    }
-
-    // Processing, playing, content, at the end: the status media controls show.
-    void mprisPlaybackStatus()
-    {
+        const char *const generating = "Generating...", *const pause = "Pause Narration";
+        for (const auto &[state, items, pauseLabel] :
+             {std::tuple("expanded", "narrate |", pause), // fresh
+              {"processing", "stop", generating},
+              {"processing content", "stop", generating}, // over old audio
+              {"processing expanded", "stop", generating},
+              {"playing content expanded", "pause stop", pause},
+              {"content", "narrate expand | pause stop", pause}, // paused
+              {"content expanded", "narrate | pause stop", pause}}) {
+            const QString flags = QString::fromLatin1(state);
+            const StatusMenuState menu =
+                StatusMenuState::compute(flags.contains(u"playing"), flags.contains(u"processing"),
+                                         flags.contains(u"content"), flags.contains(u"expanded"));
+            QStringList shown;
+            for (const auto &[offered, item] : {std::pair(menu.narrateOffered, "narrate"),
+                                                {menu.expandOffered, "expand"},
+                                                {menu.narrateSeparatorShown, "|"},
+                                                {menu.pauseEnabled, "pause"},
+                                                {menu.stopEnabled, "stop"}})
+                if (offered)
+                    shown.append(QString::fromLatin1(item));
+            QCOMPARE(shown.join(u' '), QString::fromLatin1(items));
+            QCOMPARE(menu.pauseLabel, QString::fromLatin1(pauseLabel));
+        }
+        // Processing, playing, content, at the end: the status media controls show.
         const std::tuple<bool, bool, bool, bool, const char *> rows[] = {
             {false, false, false, false, "Stopped"}, // nothing loaded
             {true, false, true, false, "Playing"},   // generating
@@ -458,106 +437,96 @@ private Q_SLOTS:
     // The executable run as a user runs it, with no instance or with one owning this profile's bus name.
     // What reaches the running instance and what the user is told: help and version win over anything,
     // Qt's options are Qt's, "-" is standard input, and a refusal is one line with the instance's reason.
-    void commands_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QByteArray>("input");
-        QTest::addColumn<QString>("instance"); // none, ok, refuse, hang
-        QTest::addColumn<int>("exitCode");
-        // The first line of standard error, else of standard output; a start's own are not looked at ("*").
-        QTest::addColumn<QString>("printed");
-        QTest::addColumn<QStringList>("heard");
-
-        const auto row = [](const char *name, const QStringList &arguments, const QByteArray &input,
-                            const char *instance, int exitCode, const char *printed,
-                            const QStringList &heard) {
-            QTest::newRow(name) << arguments << input << QString::fromLatin1(instance) << exitCode
-                                << QString::fromUtf8(printed) << heard;
-        };
-        // Wrong arguments: the same refusal whether an instance runs or not, and it hears nothing.
-        for (const char *instance : {"none", "ok"}) {
-            const auto wrong = [&](const char *name, const QStringList &arguments, const char *error) {
-                row(qPrintable(u"%1, %2"_qs.arg(QLatin1String(name), QLatin1String(instance))), arguments, {},
-                    instance, 1, error, {});
-            };
-            wrong("unknown option", {"--bogus"}, "quillvox: Unknown option 'bogus'.");
-            wrong("bare word", {"hello"}, "quillvox: Unexpected argument 'hello'.");
-            wrong("empty text", {"--speak", " "}, "quillvox: Nothing to narrate: the text is empty.");
-            wrong("speed without speak", {"--speed", "3"}, "quillvox: --speed goes with --speak.");
-            wrong("unsupported speed", {"--speak", "hi", "--speed", "3"},
-                  "quillvox: Unsupported speed \"3\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0");
-            wrong("unknown voice", {"--speak", "hi", "--voice", "nosuch"},
-                  "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, onyx, "
-                  "shimmer");
-            wrong("two actions", {"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time.");
-            wrong("URL with an action", {"--toggle", "quillvox://auth/callback"},
-                  "quillvox: Unexpected argument 'quillvox://auth/callback'.");
-            wrong("wait without speak", {"--wait", "--toggle"}, "quillvox: --wait goes with --speak.");
-        }
-        const QString version = QStringLiteral("Quillvox " QUILLVOX_VERSION);
-        row("help beside speak", {"--speak", "x", "--help"}, {}, "ok", 0, "Usage: quillvox [options] [url]",
-            {});
-        row("help beside two actions", {"--toggle", "--stop", "-h"}, {}, "ok", 0,
-            "Usage: quillvox [options] [url]", {});
-        row("version beside a wrong option", {"--bogus", "--version"}, {}, "none", 0, qPrintable(version),
-            {});
-        row("Qt's options", {"-platform", "offscreen", "-style=fusion", "--display", ":9", "--toggle"}, {},
-            "ok", 0, "", {"toggle|"});
-        row("none running", {"-platform", "offscreen", "--status"}, {}, "none", 2, "Quillvox is not running.",
-            {});
-        row("text from standard input", {"--speak", "-"}, "Read from a pipe.\n", "ok", 0, "",
-            {"speak|Read from a pipe.\n"});
-        row("blank standard input", {"--speak", "-"}, " \n", "ok", 1,
-            "quillvox: Nothing to narrate: the text is empty.", {});
-        row("standard input not UTF-8", {"--speak", "-"}, "\xff\xfe", "ok", 1,
-            "quillvox: The text on standard input is not UTF-8.", {});
-        row("speak refused", {"--speak", "Hello."}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
-            {"speak|Hello."});
-        row("control refused", {"--narrate-selection"}, {}, "refuse", 1,
-            "quillvox: No key, and not signed in.", {"narrate-selection|"});
-        row("status", {"--status"}, {}, "ok", 0, R"({"backend":"none"})", {"status|"});
-        row("status refused", {"--status"}, {}, "refuse", 1, "quillvox: No key, and not signed in.",
-            {"status|"});
-        row("not answering", {"--toggle"}, {}, "hang", 1, "quillvox: Quillvox is running but not answering.",
-            {"toggle|"});
-        // A plain start asks for the window and passes on the launcher's leave to bring one forward; a
-        // login start leaves the running one alone.
-        row("plain start", {}, {}, "ok", 0, "*", {"startup-id|launcher-42_TIME1234", "activate|"});
-        row("start at login", {"--autostart"}, {}, "ok", 0, "*", {"status|"});
-    }
-
     void commands()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(QByteArray, input);
-        QFETCH(QString, instance);
-        QFETCH(QString, printed);
-
-        std::unique_ptr<SingleInstance> running;
-        QStringList commands;
-        if (instance != u"none") {
-            running = std::make_unique<SingleInstance>();
-            QVERIFY(running->listen([&](const QString &command, const QString &argument) {
-                commands.append(command + u'|' + argument);
-                if (instance == u"hang")
-                    QThread::sleep(6);
-                return QJsonObject{{u"ok"_qs, instance != u"refuse"},
-                                   {u"error"_qs, u"No key, and not signed in."_qs}, // read only on a refusal
-                                   {u"status"_qs, QJsonObject{{u"backend"_qs, "none"}}}};
-            }));
-            connect(running.get(), &SingleInstance::startupIdReceived, this, [&](const QByteArray &id) {
-                commands.append(u"startup-id|"_qs + QString::fromLatin1(id));
-            });
+        // The instance: none, ok, refuse, hang. Printed: the first line of standard error, else of standard
+        // output; a start's own are not looked at ("*").
+        struct Row
+        {
+            QStringList arguments;
+            QByteArray input;
+            QString instance;
+            int exitCode;
+            const char *printed;
+            QStringList heard;
+        };
+        QList<Row> rows;
+        // Wrong arguments: the same refusal whether an instance runs or not, and it hears nothing.
+        for (const char *instance : {"none", "ok"}) {
+            for (const auto &[arguments, error] : std::initializer_list<std::pair<QStringList, const char *>>{
+                     {{"--bogus"}, "quillvox: Unknown option 'bogus'."},
+                     {{"hello"}, "quillvox: Unexpected argument 'hello'."},
+                     {{"--speak", " "}, "quillvox: Nothing to narrate: the text is empty."},
+                     {{"--speed", "3"}, "quillvox: --speed goes with --speak."},
+                     {{"--speak", "hi", "--speed", "3"},
+                      "quillvox: Unsupported speed \"3\". Speeds: 0.5, 1.0, 1.25, 1.5, 2.0"},
+                     {{"--speak", "hi", "--voice", "nosuch"},
+                      "quillvox: Unknown voice \"nosuch\". Voices: marin, cedar, alloy, echo, fable, nova, "
+                      "onyx, shimmer"},
+                     {{"--toggle", "--stop"}, "quillvox: Give one of --toggle, --stop at a time."},
+                     {{"--toggle", "quillvox://auth/callback"},
+                      "quillvox: Unexpected argument 'quillvox://auth/callback'."},
+                     {{"--wait", "--toggle"}, "quillvox: --wait goes with --speak."}})
+                rows.append({arguments, {}, QString::fromLatin1(instance), 1, error, {}});
         }
-        qputenv("DESKTOP_STARTUP_ID", "launcher-42_TIME1234");
-        const Outcome outcome = run(arguments, input);
-        qunsetenv("DESKTOP_STARTUP_ID");
-        QTEST(outcome.exitCode, "exitCode");
-        if (printed != u"*")
-            QCOMPARE(outcome.firstErrorLine.isEmpty() ? QString::fromUtf8(outcome.output).section(u'\n', 0, 0)
-                                                      : outcome.firstErrorLine,
-                     printed);
-        QTEST(commands, "heard");
+        const QByteArray version = "Quillvox " QUILLVOX_VERSION;
+        const char *const usage = "Usage: quillvox [options] [url]",
+                          *const refused = "quillvox: No key, and not signed in.";
+        rows += QList<Row>{
+            {{"--speak", "x", "--help"}, {}, "ok", 0, usage, {}}, // help and version win over anything
+            {{"--toggle", "--stop", "-h"}, {}, "ok", 0, usage, {}},
+            {{"--bogus", "--version"}, {}, "none", 0, version.constData(), {}},
+            {{"-platform", "offscreen", "-style=fusion", "--display", ":9", "--toggle"},
+             {},
+             "ok",
+             0,
+             "",
+             {"toggle|"}}, // Qt's options are Qt's
+            {{"-platform", "offscreen", "--status"}, {}, "none", 2, "Quillvox is not running.", {}},
+            {{"--speak", "-"}, "Read from a pipe.\n", "ok", 0, "", {"speak|Read from a pipe.\n"}},
+            {{"--speak", "-"}, " \n", "ok", 1, "quillvox: Nothing to narrate: the text is empty.", {}},
+            {{"--speak", "-"}, "\xff\xfe", "ok", 1, "quillvox: The text on standard input is not UTF-8.", {}},
+            {{"--speak", "Hello."}, {}, "refuse", 1, refused, {"speak|Hello."}},
+            {{"--narrate-selection"}, {}, "refuse", 1, refused, {"narrate-selection|"}},
+            {{"--status"}, {}, "ok", 0, R"({"backend":"none"})", {"status|"}},
+            {{"--status"}, {}, "refuse", 1, refused, {"status|"}},
+            {{"--toggle"}, {}, "hang", 1, "quillvox: Quillvox is running but not answering.", {"toggle|"}},
+            // A plain start asks for the window and passes on the launcher's leave to bring one forward;
+            // a login start leaves the running one alone.
+            {{}, {}, "ok", 0, "*", {"startup-id|launcher-42_TIME1234", "activate|"}},
+            {{"--autostart"}, {}, "ok", 0, "*", {"status|"}}};
+
+        for (const Row &row : std::as_const(rows)) {
+            std::unique_ptr<SingleInstance> running;
+            QStringList commands;
+            if (row.instance != u"none") {
+                running = std::make_unique<SingleInstance>();
+                QVERIFY(running->listen([&](const QString &command, const QString &argument) {
+                    commands.append(command + u'|' + argument);
+                    if (row.instance == u"hang")
+                        QThread::sleep(6);
+                    return QJsonObject{
+                        {u"ok"_qs, row.instance != u"refuse"},
+                        {u"error"_qs, u"No key, and not signed in."_qs}, // read only on a refusal
+                        {u"status"_qs, QJsonObject{{u"backend"_qs, "none"}}}};
+                }));
+                connect(running.get(), &SingleInstance::startupIdReceived, this, [&](const QByteArray &id) {
+                    commands.append(u"startup-id|"_qs + QString::fromLatin1(id));
+                });
+            }
+            qputenv("DESKTOP_STARTUP_ID", "launcher-42_TIME1234");
+            const Outcome outcome = run(row.arguments, row.input);
+            qunsetenv("DESKTOP_STARTUP_ID");
+            const QString context = row.arguments.join(u' ') + u" with instance " + row.instance;
+            QVERIFY2(outcome.exitCode == row.exitCode,
+                     qPrintable(context + u" exited " + QString::number(outcome.exitCode)));
+            if (qstrcmp(row.printed, "*"))
+                QCOMPARE(outcome.firstErrorLine.isEmpty()
+                             ? QString::fromUtf8(outcome.output).section(u'\n', 0, 0)
+                             : outcome.firstErrorLine,
+                         QString::fromUtf8(row.printed));
+            QVERIFY2(commands == row.heard, qPrintable(context + u": " + commands.join(u',')));
+        }
     }
 };
 

@@ -257,55 +257,40 @@ private Q_SLOTS:
         stopPortal();
     }
 
-    // Every binding is written back at load, as loaded; a bad stored value falls back to the default.
-    void loading_data()
-    {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<QStringList>("parts");
-        QTest::addColumn<QStringList>("written"); // the stored row's key code key, then what it and the
-                                                  // modifiers hold afterwards
-        const auto row = [](const char *name, const char *stored, int changed, const char *parts,
-                            const char *written) {
-            QStringList all = {"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"};
-            if (changed >= 0) // -1: every binding shows its default
-                all[changed] = QString::fromUtf8(parts);
-            QTest::newRow(name) << QByteArray(stored) << all << QString::fromLatin1(written).split(u' ');
-        };
-        row("nothing stored", "", -1, "", "skipBackKeyCode 13 1572864");
-        row("narration key without modifiers is ignored", "hotkeyKeyCode=12\n", -1, "",
-            "hotkeyKeyCode 1 1572864");
-        row("narration key and modifiers", "hotkeyKeyCode=12\nhotkeyModifiers=1048576\n", 0, "⌘Q",
-            "hotkeyKeyCode 12 1048576");
-        row("narration code naming no key becomes S with the stored modifiers",
-            "hotkeyKeyCode=52\nhotkeyModifiers=262144\n", 0, "⌃S", "hotkeyKeyCode 1 262144");
-        row("narration key -1: both default", "hotkeyKeyCode=-1\nhotkeyModifiers=262144\n", -1, "",
-            "hotkeyKeyCode 1 1572864");
-        row("stop code naming no key keeps its own modifiers", "stopKeyCode=52\nstopModifiers=262144\n", 2,
-            "⌃Q", "stopKeyCode 12 262144");
-        row("stop key -1 falls back alone", "stopKeyCode=-1\nstopModifiers=131072\n", 2, "⇧Q",
-            "stopKeyCode 12 131072");
-        row("play/pause key without modifiers keeps the key", "playPauseKeyCode=0\n", 1, "⌥⌘A",
-            "playPauseKeyCode 0 1572864");
-        row("cycle speed modifiers with foreign bits kept", "cycleSpeedModifiers=1900544\n", 5, "⌃⌥⌘T",
-            "cycleSpeedKeyCode 17 1900544");
-    }
-
+    // Every binding is written back at load, as loaded; a bad stored value falls back to the default. A row:
+    // the raw lines, the changed row (-1: every binding shows its default) and what it shows, then the stored
+    // row's key code key and what it and the modifiers hold afterwards.
     void loading()
     {
-        QFETCH(QByteArray, stored);
-        QFETCH(QStringList, written);
-        restart(stored);
-        QTEST(allParts(*m_manager), "parts");
-        for (int b = 0; b < HotkeyManager::kBindingCount; ++b)
-            QVERIFY(m_manager->isRegistered(HotkeyManager::Binding(b)));
-        QCOMPARE(m_backend->grabbed().size(), 6);
-        m_defaults->sync();
-        QSettings raw(m_path, QSettings::IniFormat);
-        QCOMPARE(raw.allKeys().size(), 12);
-        const QString modifiersKey = QString(written[0]).replace(u"KeyCode"_qs, u"Modifiers"_qs);
-        QCOMPARE(
-            (QStringList{written[0], raw.value(written[0]).toString(), raw.value(modifiersKey).toString()}),
-            written);
+        for (const auto &[stored, changed, parts, written] :
+             {std::tuple("", -1, "", "skipBackKeyCode 13 1572864"),
+              {"hotkeyKeyCode=12\n", -1, "", "hotkeyKeyCode 1 1572864"}, // key without modifiers: ignored
+              {"hotkeyKeyCode=12\nhotkeyModifiers=1048576\n", 0, "⌘Q", "hotkeyKeyCode 12 1048576"},
+              // A code naming no key becomes S with the stored modifiers.
+              {"hotkeyKeyCode=52\nhotkeyModifiers=262144\n", 0, "⌃S", "hotkeyKeyCode 1 262144"},
+              {"hotkeyKeyCode=-1\nhotkeyModifiers=262144\n", -1, "", "hotkeyKeyCode 1 1572864"}, // both
+              // Stop's code naming no key keeps its own modifiers; its key -1 falls back alone.
+              {"stopKeyCode=52\nstopModifiers=262144\n", 2, "⌃Q", "stopKeyCode 12 262144"},
+              {"stopKeyCode=-1\nstopModifiers=131072\n", 2, "⇧Q", "stopKeyCode 12 131072"},
+              {"playPauseKeyCode=0\n", 1, "⌥⌘A", "playPauseKeyCode 0 1572864"}, // keeps the key
+              {"cycleSpeedModifiers=1900544\n", 5, "⌃⌥⌘T", "cycleSpeedKeyCode 17 1900544"}}) { // foreign bits
+            restart(stored);
+            QStringList all = {"⌥⌘S", "⌥⌘E", "⌥⌘Q", "⌥⌘W", "⌥⌘R", "⌥⌘T"};
+            if (changed >= 0)
+                all[changed] = QString::fromUtf8(parts);
+            QCOMPARE(allParts(*m_manager), all);
+            for (int b = 0; b < HotkeyManager::kBindingCount; ++b)
+                QVERIFY(m_manager->isRegistered(HotkeyManager::Binding(b)));
+            QCOMPARE(m_backend->grabbed().size(), 6);
+            m_defaults->sync();
+            QSettings raw(m_path, QSettings::IniFormat);
+            QCOMPARE(raw.allKeys().size(), 12);
+            const QStringList expected = QString::fromLatin1(written).split(u' ');
+            const QString modifiersKey = QString(expected[0]).replace(u"KeyCode"_qs, u"Modifiers"_qs);
+            QCOMPARE((QStringList{expected[0], raw.value(expected[0]).toString(),
+                                  raw.value(modifiersKey).toString()}),
+                     expected);
+        }
     }
 
     void shortcutParts()
@@ -316,7 +301,9 @@ private Q_SLOTS:
             {49, 0, {"Space"}, "Space"},
             {53, 0x810000, {"⎋"}, "Esc"}, // foreign bits show nothing
             {76, 0x100000, {"⌘", "?"}, "Ctrl+Num Enter"},
-            {36, 0x80000, {"⌥", "↩"}, "Alt+Enter"}};
+            {36, 0x80000, {"⌥", "↩"}, "Alt+Enter"},
+            {48, 0, {"⇥"}, "Tab"},
+            {63, 0, {"?"}, "Fn"}}; // Function has a name of its own (keyTable())
         for (const auto &[key, modifiers, parts, label] : rows) {
             QCOMPARE(HotkeyManager::shortcutParts(key, modifiers), parts);
             QCOMPARE(HotkeyManager::shortcutLabel(key, modifiers), QString::fromUtf8(label));
@@ -408,6 +395,12 @@ private Q_SLOTS:
         QCOMPARE(std::tuple(m_manager->hotkeyRegistered(), status.count(),
                             m_manager->registrationProblem(HotkeyManager::Narration)),
                  std::tuple(true, qsizetype(1), QString()));
+        // Without a display nothing registers.
+        restart({}, std::make_unique<NullGlobalHotKeys>(false));
+        QVERIFY(!m_manager->hotkeyRegistered() && !m_manager->cycleSpeedRegistered());
+        // The narration shortcut is still the one the menu and the settings show.
+        QCOMPARE(std::tuple(m_manager->displayString(), m_manager->displayParts(), m_manager->displayLabel()),
+                 std::tuple(u"⌥⌘S"_qs, QStringList{"⌥", "⌘", "S"}, u"Ctrl+Alt+S"_qs));
     }
 
     void keyRepeat()
@@ -457,19 +450,10 @@ private Q_SLOTS:
         }
     }
 
-    void withoutDisplayNothingRegisters()
-    {
-        restart({}, std::make_unique<NullGlobalHotKeys>(false));
-        QVERIFY(!m_manager->hotkeyRegistered() && !m_manager->cycleSpeedRegistered());
-        // The narration shortcut is still the one the menu and the settings show.
-        QCOMPARE(std::tuple(m_manager->displayString(), m_manager->displayParts(), m_manager->displayLabel()),
-                 std::tuple(u"⌥⌘S"_qs, QStringList{"⌥", "⌘", "S"}, u"Ctrl+Alt+S"_qs));
-    }
-
-    // Every named key has its names, and each one with a PC counterpart comes back from its X keycode:
-    // no two keys share a position. Every letter and digit shows as itself; everything else outside the
-    // short list shows as "?".
-    void namedKeys()
+    // The table of keys. Every named key has its names, and each one with a PC counterpart comes back from
+    // its X keycode: no two keys share a position. Every letter and digit shows as itself; everything else
+    // outside the short list shows as "?".
+    void keyTable()
     {
         const QList<quint32> gaps = {52, 66, 68, 70, 77, 93, 94, 95, 102, 104, 108, 110, 112};
         const QString allowed = QStringLiteral("⇥↩↑→↓←⎋⌫?");
@@ -498,32 +482,24 @@ private Q_SLOTS:
         // Below the evdev offset, and a media key no binding can name.
         for (const quint32 xKeyCode : {8u, quint32(KEY_PLAYPAUSE + 8)})
             QCOMPARE(KeyTable::virtualKeyCodeForXKeyCode(xKeyCode), std::nullopt);
-    }
-
-    // The X keycode is the evdev code + 8 (and leads back to the same key: namedKeys()). Command is Ctrl,
-    // Option is Alt, Control is Super; digit 5 sits before 6 in codes, after in place; Function (63) has no
-    // PC key.
-    void positionalMapping()
-    {
+        // The X keycode is the evdev code + 8 (and leads back to the same key: above). Command is Ctrl,
+        // Option is Alt, Control is Super; digit 5 sits before 6 in codes, after in place; Function (63) has
+        // no PC key.
         const std::optional<quint32> none;
-        const std::pair<quint32, std::optional<quint32>> rows[] = {
+        const std::pair<quint32, std::optional<quint32>> positions[] = {
             {0, KEY_A},        {8, KEY_C},         {12, KEY_Q},    {23, KEY_5}, {55, KEY_LEFTCTRL},
             {58, KEY_LEFTALT}, {59, KEY_LEFTMETA}, {105, KEY_F13}, {63, none},  {127, none}};
-        for (const auto &[virtualKeyCode, evdev] : rows) {
+        for (const auto &[virtualKeyCode, evdev] : positions) {
             QCOMPARE(KeyTable::evdevCode(virtualKeyCode), evdev);
             QCOMPARE(KeyTable::xKeyCode(virtualKeyCode), evdev ? std::optional(*evdev + 8) : none);
         }
-    }
-
-    // Flags, their X modifiers, and the flags those give back.
-    void modifierMapping()
-    {
-        const std::tuple<quint64, quint32, quint64> rows[] = {
+        // Flags, their X modifiers, and the flags those give back.
+        const std::tuple<quint64, quint32, quint64> modifiers[] = {
             {0x40000, 0x40, 0x40000},    // Control is Super (Mod4)
             {0x100000, 0x04, 0x100000},  // Command is Ctrl
             {0x1E0000, 0x4d, 0x1E0000},  // all four
             {0x910000, 0x04, 0x100000}}; // Caps Lock and Function bits have no grab
-        for (const auto &[flags, xModifiers, flagsBack] : rows) {
+        for (const auto &[flags, xModifiers, flagsBack] : modifiers) {
             QCOMPARE(KeyTable::xModifiers(flags), xModifiers);
             QCOMPARE(KeyTable::modifierFlagsForXModifiers(xModifiers), flagsBack);
         }
@@ -531,16 +507,6 @@ private Q_SLOTS:
         QCOMPARE(
             KeyTable::modifierFlagsForQt(Qt::KeypadModifier | Qt::GroupSwitchModifier | Qt::ShiftModifier),
             0x20000ull);
-    }
-
-    // Names shortcutParts() does not show.
-    void keyNames()
-    {
-        for (const auto &[code, display, label] :
-             {std::tuple(48u, u"⇥"_qs, u"Tab"_qs), {63u, u"?"_qs, u"Fn"_qs}}) {
-            QCOMPARE(KeyTable::displayName(code), display);
-            QCOMPARE(KeyTable::linuxLabel(code), label);
-        }
     }
 
     // The control a settings row records a new combination with (Escape and a letter alone: recorder()).

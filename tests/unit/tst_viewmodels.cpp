@@ -318,26 +318,12 @@ private Q_SLOTS:
     }
 
     // The history's rows change in place: only the rows that changed are touched, none is rebuilt.
-    void historyRowsInPlace_data()
-    {
-        QTest::addColumn<QString>("before");
-        QTest::addColumn<QString>("after");
-        QTest::addColumn<QString>("removedInsertedChanged");
-        for (const auto &[row, before, after, counts] :
-             {std::tuple{"added at the front", "bc", "abc", "0 1 0"},
-              {"eleventh pushes the last out", "bcd", "abc", "1 1 0"},
-              {"one deleted", "abc", "ac", "1 0 0"},
-              {"cleared", "abc", "", "3 0 0"},
-              {"one starts playing", "abc", "aBc", "0 0 1"}})
-            QTest::newRow(row) << QString::fromLatin1(before) << QString::fromLatin1(after)
-                               << QString::fromLatin1(counts);
-    }
     void historyRowsInPlace()
     {
         // A letter per row; upper case is playing.
-        const auto rows = [](const QString &letters) {
+        const auto rows = [](const char *letters) {
             QList<HistoryListModel::Row> list;
-            for (const QChar letter : letters) {
+            for (const QChar letter : QString::fromLatin1(letters)) {
                 HistoryListModel::Row row;
                 row.id = row.title = letter.toLower();
                 row.playing = letter.isUpper();
@@ -345,19 +331,24 @@ private Q_SLOTS:
             }
             return list;
         };
-        QFETCH(QString, before);
-        QFETCH(QString, after);
-        HistoryListModel model;
-        model.setRows(rows(before));
-        QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
-        QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
-        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
-        QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
-        model.setRows(rows(after));
-        QCOMPARE(model.rows(), rows(after));
-        QTEST(u"%1 %2 %3"_qs.arg(removed.size()).arg(inserted.size()).arg(changed.size()),
-              "removedInsertedChanged");
-        QCOMPARE(reset.size(), 0);
+        // Added at the front, an eleventh pushing the last out, one deleted, cleared, one starting to play.
+        for (const auto &[before, after, removedInsertedChanged] : {std::tuple{"bc", "abc", "0 1 0"},
+                                                                    {"bcd", "abc", "1 1 0"},
+                                                                    {"abc", "ac", "1 0 0"},
+                                                                    {"abc", "", "3 0 0"},
+                                                                    {"abc", "aBc", "0 0 1"}}) {
+            HistoryListModel model;
+            model.setRows(rows(before));
+            QSignalSpy removed(&model, &QAbstractItemModel::rowsRemoved);
+            QSignalSpy inserted(&model, &QAbstractItemModel::rowsInserted);
+            QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+            QSignalSpy reset(&model, &QAbstractItemModel::modelReset);
+            model.setRows(rows(after));
+            QCOMPARE(model.rows(), rows(after));
+            QCOMPARE(u"%1 %2 %3"_qs.arg(removed.size()).arg(inserted.size()).arg(changed.size()),
+                     QLatin1String(removedInsertedChanged));
+            QCOMPARE(reset.size(), 0);
+        }
     }
 
     // What a typed server address is taken as, and where narrations then go.
@@ -444,37 +435,29 @@ private Q_SLOTS:
                  u"✓ Works"_qs);
     }
 
-    void rowReset_data()
-    {
-        QTest::addColumn<int>("row");
-        QTest::addColumn<QString>("keyCodeKey");
-        const QStringList keys{"hotkeyKeyCode",   "playPauseKeyCode",   "stopKeyCode",
-                               "skipBackKeyCode", "skipForwardKeyCode", "cycleSpeedKeyCode"};
-        for (int row = 0; row < HotkeyManager::kBindingCount; ++row)
-            QTest::newRow(qPrintable(ShortcutSettingsModel::rowTitle(row))) << row << keys.at(row);
-    }
     // A reset writes the row's default back and registers it again.
     void rowReset()
     {
-        QFETCH(int, row);
-        QFETCH(QString, keyCodeKey);
+        const QStringList keys{"hotkeyKeyCode",   "playPauseKeyCode",   "stopKeyCode",
+                               "skipBackKeyCode", "skipForwardKeyCode", "cycleSpeedKeyCode"};
         ShortcutSettingsModel model(m_hotkeys.get(), {});
-        const auto binding = HotkeyManager::Binding(row);
         const QSet<NativeHotKey> defaultGrabs = m_keys->grabbed();
+        for (int row = 0; row < HotkeyManager::kBindingCount; ++row) {
+            const auto binding = HotkeyManager::Binding(row);
+            model.record(row, 40, 0x100000); // Command+K
+            QVERIFY(m_keys->grabbed() != defaultGrabs);
+            QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
 
-        model.record(row, 40, 0x100000); // Command+K
-        QVERIFY(m_keys->grabbed() != defaultGrabs);
-        QCOMPARE(model.rows().at(row).toMap().value(QStringLiteral("isDefault")), false);
-
-        model.reset(row);
-        QCOMPARE(m_keys->grabbed(), defaultGrabs);
-        QVERIFY(m_hotkeys->isRegistered(binding));
-        const QVariantMap shown = model.rows().at(row).toMap();
-        QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
-        QCOMPARE(shown.value(QStringLiteral("label")),
-                 HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
-                                              HotkeyManager::defaultModifiersFor(binding)));
-        QCOMPARE(m_defaults->unsigned32(keyCodeKey), HotkeyManager::defaultKeyFor(binding));
+            model.reset(row);
+            QCOMPARE(m_keys->grabbed(), defaultGrabs);
+            QVERIFY(m_hotkeys->isRegistered(binding));
+            const QVariantMap shown = model.rows().at(row).toMap();
+            QCOMPARE(shown.value(QStringLiteral("isDefault")), true);
+            QCOMPARE(shown.value(QStringLiteral("label")),
+                     HotkeyManager::shortcutLabel(HotkeyManager::defaultKeyFor(binding),
+                                                  HotkeyManager::defaultModifiersFor(binding)));
+            QCOMPARE(m_defaults->unsigned32(keys.at(row)), HotkeyManager::defaultKeyFor(binding));
+        }
     }
 
     // Each period in picker order: its label, its name for the server, and the counts shown on picking
@@ -524,64 +507,50 @@ private Q_SLOTS:
         QCOMPARE(m_opened, QList<QUrl>{QUrl(u"https://site.test"_qs)});
     }
 
-    // The entry the About switch writes, on its own.
-    void autostartDefaultFolder()
+    // The entry there before, whether that counts as on, and the switch.
+    void autostartSwitching()
+    {
+        const QByteArray ours =
+            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
+        for (const auto &[existing, wasEnabled, enable] :
+             {std::tuple(QByteArray(), false, true), // no folder yet
+              {QByteArray(), false, false},
+              {ours, true, false},
+              {ours, true, true},
+              {ours + "Hidden=true\n", false, true}, // hidden by the desktop
+              {ours + "X-GNOME-Autostart-enabled=false\n", false, true},
+              {ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n", true, false}}) {
+            QTemporaryDir dir;
+            Autostart autostart(dir.path());
+            if (!existing.isNull())
+                writeFile(autostart.entryPath(), existing);
+            QCOMPARE(autostart.isEnabled(), wasEnabled);
+
+            QVERIFY(autostart.setEnabled(enable));
+            QCOMPARE(autostart.isEnabled(), enable);
+            QCOMPARE(Autostart(dir.path()).isEnabled(), enable);
+            QCOMPARE(QFile::exists(autostart.entryPath()), enable);
+            if (!enable)
+                continue;
+            // What the session will run, in a file the desktop's own tools accept.
+            QProcess validate;
+            validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
+            QVERIFY(validate.waitForFinished());
+            QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
+            QCOMPARE(validate.exitCode(), 0);
+            QFile entry(autostart.entryPath());
+            QVERIFY(entry.open(QIODevice::ReadOnly));
+            QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
+        }
+    }
+
+    // The entry the About switch writes, on its own; and a folder that cannot be made.
+    void autostartFolders()
     {
         QVERIFY(!qEnvironmentVariableIsEmpty("XDG_CONFIG_HOME"));
         const QString expected =
             qEnvironmentVariable("XDG_CONFIG_HOME") + u"/autostart/com.vantor.Quillvox.desktop";
         QCOMPARE(Autostart().entryPath(), expected);
-    }
-
-    void autostartSwitching_data()
-    {
-        QTest::addColumn<QByteArray>("existing");
-        QTest::addColumn<bool>("wasEnabled");
-        QTest::addColumn<bool>("enable");
-
-        const QByteArray ours =
-            "[Desktop Entry]\nType=Application\nName=Quillvox\nExec=quillvox --autostart\n";
-        QTest::newRow("on, no folder yet") << QByteArray() << false << true;
-        QTest::newRow("off, no entry") << QByteArray() << false << false;
-        QTest::newRow("off, entry there") << ours << true << false;
-        QTest::newRow("on again, entry there") << ours << true << true;
-        QTest::newRow("hidden by the desktop, on") << ours + "Hidden=true\n" << false << true;
-        QTest::newRow("GNOME switched it off, on") << ours + "X-GNOME-Autostart-enabled=false\n"
-                                                   << false << true;
-        QTest::newRow("Hidden of an action does not count")
-            << ours + "\n[Desktop Action narrate]\nName=Narrate\nHidden=true\n"
-            << true << false;
-    }
-
-    void autostartSwitching()
-    {
-        QFETCH(QByteArray, existing);
-        QFETCH(bool, enable);
-
-        Autostart autostart(m_dir->path());
-        if (!existing.isNull())
-            writeFile(autostart.entryPath(), existing);
-        QTEST(autostart.isEnabled(), "wasEnabled");
-
-        QVERIFY(autostart.setEnabled(enable));
-        QCOMPARE(autostart.isEnabled(), enable);
-        QCOMPARE(Autostart(m_dir->path()).isEnabled(), enable);
-        QCOMPARE(QFile::exists(autostart.entryPath()), enable);
-        if (!enable)
-            return;
-        // What the session will run, in a file the desktop's own tools accept.
-        QProcess validate;
-        validate.start(QStringLiteral("desktop-file-validate"), {autostart.entryPath()});
-        QVERIFY(validate.waitForFinished());
-        QCOMPARE(validate.readAllStandardOutput() + validate.readAllStandardError(), QByteArray());
-        QCOMPARE(validate.exitCode(), 0);
-        QFile entry(autostart.entryPath());
-        QVERIFY(entry.open(QIODevice::ReadOnly));
-        QVERIFY(entry.readAll().contains("\nExec=quillvox --autostart\n"));
-    }
-
-    void autostartUnwritableFolder()
-    {
         writeFile(m_dir->filePath(QStringLiteral("autostart")), "not a folder");
         Autostart autostart(m_dir->path());
         QVERIFY(!autostart.setEnabled(true));
@@ -639,12 +608,8 @@ private Q_SLOTS:
                      : help == 'd' ? model.desktopBindingsIntro()
                                    : QString());
         }
-    }
-
-    // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or
-    // GNOME's custom shortcuts with the current combinations, modifiers in PC names.
-    void desktopBindings()
-    {
+        // Without global shortcuts: sway's configuration lines (keysyms in lower case), the bare commands, or
+        // GNOME's custom shortcuts with the current combinations, modifiers in PC names.
         const QStringList sway = ShortcutSettingsModel::desktopBindings(true).split(u'\n');
         QCOMPARE(sway.size(), 6);
         QCOMPARE(sway.first(), QStringLiteral("bindsym Ctrl+Alt+s exec quillvox --narrate-selection"));
@@ -696,49 +661,38 @@ private Q_SLOTS:
 
     // The widget's title for each state of the narration, on a controller whose speech server takes the
     // request and never answers.
-    void titles_data()
+    void titlesSubtitleAndSize()
     {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("title");
-        for (const auto &[row, state, title] : {std::tuple{"nothing loaded", "", "Ready"},
-                                                {"waiting for the server", "generating", "Generating..."},
-                                                {"playing", "playing", "Reading aloud"},
-                                                {"paused", "paused", "Paused"},
-                                                {"no permission", "permission", "Permission required"},
-                                                {"another error", "error", "Something went wrong."}})
-            QTest::newRow(row) << QString::fromLatin1(state) << QString::fromLatin1(title);
-    }
-
-    void titles()
-    {
-        QFETCH(QString, state);
         QTcpServer silent;
         QVERIFY(silent.listen(QHostAddress::LocalHost));
         QVERIFY(m_keychain->save(QStringLiteral("sk-test"), KeychainKey::openAIAPIKey));
-        m_speech = makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
-        FloatingWidgetViewModel vm(*m_speech, m_clock);
-        // What a view bound to the title shows: the value at each announcement.
-        QStringList shown{vm.title()};
-        connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
-        if (state == u"generating") {
-            m_speech->speak(QStringLiteral("Hello there."));
-        } else if (state == u"playing" || state == u"paused") {
-            m_speech->replayStoredAudio(silence(5));
-            QTRY_VERIFY(m_speech->isPlaying());
-            if (state == u"paused")
-                m_speech->togglePlayPause();
-        } else if (state == u"permission") {
-            m_speech->setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
-        } else if (state == u"error") {
-            m_speech->setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+        for (const auto &[state, title] : {std::pair{"", "Ready"},
+                                           {"generating", "Generating..."},
+                                           {"playing", "Reading aloud"},
+                                           {"paused", "Paused"},
+                                           {"permission", "Permission required"},
+                                           {"error", "Something went wrong."}}) {
+            m_speech = makeSpeech(QUrl(u"http://127.0.0.1:%1"_qs.arg(silent.serverPort())));
+            FloatingWidgetViewModel vm(*m_speech, m_clock);
+            // What a view bound to the title shows: the value at each announcement.
+            QStringList shown{vm.title()};
+            connect(&vm, &FloatingWidgetViewModel::titleChanged, this, [&] { shown << vm.title(); });
+            const QString s = QString::fromLatin1(state);
+            if (s == u"generating") {
+                m_speech->speak(QStringLiteral("Hello there."));
+            } else if (s == u"playing" || s == u"paused") {
+                m_speech->replayStoredAudio(silence(5));
+                QTRY_VERIFY(m_speech->isPlaying());
+                if (s == u"paused")
+                    m_speech->togglePlayPause();
+            } else if (s == u"permission") {
+                m_speech->setCurrentError(SpeechError::make(SpeechError::accessibilityPermissionMissing));
+            } else if (s == u"error") {
+                m_speech->setCurrentError(SpeechError::makeNetworkError(QStringLiteral("offline")));
+            }
+            QTRY_COMPARE(shown.last(), QString::fromLatin1(title));
         }
-        QFETCH(QString, title);
-        QTRY_COMPARE(shown.last(), title);
-    }
-
-    // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
-    void subtitleAndSize()
-    {
+        // The subtitle follows the voice and style; the widget is drawn full size while hovered or pinned.
         FloatingWidgetViewModel vm(*m_speech, m_clock);
         QSignalSpy subtitles(&vm, &FloatingWidgetViewModel::subtitleChanged);
         m_speech->setSelectedVoice(QStringLiteral("cedar"));
@@ -756,97 +710,71 @@ private Q_SLOTS:
         QCOMPARE(size.size(), 3);
     }
 
-    // Skips and seeks on a real controller playing 10 s of audio; -1: no seek at all.
-    void seeking_data()
-    {
-        QTest::addColumn<double>("heardSeconds");
-        QTest::addColumn<QString>("action");
-        QTest::addColumn<qint64>("frame");
-        QTest::newRow("skip back at 3 s clamps to 0") << 3.0 << "back" << qint64(0);
-        QTest::newRow("skip back at 7 s") << 7.0 << "back" << qint64(48000);
-        QTest::newRow("skip forward at 2 s") << 2.0 << "forward" << qint64(168000);
-        QTest::newRow("seek to 4 s") << 0.0 << "seek 4" << qint64(96000);
-        QTest::newRow("seek past the end goes to the end") << 0.0 << "seek 60" << qint64(240000);
-        QTest::newRow("seek without audio does nothing") << 0.0 << "seek 4" << qint64(-1);
-        QTest::newRow("a click at 40 % of the track") << 0.0 << "track 0.4" << qint64(96000);
-        QTest::newRow("a drag past the track's end") << 0.0 << "track 1.5" << qint64(240000);
-        QTest::newRow("a drag before its start") << 5.0 << "track -0.2" << qint64(0);
-    }
-
+    // Skips and seeks on a real controller playing 10 s of audio, after this many seconds heard; -1: no
+    // audio, and no seek at all.
     void seeking()
     {
-        QFETCH(double, heardSeconds);
-        QFETCH(QString, action);
-        QFETCH(qint64, frame);
-        FloatingWidgetViewModel vm(*m_speech, m_clock);
-        if (frame >= 0) { // 10 s of audio; none for the row that expects no seek
-            m_speech->replayStoredAudio(silence(10));
-            QTRY_VERIFY(m_speech->isPlaying());
-            for (int i = 0; i < int(heardSeconds * 10); ++i)
-                m_sink->advance(2400);
+        for (const auto &[heardSeconds, action, frame] :
+             {std::tuple(3.0, "back", qint64(0)), // clamped to 0
+              {7.0, "back", 48000},
+              {2.0, "forward", 168000},
+              {0.0, "seek 4", 96000},
+              {0.0, "seek 60", 240000}, // past the end goes to the end
+              {0.0, "seek 4", -1},
+              {0.0, "track 0.4", 96000},  // a click at 40 % of the track
+              {0.0, "track 1.5", 240000}, // a drag past the track's end
+              {5.0, "track -0.2", 0}}) {  // and before its start
+            m_speech = makeSpeech();
+            FloatingWidgetViewModel vm(*m_speech, m_clock);
+            if (frame >= 0) {
+                m_speech->replayStoredAudio(silence(10));
+                QTRY_VERIFY(m_speech->isPlaying());
+                for (int i = 0; i < int(heardSeconds * 10); ++i)
+                    m_sink->advance(2400);
+            }
+            QSignalSpy seeks(m_speech.get(), &SpeechManager::seekPerformed);
+            const QString step = QString::fromLatin1(action);
+            if (step == u"back")
+                vm.skipBack();
+            else if (step == u"forward")
+                vm.skipForward();
+            else if (step.startsWith(u"track"))
+                vm.seekToFraction(step.mid(6).toDouble());
+            else
+                vm.seekToTime(step.mid(5).toDouble());
+            if (frame < 0)
+                QTest::qWait(150); // three seek debounces
+            QTRY_COMPARE(seeks.size(), frame < 0 ? 0 : 1);
+            QCOMPARE(seeks.isEmpty() ? -1 : seeks.first().first().toLongLong(), frame);
         }
-        QSignalSpy seeks(m_speech.get(), &SpeechManager::seekPerformed);
-        if (action == u"back")
-            vm.skipBack();
-        else if (action == u"forward")
-            vm.skipForward();
-        else if (action.startsWith(u"track"))
-            vm.seekToFraction(action.mid(6).toDouble());
-        else
-            vm.seekToTime(action.mid(5).toDouble());
-        if (frame < 0)
-            QTest::qWait(150); // three seek debounces
-        QTRY_COMPARE(seeks.size(), frame < 0 ? 0 : 1);
-        QCOMPARE(seeks.isEmpty() ? -1 : seeks.first().first().toLongLong(), frame);
     }
 
-    // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
-    void labels()
+    // Each bar's red, green and blue, to two decimals: Default runs from white to grey 0.6, an unknown theme
+    // falls back to Default, Sunset blends through its middle colour. Then the buttons' state and the labels.
+    void barColorsAndPlayState()
     {
-        const std::pair<QString, const char *> rows[] = {
-            {WidgetFormat::timeLabel(65.4), "1:05"},           {WidgetFormat::timeLabel(-3), "0:03"},
-            {WidgetFormat::timeLabel(59.5), "1:00"},           {WidgetFormat::timeLabel(3600), "60:00"},
-            {WidgetFormat::speedLabel(2.0), "2.0x"},           {OnboardingPackage::hoursText(1.0), "1 hour"},
-            {OnboardingPackage::hoursText(3.33), "3.3 hours"}, {OnboardingPackage::priceText(1999), "$19.99"},
-            {OnboardingPackage::priceText(5), "$0.05"}};
-        for (const auto &[shown, expected] : rows)
-            QCOMPARE(shown, QString::fromUtf8(expected));
-    }
-
-    // Each bar's red, green and blue, to two decimals.
-    void barColors_data()
-    {
-        QTest::addColumn<QString>("themeRaw");
-        QTest::addColumn<QStringList>("colors");
         const QStringList defaults{"1.00 1.00 1.00", "0.92 0.92 0.92", "0.84 0.84 0.84",
                                    "0.76 0.76 0.76", "0.68 0.68 0.68", "0.60 0.60 0.60"};
-        QTest::newRow("Default runs from white to grey 0.6") << "Default" << defaults;
-        QTest::newRow("an unknown theme falls back to Default") << "Plaid" << defaults;
-        QTest::newRow("Sunset blends through its middle colour")
-            << "Sunset" << QStringList{"1.00 0.50 0.20", "1.00 0.46 0.32", "1.00 0.42 0.44",
-                                       "1.00 0.44 0.50", "1.00 0.52 0.50", "1.00 0.60 0.50"};
-    }
-
-    void barColors()
-    {
-        QFETCH(QString, themeRaw);
         FloatingWidgetViewModel vm(*m_speech, m_clock);
         QSignalSpy repaint(&vm, &FloatingWidgetViewModel::paletteChanged);
-        m_speech->setWidgetThemeRawValue(themeRaw);
-        QStringList shown;
-        for (const QColor &c : vm.palette().barColors)
-            shown << u"%1 %2 %3"_qs.arg(c.redF(), 0, 'f', 2)
-                         .arg(c.greenF(), 0, 'f', 2)
-                         .arg(c.blueF(), 0, 'f', 2);
-        QTEST(shown, "colors");
+        for (const auto &[themeRaw, colors] :
+             {std::pair(u"Default"_qs, defaults),
+              {u"Plaid"_qs, defaults},
+              {u"Sunset"_qs, QStringList{"1.00 0.50 0.20", "1.00 0.46 0.32", "1.00 0.42 0.44",
+                                         "1.00 0.44 0.50", "1.00 0.52 0.50", "1.00 0.60 0.50"}}}) {
+            m_speech->setWidgetThemeRawValue(themeRaw);
+            QStringList shown;
+            for (const QColor &c : vm.palette().barColors)
+                shown << u"%1 %2 %3"_qs.arg(c.redF(), 0, 'f', 2)
+                             .arg(c.greenF(), 0, 'f', 2)
+                             .arg(c.blueF(), 0, 'f', 2);
+            QCOMPARE(shown, colors);
+        }
+        repaint.clear();
         m_speech->setWidgetTheme(WidgetTheme::Crimson);
         QVERIFY(!repaint.isEmpty());
-    }
-
-    // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
-    // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
-    void playStateAndTimeline()
-    {
+        // Processing, content, playing: the state the buttons show; processing wins over everything. Playing,
+        // generating, the tallest bar: whether the waveform's timeline runs; bars fall until they reach 0.01.
         using P = FloatingWidgetViewModel::PlayState;
         const std::tuple<bool, bool, bool, P> states[] = {{true, true, true, P::Loading},
                                                           {true, false, false, P::Loading},
@@ -862,6 +790,15 @@ private Q_SLOTS:
                                                                 {false, true, 0.0f, true}};
         for (const auto &[playing, processing, tallestBar, runs] : timeline)
             QCOMPARE(WaveformView::shouldRun(playing, processing, {0, 0, tallestBar, 0, 0, 0}), runs);
+        // The widget's time and speed, the pricing's hours (one hour, rounding) and prices (cents).
+        const std::pair<QString, const char *> rows[] = {
+            {WidgetFormat::timeLabel(65.4), "1:05"},           {WidgetFormat::timeLabel(-3), "0:03"},
+            {WidgetFormat::timeLabel(59.5), "1:00"},           {WidgetFormat::timeLabel(3600), "60:00"},
+            {WidgetFormat::speedLabel(2.0), "2.0x"},           {OnboardingPackage::hoursText(1.0), "1 hour"},
+            {OnboardingPackage::hoursText(3.33), "3.3 hours"}, {OnboardingPackage::priceText(1999), "$19.99"},
+            {OnboardingPackage::priceText(5), "$0.05"}};
+        for (const auto &[shown, expected] : rows)
+            QCOMPARE(shown, QString::fromUtf8(expected));
     }
 
     void waveformFollowsPlayback()
@@ -975,32 +912,27 @@ private Q_SLOTS:
     // The onboarding flow: each step's main button, and "Back". The tutorial ends on pricing for an account
     // (none here: pricing as well, the own key being absent); completion completes onboarding.
     // A row: the step, where its main button leads, where "Back" leads, and "back" where that is shown.
-    void steps_data()
+    void steps()
     {
-        QTest::addColumn<QStringList>("row");
-        for (const char *row :
+        for (const char *steps :
              {"welcome signIn welcome", "signIn signIn welcome back", "freeMinutes permissions freeMinutes",
               "permissions tutorial freeMinutes back", "tutorial pricing tutorial",
               "pricing completion pricing", "purchaseConfirmation completion purchaseConfirmation",
-              "completion completion completion"})
-            QTest::newRow(row) << QString::fromLatin1(row).split(u' ');
-    }
-
-    void steps()
-    {
-        QFETCH(QStringList, row);
-        for (const bool forward : {true, false}) {
-            const auto vm = model();
-            reach(*vm, row[0]);
-            QCOMPARE(vm->currentStepName(), row[0]);
-            QCOMPARE(vm->canGoBack(), row.size() == 4);
-            QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
-            if (forward)
-                vm->advance();
-            else
-                vm->previousStep();
-            QCOMPARE(vm->currentStepName(), row[forward ? 1 : 2]);
-            QCOMPARE(completed.size(), forward && row[0] == u"completion" ? 1 : 0);
+              "completion completion completion"}) {
+            const QStringList row = QString::fromLatin1(steps).split(u' ');
+            for (const bool forward : {true, false}) {
+                const auto vm = model();
+                reach(*vm, row[0]);
+                QCOMPARE(vm->currentStepName(), row[0]);
+                QCOMPARE(vm->canGoBack(), row.size() == 4);
+                QSignalSpy completed(&AppEvents::shared(), &AppEvents::onboardingCompleted);
+                if (forward)
+                    vm->advance();
+                else
+                    vm->previousStep();
+                QCOMPARE(vm->currentStepName(), row[forward ? 1 : 2]);
+                QCOMPARE(completed.size(), forward && row[0] == u"completion" ? 1 : 0);
+            }
         }
     }
 
@@ -1148,7 +1080,7 @@ private Q_SLOTS:
 
     // The purchase page is reached through the token exchange; characters outside the query set are
     // escaped.
-    void tokenExchangeUrl()
+    void purchase()
     {
         for (const auto &[packageId, escaped] :
              {std::pair(u"popular"_qs, u"popular"_qs), std::pair(u"a b#c"_qs, u"a%20b%23c"_qs)}) {
@@ -1160,10 +1092,6 @@ private Q_SLOTS:
                 u"https://svc.test/api/auth/token-exchange?code=c0de&next=/api/credits/purchase-redirect?package="_qs +
                     escaped);
         }
-    }
-
-    void purchaseSuccessConfirmsTheSelectedPackage()
-    {
         const auto vm = model();
         vm->goTo(OnboardingStep::pricing);
         vm->purchase(QStringLiteral("pro")); // no session: fails, but the package stays selected
