@@ -291,8 +291,8 @@ private Q_SLOTS:
             return QJsonObject{{u"ok"_qs, true}};
         }));
         // Each action, and an unknown one: what the handler hears, the reply's ok. A callback URL:
-        // tst_accountsecurity; activation, speaking, the status and refusals: commands, from a process of
-        // their own.
+        // tst_keychainkeyring (a sign-in over the bus); activation, speaking, the status and refusals:
+        // commands, from a process of their own.
         QList<std::pair<QString, bool>> rows = {{u"quit"_qs, false}};
         for (const QString &action : SingleInstance::actionNames())
             rows.append({action, true});

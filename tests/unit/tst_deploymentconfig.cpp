@@ -10,7 +10,7 @@ class TestDeploymentConfig : public QObject
 private Q_SLOTS:
     // One variable set: the service origin, the OpenAI origin, the keychain service, the null output, the
     // update feed. The build's cache variables are the defaults, and a blank variable is none. Each
-    // variable taken at all: tokenOrigins, tst_accountsecurity, tst_settingsservers, tst_keychainkeyring.
+    // variable taken at all: tokenOrigins, tst_settingsservers, tst_keychainkeyring.
     void overrides_data()
     {
         QTest::addColumn<QString>("name");
