@@ -143,7 +143,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
             {QStringLiteral("Appearance"), 5, QStringLiteral("theme")},
             {QStringLiteral("Shortcuts"), 2, QStringLiteral("shortcuts")},
             {QStringLiteral("History"), 3, QStringLiteral("history")},
-            {QStringLiteral("History"), 6, QStringLiteral("history-delete")},
+            {QStringLiteral("History"), 5, QStringLiteral("history-delete")},
         };
         for (const auto &[section, tabs, name] : focusShots) {
             settings.viewModel()->selectLabel(section);

@@ -2,9 +2,8 @@
 import QtQuick
 import QtQuick.Templates as T
 
-// Text in the desktop's colour, at the body size unless a caller sets its own.
+// Text in the desktop's colour and font.
 T.Label {
     color: Style.text
     linkColor: Style.accentText
-    font.pixelSize: Style.bodySize
 }
