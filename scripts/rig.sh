@@ -114,14 +114,11 @@ rig_up() {
 
 rig_down() {
     local pids=(${RIG_PIDS_STR:-${RIG_PIDS[*]}}) i p
-    # children that our dbus-daemon activated (gcr-prompter, at-spi...) are ours too: by PID only, and
-    # theirs as well (at-spi-bus-launcher's own dbus-daemon outlives the launcher)
-    local busd=${pids[0]} activated=()
-    [ -n "$busd" ] && for p in $(ps -o pid= --ppid "$busd" 2>/dev/null); do
-        activated+=("$p" $(ps -o pid= --ppid "$p" 2>/dev/null))
-    done
-    for p in "${activated[@]}"; do kill "$p" 2>/dev/null || true; done
-    # and the bus daemons that a test's own session bus had started under the rig's directory
+    # children that our dbus-daemon activated (gcr-prompter, at-spi...) are ours too: by PID only
+    local busd=${pids[0]}
+    [ -n "$busd" ] && for p in $(ps -o pid= --ppid "$busd" 2>/dev/null); do kill "$p" 2>/dev/null || true; done
+    # ...and the bus daemons at-spi's launchers started (the rig's bus's or a test's own), which outlive
+    # their launcher: every one of them listens under the rig's directory
     pkill -f -- "--address=unix:path=$RIG_DIR/" 2>/dev/null || true
     for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
         p=${pids[i]}

@@ -118,22 +118,25 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     QQuickView &window = *settings.window();
 
     int written = 0;
+    // One picture, `<stem><suffix>.png`, counted when it is written.
+    const auto shoot = [&](QQuickView &view, const QString &stem) {
+        const QString path = out.filePath(stem + suffix + QStringLiteral(".png"));
+        if (view.grabWindow().save(path))
+            ++written;
+        else
+            QTextStream(stderr) << "could not write " << path << Qt::endl;
+    };
     const QPalette light = QGuiApplication::palette();
-    for (const auto &[appearance, palette] :
-         {std::pair{QStringLiteral("light"), light}, std::pair{QStringLiteral("dark"), darkPalette()}}) {
+    const std::pair<QString, QPalette> appearances[] = {{QStringLiteral("light"), light},
+                                                        {QStringLiteral("dark"), darkPalette()}};
+    for (const auto &[appearance, palette] : appearances) {
         QGuiApplication::setPalette(palette);
         for (const QString &section : settings.viewModel()->sections()) {
             settings.viewModel()->selectLabel(section);
             settle(300);
             QString name = section.toLower();
             name.replace(u' ', u'-');
-            const QString path = out.filePath(QStringLiteral("settings-") + name + u'-' + appearance +
-                                              suffix + QStringLiteral(".png"));
-            if (!window.grabWindow().save(path)) {
-                QTextStream(stderr) << "could not write " << path << Qt::endl;
-                continue;
-            }
-            ++written;
+            shoot(window, QStringLiteral("settings-") + name + u'-' + appearance);
         }
         // The keyboard focus as Tab leaves it: the section list, then into the section.
         const std::tuple<QString, int, QString> focusShots[] = {
@@ -156,10 +159,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
                 QGuiApplication::sendEvent(&window, &release);
             }
             settle(300);
-            const QString path = out.filePath(QStringLiteral("settings-focus-") + name + u'-' + appearance +
-                                              suffix + QStringLiteral(".png"));
-            if (window.grabWindow().save(path))
-                ++written;
+            shoot(window, QStringLiteral("settings-focus-") + name + u'-' + appearance);
         }
         // The question before the history is cleared.
         settings.viewModel()->selectLabel(QStringLiteral("History"));
@@ -168,9 +168,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
                 window.rootObject()->findChild<QObject *>(QStringLiteral("clearConfirmation"))) {
             QMetaObject::invokeMethod(confirmation, "open");
             settle(300);
-            if (window.grabWindow().save(out.filePath(QStringLiteral("settings-history-confirm-") +
-                                                      appearance + suffix + QStringLiteral(".png"))))
-                ++written;
+            shoot(window, QStringLiteral("settings-history-confirm-") + appearance);
             QMetaObject::invokeMethod(confirmation, "close");
             settle(300);
         }
@@ -188,18 +186,14 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     defaults.setString(OpenAIServer::listedFromKey, server);
     defaults.setString(OpenAIServer::listedModelsKey, QStringLiteral("kokoro\ntts-1\ntts-1-hd"));
     chosen.viewModel()->apiKeys()->setModel(QStringLiteral("kokoro"));
-    for (const auto &[appearance, palette] :
-         {std::pair{QStringLiteral("light"), light}, std::pair{QStringLiteral("dark"), darkPalette()}}) {
+    for (const auto &[appearance, palette] : appearances) {
         QGuiApplication::setPalette(palette);
         settle(300);
         auto *models = chosen.window()->rootObject()->findChild<QObject *>(QStringLiteral("serverModels"));
         if (auto *popup = models ? models->property("popup").value<QObject *>() : nullptr) {
             QMetaObject::invokeMethod(popup, "open");
             settle(300);
-            if (chosen.window()->grabWindow().save(out.filePath(QStringLiteral("settings-api-keys-server-") +
-                                                                appearance + suffix +
-                                                                QStringLiteral(".png"))))
-                ++written;
+            shoot(*chosen.window(), QStringLiteral("settings-api-keys-server-") + appearance);
             QMetaObject::invokeMethod(popup, "close");
         }
     }
@@ -211,18 +205,13 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
     SettingsWindow plasma(SettingsSection::shortcuts, std::move(plasmaServices));
     plasma.present();
     settle(300);
-    if (plasma.window()->grabWindow().save(
-            out.filePath(QStringLiteral("settings-shortcuts-plasma") + suffix + QStringLiteral(".png"))))
-        ++written;
+    shoot(*plasma.window(), QStringLiteral("settings-shortcuts-plasma"));
 
     qputenv("SWAYSOCK", "/run/user/1000/sway-ipc.sock");
     SettingsWindow sway(SettingsSection::shortcuts, std::move(swayServices));
     sway.present();
     settle(300);
-    const QString swayPath =
-        out.filePath(QStringLiteral("settings-shortcuts-sway") + suffix + QStringLiteral(".png"));
-    if (sway.window()->grabWindow().save(swayPath))
-        ++written;
+    shoot(*sway.window(), QStringLiteral("settings-shortcuts-sway"));
     qunsetenv("SWAYSOCK");
 
     // GNOME on Wayland without our Shell extension running: switched off, or not there at all.
@@ -235,10 +224,7 @@ int shootSettingsWindow(const QDir &out, const QString &suffix, SpeechManager &s
           std::pair{QStringLiteral("missing"), GnomeShellExtension::Support::NotInstalled}}) {
         gnome.viewModel()->shortcuts()->setGnomeSupport(support);
         settle(300);
-        const QString gnomePath = out.filePath(QStringLiteral("settings-shortcuts-gnome-") + state + suffix +
-                                               QStringLiteral(".png"));
-        if (gnome.window()->grabWindow().save(gnomePath))
-            ++written;
+        shoot(*gnome.window(), QStringLiteral("settings-shortcuts-gnome-") + state);
     }
     qunsetenv("WAYLAND_DISPLAY");
     qunsetenv("XDG_CURRENT_DESKTOP");

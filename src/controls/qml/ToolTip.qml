@@ -2,14 +2,12 @@
 import QtQuick
 import QtQuick.Templates as T
 
-// A short hint above a control, shown after a pause under the pointer: `ToolTip { text: …; shown:
-// control.hovered }` inside the control.
+// A short hint above the control it is declared in, shown after a pause while the pointer is on that
+// control: `ToolTip { text: … }` inside a button.
 T.ToolTip {
     id: tip
 
-    property bool shown: false
-
-    visible: shown && text !== ""
+    visible: parent !== null && parent.hovered && text !== ""
     delay: 700
     x: parent ? (parent.width - width) / 2 : 0
     y: -implicitHeight - 6

@@ -122,7 +122,6 @@ SectionPage {
                         onClicked: entry.expanded = !entry.expanded
 
                         ToolTip {
-                            shown: parent.hovered
                             text: parent.Accessible.name
                         }
                     }

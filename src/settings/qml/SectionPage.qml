@@ -28,7 +28,7 @@ Item {
             scroll.contentY = Math.max(0, top - room);
         else if (top + item.height + room > scroll.contentY + scroll.height)
             scroll.contentY = Math.min(scroll.contentHeight - scroll.height,
-                                          top + item.height + room - scroll.height);
+                                       top + item.height + room - scroll.height);
     }
 
     Connections {

@@ -46,7 +46,6 @@ SectionPage {
                         onClicked: root.model.previewVoice(modelData.name)
 
                         ToolTip {
-                            shown: parent.hovered
                             text: "Play a sample"
                         }
                     }

@@ -37,7 +37,6 @@ Item {
             onClicked: row.viewModel.cycleSpeed()
 
             ToolTip {
-                shown: speed.hovered
                 text: "Tap to cycle through speeds"
             }
 

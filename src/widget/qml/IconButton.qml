@@ -21,7 +21,6 @@ T.AbstractButton {
     Accessible.description: help
 
     ToolTip {
-        shown: button.hovered
         text: button.help
     }
 

@@ -21,7 +21,6 @@ T.AbstractButton {
     onClicked: viewModel.playPauseAction()
 
     ToolTip {
-        shown: button.hovered
         text: button.Accessible.name
     }
 
