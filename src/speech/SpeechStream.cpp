@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "speech/SpeechStream.h"
 
+#include "speech/HttpStreamReply.h"
 #include "speech/ResponseAudio.h"
 #include "speech/ServerErrorBody.h"
 
@@ -34,7 +35,7 @@ SpeechStream::~SpeechStream()
 
 void SpeechStream::start()
 {
-    m_reply = m_network->post(m_request, m_body);
+    m_reply = HttpStreamReply::post(*m_network, m_request, m_body);
     // Connected before the event loop runs again, so no head can arrive unobserved.
     connect(m_reply, &QNetworkReply::metaDataChanged, this, &SpeechStream::onMetaDataChanged);
     connect(m_reply, &QNetworkReply::readyRead, this, &SpeechStream::onReadyRead);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <exception>
 #include <stdexcept>
 #include <string_view>
@@ -23,6 +24,8 @@ constexpr std::size_t workerThreads = 16;
 // Whether the exchange on this worker thread was counted as active: requests cpp-httplib rejects
 // before routing reach the logger without passing the pre-routing handler.
 thread_local bool exchangeCounted = false;
+// When the request being answered on this worker thread had arrived whole.
+thread_local std::int64_t requestReceivedMs = 0;
 
 // WORKAROUND: cpp-httplib stores the peer and local addresses among the request headers; they were
 // never sent by the client and must not appear in the log.
@@ -47,6 +50,7 @@ RequestLog::Entry logEntry(const httplib::Request &request, const httplib::Respo
     entry.body = request.body;
     entry.status = response.status;
     entry.bodyBytesSent = BodyMeter::takeStreamedBytes().value_or(response.body.size());
+    entry.receivedMs = std::exchange(requestReceivedMs, 0);
     return entry;
 }
 
@@ -79,6 +83,9 @@ HttpServer::HttpServer(std::vector<std::unique_ptr<Routes>> routes, RequestLog *
     });
     server.set_pre_routing_handler([this](const httplib::Request &, httplib::Response &) {
         BodyMeter::reset();
+        requestReceivedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::system_clock::now().time_since_epoch())
+                                .count();
         if (!std::exchange(exchangeCounted, true))
             ++m_activeExchanges;
         return httplib::Server::HandlerResponse::Unhandled;

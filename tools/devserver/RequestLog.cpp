@@ -49,6 +49,7 @@ void RequestLog::append(const Entry &entry)
         {"body", fromUtf8(entry.body)},
         {"status", entry.status},
         {"bodyBytesSent", static_cast<qint64>(entry.bodyBytesSent)},
+        {"receivedMs", static_cast<qint64>(entry.receivedMs)},
     };
     const QByteArray line = QJsonDocument(record).toJson(QJsonDocument::Compact) + '\n';
 

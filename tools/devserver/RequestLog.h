@@ -24,6 +24,8 @@ public:
         // 0 when the connection was closed without any response.
         int status = 0;
         std::uint64_t bodyBytesSent = 0;
+        // When the whole request had arrived, in milliseconds since the epoch (0: not known).
+        std::int64_t receivedMs = 0;
     };
 
     // Throws std::runtime_error when the file cannot be opened for appending.

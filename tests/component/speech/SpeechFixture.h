@@ -10,7 +10,6 @@
 #include "speech/NarrationServices.h"
 #include "speech/SpeechManager.h"
 
-#include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -76,20 +75,6 @@ public:
 };
 
 // Notes when each request leaves.
-class RecordingNetwork final : public QNetworkAccessManager
-{
-public:
-    QElapsedTimer clock;
-    QList<qint64> sentAtMs;
-
-protected:
-    QNetworkReply *createRequest(Operation op, const QNetworkRequest &request, QIODevice *data) override
-    {
-        sentAtMs << clock.elapsed();
-        return QNetworkAccessManager::createRequest(op, request, data);
-    }
-};
-
 // A narration controller with every service it needs, for one test case: settings and an in-memory
 // keychain holding the own key "local" in a folder of its own, the fakes above, a dev server, and the
 // null sink on virtual time unless given another sink.
@@ -103,7 +88,7 @@ public:
     FakeAccount account;
     FakeRecords records;
     FakeSelection selection;
-    RecordingNetwork network;
+    QNetworkAccessManager network;
     bool originFromEnvironment = false;
     std::unique_ptr<DevServer> server;
     NullAudioSink *sink = nullptr; // the manager's, when it plays on the null sink
@@ -113,7 +98,6 @@ public:
     {
         keychain.save(QStringLiteral("local"), KeychainKey::openAIAPIKey);
         records.folder = dir.path();
-        network.clock.start();
     }
 
     // A dev server speaking the sine tone with `arguments`, and a manager that narrates through it.

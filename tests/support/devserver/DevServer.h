@@ -34,7 +34,8 @@ public:
 
     // One JSON object per finished exchange, in the order the responses ended: method, path, query,
     // headers (an object, names as sent, a repeated header folded into one comma-separated value),
-    // body, status (0 when dropped unanswered), bodyBytesSent (bytes of body written), time.
+    // body, status (0 when dropped unanswered), bodyBytesSent (bytes of body written), time,
+    // receivedMs (when the request had arrived whole, ms since the epoch).
     QList<QJsonObject> requests() const { return requests(logPath()); }
     static QList<QJsonObject> requests(const QString &logPath);
     // A response's log line lands just after its last byte, so a client may finish first: wait (running
