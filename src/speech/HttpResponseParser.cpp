@@ -123,8 +123,8 @@ void HttpResponseParser::headLine(const QByteArray &line)
             return; // stray line ends before the status line are allowed
         // "HTTP/1.1 200 OK": the version, a three-digit status, an optional reason.
         const bool statusLine = line.size() >= 12 && line.startsWith("HTTP/1.") && isDigit(line[7]) &&
-                                line[8] == ' ' && isDigit(line[9]) && isDigit(line[10]) && isDigit(line[11]) &&
-                                (line.size() == 12 || line[12] == ' ');
+                                line[8] == ' ' && isDigit(line[9]) && isDigit(line[10]) &&
+                                isDigit(line[11]) && (line.size() == 12 || line[12] == ' ');
         const int status = statusLine ? line.mid(9, 3).toInt() : 0;
         if (status < 100 || status > 599)
             return fail(QStringLiteral("not an HTTP/1.1 response"));

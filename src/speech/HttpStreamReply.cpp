@@ -109,7 +109,8 @@ HttpStreamReply::HttpStreamReply(const QNetworkRequest &request, const QByteArra
     const std::optional<QByteArray> bytes = requestBytes(request, body);
     if (!bytes) {
         QMetaObject::invokeMethod(
-            this, [this] { finish(ProtocolInvalidOperationError, QStringLiteral("A header holds a line break")); },
+            this,
+            [this] { finish(ProtocolInvalidOperationError, QStringLiteral("A header holds a line break")); },
             Qt::QueuedConnection);
         return;
     }
@@ -123,9 +124,8 @@ HttpStreamReply::HttpStreamReply(const QNetworkRequest &request, const QByteArra
         config.setAllowedNextProtocols({QByteArray(QSslConfiguration::NextProtocolHttp1_1)});
         socket->setSslConfiguration(config);
         connect(socket, &QSslSocket::encrypted, this, &HttpStreamReply::sendRequest);
-        connect(socket, &QSslSocket::sslErrors, this, [this](const QList<QSslError> &errors) {
-            Q_EMIT sslErrors(errors);
-        });
+        connect(socket, &QSslSocket::sslErrors, this,
+                [this](const QList<QSslError> &errors) { Q_EMIT sslErrors(errors); });
         m_socket = socket;
     } else {
         m_socket = new QTcpSocket(this);
@@ -212,7 +212,8 @@ void HttpStreamReply::onReadable()
     if (m_parser.state() == HttpResponseParser::State::Done)
         finish(NoError);
     else if (m_parser.state() == HttpResponseParser::State::Failed)
-        finish(ProtocolFailure, QStringLiteral("The server's answer is not HTTP: %1").arg(m_parser.failure()));
+        finish(ProtocolFailure,
+               QStringLiteral("The server's answer is not HTTP: %1").arg(m_parser.failure()));
 }
 
 void HttpStreamReply::onClosed()

@@ -338,22 +338,27 @@ private Q_SLOTS:
         const QByteArray ok = "HTTP/1.1 200 OK\r\nContent-Type: audio/pcm\r\n";
         row("length, then talk ignored", ok + "Content-Length: 5\r\n\r\nhelloEXTRA", 200, "hello");
         row("chunked, extension, trailer",
-            ok + "Transfer-Encoding: chunked\r\n\r\n5;x=y\r\nhello\r\nA \r\n0123456789\r\n0\r\nX-T: 1\r\n\r\n", 200,
-            "hello0123456789");
+            ok +
+                "Transfer-Encoding: chunked\r\n\r\n5;x=y\r\nhello\r\nA \r\n0123456789\r\n0\r\nX-T: 1\r\n\r\n",
+            200, "hello0123456789");
         row("interim head, bare line ends, until close",
-            "HTTP/1.1 100 Continue\r\nContent-Type: text/plain\r\n\r\nHTTP/1.0 200 OK\nContent-type:\n  audio/wav\n\nRIFF",
+            "HTTP/1.1 100 Continue\r\nContent-Type: text/plain\r\n\r\nHTTP/1.0 200 OK\nContent-type:\n  "
+            "audio/wav\n\nRIFF",
             200, "RIFF", "", "audio/wav");
-        row("refusal with its reason", "HTTP/1.1 429 Too Many Requests\r\nContent-Length: 2\r\n\r\n{}", 429, "{}",
-            "", "");
+        row("refusal with its reason", "HTTP/1.1 429 Too Many Requests\r\nContent-Length: 2\r\n\r\n{}", 429,
+            "{}", "", "");
         row("no content", "HTTP/1.1 204 No Content\r\n\r\n", 204, "", "", "");
         row("length cut off", ok + "Content-Length: 10\r\n\r\nhello", 200, "hello", "end of the body");
-        row("chunk cut off", ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhel", 200, "hel", "end of the body");
-        row("chunk size not hex", ok + "Transfer-Encoding: chunked\r\n\r\nzz\r\nhello", 200, "", "chunk size");
-        row("chunk longer than its size", ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nhello\r\n0\r\n\r\n", 200,
-            "hel", "longer than its size");
+        row("chunk cut off", ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhel", 200, "hel",
+            "end of the body");
+        row("chunk size not hex", ok + "Transfer-Encoding: chunked\r\n\r\nzz\r\nhello", 200, "",
+            "chunk size");
+        row("chunk longer than its size", ok + "Transfer-Encoding: chunked\r\n\r\n3\r\nhello\r\n0\r\n\r\n",
+            200, "hel", "longer than its size");
         row("lengths disagree", ok + "Content-Length: 5\r\nContent-Length: 6\r\n\r\nhello", 200, "",
             "Content-Length");
-        row("compressed framing", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n", 200, "", "transfer coding");
+        row("compressed framing", ok + "Transfer-Encoding: gzip, chunked\r\n\r\n", 200, "",
+            "transfer coding");
         row("not HTTP", "ICY 200 OK\r\n\r\naudio", 0, "", "not an HTTP", "");
         row("closed in the head", "HTTP/1.1 200 OK\r\nContent-Le", 0, "", "response head", "");
         row("endless head", "HTTP/1.1 200 OK\r\nX-Pad: " + QByteArray(70000, 'a'), 0, "", "65536", "");
