@@ -94,7 +94,7 @@ def per_thread_switches(pid):
     for path in glob.glob(f"/proc/{pid}/task/*"):
         try:
             name = open(f"{path}/comm").read().strip()
-            rows.append((name, context_switches(path)))
+            rows.append((f"{name} ({path.rsplit('/', 1)[1]})", context_switches(path)))
         except FileNotFoundError:
             pass
     return rows
@@ -196,8 +196,16 @@ def measure_app(exe, origin, shown, args, keep_pcm=None):
             sys.exit("the narration did not start")
         time.sleep(3)
         cpu = ThreadCounters(pid, cpu_ns)
+        before = per_thread_switches(pid) if args.threads else []
         ns = cpu.watch(args.window)
         result["playing_cpu_pct"] = 100 * ns / 1e9 / args.window
+        if args.threads:
+            label = "shown" if shown else "hidden"
+            start = dict(before)
+            for name, end in per_thread_switches(pid):
+                if end != start.get(name, 0):
+                    print(f"  {label} playing: {name} {(end - start.get(name, 0)) / args.window:.1f}/s",
+                          file=sys.stderr)
         state = app.status()
         if not state.get("isPlaying"):
             sys.exit(f"the narration ended inside the window: {state}")
@@ -249,7 +257,7 @@ def main():
     parser.add_argument("--build", default="build")
     parser.add_argument("--window", type=float, default=24, help="seconds of playback measured")
     parser.add_argument("--idle-seconds", type=float, default=30)
-    parser.add_argument("--threads", action="store_true", help="name the threads that woke while idle")
+    parser.add_argument("--threads", action="store_true", help="name the threads that woke while idle, and their wake-ups/s while playing")
     args = parser.parse_args()
     exe = os.path.abspath(f"{args.build}/src/quillvox")
     server = subprocess.Popen([f"{args.build}/tools/devserver/quillvox-devserver", "--port", "0",

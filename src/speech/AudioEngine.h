@@ -38,7 +38,9 @@ public:
     void prepare();
 
     // Queues bytes [offset, offset + bytes) of `storage` (shared, not copied; an odd trailing byte is
-    // ignored). `token` comes back in bufferCompleted() once the buffer's last frame has been heard.
+    // ignored). `token` comes back in bufferCompleted() once the buffer's last frame has been heard: at
+    // once when no buffer queued so far is left to hear, otherwise at the next deliverPending() (or any
+    // wake-up of the engine's own), so that the caller's periodic work collects them without waking.
     void scheduleBuffer(const QByteArray &storage, qsizetype offset, qsizetype bytes, quint64 token);
     // No more buffers will follow for now: once the queue drains, the stretcher is flushed so that the
     // tail is heard. Scheduling again cancels the mark. (A queue that has run dry for 0.1 s while playing
@@ -69,7 +71,8 @@ public:
     static double steadySeconds();
 
     // Emits now what the render side has reported so far (completions, levels, a lost device). The
-    // event loop does this by itself; a test driving a manual clock calls it to observe them at once.
+    // event loop does this by itself for levels, a lost device and the completion that empties the
+    // queue; the owner calls it on its own ticks for the rest.
     void deliverPending();
 
 Q_SIGNALS:

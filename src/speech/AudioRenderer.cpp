@@ -317,9 +317,13 @@ void AudioRenderer::measure(const float *samples, std::size_t frames, double hea
     }
 }
 
+// The GUI thread is woken only for a completion that may end playback (nothing published is left
+// unheard) or before the ring could fill; the others wait for its next progress tick, so that a steady
+// narration costs no wake-up per buffer.
 void AudioRenderer::completeHeardBuffers()
 {
     const quint64 written = m_queue.published();
+    bool completed = false;
     while (r.doneIndex < written) {
         const ScheduledBuffer &buffer = r.doneCursor.at(r.doneIndex);
         if (buffer.endFrame > r.heard)
@@ -328,6 +332,8 @@ void AudioRenderer::completeHeardBuffers()
         if (!m_completions.push({buffer.token, r.generation}))
             break;
         ++r.doneIndex;
-        r.notify = true;
+        completed = true;
     }
+    if (completed && (r.doneIndex == written || m_completions.size() >= kCompletionsWakeAt))
+        r.notify = true;
 }

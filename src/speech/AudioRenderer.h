@@ -17,7 +17,8 @@ class ThreadWakeup;
 // The render thread's side of the engine: takes the queued buffers at the current rate (straight
 // through at 1x, through SoundTouch otherwise, so that the pitch stays), tracks which narration frame
 // the device is playing, measures levels, and reports heard buffers. Never blocks and, once built,
-// never allocates; what it reports waits in lock-free rings for the GUI thread.
+// never allocates; what it reports waits in lock-free rings for the GUI thread, which is woken for
+// every level but for a completion only when nothing published is left to hear.
 class AudioRenderer final : public AudioRenderSource
 {
 public:
@@ -54,6 +55,8 @@ public:
 
 private:
     static constexpr std::size_t kFeedFrames = 512;
+    static constexpr std::size_t kCompletionRing = 4096;
+    static constexpr std::size_t kCompletionsWakeAt = kCompletionRing / 2;
 
     void applyControls();
     std::size_t produce(float *out, std::size_t frames);
@@ -78,7 +81,7 @@ private:
     std::atomic<float> m_rate{1.0f};
     std::atomic<bool> m_tapEnabled{false};
     std::atomic<qint64> m_sampleTime{-1};
-    SpscRing<Completion, 4096> m_completions;
+    SpscRing<Completion, kCompletionRing> m_completions;
     SpscRing<Level, 256> m_levels;
 
     // Touched under m_mutex only (by render(), or by the GUI thread holding it).

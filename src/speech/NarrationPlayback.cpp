@@ -345,6 +345,8 @@ void NarrationPlayback::skipForward()
 void NarrationPlayback::updateProgress()
 {
     setCurrentTime(double(currentPlaybackFrame()) / kSampleRateHz);
+    // Heard buffers that cannot end playback wait for this tick instead of waking the thread each.
+    m_engine->deliverPending();
 }
 
 // ---------------------------------------------------------------------------------------------------

@@ -21,6 +21,12 @@ public:
         return true;
     }
 
+    // Items waiting, as the producer sees it (the consumer may have taken some meanwhile).
+    std::size_t size() const
+    {
+        return m_tail.load(std::memory_order_relaxed) - m_head.load(std::memory_order_acquire);
+    }
+
     bool pop(T &item)
     {
         const std::size_t head = m_head.load(std::memory_order_relaxed);

@@ -215,6 +215,23 @@ private Q_SLOTS:
         }
     }
 
+    // Frames rendered of three 4,800-frame buffers, and what the event loop alone brings: only the
+    // completion that leaves nothing to hear wakes it; the others wait for deliverPending().
+    void completionsWakeOnlyWhenAllIsHeard()
+    {
+        const std::pair<qint64, QList<quint64>> rows[] = {{9600, {}}, {14400, {1, 2, 3}}};
+        for (const auto &[rendered, woken] : rows) {
+            Harness h;
+            h.schedule(sine(14400, 300, 0.4));
+            h.engine.play();
+            h.sink->advance(std::size_t(rendered));
+            QTest::qWait(20);
+            QCOMPARE(h.completed, woken);
+            h.engine.deliverPending();
+            QCOMPARE(h.completed.size(), rendered / 4800);
+        }
+    }
+
     // At a steady rate the position counts narration frames and never goes back, and the pitch stays. The
     // end mark brings the stretcher's tail out at once; without one, a stream that has run dry has it
     // flushed all the same, and plays on when more arrives.

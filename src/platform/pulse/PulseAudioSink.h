@@ -28,9 +28,10 @@ public:
     static constexpr int kSampleRateHz = 24000;
     // Pause, stop and seeks are immediate whatever the buffer (cork and flush); a speed change is heard
     // after it. The request size sets how often the render thread wakes, and stays well below the
-    // target so that the server's own device latency (target - 2 requests, halved) is not driven down.
-    static constexpr int kTargetLatencyMs = 250;
-    static constexpr int kRequestMs = 75;
+    // target so that the server's own device latency (target - 2 requests, halved: 50 ms) is not driven
+    // down. Each write costs a second wake-up too: the server releases its shared memory block.
+    static constexpr int kTargetLatencyMs = 300;
+    static constexpr int kRequestMs = 100;
     // Timing updates while playing: from every request after a cork or flush to this, doubling.
     static constexpr int kMaxTimingIntervalMs = 1500;
 
