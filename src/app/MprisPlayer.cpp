@@ -194,8 +194,14 @@ MprisPlayer::MprisPlayer(SpeechManager &speech, const HistoryManager *history, Q
     });
     for (auto signal : {&SpeechManager::isProcessingChanged, &SpeechManager::isPlayingChanged,
                         &SpeechManager::hasContentChanged, &SpeechManager::playbackSpeedChanged,
-                        &SpeechManager::totalTimeChanged, &SpeechManager::currentPlayingSessionIdChanged})
+                        &SpeechManager::currentPlayingSessionIdChanged})
         connect(&m_speech, signal, this, &MprisPlayer::queuePublish);
+    // The total grows with every piece of a stream, but the length is published only once the stream
+    // has ended (then the narration is recorded as well).
+    connect(&m_speech, &SpeechManager::totalTimeChanged, this, [this] {
+        if (!m_speech.isStreamActive())
+            queuePublish();
+    });
     if (m_history) // a narration's length is known once it is recorded
         connect(m_history, &HistoryManager::sessionsChanged, this, &MprisPlayer::queuePublish);
     connect(m_speech.followAlong(), &FollowAlong::sentenceChanged, this, &MprisPlayer::queuePublish);

@@ -194,12 +194,15 @@ void StatusMenu::updateToolTip()
     const QString title = QStringLiteral("Quillvox");
     QString description;
     if (m_speech.isPlaying()) {
-        const QString text = m_speech.lastSpokenText().simplified();
-        description = text.left(kToolTipCharacters);
-        if (text.size() > kToolTipCharacters)
-            description += QStringLiteral("…");
-        description += u'\n' + WidgetFormat::timeLabel(m_speech.currentTime()) + QStringLiteral(" / ") +
-                       WidgetFormat::timeLabel(m_speech.displayedTotalTime());
+        if (const QString spoken = m_speech.lastSpokenText(); spoken != m_toolTipSource) {
+            const QString text = spoken.simplified();
+            m_toolTipHead = text.left(kToolTipCharacters);
+            if (text.size() > kToolTipCharacters)
+                m_toolTipHead += QStringLiteral("…");
+            m_toolTipSource = spoken;
+        }
+        description = m_toolTipHead + u'\n' + WidgetFormat::timeLabel(m_speech.currentTime()) +
+                      QStringLiteral(" / ") + WidgetFormat::timeLabel(m_speech.displayedTotalTime());
     }
     m_item->setToolTip(title, description);
     if (m_tray)

@@ -64,4 +64,8 @@ private:
     QAction *m_narrateSeparator;
     QAction *m_pause;
     QAction *m_stop;
+    // The narrated text and the head of it the tooltip shows: the time in the tooltip changes several
+    // times a second while the text stays.
+    QString m_toolTipSource;
+    QString m_toolTipHead;
 };
