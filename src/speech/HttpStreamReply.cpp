@@ -78,7 +78,10 @@ QNetworkReply *HttpStreamReply::post(QNetworkAccessManager &network, const QNetw
 {
     if (!canCarry(network, request))
         return network.post(request, body);
-    return new HttpStreamReply(request, body, &network);
+    QNetworkRequest carried = request;
+    if (carried.transferTimeout() == 0) // the manager's applies to requests without their own
+        carried.setTransferTimeout(network.transferTimeout());
+    return new HttpStreamReply(carried, body, &network);
 }
 
 bool HttpStreamReply::canCarry(const QNetworkAccessManager &network, const QNetworkRequest &request)
