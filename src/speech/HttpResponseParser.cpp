@@ -52,13 +52,13 @@ void HttpResponseParser::feed(QByteArrayView bytes, QByteArray &body)
 {
     while (!bytes.isEmpty() && (m_state == State::Head || m_state == State::Body)) {
         if (m_state == State::Head) {
-            const qsizetype before = bytes.size();
+            // Counted before the line is taken, so that the same bytes fail alike in any split.
+            const qsizetype end = bytes.indexOf('\n');
+            m_headBytes += end < 0 ? bytes.size() : end + 1;
             QByteArray line;
-            const bool whole = takeLine(bytes, line);
-            m_headBytes += before - bytes.size();
             if (m_headBytes > kMaxHeadBytes)
                 fail(QStringLiteral("a response head of over %1 bytes").arg(kMaxHeadBytes));
-            else if (whole)
+            else if (takeLine(bytes, line))
                 headLine(line);
             continue;
         }

@@ -45,10 +45,11 @@ QNetworkReply::NetworkError replyError(QAbstractSocket::SocketError error)
 // The request as it goes on the wire, or nothing when a header would break its lines.
 std::optional<QByteArray> requestBytes(const QNetworkRequest &request, const QByteArray &body)
 {
-    const QUrl url = request.url();
-    QByteArray target = url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
-    if (target.isEmpty())
-        target = "/";
+    QUrl url = request.url();
+    if (url.path().isEmpty())
+        url.setPath(QStringLiteral("/")); // "http://host?q" asks for "/?q"
+    const QByteArray target =
+        url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
     QByteArray head = "POST " + target + " HTTP/1.1\r\nHost: " +
                       url.authority(QUrl::FullyEncoded | QUrl::RemoveUserInfo).toLatin1() + "\r\n";
     bool userAgent = false;
@@ -77,7 +78,10 @@ QNetworkReply *HttpStreamReply::post(QNetworkAccessManager &network, const QNetw
 {
     if (!canCarry(network, request))
         return network.post(request, body);
-    return new HttpStreamReply(request, body, &network);
+    QNetworkRequest carried = request;
+    if (carried.transferTimeout() == 0) // the manager's applies to requests without their own
+        carried.setTransferTimeout(network.transferTimeout());
+    return new HttpStreamReply(carried, body, &network);
 }
 
 bool HttpStreamReply::canCarry(const QNetworkAccessManager &network, const QNetworkRequest &request)
@@ -135,16 +139,28 @@ HttpStreamReply::HttpStreamReply(const QNetworkRequest &request, const QByteArra
     connect(m_socket, &QTcpSocket::readyRead, this, &HttpStreamReply::onReadable);
     connect(m_socket, &QTcpSocket::disconnected, this, &HttpStreamReply::onClosed);
     connect(m_socket, &QTcpSocket::errorOccurred, this, &HttpStreamReply::onSocketError);
+    connect(m_socket, &QTcpSocket::bytesWritten, this, [this] {
+        if (m_timeoutMs > 0)
+            m_sinceActivity.start(); // a long upload is activity too
+    });
 
     if (m_timeoutMs > 0) {
         m_sinceActivity.start();
         m_timeout.start(m_timeoutMs);
     }
-    const quint16 port = quint16(url.port(tls ? 443 : 80));
-    if (tls)
-        static_cast<QSslSocket *>(m_socket)->connectToHostEncrypted(url.host(), port);
-    else
-        m_socket->connectToHost(url.host(), port);
+    // Started from the event loop: a socket can fail at once (an unreachable address literal), and
+    // finished() must not come before the caller has connected to it.
+    QMetaObject::invokeMethod(
+        this,
+        [this, tls, host = url.host(), port = quint16(url.port(tls ? 443 : 80))] {
+            if (isFinished())
+                return;
+            if (tls)
+                static_cast<QSslSocket *>(m_socket)->connectToHostEncrypted(host, port);
+            else
+                m_socket->connectToHost(host, port);
+        },
+        Qt::QueuedConnection);
 }
 
 HttpStreamReply::~HttpStreamReply()
@@ -157,6 +173,10 @@ HttpStreamReply::~HttpStreamReply()
 
 void HttpStreamReply::abort()
 {
+    if (isFinished())
+        return;
+    m_buffer.clear(); // as QNetworkAccessManager's: what was not read is gone
+    m_bufferOffset = 0;
     finish(OperationCanceledError, QStringLiteral("Operation canceled"));
 }
 
@@ -238,6 +258,11 @@ void HttpStreamReply::onSocketError()
     const QAbstractSocket::SocketError error = m_socket->error();
     if (error == QAbstractSocket::RemoteHostClosedError)
         return onClosed();
+    if (m_socket->bytesAvailable() > 0) {
+        onReadable(); // what came before the error may be the whole answer
+        if (isFinished())
+            return;
+    }
     finish(replyError(error), m_socket->errorString());
 }
 

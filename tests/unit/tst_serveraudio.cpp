@@ -361,7 +361,8 @@ private Q_SLOTS:
             "transfer coding");
         row("not HTTP", "ICY 200 OK\r\n\r\naudio", 0, "", "not an HTTP", "");
         row("closed in the head", "HTTP/1.1 200 OK\r\nContent-Le", 0, "", "response head", "");
-        row("endless head", "HTTP/1.1 200 OK\r\nX-Pad: " + QByteArray(70000, 'a'), 0, "", "65536", "");
+        row("endless head", "HTTP/1.1 200 OK\r\nX-Pad: " + QByteArray(70000, 'a'), 0, "",
+            "head of over 65536", "");
     }
 
     void httpFraming()
