@@ -63,15 +63,10 @@ void HttpResponseParser::feed(QByteArrayView bytes, QByteArray &body)
             continue;
         }
         switch (m_framing) {
-        case Framing::Length: {
-            const qsizetype take = qsizetype(std::min<qint64>(m_remaining, bytes.size()));
-            body.append(bytes.first(take));
-            bytes = bytes.sliced(take);
-            m_remaining -= take;
-            if (m_remaining == 0)
+        case Framing::Length:
+            if (takeCounted(bytes, body))
                 m_state = State::Done;
             break;
-        }
         case Framing::UntilClose:
             body.append(bytes);
             bytes = {};
@@ -95,6 +90,15 @@ bool HttpResponseParser::closed()
     else if (m_state == State::Body)
         fail(QStringLiteral("the connection closed before the end of the body"));
     return m_state == State::Done;
+}
+
+bool HttpResponseParser::takeCounted(QByteArrayView &bytes, QByteArray &body)
+{
+    const qsizetype take = qsizetype(std::min<qint64>(m_remaining, bytes.size()));
+    body.append(bytes.first(take));
+    bytes = bytes.sliced(take);
+    m_remaining -= take;
+    return m_remaining == 0;
 }
 
 bool HttpResponseParser::takeLine(QByteArrayView &bytes, QByteArray &line)
@@ -211,15 +215,10 @@ void HttpResponseParser::chunked(QByteArrayView &bytes, QByteArray &body)
         m_chunk = m_remaining == 0 ? Chunk::Trailer : Chunk::Data;
         return;
     }
-    case Chunk::Data: {
-        const qsizetype take = qsizetype(std::min<qint64>(m_remaining, bytes.size()));
-        body.append(bytes.first(take));
-        bytes = bytes.sliced(take);
-        m_remaining -= take;
-        if (m_remaining == 0)
+    case Chunk::Data:
+        if (takeCounted(bytes, body))
             m_chunk = Chunk::DataEnd;
         return;
-    }
     case Chunk::DataEnd:
         if (!takeLine(bytes, line))
             return;

@@ -39,6 +39,8 @@ private:
 
     // Takes bytes up to the end of a line; true with the line (without its CR LF) once it is whole.
     bool takeLine(QByteArrayView &bytes, QByteArray &line);
+    // Moves up to m_remaining bytes into the body; true once none remain.
+    bool takeCounted(QByteArrayView &bytes, QByteArray &body);
     void headLine(const QByteArray &line);
     void endOfHead();
     void chunked(QByteArrayView &bytes, QByteArray &body);
