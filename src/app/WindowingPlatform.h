@@ -33,7 +33,8 @@ struct Session
 // The platform to ask Qt for; empty to leave the choice to Qt.
 QByteArray choose(const Session &session);
 
-// Applies the choice for this process's environment; call before the application object exists.
+// Applies the choice for this process's environment, with how windows deliver their frames; call before
+// the application object exists.
 void applyForThisSession();
 
 } // namespace WindowingPlatform
