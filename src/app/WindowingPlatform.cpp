@@ -22,14 +22,11 @@ void applyForThisSession()
                 !qEnvironmentVariableIsEmpty("DISPLAY"), !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")});
     if (!platform.isEmpty())
         qputenv("QT_QPA_PLATFORM", platform);
-    // The widget's waveform draws up to 60 small frames a second. A frame is drawn when asked for rather
-    // than 5 ms later, and X11 windows are drawn without shared-memory images, whose completion event
-    // the next frame waits for: each cost the GUI thread a wake-up per frame (about half of them while
-    // the widget plays), for a few bars' pixels. Either can still be set otherwise from outside.
+    // The widget's waveform draws up to 60 small frames a second: each is drawn when asked for rather
+    // than 5 ms later, which cost the GUI thread a wake-up per frame. (Drawing X11 windows without
+    // shared-memory images would save another, but then GNOME's XWayland never shows the widget.)
     if (!qEnvironmentVariableIsSet("QT_QPA_UPDATE_IDLE_TIME"))
         qputenv("QT_QPA_UPDATE_IDLE_TIME", "0");
-    if (!qEnvironmentVariableIsSet("QT_XCB_NO_MITSHM"))
-        qputenv("QT_XCB_NO_MITSHM", "1");
 }
 
 } // namespace WindowingPlatform
