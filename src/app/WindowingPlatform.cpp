@@ -24,7 +24,7 @@ void applyForThisSession()
         qputenv("QT_QPA_PLATFORM", platform);
     // The widget's waveform draws up to 60 small frames a second: each is drawn when asked for rather
     // than 5 ms later, which cost the GUI thread a wake-up per frame. (Drawing X11 windows without
-    // shared-memory images would save another, but then GNOME's XWayland never shows the widget.)
+    // shared-memory images would save another, but then GNOME 43's XWayland did not show the widget.)
     if (!qEnvironmentVariableIsSet("QT_QPA_UPDATE_IDLE_TIME"))
         qputenv("QT_QPA_UPDATE_IDLE_TIME", "0");
 }
