@@ -6,11 +6,6 @@
 
 namespace {
 
-bool sameName(QByteArrayView a, QByteArrayView b)
-{
-    return qstrnicmp(a.data(), a.size(), b.data(), b.size()) == 0;
-}
-
 bool isDigit(char c)
 {
     return c >= '0' && c <= '9';

@@ -33,6 +33,12 @@ public:
     QByteArray header(QByteArrayView name) const;
     QString failure() const { return m_failure; }
 
+    // Header names compare without regard to case.
+    static bool sameName(QByteArrayView a, QByteArrayView b)
+    {
+        return a.compare(b, Qt::CaseInsensitive) == 0;
+    }
+
 private:
     enum class Framing { None, Length, Chunked, UntilClose };
     enum class Chunk { Size, Data, DataEnd, Trailer };

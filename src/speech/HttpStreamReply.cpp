@@ -12,11 +12,6 @@
 
 namespace {
 
-bool sameName(QByteArrayView a, QByteArrayView b)
-{
-    return qstrnicmp(a.data(), a.size(), b.data(), b.size()) == 0;
-}
-
 bool breaksLines(QByteArrayView text)
 {
     return text.contains('\r') || text.contains('\n') || text.contains('\0');
@@ -54,13 +49,13 @@ std::optional<QByteArray> requestBytes(const QNetworkRequest &request, const QBy
                       url.authority(QUrl::FullyEncoded | QUrl::RemoveUserInfo).toLatin1() + "\r\n";
     bool userAgent = false;
     for (const QByteArray &name : request.rawHeaderList()) {
-        if (sameName(name, "Host") || sameName(name, "Content-Length") || sameName(name, "Connection") ||
-            sameName(name, "Transfer-Encoding"))
-            continue;
+        const auto is = [&name](const char *other) { return HttpResponseParser::sameName(name, other); };
+        if (is("Host") || is("Content-Length") || is("Connection") || is("Transfer-Encoding"))
+            continue; // the framing is this reply's own
         const QByteArray value = request.rawHeader(name);
         if (breaksLines(name) || breaksLines(value))
             return std::nullopt;
-        userAgent = userAgent || sameName(name, "User-Agent");
+        userAgent = userAgent || is("User-Agent");
         head += name + ": " + value + "\r\n";
     }
     if (!userAgent)
@@ -139,15 +134,12 @@ HttpStreamReply::HttpStreamReply(const QNetworkRequest &request, const QByteArra
     connect(m_socket, &QTcpSocket::readyRead, this, &HttpStreamReply::onReadable);
     connect(m_socket, &QTcpSocket::disconnected, this, &HttpStreamReply::onClosed);
     connect(m_socket, &QTcpSocket::errorOccurred, this, &HttpStreamReply::onSocketError);
-    connect(m_socket, &QTcpSocket::bytesWritten, this, [this] {
-        if (m_timeoutMs > 0)
-            m_sinceActivity.start(); // a long upload is activity too
-    });
+    // A long upload is activity too.
+    connect(m_socket, &QTcpSocket::bytesWritten, this, [this] { m_sinceActivity.start(); });
 
-    if (m_timeoutMs > 0) {
-        m_sinceActivity.start();
+    m_sinceActivity.start();
+    if (m_timeoutMs > 0)
         m_timeout.start(m_timeoutMs);
-    }
     // Started from the event loop: a socket can fail at once (an unreachable address literal), and
     // finished() must not come before the caller has connected to it.
     QMetaObject::invokeMethod(
@@ -210,8 +202,7 @@ void HttpStreamReply::onReadable()
     const QByteArray bytes = m_socket->readAll();
     if (bytes.isEmpty() || isFinished())
         return;
-    if (m_timeoutMs > 0)
-        m_sinceActivity.start();
+    m_sinceActivity.start();
     const bool hadHead = m_parser.hasHead();
     const qsizetype buffered = m_buffer.size();
     m_parser.feed(bytes, m_buffer);
